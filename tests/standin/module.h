@@ -1,0 +1,100 @@
+// Loading a module as the host does, and running its script functions.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/imports.h"
+#include "tests/standin/params.h"
+#include "tests/standin/values.h"
+
+namespace standin {
+
+// One call of a script function in a script: the function's row with its prepared parameters.
+class command {
+ public:
+  // The function's row; null if the module exports none of that name and number of parameters.
+  const cmd_export_t *row() const { return exported; }
+
+  // Results of the fix-up calls made, in order. The host stops at the first negative one and
+  // refuses the script.
+  const std::vector<int> &results() const { return fixups; }
+
+  // True if the host would take the script: the function exists and no fix-up failed.
+  bool accepted() const;
+
+  // The n-th parameter's slot, n from 1.
+  parameter_slot &slot(size_t n) const { return *slots.at(n - 1); }
+
+ private:
+  friend class module;
+  const cmd_export_t *exported = nullptr;
+  std::vector<std::unique_ptr<parameter_slot>> slots;
+  std::vector<int> fixups;
+};
+
+// A module, from a file or linked into the program.
+class module {
+ public:
+  // For a module that is linked in: what the loader would find as its `exports`.
+  explicit module(const module_exports_t &exports);
+  // Unloads without a call of destroy.
+  ~module();
+  module(const module &) = delete;
+  module &operator=(const module &) = delete;
+
+  const module_exports_t &exports() const { return *table; }
+
+  // A public symbol of a loaded file, or null: symbol<char *>("module_version") gives its address.
+  template <typename T>
+  T *symbol(const std::string &name) const {
+    return static_cast<T *>(find_symbol(name));
+  }
+
+  // Sets a module parameter as the host's loader does: a text is copied to private memory (owner
+  // "core", never freed by the host). False if there is no parameter of that name and type, or no
+  // memory.
+  bool set_param(const std::string &name, int number);
+  bool set_param(const std::string &name, const std::string &text);
+
+  // The life-cycle functions; 0 (or nothing) where the module has none.
+  int init();
+  int child_init(int rank);
+  void destroy();
+
+  // The row with that name and number of parameters, or null.
+  const cmd_export_t *find(const std::string &name, int param_no) const;
+
+  // Puts each text into a slot of its own and runs the fix-up on each, numbered from 1; a function
+  // without parameters has its fix-up called once with null and 0.
+  command fixup(const std::string &name, const std::vector<std::string> &texts) const;
+
+  // Calls the function with its slots' contents: at most two parameters through the common type,
+  // else through the type of its number of parameters. Throws std::logic_error on a command that
+  // wasn't accepted.
+  int run(const command &call, sip_msg &msg) const;
+
+  // Fixes up and runs at once.
+  int run(const std::string &name, const std::vector<std::string> &texts, sip_msg &msg) const;
+
+  // Closes the file; true if the image is gone from the process, so that the next load starts with
+  // fresh static data. For a linked-in module nothing happens, and the result is false.
+  bool unload();
+
+ private:
+  friend std::unique_ptr<module> load_module(const std::string &path, std::string *error);
+  module(const module_exports_t &exports, void *handle, std::string path);
+  void *find_symbol(const std::string &name) const;
+  const param_export_t *find_param(const std::string &name, unsigned int type) const;
+
+  const module_exports_t *table;
+  void *image;
+  std::string file;
+};
+
+// Opens a module's file with all its symbols bound at once and finds `exports` in it. Null with an
+// explanation in *error (if given) when either fails.
+std::unique_ptr<module> load_module(const std::string &path, std::string *error = nullptr);
+
+}  // namespace standin
