@@ -30,32 +30,32 @@ bool command::accepted() const {
          std::none_of(fixups.begin(), fixups.end(), [](int result) { return result < 0; });
 }
 
-module::module(const module_exports_t &exports) :table(&exports), image(nullptr) {}
+loaded_module::loaded_module(const module_exports_t &exports) : table(&exports), image(nullptr) {}
 
-module::module(const module_exports_t &exports, void *handle, std::string path) :table(&exports),
-    image(handle), file(std::move(path)) {}
+loaded_module::loaded_module(const module_exports_t &exports, void *handle, std::string path)
+    : table(&exports), image(handle), file(std::move(path)) {}
 
-module::~module() { unload(); }
+loaded_module::~loaded_module() { unload(); }
 
-void *module::find_symbol(const std::string &name) const {
+void *loaded_module::find_symbol(const std::string &name) const {
   return image != nullptr ? dlsym(image, name.c_str()) : nullptr;
 }
 
-const param_export_t *module::find_param(const std::string &name, unsigned int type) const {
+const param_export_t *loaded_module::find_param(const std::string &name, unsigned int type) const {
   if (table->params == nullptr) return nullptr;
   for (const param_export_t *row = table->params; row->name != nullptr; ++row)
     if (name == row->name && row->type == type) return row;
   return nullptr;
 }
 
-bool module::set_param(const std::string &name, int number) {
+bool loaded_module::set_param(const std::string &name, int number) {
   const param_export_t *row = find_param(name, PARAM_INT);
   if (row == nullptr) return false;
   *static_cast<int *>(row->param_pointer) = number;
   return true;
 }
 
-bool module::set_param(const std::string &name, const std::string &text) {
+bool loaded_module::set_param(const std::string &name, const std::string &text) {
   const param_export_t *row = find_param(name, PARAM_STRING);
   if (row == nullptr) return false;
   char *copy = static_cast<char *>(core_pkg_malloc(text.size() + 1, "set_mod_param", __LINE__));
@@ -64,24 +64,24 @@ bool module::set_param(const std::string &name, const std::string &text) {
   return copy != nullptr;
 }
 
-int module::init() { return table->init_mod_f != nullptr ? table->init_mod_f() : 0; }
+int loaded_module::init() { return table->init_mod_f != nullptr ? table->init_mod_f() : 0; }
 
-int module::child_init(int rank) {
+int loaded_module::child_init(int rank) {
   return table->init_child_f != nullptr ? table->init_child_f(rank) : 0;
 }
 
-void module::destroy() {
+void loaded_module::destroy() {
   if (table->destroy_mod_f != nullptr) table->destroy_mod_f();
 }
 
-const cmd_export_t *module::find(const std::string &name, int param_no) const {
+const cmd_export_t *loaded_module::find(const std::string &name, int param_no) const {
   if (table->cmds == nullptr) return nullptr;
   for (const cmd_export_t *row = table->cmds; row->name != nullptr; ++row)
     if (name == row->name && row->param_no == param_no) return row;
   return nullptr;
 }
 
-command module::fixup(const std::string &name, const std::vector<std::string> &texts) const {
+command loaded_module::fixup(const std::string &name, const std::vector<std::string> &texts) const {
   command out;
   out.exported = find(name, static_cast<int>(texts.size()));
   for (const std::string &text : texts) out.slots.push_back(std::make_unique<parameter_slot>(text));
@@ -92,7 +92,7 @@ command module::fixup(const std::string &name, const std::vector<std::string> &t
   return out;
 }
 
-int module::run(const command &call, sip_msg &msg) const {
+int loaded_module::run(const command &call, sip_msg &msg) const {
   if (!call.accepted()) throw std::logic_error("a command that the host would have refused");
   const cmd_function function = call.exported->function;
   std::vector<char *> given;
@@ -118,12 +118,12 @@ int module::run(const command &call, sip_msg &msg) const {
   }
 }
 
-int module::run(const std::string &name, const std::vector<std::string> &texts,
-                sip_msg &msg) const {
+int loaded_module::run(const std::string &name, const std::vector<std::string> &texts,
+                       sip_msg &msg) const {
   return run(fixup(name, texts), msg);
 }
 
-bool module::unload() {
+bool loaded_module::unload() {
   if (image == nullptr) return false;
   keep_block_names();
   dlclose(image);
@@ -135,7 +135,7 @@ bool module::unload() {
   return false;
 }
 
-std::unique_ptr<module> load_module(const std::string &path, std::string *error) {
+std::unique_ptr<loaded_module> load_module(const std::string &path, std::string *error) {
   void *image = dlopen(path.c_str(), RTLD_NOW);
   void *exports = image != nullptr ? dlsym(image, "exports") : nullptr;
   if (exports == nullptr) {
@@ -143,8 +143,8 @@ std::unique_ptr<module> load_module(const std::string &path, std::string *error)
     if (image != nullptr) dlclose(image);
     return nullptr;
   }
-  return std::unique_ptr<module>(
-      new module(*static_cast<const module_exports_t *>(exports), image, path));
+  return std::unique_ptr<loaded_module>(
+      new loaded_module(*static_cast<const module_exports_t *>(exports), image, path));
 }
 
 }  // namespace standin

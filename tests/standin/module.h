@@ -28,21 +28,21 @@ class command {
   parameter_slot &slot(size_t n) const { return *slots.at(n - 1); }
 
  private:
-  friend class module;
+  friend class loaded_module;
   const cmd_export_t *exported = nullptr;
   std::vector<std::unique_ptr<parameter_slot>> slots;
   std::vector<int> fixups;
 };
 
 // A module, from a file or linked into the program.
-class module {
+class loaded_module {
  public:
   // For a module that is linked in: what the loader would find as its `exports`.
-  explicit module(const module_exports_t &exports);
+  explicit loaded_module(const module_exports_t &exports);
   // Unloads without a call of destroy.
-  ~module();
-  module(const module &) = delete;
-  module &operator=(const module &) = delete;
+  ~loaded_module();
+  loaded_module(const loaded_module &) = delete;
+  loaded_module &operator=(const loaded_module &) = delete;
 
   const module_exports_t &exports() const { return *table; }
 
@@ -83,8 +83,8 @@ class module {
   bool unload();
 
  private:
-  friend std::unique_ptr<module> load_module(const std::string &path, std::string *error);
-  module(const module_exports_t &exports, void *handle, std::string path);
+  friend std::unique_ptr<loaded_module> load_module(const std::string &path, std::string *error);
+  loaded_module(const module_exports_t &exports, void *handle, std::string path);
   void *find_symbol(const std::string &name) const;
   const param_export_t *find_param(const std::string &name, unsigned int type) const;
 
@@ -95,6 +95,6 @@ class module {
 
 // Opens a module's file with all its symbols bound at once and finds `exports` in it. Null with an
 // explanation in *error (if given) when either fails.
-std::unique_ptr<module> load_module(const std::string &path, std::string *error = nullptr);
+std::unique_ptr<loaded_module> load_module(const std::string &path, std::string *error = nullptr);
 
 }  // namespace standin
