@@ -4,6 +4,7 @@ import dataclasses
 import itertools
 import os
 import re
+import select
 import socket
 import time
 
@@ -90,11 +91,11 @@ class Phone:
     def contact(self):
         return f"sip:{self.user}@{self.address}:{self.port}"
 
-    def request(self, method, uri, headers=(), body="", call_id=None, timeout=4.0):
+    def request(self, method, uri, headers=(), body="", call_id=None, timeout=4.0, answering=()):
         """Sends a request, repeats it as UDP asks for, and gives back the final reply.
 
-        Requests that arrive meanwhile are answered with 200 and kept in `requests`, so that a
-        phone can call itself through the server.
+        The phones of `answering` answer meanwhile what the server sends them: with 200, keeping
+        it in their `requests`.
         """
         call_id = call_id or _unique()
         branch = "z9hG4bK" + _unique()
@@ -118,10 +119,8 @@ class Phone:
         while True:
             self.socket.sendto(data, self.server)
             again = min(time.monotonic() + wait, end)
-            while (message := self._receive(again)) is not None:
-                if not message.is_reply:
-                    self.answer(message)
-                elif message.get("call-id") == call_id and message.status >= 200:
+            while (message := self._await_reply(again, answering)) is not None:
+                if message.get("call-id") == call_id and message.status >= 200:
                     if method == "INVITE":
                         self._acknowledge(message, uri, branch, tag, call_id)
                     return message
@@ -129,14 +128,17 @@ class Phone:
                 raise NoReply(f"no final reply to {method} {uri} within {timeout} s")
             wait *= 2
 
-    def wait_request(self, timeout=4.0):
-        """Waits for a request from the server, answers it with 200 and gives it back."""
-        end = time.monotonic() + timeout
-        while (message := self._receive(end)) is not None:
-            if not message.is_reply:
-                self.answer(message)
-                return message
-        raise NoReply(f"nothing reached {self.contact} within {timeout} s")
+    def _await_reply(self, end, answering):
+        sockets = {phone.socket: phone for phone in (self, *answering)}
+        while (left := end - time.monotonic()) > 0:
+            for ready in select.select(list(sockets), [], [], left)[0]:
+                phone = sockets[ready]
+                message = parse(*ready.recvfrom(65535))
+                if not message.is_reply:
+                    phone.answer(message)
+                elif phone is self:
+                    return message
+        return None
 
     def answer(self, request, status=200, reason="OK"):
         if request.method == "ACK":
@@ -169,17 +171,6 @@ class Phone:
             "CSeq: 1 ACK",
         ]
         self.socket.sendto(self._finish(lines, ""), self.server)
-
-    def _receive(self, end):
-        left = end - time.monotonic()
-        if left <= 0:
-            return None
-        self.socket.settimeout(left)
-        try:
-            data, source = self.socket.recvfrom(65535)
-        except TimeoutError:
-            return None
-        return parse(data, source)
 
     @staticmethod
     def _finish(lines, body):

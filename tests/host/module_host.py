@@ -1,0 +1,260 @@
+"""A real server with the module in it, put together from tables and calls.
+
+A test names the module calls that it wants as `Call`s. Each becomes a route of the routing
+script, which a request to the user of that name runs; the reply carries the call's return code
+and the values of the pseudo-variables that the test wants to see.
+"""
+
+import dataclasses
+import os
+import pathlib
+import sys
+from typing import Optional
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools"))
+
+import host_server  # noqa: E402  (found by way of the line above)
+
+NULL = "<null>"  # how the server prints a pseudo-variable without a value
+MODULE_NAME = "tarn_memdb"
+OTHER_MODULES = ("pv.so", "sl.so", "textops.so", "debugger.so", "ctl.so", "jsonrpcs.so")
+
+
+@dataclasses.dataclass(frozen=True)
+class Column:
+    name: str
+    length: int = 31
+    indexed: bool = False
+
+    def __str__(self):
+        return f"{self.name} {self.length} {int(self.indexed)}"
+
+
+@dataclasses.dataclass(frozen=True)
+class Table:
+    """One table of the schema; `ports` is (range word, internal column, external column)."""
+
+    name: str
+    columns: tuple
+    max_rows: int = 100
+    log_tag: Optional[str] = None
+    use_index: bool = False
+    check_duplicates: bool = False
+    ports: Optional[tuple] = None
+
+    @property
+    def file_name(self):
+        return f"{self.name}.tbl"
+
+    def __str__(self):
+        lines = [f"TABLE_NAME={self.name}", f"FLAG={int(self.ports is not None)}"]
+        if self.ports:
+            word, internal, external = self.ports
+            lines += [f"RANGE={word}", f"INT_PORT_FIELD={internal}", f"EXT_PORT_FIELD={external}"]
+        if self.log_tag:
+            lines.append(f"LOG_TAG={self.log_tag}")
+        lines += [
+            f"USE_INDEX={int(self.use_index)}",
+            f"DUPLICATED_DATA_CHECK={int(self.check_duplicates)}",
+            f"MAX_ROWS={self.max_rows}",
+            f"NUM_FIELDS={len(self.columns)}",
+            *(str(column) for column in self.columns),
+            f"FILE_NAME={self.file_name}",
+        ]
+        return "\n".join(lines) + "\n"
+
+
+def columns(*names, indexed=()):
+    return tuple(Column(name, indexed=name in indexed) for name in names)
+
+
+@dataclasses.dataclass(frozen=True)
+class Call:
+    """A module call of the script, with lines to run ahead of it and values to show after it."""
+
+    do: str
+    before: str = ""
+    show: tuple = ()
+
+    def route(self, name):
+        lines = [f"route[{name}] {{"]
+        lines += [f"  {line}" for line in self.before.splitlines()]
+        lines += [f"  {self.do};", "  $var(call_rc) = $rc;"]
+        lines.append(r'  append_to_reply("X-Rc: $var(call_rc)\r\n");')
+        for shown in self.show:
+            lines.append(f'  append_to_reply("X-Show: [{shown}]\\r\\n");')
+        lines += ['  sl_send_reply("200", "called");', "  exit;", "}"]
+        return "\n".join(lines) + "\n"
+
+
+@dataclasses.dataclass(frozen=True)
+class Result:
+    rc: int
+    values: tuple  # None for a pseudo-variable without a value
+
+
+class ModuleHost(host_server.Server):
+    """A server with the module, its schema, its table files and a script of calls.
+
+    `schema` overrides the text made of `tables`, with {files} and {backups} for the directories.
+    `params` are module parameters; a value of None leaves one out that is set otherwise.
+    `request` comes at the head of the request route. `script` replaces the whole script.
+    `module_debug` has the module log its debug lines.
+    """
+
+    def __init__(
+        self,
+        directory,
+        tables=(),
+        calls=None,
+        schema=None,
+        params=None,
+        ranges=None,
+        request="",
+        script=None,
+        modules=OTHER_MODULES + (MODULE_NAME,),
+        modparams=(),
+        children=1,
+        module_debug=False,
+        **options,
+    ):
+        super().__init__(directory, self._config, **options)
+        self.tables = {table.name: table for table in tables}
+        self.calls = dict(calls or {})
+        self.schema = schema
+        self.params = dict(params or {})
+        self.request = request
+        self.script = script
+        self.modules = modules
+        self.modparams = tuple(modparams)
+        self.children = children
+        self.module_debug = module_debug
+        self.files = self.directory / "tables"
+        self.backups = self.directory / "backup"
+        self.files.mkdir(exist_ok=True)
+        self.backups.mkdir(exist_ok=True)
+        self.schema_path = self.directory / "schema.cfg"
+        self.ranges_path = self.directory / "ranges.txt"
+        if ranges is not None:
+            self.ranges_path.write_text(ranges)
+
+    # Configuration
+
+    def schema_text(self):
+        if self.schema is not None:
+            return self.schema.format(files=f"{self.files}/", backups=f"{self.backups}/")
+        head = [
+            f"BASE_DIR={self.files}/",
+            f"BASE_BACKUP_DIR={self.backups}/",
+            f"NUM_TABLE={len(self.tables)}",
+        ]
+        return "\n".join(head) + "\n" + "\n".join(str(table) for table in self.tables.values())
+
+    def _config(self, _):
+        self.schema_path.write_text(self.schema_text())
+        params = {
+            "cfg_file_path": str(self.schema_path),
+            "private_ranges_file_path": str(self.ranges_path),
+            # Long enough for no test to see a tick that it doesn't ask for.
+            "store_tbl_interval": 3600,
+            **self.params,
+        }
+        lines = [
+            "#!KAMAILIO",
+            "debug=2",
+            "log_stderror=yes",
+            f"children={self.children}",
+            "disable_tcp=yes",
+            "auto_aliases=no",
+            "disable_core_dump=yes",
+            f"listen=udp:{self.address}:{self.port}",
+        ]
+        for module in self.modules:
+            path = os.environ["TARN_MODULE"] if module == MODULE_NAME else module
+            lines.append(f'loadmodule "{path}"')
+        if "ctl.so" in self.modules:
+            lines.append(f'modparam("ctl", "binrpc", "unix:{self.ctl_socket}")')
+        if "jsonrpcs.so" in self.modules:
+            lines.append('modparam("jsonrpcs", "transport", 4)')
+            lines.append(f'modparam("jsonrpcs", "dgram_socket", "{self.json_socket}")')
+        if self.module_debug:
+            lines.append('modparam("debugger", "mod_hash_size", 4)')
+            lines.append('modparam("debugger", "mod_level_mode", 1)')
+            lines.append(f'modparam("debugger", "mod_level", "{MODULE_NAME}=3")')
+        lines += self.modparams
+        for name, value in params.items():
+            if value is not None:
+                shown = value if isinstance(value, int) else f'"{value}"'
+                lines.append(f'modparam("{MODULE_NAME}", "{name}", {shown})')
+        return "\n".join(lines) + "\n\n" + (self.script or self._script())
+
+    def _script(self):
+        lines = ["request_route {", f'  if ($rU == "{self.READY_USER}") {{']
+        lines += ['    sl_send_reply("200", "ready");', "    exit;", "  }"]
+        lines += [f"  {line}" for line in self.request.splitlines()]
+        for name in self.calls:
+            lines.append(f'  if ($rU == "{name}") route({name});')
+        lines += ['  sl_send_reply("404", "no such call");', "}", ""]
+        return "\n".join(lines) + "".join(call.route(name) for name, call in self.calls.items())
+
+    # Script calls
+
+    def call(self, name, q=None, phone=None, headers=None, timeout=4.0):
+        """Runs a call by a SIP request, with `q` as its header X-Q, and gives its Result."""
+        sent = dict(headers or {})
+        if q is not None:
+            sent["X-Q"] = q
+        if phone is not None:
+            return self._result(phone.request("OPTIONS", self.uri(name), sent, timeout=timeout))
+        with self.phone() as own:
+            return self._result(own.request("OPTIONS", self.uri(name), sent, timeout=timeout))
+
+    @staticmethod
+    def _result(reply):
+        assert reply.status == 200, reply.first_line
+        shown = [value[1:-1] for value in reply.all("x-show")]
+        return Result(
+            rc=int(reply.get("x-rc")),
+            values=tuple(None if value == NULL else value for value in shown),
+        )
+
+    # What the module says
+
+    def said(self, *levels):
+        """The texts that the module logged at some levels (or at all of them), in order."""
+        return [
+            entry.text for entry in self.entries(MODULE_NAME) if not levels or entry.level in levels
+        ]
+
+    # Table files
+
+    def main_file(self, table):
+        return self.files / self.tables[table].file_name
+
+    def backup_file(self, table):
+        return self.backups / (self.tables[table].file_name + ".backup")
+
+    def write_rows(self, table, rows, backup=False):
+        path = self.backup_file(table) if backup else self.main_file(table)
+        path.write_text("".join(line + "\n" for line in ("Version 1", *rows)))
+
+    def rows(self, table, backup=False):
+        """The rows in a table's file, oldest first; None without a file."""
+        path = self.backup_file(table) if backup else self.main_file(table)
+        if not path.exists():
+            return None
+        first, *rows = path.read_text().split("\n")[:-1]
+        assert first == "Version 1"
+        return rows
+
+    def file_states(self):
+        """All table files with everything by which a touched file would differ."""
+        states = {}
+        for path in sorted([*self.files.iterdir(), *self.backups.iterdir()]):
+            status = path.stat()
+            states[str(path.relative_to(self.directory))] = (
+                path.read_bytes(),
+                status.st_ino,
+                status.st_mtime_ns,
+            )
+        return states

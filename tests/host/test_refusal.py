@@ -1,0 +1,249 @@
+"""Starts that must not happen: each cause by its log lines, with the table files untouched."""
+
+import pytest
+from module_host import OTHER_MODULES, Call, Table, columns
+
+USERS = Table("users", columns("name", "age", "city"))
+STORED = ["alice|30|rome", "# a line that a store would drop", "bob|31|oslo"]
+OLD = ["alice|29|rome"]
+
+HEAD = "BASE_DIR={files}\nBASE_BACKUP_DIR={backups}\nNUM_TABLE=1\n"
+BLOCK = (
+    "TABLE_NAME=users\nFLAG=0\nUSE_INDEX=0\nDUPLICATED_DATA_CHECK=0\nMAX_ROWS=10\n"
+    "NUM_FIELDS=3\nname 10 1\nage 3 0\ncity 20 0\nFILE_NAME=users.tbl\n"
+)
+
+NO_SCHEMA = "Could not create table(s) schema from configuration file '{schema}'\n"
+BAD_LINE = "Error on reading! Maybe a line is missing"
+
+
+def refuse_with_files(host, refused, **setup):
+    """Has a start with stored rows refused, and checks that the rows stay as they were."""
+    server = host(start=False, tables=[USERS], **setup)
+    server.write_rows("users", STORED)
+    server.write_rows("users", OLD, backup=True)
+    before = server.file_states()
+    refused(server)
+    assert server.file_states() == before
+    return server
+
+
+def errors_of(server):
+    return server.said("ERROR", "CRITICAL")
+
+
+def test_no_schema_path(host, refused):
+    server = refuse_with_files(host, refused, params={"cfg_file_path": None})
+    assert errors_of(server) == [
+        "Could not open file '' with table(s) description\n",
+        NO_SCHEMA.format(schema=""),
+    ]
+
+
+def test_a_schema_file_that_does_not_exist(host, refused):
+    server = refuse_with_files(host, refused, params={"cfg_file_path": "/nonexistent/schema"})
+    assert errors_of(server) == [
+        "Could not open file '/nonexistent/schema' with table(s) description\n",
+        NO_SCHEMA.format(schema="/nonexistent/schema"),
+    ]
+
+
+@pytest.mark.parametrize(
+    "schema",
+    [
+        pytest.param(HEAD + BLOCK.replace("FILE_NAME=", "FILE="), id="misspelt file name key"),
+        pytest.param(
+            HEAD + BLOCK.replace("FLAG=0\n", "FLAG=0\nRANGE=dynamic\n"),
+            id="range of a table without ports",
+        ),
+        pytest.param(
+            HEAD
+            + BLOCK.replace(
+                "USE_INDEX=0\nDUPLICATED_DATA_CHECK=0\n",
+                "DUPLICATED_DATA_CHECK=0\nUSE_INDEX=0\n",
+            ),
+            id="keys out of order",
+        ),
+        pytest.param(
+            HEAD + BLOCK.replace("city 20 0\n", "city 20 0\nland 20 0\n"),
+            id="one field line too many",
+        ),
+        pytest.param(
+            HEAD + BLOCK.replace("FLAG=0\n", "FLAG=0\nLOG_TAG=sixteen_letters_x\n"),
+            id="tag of more than 15 characters",
+        ),
+        pytest.param(
+            HEAD + BLOCK.replace("users\n", "users_with_a_name_of_32_characters\n", 1),
+            id="table name that does not fit",
+        ),
+        pytest.param(
+            HEAD + BLOCK.replace("name 10", "name_of_more_than_31_characters_x 10"),
+            id="column name that does not fit",
+        ),
+        pytest.param(
+            HEAD + BLOCK.replace("users.tbl", "x" * 256), id="file name that does not fit"
+        ),
+        pytest.param(
+            HEAD.replace("{backups}", "/" + "x" * 256) + BLOCK, id="directory that does not fit"
+        ),
+    ],
+)
+def test_a_schema_with_a_bad_line(host, refused, schema):
+    server = refuse_with_files(host, refused, schema=schema)
+    assert errors_of(server) == [BAD_LINE, NO_SCHEMA.format(schema=server.schema_path)]
+
+
+def test_no_pv_module(host, refused):
+    without_pv = tuple(name for name in OTHER_MODULES if name != "pv.so")
+    server = refuse_with_files(
+        host,
+        refused,
+        modules=without_pv + ("tarn_memdb",),
+        script="request_route { exit; }\n",
+    )
+    assert errors_of(server) == [
+        "Cannot import pv functions (pv module must be loaded before this module)\n"
+    ]
+
+
+AVPS = '"$avp(a)|$avp(b)|$avp(c)"'
+
+# What the script calls, and the error lines that this has to give.
+FIX_UPS = {
+    "select: no table name": (
+        f'tarn_memdb_select(",a|b|c", {AVPS})',
+        ["Table name is missing\n"],
+    ),
+    "select: no field list": (
+        f'tarn_memdb_select("users", {AVPS})',
+        ["Field list is missing\n"],
+    ),
+    "select: unknown table": (
+        f'tarn_memdb_select("nowhere,a|b|c", {AVPS})',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "select: table from a pseudo-variable": (
+        f'tarn_memdb_select("$var(t),a|b|c", {AVPS})',
+        ["Table '$var(t)' was not found\n", "Table not found\n"],
+    ),
+    "select: unknown column": (
+        f'tarn_memdb_select("users,name=alice;street=x,", {AVPS})',
+        ["Parameter [street] not found in the table [users]\n"],
+    ),
+    "select: column in other letters": (
+        f'tarn_memdb_select("users,Name=alice,", {AVPS})',
+        ["Parameter [Name] not found in the table [users]\n"],
+    ),
+    "select: a list without AVPs": (
+        'tarn_memdb_select("users,a|b|c", "$var(a)")',
+        ["Wrong item name list [$var(a)]!\n", "bad format in P2 [$var(a)]\n"],
+    ),
+    "select: a list with one that is no AVP": (
+        'tarn_memdb_select("users,a|b|c", "$avp(a)|$var(b)")',
+        ["Wrong item name list [$avp(a)|$var(b)]!\n", "bad format in P2 [$avp(a)|$var(b)]\n"],
+    ),
+    "select: a list of plain words": (
+        'tarn_memdb_select("users,a|b|c", "a|b")',
+        ["Wrong item name list [a|b]!\n", "bad format in P2 [a|b]\n"],
+    ),
+    "select: an empty list": (
+        'tarn_memdb_select("users,a|b|c", "")',
+        ["bad format in P2 []\n"],
+    ),
+    "nl_select: unknown table": (
+        f'tarn_memdb_nl_select("nowhere,a|b|c", {AVPS})',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "nl_select: a list without AVPs": (
+        'tarn_memdb_nl_select("users,a|b|c", "$var(a)")',
+        ["Wrong item name list [$var(a)]!\n", "bad format in P2 [$var(a)]\n"],
+    ),
+    "xavp_select: unknown table": (
+        'tarn_memdb_xavp_select("nowhere,a|b|c", "x")',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "xavp_select: table from a pseudo-variable": (
+        'tarn_memdb_xavp_select("$var(t),a|b|c", "x")',
+        ["Table '$var(t)' was not found\n", "Table not found\n"],
+    ),
+    "nl_xavp_select: unknown column": (
+        'tarn_memdb_nl_xavp_select("users,street=x,", "x")',
+        ["Parameter [street] not found in the table [users]\n"],
+    ),
+    "insert: unknown table": (
+        'tarn_memdb_insert("nowhere,a|b|c")',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "insert: no field list": (
+        'tarn_memdb_insert("users")',
+        ["Field list is missing\n"],
+    ),
+    "insert: unknown column": (
+        'tarn_memdb_insert("users,street=x,")',
+        ["Parameter [street] not found in the table [users]\n"],
+    ),
+    "insert: refused format": (
+        'tarn_memdb_insert("users,$nosuch(x)|b|c")',
+        ["Wrong format [users,$nosuch(x)|b|c]\n"],
+    ),
+    "delete: unknown table": (
+        'tarn_memdb_delete("nowhere,a|b|c")',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "delete: unknown column": (
+        'tarn_memdb_delete("users,street=x,")',
+        ["Parameter [street] not found in the table [users]\n"],
+    ),
+    "update: unknown table": (
+        'tarn_memdb_update("nowhere,a|b|c", "a|b|c")',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "update: refused format of the values": (
+        'tarn_memdb_update("users,a|b|c", "$nosuch(x)|*|*")',
+        ["Wrong format [$nosuch(x)|*|*]\n"],
+    ),
+    "row_count: refused format of the table": (
+        'tarn_memdb_row_count("$nosuch(x)", "$avp(n)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "row_count: refused format of the target": (
+        'tarn_memdb_row_count("users", "$nosuch(x)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+}
+
+
+@pytest.mark.parametrize("call, errors", FIX_UPS.values(), ids=FIX_UPS.keys())
+def test_a_script_with_a_call_that_cannot_be_prepared(host, refused, call, errors):
+    server = refuse_with_files(host, refused, calls={"never": Call(call)})
+    assert errors_of(server) == errors
+
+
+def test_a_table_name_too_long_for_any_table_is_not_cut_to_one_that_exists(host, refused):
+    longest = Table("u" * 31, columns("a"))
+    call = Call(f'tarn_memdb_delete("{"u" * 32},x")')
+    server = refused(host(start=False, tables=[longest], calls={"never": call}))
+    assert errors_of(server)[-1] == "Table not found\n"
+
+
+def test_a_refused_first_format_of_clear_tbl_does_not_stop_the_start(host):
+    server = host(tables=[USERS], calls={"clear": Call('tarn_memdb_clear_tbl("$nosuch(x)")')})
+    assert errors_of(server) == ["Wrong format [$nosuch(x)]\n"]
+    assert server.call("clear").rc == -1
+    assert errors_of(server)[1:] == [
+        "Could not print the formatted pv input\n",
+        "Clear table failed!\n",
+    ]
+
+
+def test_a_start_refused_after_the_load_can_be_mended_and_keeps_its_rows(host, refused):
+    """The rows of a server whose script was mistyped are there when the mistake is gone."""
+    broken = {"select": Call(f'tarn_memdb_select("nowhere,*|*|*", {AVPS})')}
+    server = refuse_with_files(host, refused, calls=broken)
+    server.calls = {
+        "select": Call(
+            f'tarn_memdb_select("users,*|*|*", {AVPS})', show=("$avp(a)", "$(avp(a)[1])")
+        )
+    }
+    server.start()
+    assert server.call("select").values == ("alice", "bob")
