@@ -1,0 +1,164 @@
+// Tables and rows: making, filling, overwriting and deleting.
+#include "memdb/memdb.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "memdb/memdb_index.h"
+
+void *(*memdb_malloc)(size_t size) = malloc;
+void *(*memdb_calloc)(size_t count, size_t size) = calloc;
+void (*memdb_free)(void *block) = free;
+uint32_t (*memdb_hash_str)(const char *text) = memdb_hash1;
+void (*memdb_log_err)(const char *message) = nullptr;
+uint32_t memdb_idx_len = 512;
+
+namespace {
+
+constexpr uint32_t LINK_SIZE = sizeof(memdb_row *);
+
+// False if a column's capacity or the whole row would pass 32 bits.
+bool layout_fits(const tbl_dcl *columns, uint32_t col_cnt) {
+  uint64_t total = sizeof(memdb_row);
+  for (uint32_t i = 0; i < col_cnt; i++) {
+    if (columns[i].len == std::numeric_limits<uint32_t>::max()) return false;
+    total += uint64_t{columns[i].len} + 1;
+    if (columns[i].flag & MEMDB_COL_INDEXED) total += LINK_SIZE;
+    if (total > std::numeric_limits<uint32_t>::max()) return false;
+  }
+  return true;
+}
+
+void free_columns(memdb_tbl *tbl) {
+  for (memdb_col &col : memdb_cols(tbl)) memdb_free(col.idx);
+  memdb_free(tbl->cols);
+}
+
+void free_rows(memdb_row *row) {
+  while (row != nullptr) {
+    memdb_row *const next = row->next;
+    memdb_free(row);
+    row = next;
+  }
+}
+
+// Writes value, cut to the column's size, into the field.
+void write_field(char *field, const memdb_col &col, const char *value) {
+  const size_t len = strnlen(value, col.size);
+  memcpy(field, value, len);
+  if (len < col.size) {
+    field[len] = '\0';
+    return;
+  }
+  MEMDB_LOG(warn, "Value '%s' too long. It will be truncated to fit field size (%d bytes)\n", value,
+            static_cast<int>(col.size - 1));
+  field[col.size - 1] = '\0';
+}
+
+}  // namespace
+
+memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
+  if (!layout_fits(columns, col_cnt)) return nullptr;
+  auto *const tbl = static_cast<memdb_tbl *>(memdb_malloc(sizeof(memdb_tbl)));
+  if (tbl == nullptr) {
+    MEMDB_LOG(err, "Fail to allocate memory to the table\n");
+    return nullptr;
+  }
+  tbl->col_cnt = col_cnt;
+  tbl->cols = static_cast<memdb_col *>(memdb_malloc(size_t{col_cnt} * sizeof(memdb_col)));
+  if (tbl->cols == nullptr) {
+    MEMDB_LOG(err, "Fail to allocate memory to the columns\n");
+    memdb_free(tbl);
+    return nullptr;
+  }
+  for (memdb_col &col : memdb_cols(tbl)) col.idx = nullptr;
+
+  uint32_t total = 0;
+  for (memdb_col &col : memdb_cols(tbl)) {
+    const tbl_dcl &declared = *columns++;
+    col.flags = declared.flag;
+    col.idx_len = 0;
+    if (memdb_is_indexed(col)) {
+      total += LINK_SIZE;
+      col.idx_len = memdb_idx_len;
+      col.idx = static_cast<memdb_row **>(memdb_calloc(memdb_idx_len, sizeof(memdb_row *)));
+      if (col.idx == nullptr) {
+        MEMDB_LOG(err, "Fail to allocate memory to the hash table buckets\n");
+        free_columns(tbl);
+        memdb_free(tbl);
+        return nullptr;
+      }
+    }
+    col.offset = total;
+    col.size = declared.len + 1;
+    total += col.size;
+  }
+  tbl->row_len = total;
+  tbl->first = nullptr;
+  tbl->last = nullptr;
+  return tbl;
+}
+
+void memdb_destroy_tbl(memdb_tbl *tbl) {
+  if (tbl == nullptr) return;
+  free_columns(tbl);
+  free_rows(tbl->first);
+  memdb_free(tbl);
+}
+
+memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
+  auto *const row =
+      static_cast<memdb_row *>(memdb_calloc(1, size_t{tbl->row_len} + sizeof(memdb_row)));
+  if (row == nullptr) {
+    MEMDB_LOG(err, "Fail to allocate memory to the row\n");
+    return nullptr;
+  }
+  row->next = tbl->first;
+  if (tbl->first != nullptr)
+    tbl->first->prev = row;
+  else
+    tbl->last = row;
+  tbl->first = row;
+
+  for (memdb_col &col : memdb_cols(tbl)) {
+    const char *const value = *values++;
+    if (value == nullptr) {
+      memdb_delete_row(tbl, row);
+      return nullptr;
+    }
+    write_field(memdb_data(row) + col.offset, col, value);
+    if (memdb_is_indexed(col)) memdb_update_col_idx(row, &col);
+  }
+  return row;
+}
+
+void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
+  for (memdb_col &col : memdb_cols(tbl))
+    if (memdb_is_indexed(col)) memdb_delete_idx_entry(row, &col);
+  if (tbl->first == row) tbl->first = row->next;
+  if (tbl->last == row) tbl->last = row->prev;
+  if (row->next != nullptr) row->next->prev = row->prev;
+  if (row->prev != nullptr) row->prev->next = row->next;
+  memdb_free(row);
+}
+
+void memdb_delete_all(memdb_tbl *tbl) {
+  memdb_row *const rows = tbl->first;
+  tbl->first = nullptr;
+  tbl->last = nullptr;
+  // With every row going, emptying the buckets does what unlinking row by row would do, without
+  // walking a chain per row and column.
+  for (const memdb_col &col : memdb_cols(tbl))
+    for (uint32_t i = 0; i < col.idx_len; i++) col.idx[i] = nullptr;
+  free_rows(rows);
+}
+
+memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value) {
+  const memdb_col &target = tbl->cols[col];
+  char *const field = memdb_data(row) + target.offset;
+  write_field(field, target, value);
+  // Readers without a lock rely on a terminator at the end of the area whatever happens to the text.
+  field[target.size - 1] = '\0';
+  return row;
+}

@@ -1,0 +1,114 @@
+// A table of fixed-size rows of text fields, with an optional hash index per column.
+//
+// The engine knows nothing of names, row limits, files or locks. Every operation on a table, reading
+// through a cursor included, runs under whatever lock the embedder gives that table; the engine
+// takes none.
+//
+// A row is one block:
+//
+//   prev   8 bytes   the next newer row, null for the newest
+//   next   8 bytes   the next older row, null for the oldest
+//   data   row_len   the columns in order, packed:
+//                      a plain column is its text area of size bytes;
+//                      an indexed column is an 8-byte chain link and then its text area
+//
+// Nothing is aligned inside the data, so that chain links may lie at odd places. Each indexed column
+// has an array of buckets, and each bucket heads a chain that runs through the rows' links, sorted
+// by the column's text as it was when the row was inserted, rows of equal text side by side.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "memdb/memdb_log.h"
+
+inline constexpr uint32_t MEMDB_COL_INDEXED = 1;  // bit 0 of tbl_dcl::flag
+inline constexpr int32_t MEMDB_NO_COL = -1;
+
+// Declaration of one column. The caller owns it; nothing of it is kept.
+struct tbl_dcl {
+  uint32_t len;   // longest text that the column can hold, terminator not counted
+  uint32_t flag;  // MEMDB_COL_INDEXED or 0; other bits are kept and never tested
+};
+
+struct memdb_row {
+  memdb_row *prev;
+  memdb_row *next;
+};
+
+struct memdb_col {
+  uint32_t flags;
+  uint32_t idx_len;  // buckets; 0 without an index
+  memdb_row **idx;   // the buckets; null without an index
+  uint32_t offset;   // of the text, from the start of the data
+  uint32_t size;     // bytes of the text area: declared length and terminator
+};
+
+struct memdb_tbl {
+  uint32_t row_len;
+  memdb_row *first;  // newest row
+  memdb_row *last;   // oldest row
+  uint32_t col_cnt;
+  memdb_col *cols;
+};
+
+// A search in progress. values, one entry per column, a null matching any text, is the caller's and
+// outlives the cursor.
+struct memdb_cursor {
+  memdb_row *row;
+  memdb_tbl *tbl;
+  const char *const *values;
+  int32_t key_col;  // the column that leads the search, MEMDB_NO_COL for a full scan
+};
+
+// Hooks, read at every use, to be set before the first table is made.
+extern void *(*memdb_malloc)(size_t size);
+extern void *(*memdb_calloc)(size_t count, size_t size);
+extern void (*memdb_free)(void *block);  // accepts null
+extern uint32_t (*memdb_hash_str)(const char *text);
+extern void (*memdb_log_err)(const char *message);  // may be null
+extern uint32_t memdb_idx_len;                      // buckets per index of tables made from now on
+
+// New empty table with columns as declared, or null if memory is short or a row would pass the
+// 32-bit size. Owned by the caller, who gives it to memdb_destroy_tbl.
+memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt);
+
+// Frees the table with all rows and indexes. Null is ignored.
+void memdb_destroy_tbl(memdb_tbl *tbl);
+
+// Adds a row as the newest one; values has col_cnt texts, each cut with a warning where it is
+// longer than its column. Null if memory is short or a value is null; the table is then as before.
+memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values);
+
+// Takes the row out of the list and of all indexes and frees it.
+void memdb_delete_row(memdb_tbl *tbl, memdb_row *row);
+
+// Deletes every row.
+void memdb_delete_all(memdb_tbl *tbl);
+
+// Overwrites one text in place, cut as in memdb_insert. The column's index isn't touched: the row
+// stays findable through it by the old bucket only. Scripts know indexed columns to be keys that
+// an update doesn't move.
+memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value);
+
+inline char *memdb_data(memdb_row *row) { return reinterpret_cast<char *>(row + 1); }
+inline const char *memdb_data(const memdb_row *row) {
+  return reinterpret_cast<const char *>(row + 1);
+}
+
+// The text of one field inside the row: a view, valid as long as the row; never null.
+inline const char *memdb_get_field(const memdb_tbl *tbl, const memdb_row *row, uint32_t col) {
+  return memdb_data(row) + tbl->cols[col].offset;
+}
+
+// First row that matches values, and the cursor set for memdb_select_next; null if none does.
+// Rows come newest first. The first indexed column with a value leads the search.
+memdb_row *memdb_select(memdb_tbl *tbl, const char *const *values, memdb_cursor *cursor);
+
+// Next matching row after the one returned last, or null. To be called only after a row.
+memdb_row *memdb_select_next(memdb_cursor *cursor);
+
+inline std::span<memdb_col> memdb_cols(const memdb_tbl *tbl) { return {tbl->cols, tbl->col_cnt}; }
+
+inline bool memdb_is_indexed(const memdb_col &col) { return (col.flags & MEMDB_COL_INDEXED) != 0; }

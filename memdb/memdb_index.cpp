@@ -1,0 +1,89 @@
+// Hash and chains of the column indexes.
+#include "memdb/memdb_index.h"
+
+#include <cstring>
+
+namespace {
+
+// Chain links lie at any byte of a row, so they are moved as bytes.
+memdb_row *read_link(const void *place) {
+  memdb_row *row;
+  memcpy(&row, place, sizeof(row));
+  return row;
+}
+
+void write_link(void *place, memdb_row *row) { memcpy(place, &row, sizeof(row)); }
+
+char *link_of(memdb_row *row, const memdb_col *col) {
+  return memdb_data(row) + col->offset - sizeof(memdb_row *);
+}
+
+const char *link_of(const memdb_row *row, const memdb_col *col) {
+  return memdb_data(row) + col->offset - sizeof(memdb_row *);
+}
+
+const char *field_of(const memdb_row *row, const memdb_col *col) {
+  return memdb_data(row) + col->offset;
+}
+
+memdb_row **bucket_of(const memdb_col *col, const char *key) {
+  return &col->idx[memdb_hash_str(key) % col->idx_len];
+}
+
+// Takes the row out of the chain that starts at place. False if it isn't in it.
+bool unlink_from_chain(void *place, memdb_row *row, const memdb_col *col) {
+  for (memdb_row *at = read_link(place); at != nullptr; at = read_link(place)) {
+    if (at == row) {
+      write_link(place, read_link(link_of(row, col)));
+      return true;
+    }
+    place = link_of(at, col);
+  }
+  return false;
+}
+
+}  // namespace
+
+uint32_t memdb_hash1(const char *text) {
+  uint32_t hash = 0x9D1C81C5;
+  // Bytes count as signed: tables of all releases fill their buckets alike.
+  for (; *text != '\0'; text++)
+    hash = hash * 130 + static_cast<uint32_t>(static_cast<signed char>(*text));
+  return hash;
+}
+
+void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
+  const char *const key = field_of(row, col);
+  void *place = bucket_of(col, key);
+  memdb_row *at = read_link(place);
+  while (at != nullptr && strcmp(key, field_of(at, col)) > 0) {
+    place = link_of(at, col);
+    at = read_link(place);
+  }
+  // The row is complete before a reader without a lock can meet it in the chain.
+  write_link(link_of(row, col), at);
+  write_link(place, row);
+}
+
+void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
+  if (unlink_from_chain(bucket_of(col, field_of(row, col)), row, col)) return;
+  if (memdb_log_err != nullptr) memdb_log_err("Could not find the index entry to remove\n");
+  // The text was overwritten since the row was linked. No chain may lead to a block that is about
+  // to be freed, so the other buckets are searched as well.
+  for (uint32_t i = 0; i < col->idx_len; i++)
+    if (unlink_from_chain(&col->idx[i], row, col)) return;
+}
+
+memdb_row *memdb_idx_find(const memdb_col *col, const char *key) {
+  for (memdb_row *row = *bucket_of(col, key); row != nullptr; row = read_link(link_of(row, col))) {
+    const int order = strcmp(key, field_of(row, col));
+    if (order == 0) return row;
+    if (order < 0) return nullptr;
+  }
+  return nullptr;
+}
+
+memdb_row *memdb_idx_next_res(const memdb_row *row, const memdb_col *col, const char *key) {
+  memdb_row *const next = read_link(link_of(row, col));
+  return next != nullptr && strcmp(key, field_of(next, col)) == 0 ? next : nullptr;
+}

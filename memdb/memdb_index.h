@@ -1,0 +1,28 @@
+// The column indexes: hash, buckets, and the chains that run through the rows. Serves the engine.
+#pragma once
+
+#include "memdb/memdb.h"
+
+// Multiplicative string hash, h = h * 130 + c over signed bytes, modulo 2^32 (the family of
+// Kernighan and Ritchie's hash, "The C Programming Language", section 6.6).
+uint32_t memdb_hash1(const char *text);
+
+// Links the row into the column's chain, ahead of rows with an equal text.
+void memdb_update_col_idx(memdb_row *row, memdb_col *col);
+
+// Unlinks the row from the chain that its present text leads to. A row that isn't there, because
+// its text was overwritten, is reported to memdb_log_err.
+void memdb_delete_idx_entry(memdb_row *row, memdb_col *col);
+
+// First row of the key's chain whose text equals the key, or null.
+memdb_row *memdb_idx_find(const memdb_col *col, const char *key);
+
+// The row behind this one in the chain if its text equals the key too, else null.
+memdb_row *memdb_idx_next_res(const memdb_row *row, const memdb_col *col, const char *key);
+
+// First row from start (may be null) towards the oldest whose text equals the key, or null.
+memdb_row *memdb_find(memdb_row *start, const memdb_col *col, const char *key);
+
+// 1 if every column but skip_col is a wildcard or equal to the row's text, else 0.
+int memdb_row_match(const memdb_tbl *tbl, const memdb_row *row, int32_t skip_col,
+                    const char *const *values);

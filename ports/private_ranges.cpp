@@ -1,0 +1,113 @@
+// The private range file.
+#include "ports/private_ranges.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/log.h"
+#include "host/memory.h"
+#include "ports/port_map.h"
+#include "tables/file_handle.h"
+#include "tables/shared_memory.h"
+
+const char *private_ranges_file_path = "/var/lib/sipserver/gw_private_range.txt";
+
+namespace {
+
+// What a line says. A line that gives no word repeats the one before.
+struct range_line {
+  char word[32] = "";
+  int32_t port[PRIVATE_RANGE_PORTS];
+  int ports = 0;
+
+  void scan(const char *text) {
+    const int items =
+        vread(text, "%31s %d %d %d %d %d %d %d %d %d %d", word, &port[0], &port[1], &port[2],
+              &port[3], &port[4], &port[5], &port[6], &port[7], &port[8], &port[9]);
+    ports = items > 0 ? items - 1 : 0;
+  }
+};
+
+void free_ranges(port_m *m) {
+  for (private_range_ports *range : private_ranges(m)) tarn_shm_free(range);
+  tarn_shm_free(m->private_range);
+}
+
+// One place more at the end of the map's ranges, with a new record in it. Null if memory is short;
+// the count stays raised, and every reader of the ranges knows that a record may be missing.
+private_range_ports *add_range(port_m *m) {
+  const int32_t count = m->private_range_count;
+  auto **const ranges = static_cast<private_range_ports **>(
+      shm_realloc(m->private_range, (static_cast<size_t>(count) + 1) * sizeof(private_range_ports *)));
+  if (ranges == nullptr) free_ranges(m);
+  m->private_range = ranges;
+  m->private_range_count = count + 1;
+  if (ranges == nullptr) return nullptr;
+  ranges[count] = static_cast<private_range_ports *>(tarn_shm_malloc(sizeof(private_range_ports)));
+  return ranges[count];
+}
+
+void fill_range(port_m *m, private_range_ports *range, const range_line &line) {
+  for (int i = 0; i <= PRIVATE_RANGE_PORTS; i++) {
+    if (i >= line.ports) {
+      range->port[i] = NO_PORT;
+      continue;
+    }
+    range->port[i] = line.port[i];
+    if (is_port_in_range(m, line.port[i])) *port_entry(m, line.port[i]) |= PORT_PRIVATE;
+    LM_DBG("Port %d was reserved to a private range for %s!\n", line.port[i], line.word);
+  }
+}
+
+bool add_line(port_m *m, const range_line &line) {
+  private_range_ports *const range = add_range(m);
+  if (range == nullptr) {
+    LM_ERR("Could not allocate memory for port_m->private_range\n");
+    return false;
+  }
+  fill_range(m, range, line);
+  return true;
+}
+
+bool read_ranges(FILE *file, char **buffer) {
+  size_t size = 0;
+  range_line line;
+  port_m *map = nullptr;
+  for (int number = 1; getline(buffer, &size, file) > 0; number++) {
+    line.scan(*buffer);
+    if (port_m *const named = port_map_by_word(line.word)) map = named;
+    if (map == nullptr) {
+      LM_WARN("Line %d of the private port ranges names no port map, nor did one before it. It is "
+              "skipped\n",
+              number);
+      continue;
+    }
+    if (!add_line(map, line)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int vread(const char *text, const char *format, ...) {
+  va_list places;
+  va_start(places, format);
+  const int items = vsscanf(text, format, places);
+  va_end(places);
+  return items;
+}
+
+int32_t load_port_range() {
+  const file_handle file(fopen(private_ranges_file_path, "r"));
+  if (!file) {
+    LM_DBG("Could not open file '%s' with private port range\n", private_ranges_file_path);
+    return -1;
+  }
+  char *buffer = nullptr;
+  const bool read = read_ranges(file.get(), &buffer);
+  free(buffer);
+  if (!read) return -1;
+  LM_DBG("Reading private port range file '%s' OK!\n", private_ranges_file_path);
+  return 0;
+}

@@ -1,0 +1,102 @@
+// Rewriting of named lists.
+#include "query/named_params.h"
+
+#include <string_view>
+
+#include "host/log.h"
+#include "host/memory.h"
+#include "query/field_strings.h"
+#include "query/text_writer.h"
+
+namespace {
+
+// The host's items of a named list; given back at the end of the scope.
+class item_chain {
+ public:
+  item_chain() = default;
+  ~item_chain() {
+    if (first != nullptr) free_params(first);
+  }
+  item_chain(const item_chain &) = delete;
+  item_chain &operator=(const item_chain &) = delete;
+
+  bool parse(const str &list) {
+    str text = list;
+    param_hooks_t hooks{};
+    if (parse_params(&text, PARAM_CLASS_ANY, &hooks, &first) >= 0) return true;
+    first = nullptr;
+    return false;
+  }
+
+  // The item of that name that the author wrote first. The host hands the items back in an order of
+  // its own, so the place in the text decides.
+  const param_t *find(std::string_view name) const {
+    const param_t *found = nullptr;
+    for (const param_t *item = first; item != nullptr; item = item->next)
+      if (text_of(item->name) == name && (found == nullptr || item->name.s < found->name.s))
+        found = item;
+    return found;
+  }
+
+  param_t *first = nullptr;
+};
+
+bool is_column(const tarn_tbl *table, uint32_t col_cnt, std::string_view name) {
+  for (uint32_t i = 0; i < col_cnt; i++)
+    if (column_name(table, i) == name) return true;
+  return false;
+}
+
+// Bytes for the result and its terminator: a bar or end for each slot, a star or a body in it.
+// False, logged, for an item that names no column.
+bool result_size(const item_chain &items, const query_in *in, const char *tbl_name,
+                 const tarn_tbl *table, const char *tail, size_t *size) {
+  *size = 2 * size_t{in->tbl->col_cnt} + 1;
+  for (const param_t *item = items.first; item != nullptr; item = item->next) {
+    if (!is_column(table, in->tbl->col_cnt, text_of(item->name))) {
+      LM_ERR("Parameter [%.*s] not found in the table [%s]\n", item->name.len, item->name.s,
+             tbl_name);
+      return false;
+    }
+    *size += text_of(item->body).size();
+  }
+  if (tail != nullptr) *size += strlen(tbl_name) + strlen(tail) + 2;
+  return true;
+}
+
+}  // namespace
+
+conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, const char *tbl_name,
+                                               const tarn_tbl *table, const char *tail) {
+  LM_DBG("Before conversionL [%.*s]\n", list->len, list->s);
+  const bool named = list->len > 0;
+  if (named) {
+    const std::string_view text = text_of(*list);
+    if (text.find(FIELD_SEPARATOR) != text.npos || text.find('=') == text.npos)
+      return conversion::positional;
+    if (text.back() == ';') list->len--;
+  }
+  item_chain items;
+  if (named && !items.parse(*list)) {
+    LM_ERR("Invalid formatted values [%.*s]\n", list->len, list->s);
+    return conversion::failed;
+  }
+  size_t size;
+  if (!result_size(items, in, tbl_name, table, tail, &size)) return conversion::failed;
+  auto *const result = pkg_array<char>(size);
+  if (result == nullptr) {
+    LM_ERR("Could not allocate memory for query list\n");
+    return conversion::failed;
+  }
+  text_writer out({result, size});
+  if (tail != nullptr) out.append(tbl_name).append(PART_SEPARATOR);
+  for (uint32_t i = 0; i < in->tbl->col_cnt; i++) {
+    if (i > 0) out.append(FIELD_SEPARATOR);
+    const param_t *const item = items.find(column_name(table, i));
+    out.append(item != nullptr ? text_of(item->body) : std::string_view(WILDCARD));
+  }
+  if (tail != nullptr) out.append(PART_SEPARATOR).append(tail);
+  *list = {result, static_cast<int>(out.text().size())};
+  LM_INFO("Query list after conversion [%.*s]\n", list->len, list->s);
+  return conversion::converted;
+}

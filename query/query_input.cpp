@@ -1,0 +1,102 @@
+// The query parser.
+#include "query/query_input.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "host/log.h"
+#include "query/field_strings.h"
+
+namespace {
+
+// All up to the first comma, a backslash being nothing special here.
+std::string_view plain_table_name(const str &query) {
+  const std::string_view text(query.s, strnlen(query.s, static_cast<size_t>(query.len)));
+  return text.substr(0, text.find(PART_SEPARATOR));
+}
+
+// Of an insert, every column has a value and at least one isn't empty.
+bool is_insertable(const query_in &in, const char *rest) {
+  uint32_t empty = 0;
+  for (uint32_t i = 0; i < in.tbl->col_cnt; i++) {
+    if (in.flds[i] == nullptr) {
+      LM_ERR("Wildcard are not allowed in INSERT operation\n");
+      return false;
+    }
+    if (*in.flds[i] == '\0') empty++;
+  }
+  if (empty == in.tbl->col_cnt) {
+    LM_ERR("Empty fields are not allowed in INSERT operation\n");
+    return false;
+  }
+  if (rest != nullptr) {
+    LM_ERR("Wrong input format for INSERT\n");
+    return false;
+  }
+  return true;
+}
+
+// The limit that the query asks for, or the table's where it asks for none that can be read. False
+// for a number that isn't above 0.
+bool read_max_res(const str &query, char *cursor, const tarn_tbl &table, int32_t *max_res) {
+  *max_res = table.max_rows;
+  if (cursor == nullptr) return true;
+  str text;
+  tarn_memdb_get_next_field(query, PART_SEPARATOR, &cursor, &text);
+  int32_t number;
+  if (text.len == 0 || str_to_sint(&text, &number) != 0) return true;
+  if (number <= 0) {
+    LM_ERR("Invalid value for maximum result count\n");
+    return false;
+  }
+  *max_res = number;
+  return true;
+}
+
+}  // namespace
+
+query_in *tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, char *tbl_name) {
+  in->op = op;
+  if (tbl_name == nullptr) {
+    LM_ERR("Table name is missing\n");
+    return nullptr;
+  }
+  std::string_view name = plain_table_name(query);
+  if (name.empty())
+    name = tbl_name;
+  else
+    tbl_name[name.copy(tbl_name, TARN_NAME_SIZE - 1)] = '\0';
+
+  char *cursor = query.s;
+  str part;
+  tarn_memdb_get_next_field(query, PART_SEPARATOR, &cursor, &part);
+  if (cursor == nullptr) {
+    LM_ERR("Field list is missing\n");
+    return nullptr;
+  }
+  const tarn_tbl *const table = get_tarn_tbl_by_name(name);
+  if (table == nullptr) {
+    LM_ERR("Table not found\n");
+    return nullptr;
+  }
+  in->tbl = table->tbl;
+  tarn_memdb_get_next_field(query, op == OP_INSERT ? NO_SEPARATOR : PART_SEPARATOR, &cursor, &part);
+  in->flds = tarn_memdb_create_fields(part, &in->tbl->col_cnt);
+  if (in->flds == nullptr) {
+    LM_ERR("Wrong number of fields in field list: %s | %s\n", query.s, printable(cursor));
+    return nullptr;
+  }
+  if ((op == OP_INSERT && !is_insertable(*in, cursor)) ||
+      !read_max_res(query, cursor, *table, &in->max_res)) {
+    tarn_memdb_destroy_fields(in->flds);
+    in->flds = nullptr;
+    return nullptr;
+  }
+  return in;
+}
+
+void query_in_reset(query_in *in) {
+  tarn_memdb_destroy_fields(in->flds);
+  *in = {};
+}

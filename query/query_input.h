@@ -1,0 +1,39 @@
+// The positional query: table name, comma, field list and, except for an insert, optionally a
+// comma and the most rows wanted. What follows a further comma is ignored.
+#pragma once
+
+#include <cstdint>
+
+#include "host/abi.h"
+#include "memdb/memdb.h"
+#include "tables/tarn_tbl.h"
+
+// What the query is parsed for. An update parses its selection as a select.
+inline constexpr int32_t OP_INSERT = 1;
+inline constexpr int32_t OP_DELETE = 2;
+inline constexpr int32_t OP_SELECT = 4;
+
+// A parsed query. The record that tarn_memdb_parse_input filled owns flds until query_in_reset.
+struct query_in {
+  int32_t op;
+  memdb_tbl *tbl;   // borrowed
+  char **flds;      // one text per column of tbl; null is a wildcard
+  int32_t max_res;  // most rows to be touched or returned, above 0 or the table's MAX_ROWS
+};
+
+// Parses query, whose text has to be terminated, into in and the table's name into tbl_name, a
+// buffer of TARN_NAME_SIZE that the caller has zeroed. A longer name is no table; the buffer then
+// holds its beginning for messages. Returns in, which then owns flds, or null with the reason
+// logged and nothing owned. Takes no lock.
+query_in *tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, char *tbl_name);
+
+// Releases flds and clears the record. Does nothing worse on a cleared record.
+void query_in_reset(query_in *in);
+
+// A query_in, cleared at first and reset at the end of the scope.
+struct query_scope : query_in {
+  query_scope() : query_in{} {}
+  ~query_scope() { query_in_reset(this); }
+  query_scope(const query_scope &) = delete;
+  query_scope &operator=(const query_scope &) = delete;
+};

@@ -1,0 +1,103 @@
+// mod_init, child_init, mod_destroy.
+#include "script/lifecycle.h"
+
+#include <unistd.h>
+
+#include "host/imports.h"
+#include "host/log.h"
+#include "host/pv_module.h"
+#include "ports/port_map.h"
+#include "rpc/rpc_commands.h"
+#include "tables/schema.h"
+#include "tables/shared_memory.h"
+#include "tables/table_files.h"
+#include "tables/tarn_tbl.h"
+
+namespace {
+
+bool make_tables() {
+  tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
+  if (tarn_tbl_mngt == nullptr) {
+    LM_ERR("Could not allocate memory for tarn_tbl_mngt\n");
+    return false;
+  }
+  // The maps come first: the load below counts the rows' ports into them.
+  if (init_port_map() != 0) {
+    LM_ERR("Could not init port map\n");
+    return false;
+  }
+  if (create_table() != 0) {
+    LM_ERR("Could not create table(s) schema from configuration file '%s'\n", cfg_file_path);
+    return false;
+  }
+  for (tarn_tbl &table : all_tarn_tbls()) {
+    if (load_table(&table) != 0) {
+      LM_ERR("Could not load table '%s'\n", table.table_name);
+      return false;
+    }
+  }
+  // One process loads, so the locks come after the load.
+  if (init_lock() != 0) {
+    LM_ERR("Could not init lock\n");
+    return false;
+  }
+  return true;
+}
+
+bool start_timer() {
+  if (g_store_tbl_auto == 0) {
+    LM_WARN("Table(s) will not be stored automatically\n");
+    return true;
+  }
+  if (register_timer(store_table_mngt, nullptr, static_cast<unsigned>(g_store_tbl_interval)) < 0) {
+    LM_ERR("Could not create timer for store_table_mngt\n");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int tarnmemdb_init_rpc() {
+  if (rpc_register_array(tarn_memdb_rpc_cmds) != 0) {
+    LM_ERR("failed to register RPC commands\n");
+    return -1;
+  }
+  return 0;
+}
+
+int mod_init() {
+  const host_log_scope log;
+  LM_DBG("Initializing tarn_memdb module\n");
+  install_engine_hooks();
+  if (tarnmemdb_init_rpc() != 0) {
+    LM_CRIT("Failed to register RPC commands\n");
+    return -1;
+  }
+  if (!make_tables() || !start_timer()) return -1;
+  if (!host_import_pv()) {
+    LM_ERR("Cannot import pv functions (pv module must be loaded before this module)\n");
+    return -1;
+  }
+  LM_DBG("Initializing tarn_memdb module OK\n");
+  return 0;
+}
+
+int child_init(int rank) {
+  LM_DBG("Initializing tarn_memdb module child [%d] pid [%d]\n", rank, getpid());
+  return 0;
+}
+
+void mod_destroy() {
+  const host_log_scope log;
+  LM_DBG("Destroy tarn_memdb module\n");
+  store_table_mngt(0, nullptr);
+  if (tarn_tbl_mngt != nullptr) {
+    destroy_tables();
+    tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
+    tarn_shm_free(tarn_tbl_mngt);
+    tarn_tbl_mngt = nullptr;
+  }
+  destroy_port_maps();
+  LM_DBG("Destroy tarn_memdb module OK\n");
+}

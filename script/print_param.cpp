@@ -1,0 +1,13 @@
+// One call into the host per parameter.
+#include "script/print_param.h"
+
+#include "host/imports.h"
+#include "script/raw_text.h"
+
+str print_param(sip_msg *msg, const char *slot, std::span<char> buffer) {
+  auto *const format = reinterpret_cast<pv_elem_t *>(const_cast<char *>(slot));
+  int len = static_cast<int>(buffer.size());
+  if (is_raw_text(slot) || pv_printf(msg, format, buffer.data(), &len) < 0 || len < 0)
+    return {nullptr, 0};
+  return {buffer.data(), len};
+}

@@ -1,0 +1,13 @@
+// Printing of script parameters for the message in work.
+#pragma once
+
+#include <span>
+
+#include "host/abi.h"
+
+// Prints the format in slot into buffer and terminates it. The text, which may be empty, or a null
+// text if it can't be printed, doesn't fit, or the slot holds no format.
+str print_param(sip_msg *msg, const char *slot, std::span<char> buffer);
+
+// True if something was printed.
+inline bool is_printed(const str &text) { return text.s != nullptr && text.len > 0; }

@@ -1,0 +1,39 @@
+// Printing, parsing and finding for script functions.
+#include "script/script_query.h"
+
+#include "host/log.h"
+#include "script/buffers.h"
+
+bool print_query(sip_msg *msg, const char *slot, const query_words &words, str *text) {
+  *text = print_param(msg, slot, query_buf);
+  if (!is_printed(*text)) {
+    LM_ERR("%s", words.unprintable);
+    return false;
+  }
+  LM_DBG("%s: %s\n", words.shown_as, text->s);
+  return true;
+}
+
+bool parse_query(const str &text, int32_t op, const query_words &words, script_query *query) {
+  if (tarn_memdb_parse_input(text, op, &query->in, query->name) != nullptr) return true;
+  LM_ERR("Could not parse query (%s) for %s\n", text.s, words.purpose);
+  return false;
+}
+
+bool find_table(script_query *query) {
+  query->table = get_tarn_tbl_by_name(query->name);
+  if (query->table != nullptr) return true;
+  LM_ERR("Table '%s' not found\n", query->name);
+  return false;
+}
+
+tarn_tbl *print_table(sip_msg *msg, const char *slot) {
+  script_query query;
+  if (!is_printed(print_param(msg, slot, query.name))) {
+    LM_ERR("%s", UNPRINTABLE);
+    return nullptr;
+  }
+  LM_DBG("Table name: %s\n", query.name);
+  find_table(&query);
+  return query.table;
+}

@@ -1,0 +1,57 @@
+// What every select goes through: print, parse, name the XAVP, find the table, lock, look, deliver,
+// and give everything back on any way out.
+#pragma once
+
+#include "query/query_input.h"
+#include "script/row_delivery.h"
+#include "script/script_query.h"
+#include "tables/lock.h"
+
+// How a flavour of a select works.
+struct select_flavour {
+  bool locked;
+  bool as_xavp;
+};
+
+// The parameters as the fix-ups left them: query format, then AVP name list or XAVP name.
+struct select_params {
+  char *query;
+  char *target;
+};
+
+// The selects speak of an insert in their parse message; log filters go by that text.
+inline constexpr query_words SELECT_WORDS{UNPRINTABLE_SELECT, "Select", "insert"};
+
+// Members are released from the last to the first: lock, buffer, query.
+struct select_run {
+  select_run(sip_msg *message, const select_flavour &flavour_) : msg(message), flavour(flavour_) {}
+
+  sip_msg *msg;
+  select_flavour flavour;
+  script_query query;
+  row_delivery delivery;
+  lock_scope lock;
+
+  const tarn_tbl *table() const { return query.table; }
+  memdb_tbl *tbl() const { return query.table->tbl; }
+  char **wanted() { return query.in.flds; }
+  int32_t max_res() const { return query.in.max_res; }
+
+  // Takes the table's lock if the flavour does.
+  void take_lock() {
+    if (flavour.locked) lock.take(query.table->lock);
+  }
+  bool deliver(const memdb_row *row) const { return delivery.deliver(msg, query.table, row); }
+};
+
+enum class select_start {
+  ready,
+  unread,  // the query couldn't be printed or parsed
+  failed   // a later step failed
+};
+
+// The steps up to the table. Everything but ready is logged, up to the function's own last line.
+select_start start_select(select_run *run, const select_params &params);
+
+// The last line of the selects that have one; gives SCRIPT_FAILED.
+int select_failed();

@@ -1,0 +1,40 @@
+// tarn_memdb_clear_tbl and tarn_memdb_row_count: functions on a table as a whole.
+#include "host/log.h"
+#include "script/avp.h"
+#include "script/functions.h"
+#include "script/row_writes.h"
+#include "script/script_query.h"
+#include "tables/table_files.h"
+
+namespace {
+
+constexpr size_t DIGITS_SIZE = 16;
+
+}  // namespace
+
+int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
+  const host_log_scope log;
+  tarn_tbl *const table = print_table(msg, slot);
+  if (table == nullptr) {
+    LM_ERR("Clear table failed!\n");
+    return SCRIPT_FAILED;
+  }
+  {
+    const lock_scope lock(table->lock);
+    clear_rows(table, FROM_CLEAR_TBL);
+  }
+  store_table_mngt(0, nullptr);
+  return SCRIPT_OK;
+}
+
+int tarn_memdb_row_count(sip_msg *msg, char *slot, char *avp) {
+  const host_log_scope log;
+  const tarn_tbl *const table = print_table(msg, slot);
+  if (table != nullptr) {
+    char digits[DIGITS_SIZE] = "";
+    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(table));
+    if (add_text_to_param(msg, avp, digits)) return SCRIPT_OK;
+  }
+  LM_ERR("Get row count failed!\n");
+  return SCRIPT_FAILED;
+}

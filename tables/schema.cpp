@@ -1,0 +1,221 @@
+// The schema reader: keys in a fixed order, each optional, values ended by white space.
+#include "tables/schema.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/log.h"
+#include "host/memory.h"
+#include "tables/file_handle.h"
+#include "tables/shared_memory.h"
+#include "tables/tarn_tbl.h"
+
+const char *cfg_file_path = "";
+
+namespace {
+
+enum class read_result {
+  end = -1,      // the file ended before a value
+  mismatch = 0,  // something else stands there; nothing is taken from the file
+  read = 1,
+  too_long = 2  // the value doesn't fit the field that receives it
+};
+
+// Formatted reads from the schema file, each of which skips the white space behind its value.
+class schema_reader {
+ public:
+  explicit schema_reader(FILE *file) : file_(file) {}
+
+  // "key" and a word. A word longer than the field is cut for fields that may be cut; its rest
+  // then stands in the way of every later key.
+  read_result text(const char *key, std::span<char> field, bool may_cut = false) {
+    const long start = ftell(file_);
+    if (const read_result at_key = literal(key, start); at_key != read_result::read) return at_key;
+    const read_result value = word(field);
+    if (value == read_result::too_long && may_cut) return read_result::read;
+    if (value == read_result::read) skip_space();
+    return note(value);
+  }
+
+  // "key" and a number.
+  read_result number(const char *key, int32_t *value) {
+    const long start = ftell(file_);
+    if (const read_result at_key = literal(key, start); at_key != read_result::read) return at_key;
+    const read_result result = integer(value);
+    if (result == read_result::mismatch) fseek(file_, start, SEEK_SET);
+    if (result == read_result::read) skip_space();
+    return result;
+  }
+
+  // A field line: name, length and flag. What is missing keeps its value.
+  void field(std::span<char> name, tbl_dcl *declared) {
+    int32_t len = 0;
+    int32_t flag = 0;
+    if (note(word(name)) != read_result::read) return;
+    if (integer(&len) == read_result::read) {
+      declared->len = static_cast<uint32_t>(len);
+      if (integer(&flag) == read_result::read) declared->flag = static_cast<uint32_t>(flag);
+    }
+    skip_space();
+  }
+
+  // True once a value was met that is longer than the field for it.
+  bool overlong() const { return met_overlong_; }
+
+ private:
+  read_result note(read_result result) {
+    if (result == read_result::too_long) met_overlong_ = true;
+    return result;
+  }
+
+  void skip_space() {
+    int c = getc(file_);
+    while (isspace(c)) c = getc(file_);
+    ungetc(c, file_);
+  }
+
+  read_result literal(const char *key, long start) {
+    for (; *key != '\0'; key++) {
+      const int c = getc(file_);
+      if (c == EOF) return read_result::end;
+      if (c != *key) {
+        fseek(file_, start, SEEK_SET);
+        return read_result::mismatch;
+      }
+    }
+    return read_result::read;
+  }
+
+  read_result word(std::span<char> field) {
+    skip_space();
+    size_t len = 0;
+    int c = getc(file_);
+    if (c == EOF) return read_result::end;
+    for (; c != EOF && !isspace(c); c = getc(file_)) {
+      if (len == field.size() - 1) {
+        ungetc(c, file_);
+        field[len] = '\0';
+        return read_result::too_long;
+      }
+      field[len++] = static_cast<char>(c);
+    }
+    ungetc(c, file_);
+    field[len] = '\0';
+    return read_result::read;
+  }
+
+  read_result integer(int32_t *value) {
+    const int items = fscanf(file_, "%d", value);
+    return items == EOF ? read_result::end : static_cast<read_result>(items);
+  }
+
+  FILE *file_;
+  bool met_overlong_ = false;
+};
+
+// The keys ahead of the field lines.
+void read_settings(schema_reader *schema, tarn_tbl *table) {
+  schema->text("TABLE_NAME=", table->table_name);
+  schema->number("FLAG=", &table->flag);
+  if (holds_ports(*table)) {
+    schema->text("RANGE=", table->range);
+    schema->number("INT_PORT_FIELD=", &table->int_port_field);
+    schema->number("EXT_PORT_FIELD=", &table->ext_port_field);
+  }
+  schema->text("LOG_TAG=", table->log_tag, true);
+  schema->number("USE_INDEX=", &table->use_index);
+  schema->number("DUPLICATED_DATA_CHECK=", &table->duplicated_data_check);
+  schema->number("MAX_ROWS=", &table->max_rows);
+  schema->number("NUM_FIELDS=", &table->num_fields);
+  LM_DBG("\nUSE_INDEX = '%d'\nDUPLICATED_DATA_CHECK = '%d'\nMAX_ROWS = %d\nNUM_FIELDS = %d\n",
+         table->use_index, table->duplicated_data_check, table->max_rows, table->num_fields);
+}
+
+// Reads the field lines and makes the engine's table. The names go to shared memory, where every
+// process looks them up; a name that finds no memory is left out and its column goes nameless.
+bool read_columns(schema_reader *schema, tarn_tbl *table) {
+  const auto count = static_cast<size_t>(table->num_fields);
+  const pkg_owner<tbl_dcl> declared(pkg_array<tbl_dcl>(count));
+  if (!declared) {
+    LM_DBG("Could not allocate memory for tbl_dcl!\n");
+    return false;
+  }
+  table->field_name = static_cast<char **>(tarn_shm_calloc(count, sizeof(char *)));
+  if (table->field_name == nullptr) {
+    LM_DBG("Could not allocate memory for field_name!\n");
+    return false;
+  }
+  for (size_t i = 0; i < count; i++)
+    table->field_name[i] = static_cast<char *>(tarn_shm_calloc(TARN_NAME_SIZE, 1));
+  for (size_t i = 0; i < count; i++) {
+    char unnamed[TARN_NAME_SIZE] = "";
+    char *const name = table->field_name[i] != nullptr ? table->field_name[i] : unnamed;
+    declared[i] = {};
+    schema->field({name, TARN_NAME_SIZE}, &declared[i]);
+    LM_DBG("\nFIELD NAME = '%s'\nLEN = %d\nFLAG = %d\n", name, static_cast<int>(declared[i].len),
+           static_cast<int>(declared[i].flag));
+  }
+  if (schema->overlong()) return true;
+  table->tbl = memdb_create_tbl(declared.get(), static_cast<uint32_t>(table->num_fields));
+  if (table->tbl == nullptr) {
+    LM_DBG("Could not allocate memory for tbl!\n");
+    return false;
+  }
+  return true;
+}
+
+// False after a line that isn't what has to stand there; the end of the file is no such line.
+bool read_file_name(schema_reader *schema, tarn_tbl *table) {
+  const read_result result = schema->text("FILE_NAME=", table->file_name);
+  LM_DBG("\nFILE_NAME = '%s'\n", table->file_name);
+  return result != read_result::mismatch && !schema->overlong();
+}
+
+bool read_table(schema_reader *schema, tarn_tbl *table) {
+  read_settings(schema, table);
+  if (!read_columns(schema, table)) return false;
+  if (!read_file_name(schema, table)) {
+    LM_ERR("Error on reading! Maybe a line is missing");
+    return false;
+  }
+  reset_tbl_index(table);
+  reset_tbl_row_count(table);
+  set_tbl_state(table, TBL_UNCHANGED);
+  table->lock = nullptr;
+  return true;
+}
+
+}  // namespace
+
+int32_t create_table() {
+  const file_handle file(fopen(cfg_file_path, "r"));
+  if (!file) {
+    LM_ERR("Could not open file '%s' with table(s) description\n", cfg_file_path);
+    return -1;
+  }
+  schema_reader schema(file.get());
+  tarn_mngt &registry = *tarn_tbl_mngt;
+  schema.text("BASE_DIR=", registry.base_dir);
+  schema.text("BASE_BACKUP_DIR=", registry.base_backup_dir);
+  int32_t num_table = 0;
+  schema.number("NUM_TABLE=", &num_table);
+  LM_DBG("\nBase Dir = '%s'\nBase Backup Dir = '%s'\nNum Tables = %d\n", registry.base_dir,
+         registry.base_backup_dir, num_table);
+  if (schema.overlong()) {
+    LM_ERR("Error on reading! Maybe a line is missing");
+    return -1;
+  }
+  registry.tarn_tbl =
+      static_cast<tarn_tbl *>(tarn_shm_calloc(static_cast<size_t>(num_table), sizeof(tarn_tbl)));
+  if (registry.tarn_tbl == nullptr) {
+    LM_DBG("Could not create tarn_tbl_mngt->tarn_tbl in shared memory!\n");
+    return -1;
+  }
+  registry.num_table = num_table;
+  for (tarn_tbl &table : all_tarn_tbls())
+    if (!read_table(&schema, &table)) return -1;
+  LM_INFO("Reading cfg file '%s' OK!\n", cfg_file_path);
+  return 0;
+}

@@ -1,0 +1,25 @@
+// Where a table's files are.
+#pragma once
+
+#include <cstdio>
+
+#include "tables/tarn_tbl.h"
+
+inline constexpr char TABLE_FILE_VERSION[] = "Version 1";
+
+// base_dir and file_name as they stand, nothing added between them.
+struct main_path {
+  explicit main_path(const tarn_tbl *table) {
+    snprintf(text, sizeof(text), "%s%s", tarn_tbl_mngt->base_dir, table->file_name);
+  }
+  char text[544];
+};
+
+// base_backup_dir, file_name and ".backup".
+struct backup_path {
+  explicit backup_path(const tarn_tbl *table) {
+    snprintf(text, sizeof(text), "%s%s%s", tarn_tbl_mngt->base_backup_dir, table->file_name,
+             ".backup");
+  }
+  char text[551];
+};

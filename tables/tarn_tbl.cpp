@@ -1,0 +1,131 @@
+// Look-up, accessors and the end of the registry.
+#include "tables/tarn_tbl.h"
+
+#include <cstring>
+
+#include "host/log.h"
+#include "tables/shared_memory.h"
+
+tarn_mngt *tarn_tbl_mngt;
+
+namespace {
+
+// Every accessor takes a null table as a caller's slip that is told and survived.
+bool is_table(const tarn_tbl *table) {
+  if (table != nullptr) return true;
+  LM_DBG("NULL value for tarn_table\n");
+  return false;
+}
+
+void free_field_names(tarn_tbl *table) {
+  if (table->field_name == nullptr) return;
+  for (int32_t i = 0; i < table->num_fields; i++) tarn_shm_free(table->field_name[i]);
+  tarn_shm_free(table->field_name);
+  table->field_name = nullptr;
+}
+
+}  // namespace
+
+std::span<tarn_tbl> all_tarn_tbls() {
+  if (tarn_tbl_mngt == nullptr || tarn_tbl_mngt->tarn_tbl == nullptr) return {};
+  return {tarn_tbl_mngt->tarn_tbl, static_cast<size_t>(tarn_tbl_mngt->num_table)};
+}
+
+tarn_tbl *get_tarn_tbl_by_name(const char *name) {
+  if (name == nullptr) {
+    LM_ERR("NULL value for tbl_name\n");
+    return nullptr;
+  }
+  return get_tarn_tbl_by_name(std::string_view(name));
+}
+
+tarn_tbl *get_tarn_tbl_by_name(std::string_view name) {
+  if (tarn_tbl_mngt == nullptr) {
+    LM_ERR("tarn_tbl_mngt undefined.\n");
+    return nullptr;
+  }
+  for (tarn_tbl &table : all_tarn_tbls())
+    if (name == table.table_name) return &table;
+  LM_ERR("Table '%.*s' was not found\n", static_cast<int>(name.size()), name.data());
+  return nullptr;
+}
+
+std::string_view column_name(const tarn_tbl *table, uint32_t col) {
+  const char *const name = table->field_name[col];
+  return name != nullptr ? std::string_view(name) : std::string_view();
+}
+
+int32_t get_tbl_state(const tarn_tbl *table) { return is_table(table) ? table->state : -1; }
+
+int32_t set_tbl_state(tarn_tbl *table, int32_t state) {
+  if (!is_table(table)) return -1;
+  table->state = state;
+  LM_DBG("Table '%s' state was set to value %d\n", table->table_name, state);
+  return 0;
+}
+
+int32_t get_tbl_row_count(const tarn_tbl *table) {
+  return is_table(table) ? table->row_count : -1;
+}
+
+int32_t set_tbl_row_count(tarn_tbl *table, int32_t change) {
+  if (!is_table(table)) return -1;
+  table->row_count += change;
+  if (table->row_count < 0) {
+    LM_DBG("Table '%s' row count was set to %d. Invalid value. Reseting row count\n",
+           table->table_name, table->row_count);
+    table->row_count = 0;
+  }
+  LM_DBG("Table '%s' row count was set to %d\n", table->table_name, table->row_count);
+  return 0;
+}
+
+int32_t reset_tbl_row_count(tarn_tbl *table) {
+  if (!is_table(table)) return -1;
+  table->row_count = 0;
+  LM_DBG("Table '%s' row count was set to %d\n", table->table_name, table->row_count);
+  return 0;
+}
+
+uint32_t get_tbl_index(tarn_tbl *table) {
+  if (!is_table(table)) return 0;
+  const uint32_t index = table->next_index++;
+  LM_DBG("Table '%s' next index to be used was set to %d\n", table->table_name,
+         static_cast<int>(table->next_index));
+  return index;
+}
+
+int32_t set_tbl_index(tarn_tbl *table, uint32_t index) {
+  if (!is_table(table)) return -1;
+  table->next_index = index;
+  LM_DBG("Table '%s' index was set to %d\n", table->table_name, static_cast<int>(index));
+  return 0;
+}
+
+int32_t reset_tbl_index(tarn_tbl *table) { return set_tbl_index(table, 1); }
+
+int32_t init_lock() {
+  for (tarn_tbl &table : all_tarn_tbls()) {
+    LM_DBG("Creating lock for table '%s'\n", table.table_name);
+    table.lock = generate_lock();
+    if (table.lock == nullptr) return -1;
+  }
+  return 0;
+}
+
+void destroy_lock() {
+  for (tarn_tbl &table : all_tarn_tbls()) {
+    tarn_shm_free(table.lock);
+    table.lock = nullptr;
+  }
+}
+
+void destroy_tables() {
+  for (tarn_tbl &table : all_tarn_tbls()) {
+    const lock_scope lock(table.lock);
+    free_field_names(&table);
+    memdb_destroy_tbl(table.tbl);
+    table.tbl = nullptr;
+  }
+  destroy_lock();
+}

@@ -1,0 +1,88 @@
+// The registry: every table's name, limits, change state and lock, in shared memory.
+//
+// The set of tables, their names and their columns are fixed at start and are read without a lock.
+// state, row_count, next_index and the rows belong to the table's lock; the accessors below take
+// none themselves.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "memdb/memdb.h"
+#include "tables/lock.h"
+
+inline constexpr size_t TARN_NAME_SIZE = 32;  // of tables and columns, with terminator
+
+// Values of tarn_tbl::state.
+inline constexpr int32_t TBL_UNCHANGED = 0;  // the files hold what the table holds
+inline constexpr int32_t TBL_CHANGED = 1;    // rows changed since the last store
+inline constexpr int32_t TBL_CLEARED = 2;    // emptied by an operator: the backup goes as well
+
+inline constexpr int32_t TBL_HOLDS_PORTS = 1;  // tarn_tbl::flag
+
+struct tarn_tbl {
+  char table_name[TARN_NAME_SIZE];
+  char file_name[256];  // below base_dir and base_backup_dir
+  memdb_tbl *tbl;
+  int32_t max_rows;
+  int32_t row_count;
+  int32_t num_fields;
+  int32_t state;
+  int32_t flag;
+  uint32_t next_index;
+  char **field_name;  // num_fields names; one may be null where memory was short at start
+  int32_t use_index;  // non-zero: column 0 is generated
+  int32_t duplicated_data_check;
+  char range[8];  // "dynamic" or any other word
+  int32_t int_port_field;
+  int32_t ext_port_field;
+  char log_tag[16];  // empty: no audit lines
+  tarn_lock *lock;
+};
+
+struct tarn_mngt {
+  int32_t num_table;
+  char base_dir[256];
+  char base_backup_dir[256];
+  struct tarn_tbl *tarn_tbl;  // num_table records
+};
+
+// The one registry; null before mod_init and after mod_destroy.
+extern tarn_mngt *tarn_tbl_mngt;
+
+// All tables in schema order; empty as long as there is no registry.
+std::span<tarn_tbl> all_tarn_tbls();
+
+// The table of that name, or null, logged at ERR. A name of any length is compared whole.
+tarn_tbl *get_tarn_tbl_by_name(const char *name);
+tarn_tbl *get_tarn_tbl_by_name(std::string_view name);
+
+// A column's name; empty where the start had no memory for it.
+std::string_view column_name(const tarn_tbl *table, uint32_t col);
+
+inline bool holds_ports(const tarn_tbl &table) { return table.flag == TBL_HOLDS_PORTS; }
+
+// Accessors. A null table is logged at DBG and gives -1 (get_tbl_index: 0).
+int32_t get_tbl_state(const tarn_tbl *table);
+int32_t set_tbl_state(tarn_tbl *table, int32_t state);
+int32_t get_tbl_row_count(const tarn_tbl *table);
+
+// Adds a signed change; a count below zero is set to zero.
+int32_t set_tbl_row_count(tarn_tbl *table, int32_t change);
+int32_t reset_tbl_row_count(tarn_tbl *table);
+
+// Draws the next index: the value before the call, and the counter goes on by one.
+uint32_t get_tbl_index(tarn_tbl *table);
+int32_t set_tbl_index(tarn_tbl *table, uint32_t index);
+int32_t reset_tbl_index(tarn_tbl *table);
+
+// Makes the lock of every table. 0, or -1 when memory is short.
+int32_t init_lock();
+
+// Frees the locks of all tables.
+void destroy_lock();
+
+// Frees names, rows and engine tables, each under its table's lock, and then the locks. The
+// records stay with the registry.
+void destroy_tables();
