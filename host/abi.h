@@ -16,10 +16,27 @@ struct str {
 using cmd_function = int (*)(sip_msg *, char *, char *);
 using fixup_function = int (*)(void **param, int param_no);
 
+// A script function of any number of parameters. The host calls it with as many as its row of the
+// command table says, and with two where it says fewer.
+union script_function {
+  cmd_function two;
+  int (*three)(sip_msg *, char *, char *, char *);
+  int (*four)(sip_msg *, char *, char *, char *, char *);
+  int (*five)(sip_msg *, char *, char *, char *, char *, char *);
+  int (*six)(sip_msg *, char *, char *, char *, char *, char *, char *);
+
+  constexpr script_function() : two(nullptr) {}
+  constexpr script_function(decltype(two) function) : two(function) {}
+  constexpr script_function(decltype(three) function) : three(function) {}
+  constexpr script_function(decltype(four) function) : four(function) {}
+  constexpr script_function(decltype(five) function) : five(function) {}
+  constexpr script_function(decltype(six) function) : six(function) {}
+};
+
 // One script function.
 struct cmd_export_t {
   const char *name;
-  cmd_function function;
+  script_function function;
   int param_no;
   fixup_function fixup;
   fixup_function free_fixup;

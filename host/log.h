@@ -65,26 +65,25 @@ struct host_log_record {
 
 // Writes one message for a place in the source that may be another than this one. fmt has to be a
 // literal: the classic sinks take it joined to the head of their line.
-#define HOST_LOG_AT(level, file, line, function, fmt, ...)                                        \
-  do {                                                                                            \
-    if (host_log_enabled(level)) [[unlikely]] {                                                   \
-      const host_log_critical critical_;                                                          \
-      if (_ksr_slog_func != nullptr) {                                                            \
-        host_log_record record_(level, file, line, function);                                     \
-        _ksr_slog_func(&record_.data, fmt __VA_OPT__(, ) __VA_ARGS__);                            \
-      } else if (log_stderr != 0) {                                                               \
-        if (log_color != 0) dprint_color(level);                                                  \
-        fprintf(stderr, "%2d(%d) %s: %.*s" TARN_MODULE_NAME " [%s:%d]: %s(): " fmt, process_no,   \
-                my_pid(), host_log_level_name(level), host_log_prefix_len(), host_log_prefix(),   \
-                file, line, function __VA_OPT__(, ) __VA_ARGS__);                                 \
-        if (log_color != 0) dprint_color_reset();                                                 \
-      } else {                                                                                    \
-        _km_log_func(host_log_priority(level),                                                    \
-                     "%s: %.*s" TARN_MODULE_NAME " [%s:%d]: %s(): " fmt,                          \
-                     host_log_level_name(level), host_log_prefix_len(), host_log_prefix(), file,  \
-                     line, function __VA_OPT__(, ) __VA_ARGS__);                                  \
-      }                                                                                           \
-    }                                                                                             \
+#define HOST_LOG_AT(level, file, line, function, fmt, ...)                                         \
+  do {                                                                                             \
+    if (host_log_enabled(level)) [[unlikely]] {                                                    \
+      const host_log_critical critical_;                                                           \
+      if (_ksr_slog_func != nullptr) {                                                             \
+        host_log_record record_(level, file, line, function);                                      \
+        _ksr_slog_func(&record_.data, fmt __VA_OPT__(, ) __VA_ARGS__);                             \
+      } else if (log_stderr != 0) {                                                                \
+        if (log_color != 0) dprint_color(level);                                                   \
+        fprintf(stderr, "%2d(%d) %s: %.*s" TARN_MODULE_NAME " [%s:%d]: %s(): " fmt, process_no,    \
+                my_pid(), host_log_level_name(level), host_log_prefix_len(), host_log_prefix(),    \
+                file, line, function __VA_OPT__(, ) __VA_ARGS__);                                  \
+        if (log_color != 0) dprint_color_reset();                                                  \
+      } else {                                                                                     \
+        _km_log_func(host_log_priority(level), "%s: %.*s" TARN_MODULE_NAME " [%s:%d]: %s(): " fmt, \
+                     host_log_level_name(level), host_log_prefix_len(), host_log_prefix(), file,   \
+                     line, function __VA_OPT__(, ) __VA_ARGS__);                                   \
+      }                                                                                            \
+    }                                                                                              \
   } while (false)
 
 #define HOST_LOG(level, ...) HOST_LOG_AT(level, __FILE__, __LINE__, __func__, __VA_ARGS__)

@@ -6,7 +6,7 @@
 
 #include "host/imports.h"
 
-#define HOST_MEMORY_CALLER                                                         \
+#define HOST_MEMORY_CALLER                                                      \
   const char *file = __builtin_FILE(), const char *func = __builtin_FUNCTION(), \
              unsigned int line = static_cast<unsigned int>(__builtin_LINE())
 

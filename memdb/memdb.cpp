@@ -158,7 +158,8 @@ memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const c
   const memdb_col &target = tbl->cols[col];
   char *const field = memdb_data(row) + target.offset;
   write_field(field, target, value);
-  // Readers without a lock rely on a terminator at the end of the area whatever happens to the text.
+  // Readers without a lock rely on a terminator at the end of the area whatever happens to the
+  // text.
   field[target.size - 1] = '\0';
   return row;
 }

@@ -1,8 +1,8 @@
 // A table of fixed-size rows of text fields, with an optional hash index per column.
 //
-// The engine knows nothing of names, row limits, files or locks. Every operation on a table, reading
-// through a cursor included, runs under whatever lock the embedder gives that table; the engine
-// takes none.
+// The engine knows nothing of names, row limits, files or locks. Every operation on a table,
+// reading through a cursor included, runs under whatever lock the embedder gives that table; the
+// engine takes none.
 //
 // A row is one block:
 //
@@ -12,9 +12,9 @@
 //                      a plain column is its text area of size bytes;
 //                      an indexed column is an 8-byte chain link and then its text area
 //
-// Nothing is aligned inside the data, so that chain links may lie at odd places. Each indexed column
-// has an array of buckets, and each bucket heads a chain that runs through the rows' links, sorted
-// by the column's text as it was when the row was inserted, rows of equal text side by side.
+// Nothing is aligned inside the data, so that chain links may lie at odd places. Each indexed
+// column has an array of buckets, and each bucket heads a chain that runs through the rows' links,
+// sorted by the column's text as it was when the row was inserted, rows of equal text side by side.
 #pragma once
 
 #include <cstddef>

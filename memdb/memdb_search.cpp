@@ -20,8 +20,7 @@ int32_t choose_key_col(const memdb_tbl *tbl, const char *const *values) {
 // From a row that has the key (or null) on to the first that matches in full, which becomes the
 // cursor's row. A miss leaves the cursor as it was.
 memdb_row *settle(memdb_cursor *cursor, const memdb_col *col, const char *key, memdb_row *row) {
-  while (row != nullptr &&
-         !memdb_row_match(cursor->tbl, row, cursor->key_col, cursor->values))
+  while (row != nullptr && !memdb_row_match(cursor->tbl, row, cursor->key_col, cursor->values))
     row = memdb_is_indexed(*col) ? memdb_idx_next_res(row, col, key)
                                  : memdb_find(row->next, col, key);
   if (row != nullptr) cursor->row = row;
@@ -53,9 +52,9 @@ memdb_row *memdb_select(memdb_tbl *tbl, const char *const *values, memdb_cursor 
 
   const memdb_col *const col = &tbl->cols[cursor->key_col];
   const char *const key = values[cursor->key_col];
-  return settle(cursor, col, key,
-                memdb_is_indexed(*col) ? memdb_idx_find(col, key)
-                                       : memdb_find(tbl->first, col, key));
+  return settle(
+      cursor, col, key,
+      memdb_is_indexed(*col) ? memdb_idx_find(col, key) : memdb_find(tbl->first, col, key));
 }
 
 memdb_row *memdb_select_next(memdb_cursor *cursor) {

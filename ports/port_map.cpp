@@ -24,16 +24,14 @@ port_m *port_m_static_ext;
 tarn_lock *port_map_lock;
 
 const port_map_kind port_map_kinds[4] = {
-    {&port_m_int, "INT", "port_m_int", "internal range", "Dynamic Internal Range",
-     &g_min_int_port, &g_max_int_port},
-    {&port_m_ext, "EXT", "port_m_ext", "external range", "Dynamic External Range",
-     &g_min_ext_port, &g_max_ext_port},
-    {&port_m_static_int, "STATIC_INT", "port_m_static_int",
-     "internal range for static endpoint", "Static Internal Range", &g_min_static_int_port,
-     &g_max_static_int_port},
-    {&port_m_static_ext, "STATIC_EXT", "port_m_static_ext",
-     "external range for static endpoint", "Static External Range", &g_min_static_ext_port,
-     &g_max_static_ext_port},
+    {&port_m_int, "INT", "port_m_int", "internal range", "Dynamic Internal Range", &g_min_int_port,
+     &g_max_int_port},
+    {&port_m_ext, "EXT", "port_m_ext", "external range", "Dynamic External Range", &g_min_ext_port,
+     &g_max_ext_port},
+    {&port_m_static_int, "STATIC_INT", "port_m_static_int", "internal range for static endpoint",
+     "Static Internal Range", &g_min_static_int_port, &g_max_static_int_port},
+    {&port_m_static_ext, "STATIC_EXT", "port_m_static_ext", "external range for static endpoint",
+     "Static External Range", &g_min_static_ext_port, &g_max_static_ext_port},
 };
 
 namespace {

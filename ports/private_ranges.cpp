@@ -38,8 +38,8 @@ void free_ranges(port_m *m) {
 // the count stays raised, and every reader of the ranges knows that a record may be missing.
 private_range_ports *add_range(port_m *m) {
   const int32_t count = m->private_range_count;
-  auto **const ranges = static_cast<private_range_ports **>(
-      shm_realloc(m->private_range, (static_cast<size_t>(count) + 1) * sizeof(private_range_ports *)));
+  auto **const ranges = static_cast<private_range_ports **>(shm_realloc(
+      m->private_range, (static_cast<size_t>(count) + 1) * sizeof(private_range_ports *)));
   if (ranges == nullptr) free_ranges(m);
   m->private_range = ranges;
   m->private_range_count = count + 1;
@@ -78,9 +78,10 @@ bool read_ranges(FILE *file, char **buffer) {
     line.scan(*buffer);
     if (port_m *const named = port_map_by_word(line.word)) map = named;
     if (map == nullptr) {
-      LM_WARN("Line %d of the private port ranges names no port map, nor did one before it. It is "
-              "skipped\n",
-              number);
+      LM_WARN(
+          "Line %d of the private port ranges names no port map, nor did one before it. It is "
+          "skipped\n",
+          number);
       continue;
     }
     if (!add_line(map, line)) return false;

@@ -22,9 +22,7 @@ bool is_special(char c) {
   }
 }
 
-bool is_usable(const str *text) {
-  return text != nullptr && text->s != nullptr && text->len >= 0;
-}
+bool is_usable(const str *text) { return text != nullptr && text->s != nullptr && text->len >= 0; }
 
 // Runs take over the characters of in that an unescaped copy consists of.
 template <typename Take>

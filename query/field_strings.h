@@ -28,8 +28,8 @@ inline constexpr char WILDCARD[] = "*";
 uint32_t tarn_memdb_get_next_field(const str &line, char sep, char **cursor, str *field);
 
 // The fields of list in one private block: an array of pointers, null for a wildcard, and behind it
-// the unescaped texts. Null when the number of fields isn't *expected (if given) or memory is short.
-// The caller gives the block to tarn_memdb_destroy_fields.
+// the unescaped texts. Null when the number of fields isn't *expected (if given) or memory is
+// short. The caller gives the block to tarn_memdb_destroy_fields.
 char **tarn_memdb_create_fields(const str &list, const uint32_t *expected);
 
 // Gives a field array back; null is ignored.
@@ -45,9 +45,7 @@ int32_t str_to_sint(const str *text, int32_t *value);
 // A text for a message, where a null may stand.
 inline const char *printable(const char *text) { return text != nullptr ? text : "(null)"; }
 
-inline std::string_view text_of(const str &text) {
-  return {text.s, static_cast<size_t>(text.len)};
-}
+inline std::string_view text_of(const str &text) { return {text.s, static_cast<size_t>(text.len)}; }
 
 // The escape layer as public symbols, for other modules that build queries. Nothing in here calls
 // them: stored and substituted values go into queries as they are, by design.

@@ -25,8 +25,8 @@ void audit_statement_insert(const tarn_tbl *table, const char *first_value) {
             table->row_count, FROM_STATEMENT.word, table->table_name, first_value);
 }
 
-void audit_row(const tarn_tbl *table, const audit_source &source, int32_t count,
-               const char *action, const memdb_row *row) {
+void audit_row(const tarn_tbl *table, const audit_source &source, int32_t count, const char *action,
+               const memdb_row *row) {
   if (!is_audited(table)) return;
   LM_NOTICE("%*s %s - (%d) %s%s %s,%s", source.indent, "", table->log_tag, count, source.word,
             action, table->table_name, row_image(table->tbl, row, row_image_buf));

@@ -26,7 +26,7 @@ void audit_statement_insert(const tarn_tbl *table, const char *first_value);
 
 // action is "Deleting", "Updating" or "Deleting from update"; count is what the line tells as the
 // table's row count.
-void audit_row(const tarn_tbl *table, const audit_source &source, int32_t count,
-               const char *action, const memdb_row *row);
+void audit_row(const tarn_tbl *table, const audit_source &source, int32_t count, const char *action,
+               const memdb_row *row);
 
 void audit_clear(const tarn_tbl *table, const audit_source &source);

@@ -1,5 +1,6 @@
 // Every function that a routing script can call, under its exported name. Parameters are what the
-// fix-ups left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the script.
+// fix-ups left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the
+// script.
 #pragma once
 
 #include "host/abi.h"

@@ -34,8 +34,7 @@ int32_t update_rows(tarn_tbl *table, const query_in *in, const query_in *values,
     flag_treatment(table, in, row, values, 0, PORT_RELEASE_ON_UPDATE);
     const bool goes = rule(table->tbl, row, values);
     // The rows selected so far, and not those removed, are told in the count of a removal.
-    audit_row(table, source.audit,
-              goes ? table->row_count - (selected + 1) : table->row_count,
+    audit_row(table, source.audit, goes ? table->row_count - (selected + 1) : table->row_count,
               goes ? "Deleting from update" : "Updating", row);
     memdb_row *const next = memdb_select_next(&cursor);
     if (goes) {

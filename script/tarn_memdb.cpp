@@ -11,31 +11,24 @@
 
 namespace {
 
-// The host keeps functions of any number of parameters under one type, and calls each with as many
-// as its row says.
-template <typename Function>
-cmd_function any(Function *function) {
-  return reinterpret_cast<cmd_function>(reinterpret_cast<void (*)()>(function));
-}
-
 constexpr unsigned int ROUTES = EVERY_ROUTE_BUT_ONSEND;
 
 // clang-format off
-const cmd_export_t commands[] = {
+constinit const cmd_export_t commands[] = {
     // name                 function                 parameters  fix-up                     free fix-up  routes
-    {"tarn_memdb_clear_tbl", any(tarn_memdb_clear_tbl), 1, tarn_memdb_query_fixup, nullptr, ROUTES},
-    {"tarn_memdb_insert", any(tarn_memdb_insert), 1, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
-    {"tarn_memdb_delete", any(tarn_memdb_delete), 1, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
-    {"tarn_memdb_select", any(tarn_memdb_select), 2, tarn_memdb_query_fixup_mode, nullptr, ROUTES},
-    {"tarn_memdb_nl_select", any(tarn_memdb_nl_select), 2, tarn_memdb_query_fixup_mode, nullptr, ROUTES},
-    {"tarn_memdb_update", any(tarn_memdb_update), 2, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
-    {"tarn_memdb_row_count", any(tarn_memdb_row_count), 2, tarn_memdb_query_fixup2, nullptr, ROUTES},
-    {"tarn_memdb_xavp_select", any(tarn_memdb_xavp_select), 2, tarn_memdb_query_xavp_fixup, fixup_free_spve_spve, ROUTES},
-    {"tarn_memdb_nl_xavp_select", any(tarn_memdb_nl_xavp_select), 2, tarn_memdb_query_xavp_fixup, fixup_free_spve_spve, ROUTES},
+    {"tarn_memdb_clear_tbl", tarn_memdb_clear_tbl, 1, tarn_memdb_query_fixup, nullptr, ROUTES},
+    {"tarn_memdb_insert", tarn_memdb_insert, 1, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
+    {"tarn_memdb_delete", tarn_memdb_delete, 1, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
+    {"tarn_memdb_select", tarn_memdb_select, 2, tarn_memdb_query_fixup_mode, nullptr, ROUTES},
+    {"tarn_memdb_nl_select", tarn_memdb_nl_select, 2, tarn_memdb_query_fixup_mode, nullptr, ROUTES},
+    {"tarn_memdb_update", tarn_memdb_update, 2, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
+    {"tarn_memdb_row_count", tarn_memdb_row_count, 2, tarn_memdb_query_fixup2, nullptr, ROUTES},
+    {"tarn_memdb_xavp_select", tarn_memdb_xavp_select, 2, tarn_memdb_query_xavp_fixup, fixup_free_spve_spve, ROUTES},
+    {"tarn_memdb_nl_xavp_select", tarn_memdb_nl_xavp_select, 2, tarn_memdb_query_xavp_fixup, fixup_free_spve_spve, ROUTES},
     {},
 };
 
-const param_export_t params[] = {
+constinit const param_export_t params[] = {
     {"cfg_file_path", PARAM_STRING, &cfg_file_path},
     {"private_ranges_file_path", PARAM_STRING, &private_ranges_file_path},
     {"store_tbl_auto", PARAM_INT, &g_store_tbl_auto},
@@ -55,6 +48,6 @@ const param_export_t params[] = {
 }  // namespace
 
 // The RPC commands aren't in here: mod_init registers them.
-const module_exports_t exports = {
+constinit const module_exports_t exports = {
     "tarn_memdb", 0, commands, params, nullptr, nullptr, nullptr, mod_init, child_init, mod_destroy,
 };

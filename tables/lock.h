@@ -1,5 +1,6 @@
-// A lock between the host's processes: one futex word in shared memory. The scheme is the three-state
-// mutex of Drepper, "Futexes Are Tricky" (2011), with a bounded number of tries before it sleeps.
+// A lock between the host's processes: one futex word in shared memory. The scheme is the
+// three-state mutex of Drepper, "Futexes Are Tricky" (2011), with a bounded number of tries before
+// it sleeps.
 #pragma once
 
 #include <atomic>

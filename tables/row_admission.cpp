@@ -37,7 +37,8 @@ bool write_index(tarn_tbl *table, query_in *in) {
 class duplicate_key {
  public:
   duplicate_key(const tarn_tbl *table, const query_in *in)
-      : count_(table->tbl->col_cnt), size_(size_t{count_} * BLOCK_PER_COLUMN),
+      : count_(table->tbl->col_cnt),
+        size_(size_t{count_} * BLOCK_PER_COLUMN),
         block_(pkg_array<char>(size_)) {
     if (!block_) return;
     for (uint32_t i = 0; i < count_; i++) {

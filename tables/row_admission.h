@@ -18,7 +18,8 @@ int32_t insert_index(tarn_tbl *table, query_in *in);
 int32_t insert_index_no_alloc(tarn_tbl *table, query_in *in);
 
 // 1 if the table holds a row that counts as equal to the query, 0 if not, -1 on error. Compared are
-// columns 1 to 3 where the table holds ports, all but column 0 where it generates an index, else all.
+// columns 1 to 3 where the table holds ports, all but column 0 where it generates an index, else
+// all.
 int32_t insert_check_for_duplicated_data(tarn_tbl *table, query_in *in);
 
 enum class admission { added, full, duplicate, no_index, not_inserted };

@@ -64,9 +64,7 @@ int32_t set_tbl_state(tarn_tbl *table, int32_t state) {
   return 0;
 }
 
-int32_t get_tbl_row_count(const tarn_tbl *table) {
-  return is_table(table) ? table->row_count : -1;
-}
+int32_t get_tbl_row_count(const tarn_tbl *table) { return is_table(table) ? table->row_count : -1; }
 
 int32_t set_tbl_row_count(tarn_tbl *table, int32_t change) {
   if (!is_table(table)) return -1;
