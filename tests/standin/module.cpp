@@ -94,7 +94,7 @@ command loaded_module::fixup(const std::string &name, const std::vector<std::str
 
 int loaded_module::run(const command &call, sip_msg &msg) const {
   if (!call.accepted()) throw std::logic_error("a command that the host would have refused");
-  const cmd_function function = call.exported->function;
+  const cmd_function function = call.exported->function.two;
   std::vector<char *> given;
   for (const auto &slot : call.slots) given.push_back(slot->get());
   switch (given.size()) {
