@@ -25,7 +25,7 @@ union script_function {
   int (*five)(sip_msg *, char *, char *, char *, char *, char *);
   int (*six)(sip_msg *, char *, char *, char *, char *, char *, char *);
 
-  constexpr script_function() : two(nullptr) {}
+  constexpr script_function(std::nullptr_t = nullptr) : two(nullptr) {}
   constexpr script_function(decltype(two) function) : two(function) {}
   constexpr script_function(decltype(three) function) : three(function) {}
   constexpr script_function(decltype(four) function) : four(function) {}
