@@ -144,9 +144,12 @@ class Server:
     def stop(self, with_signal=signal.SIGTERM, timeout=20.0):
         """Stops the server in good order and gives back its exit status."""
         self.process.send_signal(with_signal)
-        return self.wait_end(timeout)
-
-    def wait_end(self, timeout=20.0):
+        try:
+            self.process.wait(0.5)
+        except subprocess.TimeoutExpired:
+            # A worker that has only just been forked takes the signal for the main process's
+            # business and lives on, and the main process waits for it. It isn't new any more.
+            os.killpg(self.process.pid, with_signal)
         try:
             self.process.wait(timeout)
         except subprocess.TimeoutExpired:

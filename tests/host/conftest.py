@@ -17,7 +17,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from module_host import ModuleHost, host_server  # noqa: E402
 
 # Whatever else happens, none of these belongs in a log.
-CRASH_SIGNS = ("killed by a signal", "core dumped", "BUG:", "ALERT:", "*** ")
+CRASH_SIGNS = ("killed by a signal", "core dumped", ") BUG: ", ") ALERT: ", "*** ")
 
 
 def pytest_configure():

@@ -17,7 +17,7 @@ import host_server  # noqa: E402  (found by way of the line above)
 
 NULL = "<null>"  # how the server prints a pseudo-variable without a value
 MODULE_NAME = "tarn_memdb"
-OTHER_MODULES = ("pv.so", "sl.so", "textops.so", "debugger.so", "ctl.so", "jsonrpcs.so")
+OTHER_MODULES = ("pv.so", "sl.so", "textops.so", "kex.so", "ctl.so", "jsonrpcs.so")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -99,7 +99,7 @@ class ModuleHost(host_server.Server):
     `schema` overrides the text made of `tables`, with {files} and {backups} for the directories.
     `params` are module parameters; a value of None leaves one out that is set otherwise.
     `request` comes at the head of the request route. `script` replaces the whole script.
-    `module_debug` has the module log its debug lines.
+    `debug` has the module log its debug lines.
     """
 
     def __init__(
@@ -115,7 +115,7 @@ class ModuleHost(host_server.Server):
         modules=OTHER_MODULES + (MODULE_NAME,),
         modparams=(),
         children=1,
-        module_debug=False,
+        debug=False,
         **options,
     ):
         super().__init__(directory, self._config, **options)
@@ -128,7 +128,7 @@ class ModuleHost(host_server.Server):
         self.modules = modules
         self.modparams = tuple(modparams)
         self.children = children
-        self.module_debug = module_debug
+        self.debug = debug
         self.files = self.directory / "tables"
         self.backups = self.directory / "backup"
         self.files.mkdir(exist_ok=True)
@@ -161,7 +161,8 @@ class ModuleHost(host_server.Server):
         }
         lines = [
             "#!KAMAILIO",
-            "debug=2",
+            # The core's own switch for one module doesn't work before the workers start.
+            f"debug={3 if self.debug else 2}",
             "log_stderror=yes",
             f"children={self.children}",
             "disable_tcp=yes",
@@ -177,10 +178,6 @@ class ModuleHost(host_server.Server):
         if "jsonrpcs.so" in self.modules:
             lines.append('modparam("jsonrpcs", "transport", 4)')
             lines.append(f'modparam("jsonrpcs", "dgram_socket", "{self.json_socket}")')
-        if self.module_debug:
-            lines.append('modparam("debugger", "mod_hash_size", 4)')
-            lines.append('modparam("debugger", "mod_level_mode", 1)')
-            lines.append(f'modparam("debugger", "mod_level", "{MODULE_NAME}=3")')
         lines += self.modparams
         for name, value in params.items():
             if value is not None:
@@ -217,6 +214,20 @@ class ModuleHost(host_server.Server):
             rc=int(reply.get("x-rc")),
             values=tuple(None if value == NULL else value for value in shown),
         )
+
+    # Memory
+
+    def private_memory_used(self, rank=1):
+        """Bytes of private memory that the worker of a rank holds."""
+        (used,) = [
+            process["used"]
+            for process in self.jsonrpc("pkg.stats")["result"]
+            if process["rank"] == rank
+        ]
+        return used
+
+    def shared_memory_used(self):
+        return self.jsonrpc("core.shmmem")["result"]["used"]
 
     # What the module says
 

@@ -55,7 +55,7 @@ FREE = 0x00
     ],
 )
 def test_a_row_takes_the_port_of_its_side_and_a_delete_gives_it_back(host, table, values, port):
-    server = host(tables=[table], calls=CALLS, module_debug=True)
+    server = host(tables=[table], calls=CALLS, debug=True)
     assert server.call("insert", row(**values)).rc == 1
     assert port_lines(server) == [(port, HELD_ONCE)]
     assert server.call("delete", WILD).rc == 1
@@ -63,14 +63,14 @@ def test_a_row_takes_the_port_of_its_side_and_a_delete_gives_it_back(host, table
 
 
 def test_a_table_without_ports_takes_none(host):
-    server = host(tables=[PLAIN], calls=CALLS, module_debug=True)
+    server = host(tables=[PLAIN], calls=CALLS, debug=True)
     assert server.call("insert", row()).rc == 1
     assert server.call("delete", WILD).rc == 1
     assert port_lines(server) == []
 
 
 def test_two_rows_of_one_port_count_twice(host):
-    server = host(tables=[DYNAMIC], calls=CALLS, module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, debug=True)
     assert server.call("insert", row("c1")).rc == 1
     assert server.call("insert", row("c2")).rc == 1
     assert server.call("delete", "*|c1|*|*|*|*|*|*|*").rc == 1
@@ -84,7 +84,7 @@ def test_two_rows_of_one_port_count_twice(host):
 
 
 def test_a_restart_counts_the_ports_of_the_stored_rows_again(host):
-    server = host(tables=[DYNAMIC], calls=CALLS, module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, debug=True)
     assert server.call("insert", row("c1")).rc == 1
     assert server.call("insert", row("c2", place="LAN")).rc == 1
     assert server.stop() == 0
@@ -95,7 +95,7 @@ def test_a_restart_counts_the_ports_of_the_stored_rows_again(host):
 
 
 def test_a_row_with_a_port_outside_the_map_is_taken_without_it(host):
-    server = host(tables=[DYNAMIC], calls=CALLS, module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, debug=True)
     assert server.call("insert", row(int_port=99)).rc == 1
     assert "Port 99 NOT set on load for range dynamic!\n" in server.said("DEBUG")
     assert server.call("delete", WILD).rc == 1
@@ -105,21 +105,21 @@ def test_a_row_with_a_port_outside_the_map_is_taken_without_it(host):
 
 def test_the_bounds_of_a_map_are_its_parameters(host):
     params = {"min_int_port": 500, "max_int_port": 501}
-    server = host(tables=[DYNAMIC], calls=CALLS, params=params, module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, params=params, debug=True)
     for number, port in enumerate((499, 500, 501, 502)):
         assert server.call("insert", row(f"c{number}", int_port=port)).rc == 1
     assert port_lines(server) == [(500, HELD_ONCE), (501, HELD_ONCE)]
 
 
 def test_a_private_port_keeps_its_mark_while_a_row_holds_it(host):
-    server = host(tables=[DYNAMIC], calls=CALLS, ranges="INT 21010 21011\n", module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, ranges="INT 21010 21011\n", debug=True)
     assert server.call("insert", row()).rc == 1
     assert server.call("delete", WILD).rc == 1
     assert port_lines(server) == [(21010, 0xC1), (21010, 0x40)]
 
 
 def test_an_update_releases_the_old_port_only_when_the_selection_names_it(host):
-    server = host(tables=[DYNAMIC], calls=CALLS, module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, debug=True)
 
     def update(query, values):
         return server.call("update", query, headers={"X-V": values}).rc
@@ -136,7 +136,7 @@ def test_an_update_releases_the_old_port_only_when_the_selection_names_it(host):
 
 
 def test_a_cleared_table_leaves_its_ports_taken(host):
-    server = host(tables=[DYNAMIC], calls=CALLS, module_debug=True)
+    server = host(tables=[DYNAMIC], calls=CALLS, debug=True)
     assert server.call("insert", row()).rc == 1
     assert server.call("clear").rc == 1
     assert server.call("insert", row()).rc == 1
@@ -158,7 +158,7 @@ def test_a_table_too_narrow_for_the_port_rules_takes_nothing(host):
         "insert": CALLS["insert"],
         "delete": Call('tarn_memdb_delete("media,*|*|*")'),
     }
-    server = host(tables=[narrow], calls=calls, module_debug=True)
+    server = host(tables=[narrow], calls=calls, debug=True)
     assert server.call("insert", "1|2|3").rc == 1
     assert server.call("delete").rc == 1
     assert port_lines(server) == []

@@ -106,6 +106,16 @@ def test_no_pv_module(host, refused):
     ]
 
 
+def test_a_pv_module_that_is_loaded_later_serves_all_the_same(host):
+    """The server loads every module before it starts the first, so the order doesn't matter."""
+    pv_last = tuple(name for name in OTHER_MODULES if name != "pv.so") + ("tarn_memdb", "pv.so")
+    call = Call('tarn_memdb_xavp_select("users,bob|*|*", "x")', show=("$xavp(x=>city)",))
+    server = host(start=False, tables=[USERS], modules=pv_last, calls={"select": call})
+    server.write_rows("users", STORED)
+    server.start()
+    assert server.call("select").values == ("oslo",)
+
+
 AVPS = '"$avp(a)|$avp(b)|$avp(c)"'
 
 # What the script calls, and the error lines that this has to give.
@@ -149,6 +159,18 @@ FIX_UPS = {
     "select: an empty list": (
         'tarn_memdb_select("users,a|b|c", "")',
         ["bad format in P2 []\n"],
+    ),
+    "select: a value with a blank in it": (
+        f'tarn_memdb_select("users,name=alice smith,", {AVPS})',
+        ["Invalid formatted values [name=alice smith]\n"],
+    ),
+    "select: an open quote": (
+        f'tarn_memdb_select("users,name=\'alice,10", {AVPS})',
+        ["Invalid formatted values [name='alice]\n"],
+    ),
+    "select: an item without a name": (
+        f'tarn_memdb_select("users,name=alice;=30,", {AVPS})',
+        ["Parameter [] not found in the table [users]\n"],
     ),
     "nl_select: unknown table": (
         f'tarn_memdb_nl_select("nowhere,a|b|c", {AVPS})',

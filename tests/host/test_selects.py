@@ -177,6 +177,22 @@ def test_a_query_by_column_names_without_its_last_comma_fails_at_each_call(store
     ]
 
 
+def test_quotes_around_a_named_value_are_not_part_of_it(stored):
+    call = Call(f"tarn_memdb_select(\"users,city='rome';name=carol,\", {FULL})", show=FIRST)
+    assert stored(calls={"select": call}).call("select").values == ("carol", "32", "rome")
+
+
+def test_an_empty_list_of_names_selects_every_row(stored):
+    call = Call(f'tarn_memdb_select("users,,2", {FULL})', show=ALL_NAMES[:3])
+    assert stored(calls={"select": call}).call("select").values == ("bob", "carol", None)
+
+
+def test_an_empty_named_value_is_the_empty_text(stored):
+    call = Call(f'tarn_memdb_select("users,city=rome;age=,", {FULL})', show=ALL_NAMES[:2])
+    server = stored(rows=["alice|30|rome", "bob||rome"], calls={"select": call})
+    assert server.call("select").values == ("bob", None)
+
+
 def test_pseudo_variables_in_every_place_of_a_query(stored):
     call = Call(
         'tarn_memdb_select("users,$fU|$avp(age)|$var(city),$var(limit)", "$avp(a)|$avp(b)")',
@@ -259,27 +275,3 @@ def test_an_xavp_select_with_a_bad_query_fails_like_the_others(stored):
         "Could not parse query (users,bob) for insert\n",
         "SELECT failed!\n",
     ]
-
-
-def test_many_selects_leave_the_private_memory_of_a_worker_as_it_was(stored):
-    """A leak of a few bytes for each call would exhaust the worker's 1 MB before the end."""
-    loop = """
-    if ($rU == "loop") {
-      $var(i) = 0;
-      while ($var(i) < 90) {
-        tarn_memdb_xavp_select("users,bob|*|*", "x");
-        $xavp(x) = $null;
-        tarn_memdb_select("users,bob|*|*", "$avp(name)|$avp(age)");
-        $(avp(name)[*]) = $null;
-        $(avp(age)[*]) = $null;
-        $var(i) = $var(i) + 1;
-      }
-      sl_send_reply("200", "$xavp(x=>name)");
-      exit;
-    }
-    """
-    server = stored(calls=avps(""), request=loop, private_memory=1)
-    with server.phone() as phone:
-        for _ in range(150):
-            assert phone.request("OPTIONS", server.uri("loop")).status == 200
-    assert server.said("ERROR", "CRITICAL") == []

@@ -24,7 +24,7 @@ def test_a_start_without_table_files_says_so_once_and_makes_no_files(host):
 
 
 def test_every_process_passes_through_the_module_once(host):
-    server = host(tables=[USERS], calls=COUNT, module_debug=True, children=2)
+    server = host(tables=[USERS], calls=COUNT, debug=True, children=2)
     server.wait_log(r"Initializing tarn_memdb module OK$")
     server.wait_log(r"module child \[1\]")
     server.wait_log(r"module child \[2\]")
@@ -128,7 +128,7 @@ def test_carriage_returns_make_a_file_of_another_version(host):
 
 
 def test_an_empty_main_file_gives_way_to_the_backup(host):
-    server = host(start=False, tables=[USERS], calls=SELECT, module_debug=True)
+    server = host(start=False, tables=[USERS], calls=SELECT, debug=True)
     server.main_file("users").write_bytes(b"")
     server.write_rows("users", ["old|1|x"], backup=True)
     server.start()
@@ -180,7 +180,7 @@ def test_without_the_timer_the_module_warns(host):
 
 
 def test_a_missing_private_range_file_is_no_fault(host):
-    server = host(tables=[USERS], calls=COUNT, module_debug=True)
+    server = host(tables=[USERS], calls=COUNT, debug=True)
     assert f"Could not open file '{server.ranges_path}' with private port range\n" in server.said(
         "DEBUG"
     )
@@ -190,7 +190,7 @@ def test_private_ranges_are_read_for_every_map(host):
     server = host(
         tables=[USERS],
         calls=COUNT,
-        module_debug=True,
+        debug=True,
         ranges="INT 21000 21001\nEXT 10000\nSTATIC_INT 21002 21003\nSTATIC_EXT 9000 end\n",
     )
     reserved = [text for text in server.said("DEBUG") if text.startswith("Port ")]
@@ -209,9 +209,7 @@ def test_private_ranges_are_read_for_every_map(host):
 
 
 def test_a_private_range_line_ahead_of_any_map_word_is_skipped_with_a_warning(host):
-    server = host(
-        tables=[USERS], calls=COUNT, module_debug=True, ranges="NOWHERE 21000\nINT 21005\n"
-    )
+    server = host(tables=[USERS], calls=COUNT, debug=True, ranges="NOWHERE 21000\nINT 21005\n")
     assert len(server.said("WARNING")) == 1
     reserved = [text for text in server.said("DEBUG") if "reserved to" in text]
     assert reserved == ["Port 21005 was reserved to a private range for INT!\n"]

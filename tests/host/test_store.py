@@ -10,7 +10,6 @@ USERS = Table("users", columns("name", "age", "city", indexed=("name",)))
 OTHERS = Table("others", columns("id", "value"), use_index=True)
 CALLS = {
     "insert": Call('tarn_memdb_insert("users,$hdr(X-Q)")'),
-    "insert_other": Call('tarn_memdb_insert("others,$hdr(X-Q)")'),
     "delete": Call('tarn_memdb_delete("users,$hdr(X-Q)")'),
     "update": Call('tarn_memdb_update("users,$hdr(X-Q)", "$hdr(X-V)")'),
     "count": Call('tarn_memdb_row_count("users", "$avp(n)")', show=("$avp(n)",)),
@@ -19,6 +18,7 @@ CALLS = {
         show=tuple(f"$(avp(name)[{i}])" for i in range(4)),
     ),
 }
+INSERT_OTHER = Call('tarn_memdb_insert("others,$hdr(X-Q)")')
 EVERY_SECOND = {"store_tbl_interval": 1}
 
 
@@ -51,9 +51,7 @@ def test_the_timer_stores_changes_and_keeps_the_generation_before(host):
 
 
 def test_the_timer_leaves_unchanged_tables_alone(host):
-    server = host(
-        start=False, tables=[USERS, OTHERS], calls=CALLS, params=EVERY_SECOND, module_debug=True
-    )
+    server = host(start=False, tables=[USERS, OTHERS], calls=CALLS, params=EVERY_SECOND, debug=True)
     server.write_rows("users", ["alice|30|rome"])
     before = server.file_states()
     server.start()
@@ -92,7 +90,8 @@ def test_without_the_timer_nothing_is_stored_while_running(host):
 
 
 def test_rows_their_order_and_the_index_come_back_after_a_restart(host):
-    server = host(tables=[USERS, OTHERS], calls=CALLS)
+    calls = {**CALLS, "insert_other": INSERT_OTHER}
+    server = host(tables=[USERS, OTHERS], calls=calls)
     insert(server, "alice|30|rome", "bob|31|oslo", "carol|32|rome")
     assert [server.call("insert_other", "|x").rc for _ in range(3)] == [1, 2, 3]
     assert server.stop() == 0
@@ -109,7 +108,7 @@ def test_rows_their_order_and_the_index_come_back_after_a_restart(host):
 
 
 def test_the_next_index_is_one_above_the_highest_stored(host):
-    server = host(start=False, tables=[OTHERS], calls={"insert": CALLS["insert_other"]})
+    server = host(start=False, tables=[OTHERS], calls={"insert": INSERT_OTHER})
     server.write_rows("others", ["7|x", "3|x"])
     server.start()
     assert server.call("insert", "|x").rc == 8

@@ -192,13 +192,13 @@ def test_insert_by_column_names_keeps_the_comma_that_the_form_needs(host):
             'tarn_memdb_insert("users,city=$hdr(X-Q);name=bob;age=$var(a),")',
             before="$var(a) = 5;",
         ),
-        "incomplete": Call('tarn_memdb_insert("users,name=bob;age=5,")'),
+        "incomplete": Call('tarn_memdb_insert("users,name=bob;city=x,")'),
         "bare": Call('tarn_memdb_insert("users,name=bob;age=5;city=x")'),
     }
     server = host(tables=[USERS], calls=calls)
     assert server.said("INFO")[1:] == [
         "Query list after conversion [users,bob|$var(a)|$hdr(X-Q),]\n",
-        "Query list after conversion [users,bob|5|*,]\n",
+        "Query list after conversion [users,bob|*|x,]\n",
         "Query list after conversion [bob|5|x]\n",
     ]
     assert server.call("insert", "rome").rc == 1
