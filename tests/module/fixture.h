@@ -1,0 +1,198 @@
+// What every test of the built module shares: a schema, a directory of its own, the module opened
+// afresh, and looks from outside at what it did.
+//
+// A test describes its tables, calls start, and then runs script functions and RPC commands. At
+// its end the module is stopped and unloaded, and every block, stream and misuse that is left over
+// fails the test.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/standin/file_faults.h"
+#include "tests/standin/standin.h"
+
+namespace module_test {
+
+using standin::pool;
+using standin::value;
+
+struct column {
+  std::string name;
+  unsigned length = 31;
+  bool indexed = false;
+};
+
+// The ports that the rows of a table hold.
+struct port_columns {
+  std::string range;
+  int internal;
+  int external;
+};
+
+// One table of a schema.
+struct table {
+  std::string name;
+  std::vector<column> columns;
+  int max_rows = 100;
+  std::string log_tag = {};  // empty: the key is left out
+  bool use_index = false;
+  bool check_duplicates = false;
+  std::vector<port_columns> ports = {};  // one, or none
+
+  std::string file() const { return name + ".txt"; }
+};
+
+// The schema's text from NUM_TABLE on.
+std::string schema_text(const std::vector<table> &tables);
+
+using row = std::vector<std::string>;
+using row_list = std::vector<row>;
+
+// A message of the module with its level.
+struct message {
+  int level;
+  std::string text;
+  bool operator==(const message &other) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const message &shown);
+
+inline message crit(std::string text) { return {-3, std::move(text)}; }
+inline message err(std::string text) { return {-1, std::move(text)}; }
+inline message warn(std::string text) { return {0, std::move(text)}; }
+inline message notice(std::string text) { return {1, std::move(text)}; }
+inline message info(std::string text) { return {2, std::move(text)}; }
+inline message dbg(std::string text) { return {3, std::move(text)}; }
+
+inline constexpr int ALERT_LEVEL = -5;
+inline constexpr int ERR_LEVEL = -1;
+inline constexpr int WARN_LEVEL = 0;
+inline constexpr int NOTICE_LEVEL = 1;
+inline constexpr int INFO_LEVEL = 2;
+inline constexpr int DBG_LEVEL = 3;
+
+// The caught messages of that level and graver ones, in order.
+std::vector<message> messages(int least_grave = DBG_LEVEL);
+
+// What is said when a format can't be printed.
+inline constexpr char UNPRINTABLE[] = "Could not print the formatted pv input\n";
+
+// Number of the module's own blocks that are live, for a comparison before and after.
+size_t module_blocks(pool which);
+
+std::string read_file(const std::string &path);
+bool file_exists(const std::string &path);
+void write_file(const std::string &path, const std::string &text);
+
+// A directory that is removed with all that is in it.
+class temporary_directory {
+ public:
+  temporary_directory();
+  ~temporary_directory();
+  temporary_directory(const temporary_directory &) = delete;
+  temporary_directory &operator=(const temporary_directory &) = delete;
+
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+class ModuleTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Opening. load is done at the test's beginning; after unload the module can be loaded again and
+  // starts from nothing but its files.
+  void load();
+  void unload();
+
+  // Writes the schema and sets the parameters that name files. Other parameters may be set before
+  // or after, with module().set_param.
+  void configure(const std::vector<table> &tables);
+  // configure and mod_init, which has to succeed; then all messages and counts are forgotten.
+  void start(const std::vector<table> &tables);
+  // Runs mod_destroy, and again configure and mod_init in a fresh image on the same kind of host.
+  void restart();
+  int init();
+  void destroy();
+  standin::loaded_module &module() { return *module_; }
+
+  // Fix-ups, and calls of script functions. A call has to leave no block of private memory and no
+  // open stream behind.
+  standin::command fixup(const std::string &function, const std::vector<std::string> &texts);
+  int call(const standin::command &prepared);
+  int run(const std::string &function, const std::vector<std::string> &texts);
+
+  // An RPC command, with the same checks.
+  standin::rpc_reply rpc(const std::string &name, const std::vector<value> &arguments = {});
+
+  // Runs one fix-up on a slot that holds no text.
+  int fixup_null(const std::string &function, int parameters, int number);
+
+  // The table's rows, oldest first, read without a trace in log or AVPs. Needs start.
+  row_list rows(const std::string &table_name);
+  // The number of rows that the module counts.
+  int row_count(const std::string &table_name);
+  // The rows are what is expected, as many as the module counts, and each is found by the value of
+  // each column.
+  void expect_rows(const std::string &table_name, const row_list &expected);
+
+  // Files. The paths are those of the table's main and backup file.
+  std::string main_file(const std::string &table_name) const;
+  std::string backup_file(const std::string &table_name) const;
+  std::string schema_file() const { return directory_ / "schema.cfg"; }
+  std::string ranges_file() const { return directory_ / "ranges.txt"; }
+  std::string base_directory() const { return directory_ / "main/"; }
+  std::string backup_directory() const { return directory_ / "backup/"; }
+  // The text of a table's file with these rows, each with its bars.
+  static std::string table_text(const std::vector<std::string> &rows);
+  // Runs the store timer and reads the rows of the main file; no rows without such a file.
+  std::vector<std::string> stored(const std::string &table_name);
+  // True if the store timer finds the table changed, and so writes it.
+  bool store_writes(const std::string &table_name);
+
+  // Forgets messages, counts and planned failures.
+  static void forget();
+
+  sip_msg msg;
+  // Tests of starts that fail say that shared blocks may stay, and look at them themselves.
+  bool shared_blocks_may_stay = false;
+
+ private:
+  void prepare_looks();
+
+  struct look {
+    std::string table_name;
+    size_t columns;
+    standin::command all;
+    standin::command count;
+  };
+  const look &look_at(const std::string &table_name) const;
+
+  temporary_directory directory_;
+  std::unique_ptr<standin::loaded_module> module_;
+  std::vector<table> tables_;
+  std::vector<look> looks_;
+  bool initialised_ = false;
+};
+
+// Silences the module's log during its life.
+class quiet {
+ public:
+  quiet();
+  ~quiet();
+  quiet(const quiet &) = delete;
+  quiet &operator=(const quiet &) = delete;
+
+ private:
+  int level_;
+};
+
+}  // namespace module_test
