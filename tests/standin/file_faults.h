@@ -26,6 +26,8 @@ namespace standin {
 //   fsync, rename, remove, unlink, access    -1; nothing is done
 
 // Watches all paths that begin with the prefix, and counts from zero. An empty prefix stops it.
+// A test's own operations count too, std::fstream's among them: read counts before looking into
+// files, or stop watching first.
 void watch_files(const std::string &prefix);
 
 // Number of watched operations of that name since watch_files, failed ones included.

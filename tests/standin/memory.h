@@ -49,6 +49,9 @@ void clear_memory_errors();
 // Looks at all live blocks for bytes written behind them, and records what it finds.
 void check_blocks();
 
+// True if the pools themselves watch the bytes behind their blocks; false if AddressSanitizer does.
+bool guards_blocks();
+
 // Allocation calls (xmalloc, xmallocxz, growing or shrinking xrealloc) since the last
 // reset_allocation_count, failed ones included. Takes pool::both too.
 uint64_t allocation_count(pool which);

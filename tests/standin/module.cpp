@@ -11,20 +11,6 @@
 #include "tests/standin/memory.h"
 
 namespace standin {
-namespace {
-
-using function3 = int (*)(sip_msg *, char *, char *, char *);
-using function4 = int (*)(sip_msg *, char *, char *, char *, char *);
-using function5 = int (*)(sip_msg *, char *, char *, char *, char *, char *);
-using function6 = int (*)(sip_msg *, char *, char *, char *, char *, char *, char *);
-
-template <typename F>
-F as(cmd_function function) {
-  return reinterpret_cast<F>(reinterpret_cast<void (*)()>(function));
-}
-
-}  // namespace
-
 bool command::accepted() const {
   return exported != nullptr &&
          std::none_of(fixups.begin(), fixups.end(), [](int result) { return result < 0; });
@@ -94,25 +80,24 @@ command loaded_module::fixup(const std::string &name, const std::vector<std::str
 
 int loaded_module::run(const command &call, sip_msg &msg) const {
   if (!call.accepted()) throw std::logic_error("a command that the host would have refused");
-  const cmd_function function = call.exported->function.two;
+  const script_function &function = call.exported->function;
   std::vector<char *> given;
   for (const auto &slot : call.slots) given.push_back(slot->get());
   switch (given.size()) {
     case 0:
-      return function(&msg, nullptr, nullptr);
+      return function.two(&msg, nullptr, nullptr);
     case 1:
-      return function(&msg, given[0], nullptr);
+      return function.two(&msg, given[0], nullptr);
     case 2:
-      return function(&msg, given[0], given[1]);
+      return function.two(&msg, given[0], given[1]);
     case 3:
-      return as<function3>(function)(&msg, given[0], given[1], given[2]);
+      return function.three(&msg, given[0], given[1], given[2]);
     case 4:
-      return as<function4>(function)(&msg, given[0], given[1], given[2], given[3]);
+      return function.four(&msg, given[0], given[1], given[2], given[3]);
     case 5:
-      return as<function5>(function)(&msg, given[0], given[1], given[2], given[3], given[4]);
+      return function.five(&msg, given[0], given[1], given[2], given[3], given[4]);
     case 6:
-      return as<function6>(function)(&msg, given[0], given[1], given[2], given[3], given[4],
-                                     given[5]);
+      return function.six(&msg, given[0], given[1], given[2], given[3], given[4], given[5]);
     default:
       throw std::logic_error("more than six parameters");
   }

@@ -223,7 +223,7 @@ int print_format(sip_msg *msg, pv_elem_t *format, char *buf, int *len) {
   int used = 0;
   const auto append = [&](std::string_view text) {
     if (static_cast<size_t>(used) + text.size() >= static_cast<size_t>(*len)) return false;
-    memcpy(buf + used, text.data(), text.size());
+    text.copy(buf + used, text.size());
     used += static_cast<int>(text.size());
     return true;
   };
