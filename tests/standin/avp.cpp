@@ -94,14 +94,15 @@ int get_avp(sip_msg *msg, pv_param_t *param, pv_value_t *out) {
     static std::string joined;
     joined.clear();
     for (const avp_record *avp : found) {
-      if (!joined.empty()) joined += ',';
+      if (!joined.empty()) joined += ", ";
       joined += avp->content.type == value::kind::number ? std::to_string(avp->content.number)
                                                          : avp->content.text;
     }
     return give_text(out, str_of(joined));
   }
   long index = param->pvi.type == INDEX_INT ? param->pvi.u.ival : 0;
-  if (index < 0) index += static_cast<long>(found.size());
+  // Counting from the other end, the host finds the newest value alone.
+  if (index < 0) index = index + static_cast<long>(found.size()) == 0 ? 0 : -1;
   if (index < 0 || index >= static_cast<long>(found.size())) return give_null(out);
   return give_value(out, found[static_cast<size_t>(index)]->content);
 }

@@ -119,6 +119,12 @@ TEST_F(AvpTest, AQuoteInAValueMakesTheTextRefused) {
   EXPECT_EQ(live_count(pool::pkg), 0u);
 }
 
+TEST_F(AvpTest, AnItemWithoutANameMakesTheTextRefused) {
+  EXPECT_LT(explode("a='1';;b='2'", "row"), 0);
+  EXPECT_LT(explode("='1'", "row"), 0);
+  EXPECT_TRUE(xavps("row").empty());
+}
+
 TEST_F(AvpTest, ExplodeCallsAreRecordedOnBothRoads) {
   explode("a='1'", "row");
   fparam_t params{}, name{};

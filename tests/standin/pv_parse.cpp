@@ -1,4 +1,5 @@
 // Reading pseudo-variables and formats from text, by the host's rules.
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -48,12 +49,14 @@ str part_of(str text, size_t from, size_t to) {
 
 int get_marker(sip_msg *, pv_param_t *, pv_value_t *out) {
   static char dollar[] = "$";
-  return give_text(out, {dollar, 1});
+  give_text(out, {dollar, 1});
+  out->ri = dollar[0];
+  out->flags |= PV_VAL_INT;
+  return 0;
 }
 
 bool parse_inner(const pv_name_row &row, str inner, pv_spec_t *spec) {
-  if (inner.s[0] == '$') {
-    if (row.type == PVT_SCRIPTVAR) return false;
+  if (inner.s[0] == '$' && row.type != PVT_SCRIPTVAR) {
     inner_specs().push_back(std::make_unique<pv_spec_t>());
     spec->pvp.pvn.type = NAME_PVAR;
     spec->pvp.pvn.u.dname = inner_specs().back().get();
@@ -169,7 +172,7 @@ void free_format(pv_elem_t *format) {
 int parse_format(str *text, pv_elem_t **format) {
   if (text == nullptr || text->s == nullptr || format == nullptr) return -1;
   touch_byte_behind(*text);
-  std::string_view rest = view_of(*text);
+  std::string_view rest(text->s, static_cast<size_t>(std::max(text->len, 0)));
   rest = rest.substr(0, rest.find('\0'));
   pv_elem_t **link = format;
   *format = nullptr;

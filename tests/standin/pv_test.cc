@@ -55,6 +55,7 @@ TEST_F(PvTest, AnEmptyTextIsOneEmptyElement) {
   ASSERT_NE(format, nullptr);
   EXPECT_EQ(result, 0);
   EXPECT_EQ(format->text.len, 0);
+  EXPECT_EQ(format->text.s, texts[0]->data());
   EXPECT_EQ(print(""), "");
 }
 
@@ -122,9 +123,10 @@ TEST_F(PvTest, AnIndexCountsOnlyInTheBracketedForm) {
   push_avp("x", "new");
   EXPECT_EQ(print("$avp(x)[1]"), "new[1]");
   EXPECT_EQ(print("$(avp(x)[1])"), "old");
-  EXPECT_EQ(print("$(avp(x)[-1])"), "old");
+  EXPECT_EQ(print("$(avp(x)[-1])"), "<null>");
+  EXPECT_EQ(print("$(avp(x)[-2])"), "new");
   EXPECT_EQ(print("$(avp(x)[2])"), "<null>");
-  EXPECT_EQ(print("$(avp(x)[*])"), "new,old");
+  EXPECT_EQ(print("$(avp(x)[*])"), "new, old");
 }
 
 TEST_F(PvTest, AnUnreadableVariablePrintsNothing) {
@@ -283,6 +285,11 @@ TEST_F(PvTest, AZeroedSpecGivesANullAvpName) {
   EXPECT_EQ(type, 0u);
   EXPECT_EQ(name.s.s, nullptr);
   EXPECT_EQ(name.s.len, 0);
+}
+
+TEST_F(PvTest, AScriptVariablesNameIsTakenAsItStands) {
+  set_value(msg, "$var($fU)", 3);
+  EXPECT_EQ(var("$fU"), value(3));
 }
 
 TEST_F(PvTest, AnAvpNameMayBeAnotherVariable) {

@@ -23,11 +23,14 @@ bool make_xavp(str params, str xavp) {
   param_t *items = nullptr;
   if (parse_items(&params, &items) < 0) return false;
   xavp_items made;
-  for (const param_t *item = items; item != nullptr; item = item->next)
+  bool named = items != nullptr;
+  for (const param_t *item = items; item != nullptr; item = item->next) {
+    named = named && item->name.len > 0;
     made.insert(params_forward() ? made.end() : made.begin(),
                 {std::string(view_of(item->name)), std::string(view_of(item->body))});
+  }
   free_items(items);
-  if (made.empty()) return false;
+  if (!named) return false;
   auto &list = store()[std::string(view_of(xavp))];
   list.insert(list.begin(), std::move(made));
   return true;
