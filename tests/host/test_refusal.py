@@ -232,6 +232,104 @@ FIX_UPS = {
         'tarn_memdb_row_count("users", "$nosuch(x)")',
         ["Wrong format [$nosuch(x)]\n"],
     ),
+    "best_match: column number below 0": (
+        f'tarn_memdb_select_best_match("users,a|b|c", {AVPS}, "-1")',
+        ["bad format in P3 [-1]\n"],
+    ),
+    "best_match: a list without AVPs": (
+        'tarn_memdb_select_best_match("users,a|b|c", "$var(a)", "1")',
+        ["Wrong item name list [$var(a)]!\n", "bad format in P2 [$var(a)]\n"],
+    ),
+    "nl_best_match: an empty list": (
+        'tarn_memdb_nl_select_best_match("users,a|b|c", "", "1")',
+        ["bad format in P2 []\n"],
+    ),
+    "best_match_prefix: length below 0": (
+        f'tarn_memdb_nl_select_best_match_prefix("users,a|b|c", {AVPS}, "1", "-2")',
+        ["bad format in P4 [-2]\n"],
+    ),
+    "best_match_prefix: length from no AVP or script variable": (
+        f'tarn_memdb_nl_select_best_match_prefix("users,a|b|c", {AVPS}, "1", "$ru")',
+        ["Pseudo variable type not accepted!\n"],
+    ),
+    "out_of_range: lower limit from no AVP or script variable": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "$ru", "9")',
+        ["Pseudo variable type not accepted!\n"],
+    ),
+    "out_of_range: upper limit from no AVP or script variable": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "1", "$fU")',
+        ["Pseudo variable type not accepted!\n"],
+    ),
+    "out_of_range: lower limit below 0": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "-1", "9")',
+        ["bad format in P4 [-1]\n"],
+    ),
+    "out_of_range: upper limit below 0": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "1", "-9")',
+        ["bad format in P5 [-9]\n"],
+    ),
+    "out_of_range: upper limit from an unknown pseudo-variable": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "1", "$nosuch(x)")',
+        ["Param 4 error!\n"],
+    ),
+    "within_the_range: target that is no AVP or script variable": (
+        "tarn_memdb_nl_select_field_within_the_range"
+        f'("users,a|b|c", {AVPS}, "1", "1", "9", "$ru")',
+        ["tarn_memdb_query_fixup3(): Pseudo variable type not accepted!\n"],
+    ),
+    "within_the_range: unknown target": (
+        "tarn_memdb_nl_select_field_within_the_range"
+        f'("users,a|b|c", {AVPS}, "1", "1", "9", "$nosuch(x)")',
+        ["tarn_memdb_query_fixup3(): Param 1 error!\n"],
+    ),
+    "subnetmask: refused format of the third parameter": (
+        f'tarn_memdb_nl_select_subnetmask("users,a|b|c", {AVPS}, "$nosuch(x)", "b", "c")',
+        ["Wrong format[$nosuch(x)]\n"],
+    ),
+    "subnetmask: refused format of the last parameter": (
+        f'tarn_memdb_nl_select_subnetmask("users,a|b|c", {AVPS}, "a", "b", "$nosuch(x)")',
+        ["Wrong format[$nosuch(x)]\n"],
+    ),
+    "subnetmask: a list without AVPs": (
+        'tarn_memdb_nl_select_subnetmask("users,a|b|c", "a", "a", "b", "c")',
+        ["Wrong item name list [a]!\n", "bad format in P2 [a]\n"],
+    ),
+    "xavp_best_match: column number below 0": (
+        'tarn_memdb_xavp_select_best_match("users,a|b|c", "x", "-1")',
+        ["bad format in P3 [-1]\n"],
+    ),
+    "nl_xavp_best_match: unknown table": (
+        'tarn_memdb_nl_xavp_select_best_match("nowhere,a|b|c", "x", "1")',
+        ["Table 'nowhere' was not found\n", "Table not found\n"],
+    ),
+    "by_port_type: refused format of the type": (
+        f'tarn_memdb_select_by_port_type("$nosuch(x)", "users,a|b|c|d", {AVPS})',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "by_port_type: a list without AVPs, named as widened": (
+        'tarn_memdb_nl_select_by_port_type("INT", "users,a|b|c|d", "$avp(a)|$avp(b)|$var(c)")',
+        [
+            "Wrong item name list [$avp(a)|$avp(b)||$var(c)]!\n",
+            "bad format in P2 [$avp(a)|$avp(b)||$var(c)]\n",
+            "fixup failed!\n",
+        ],
+    ),
+    "statement: refused format": (
+        'sqll_tarn_memdb_delete("DELETE FROM users WHERE name=$nosuch(x)")',
+        ["Wrong format [DELETE FROM users WHERE name=$nosuch(x)]\n"],
+    ),
+    "statement: a list without AVPs": (
+        'sqll_tarn_memdb_select("SELECT * FROM users", "$var(a)")',
+        ["Bad format in param n 2 [$var(a)]\n"],
+    ),
+    "get_port: refused format of the map word": (
+        'tarn_memdb_get_port("$nosuch(x)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "set_port: refused format of the map word": (
+        'tarn_memdb_set_port("21000", "$nosuch(x)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
 }
 
 
@@ -239,6 +337,35 @@ FIX_UPS = {
 def test_a_script_with_a_call_that_cannot_be_prepared(host, refused, call, errors):
     server = refuse_with_files(host, refused, calls={"never": Call(call)})
     assert errors_of(server) == errors
+
+
+ACCEPTED = {
+    "best match doesn't look at the query": (
+        f'tarn_memdb_select_best_match("$var(t),a|b|c", {AVPS}, "1")'
+    ),
+    "a column number of letters is 0": (
+        f'tarn_memdb_select_best_match("users,a|b|c", {AVPS}, "abc")'
+    ),
+    "limits may be numbers, AVPs and script variables": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "$var(x)", "$avp(y)")'
+    ),
+    "a lone dollar is a number": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "$", "9")'
+    ),
+    "a target may be an AVP": (
+        "tarn_memdb_nl_select_field_within_the_range"
+        f'("users,a|b|c", {AVPS}, "1", "1", "9", "$avp(n)")'
+    ),
+    "a target may stay text": (
+        'tarn_memdb_nl_select_field_within_the_range("users,a|b|c", ' f'{AVPS}, "1", "1", "9", "n")'
+    ),
+}
+
+
+@pytest.mark.parametrize("call", ACCEPTED.values(), ids=ACCEPTED.keys())
+def test_a_call_that_can_be_prepared_although_it_looks_odd(host, call):
+    server = host(tables=[USERS], calls={"never": Call(call)})
+    assert errors_of(server) == []
 
 
 def test_a_table_name_too_long_for_any_table_is_not_cut_to_one_that_exists(host, refused):
