@@ -3,6 +3,15 @@
 
 #include "host/log.h"
 
+int select_run::deliver_held(std::span<const memdb_row *const> rows, const char *found_line) {
+  if (!delivery.prepare(query.table)) return SCRIPT_FAILED;
+  for (const memdb_row *const row : rows) {
+    LM_DBG("%s", found_line);
+    if (!deliver(row)) return SCRIPT_FAILED;
+  }
+  return rows.empty() ? SCRIPT_NO_ROW : SCRIPT_OK;
+}
+
 select_start start_select(select_run *run, const select_params &params) {
   str text;
   if (!print_query(run->msg, params.query, SELECT_WORDS, &text) ||

@@ -2,6 +2,8 @@
 // and give everything back on any way out.
 #pragma once
 
+#include <span>
+
 #include "query/query_input.h"
 #include "script/row_delivery.h"
 #include "script/script_query.h"
@@ -42,6 +44,10 @@ struct select_run {
     if (flavour.locked) lock.take(query.table->lock);
   }
   bool deliver(const memdb_row *row) const { return delivery.deliver(msg, query.table, row); }
+
+  // Delivers rows that were held, in their order, with a debug line for each. The select's result:
+  // SCRIPT_OK, or SCRIPT_NO_ROW without rows, or SCRIPT_FAILED.
+  int deliver_held(std::span<const memdb_row *const> rows, const char *found_line);
 };
 
 enum class select_start {

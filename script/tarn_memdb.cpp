@@ -3,6 +3,7 @@
 #include "host/loader_symbols.h"
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
+#include "ports/script_ports.h"
 #include "script/fixup.h"
 #include "script/functions.h"
 #include "script/lifecycle.h"
@@ -15,16 +16,36 @@ constexpr unsigned int ROUTES = EVERY_ROUTE_BUT_ONSEND;
 
 // clang-format off
 constinit const cmd_export_t commands[] = {
-    // name                 function                 parameters  fix-up                     free fix-up  routes
-    {"tarn_memdb_clear_tbl", tarn_memdb_clear_tbl, 1, tarn_memdb_query_fixup, nullptr, ROUTES},
-    {"tarn_memdb_insert", tarn_memdb_insert, 1, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
-    {"tarn_memdb_delete", tarn_memdb_delete, 1, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
-    {"tarn_memdb_select", tarn_memdb_select, 2, tarn_memdb_query_fixup_mode, nullptr, ROUTES},
-    {"tarn_memdb_nl_select", tarn_memdb_nl_select, 2, tarn_memdb_query_fixup_mode, nullptr, ROUTES},
-    {"tarn_memdb_update", tarn_memdb_update, 2, tarn_memdb_query_fixup_mode2, nullptr, ROUTES},
-    {"tarn_memdb_row_count", tarn_memdb_row_count, 2, tarn_memdb_query_fixup2, nullptr, ROUTES},
-    {"tarn_memdb_xavp_select", tarn_memdb_xavp_select, 2, tarn_memdb_query_xavp_fixup, fixup_free_spve_spve, ROUTES},
-    {"tarn_memdb_nl_xavp_select", tarn_memdb_nl_xavp_select, 2, tarn_memdb_query_xavp_fixup, fixup_free_spve_spve, ROUTES},
+    // name                                         function                                      parameters, fix-up, free fix-up, routes
+    {"tarn_memdb_clear_pmap",                       tarn_memdb_clear_pmap,                        0, nullptr,                      nullptr,              ROUTES},
+    {"tarn_memdb_clear_tbl",                        tarn_memdb_clear_tbl,                         1, tarn_memdb_query_fixup,       nullptr,              ROUTES},
+    {"tarn_memdb_insert",                           tarn_memdb_insert,                            1, tarn_memdb_query_fixup_mode2, nullptr,              ROUTES},
+    {"tarn_memdb_delete",                           tarn_memdb_delete,                            1, tarn_memdb_query_fixup_mode2, nullptr,              ROUTES},
+    {"tarn_memdb_select",                           tarn_memdb_select,                            2, tarn_memdb_query_fixup_mode,  nullptr,              ROUTES},
+    {"tarn_memdb_select_best_match",                tarn_memdb_select_best_match,                 3, tarn_memdb_query_fixup3,      nullptr,              ROUTES},
+    {"tarn_memdb_select_by_port_type",              tarn_memdb_select_by_port_type,               3, tarn_memdb_port_fixup,        nullptr,              ROUTES},
+    {"tarn_memdb_nl_select",                        tarn_memdb_nl_select,                         2, tarn_memdb_query_fixup_mode,  nullptr,              ROUTES},
+    {"tarn_memdb_nl_select_best_match",             tarn_memdb_nl_select_best_match,              3, tarn_memdb_query_fixup3,      nullptr,              ROUTES},
+    {"tarn_memdb_nl_select_by_port_type",           tarn_memdb_nl_select_by_port_type,            3, tarn_memdb_port_fixup,        nullptr,              ROUTES},
+    {"tarn_memdb_update",                           tarn_memdb_update,                            2, tarn_memdb_query_fixup_mode2, nullptr,              ROUTES},
+    {"tarn_memdb_row_count",                        tarn_memdb_row_count,                         2, tarn_memdb_query_fixup2,      nullptr,              ROUTES},
+    {"sqll_tarn_memdb_select",                      sqll_tarn_memdb_select,                       2, new_tarn_memdb_query_fixup,   nullptr,              ROUTES},
+    {"sqll_tarn_memdb_delete",                      sqll_tarn_memdb_delete,                       1, new_tarn_memdb_query_fixup,   nullptr,              ROUTES},
+    {"sqll_tarn_memdb_insert",                      sqll_tarn_memdb_insert,                       1, new_tarn_memdb_query_fixup,   nullptr,              ROUTES},
+    {"sqll_tarn_memdb_update",                      sqll_tarn_memdb_update,                       1, new_tarn_memdb_query_fixup,   nullptr,              ROUTES},
+    {"tarn_memdb_get_port",                         tarn_memdb_get_port,                          2, tarn_memdb_query_fixup2,      nullptr,              ROUTES},
+    {"tarn_memdb_get_port",                         tarn_memdb_get_port1,                         1, new_tarn_memdb_query_fixup,   nullptr,              ROUTES},
+    {"tarn_memdb_get_port_from_range",              tarn_memdb_get_port_from_range,               2, tarn_memdb_query_fixup2,      nullptr,              ROUTES},
+    {"tarn_memdb_set_port",                         tarn_memdb_set_port,                          2, tarn_memdb_query_fixup2,      nullptr,              ROUTES},
+    {"tarn_memdb_free_port",                        tarn_memdb_free_port,                         2, tarn_memdb_query_fixup2,      nullptr,              ROUTES},
+    {"tarn_memdb_nl_select_best_match_prefix",      tarn_memdb_nl_select_best_match_prefix,       4, tarn_memdb_query_fixup3,      nullptr,              ROUTES},
+    {"tarn_memdb_nl_select_field_out_of_range",     tarn_memdb_nl_select_field_out_of_range,      5, tarn_memdb_query_fixup3,      nullptr,              ROUTES},
+    {"tarn_memdb_nl_select_field_within_the_range", tarn_memdb_nl_select_field_within_the_range,  6, tarn_memdb_query_fixup3,      nullptr,              ROUTES},
+    {"tarn_memdb_nl_select_subnetmask",             tarn_memdb_nl_select_subnetmask,              5, tarn_memdb_query_fixup4,      nullptr,              ROUTES},
+    {"tarn_memdb_xavp_select",                      tarn_memdb_xavp_select,                       2, tarn_memdb_query_xavp_fixup,  fixup_free_spve_spve, ROUTES},
+    {"tarn_memdb_nl_xavp_select",                   tarn_memdb_nl_xavp_select,                    2, tarn_memdb_query_xavp_fixup,  fixup_free_spve_spve, ROUTES},
+    {"tarn_memdb_xavp_select_best_match",           tarn_memdb_xavp_select_best_match,            3, tarn_memdb_query_xavp_fixup,  fixup_free_spve_spve, ROUTES},
+    {"tarn_memdb_nl_xavp_select_best_match",        tarn_memdb_nl_xavp_select_best_match,         3, tarn_memdb_query_xavp_fixup,  fixup_free_spve_spve, ROUTES},
     {},
 };
 
