@@ -1,0 +1,33 @@
+#!/bin/sh
+# Checks form and finds slips: clang-format on all sources, both compilers without a warning, and
+# clang-tidy on the module's own code. Usage: tools/lint.sh BUILD_DIR
+set -eu
+
+top=$(cd "$(dirname "$0")/.." && pwd)
+build=$1
+cd "$top"
+jobs=$(nproc)
+
+sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h'; }
+
+echo "lint: clang-format"
+sources | xargs clang-format --dry-run --Werror
+
+echo "lint: clang++ without a warning"
+cmake -S . -B "$build/clang" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DBUILD_TESTING=OFF \
+  -DCMAKE_CXX_FLAGS=-Werror >/dev/null
+cmake --build "$build/clang" --target tarn_memdb >"$build/clang/lint.log" 2>&1 || {
+  cat "$build/clang/lint.log"
+  exit 1
+}
+
+echo "lint: clang-tidy"
+ls memdb/*.cpp tables/*.cpp query/*.cpp script/*.cpp ports/*.cpp rpc/*.cpp host/*.cpp |
+  xargs -P "$jobs" -n 4 clang-tidy -p "$build/clang" --quiet >"$build/clang/tidy.log" 2>/dev/null || {
+  cat "$build/clang/tidy.log"
+  exit 1
+}
+
+echo "lint: includes run in no circle, and memdb/ stands alone"
+python3 tools/include_cycles.py
+echo "lint: clean"
