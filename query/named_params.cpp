@@ -72,7 +72,8 @@ conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, co
   const bool named = list->len > 0;
   if (named) {
     const std::string_view text = text_of(*list);
-    if (text.find(FIELD_SEPARATOR) != text.npos || text.find('=') == text.npos)
+    if (text.find(FIELD_SEPARATOR) != std::string_view::npos ||
+        text.find('=') == std::string_view::npos)
       return conversion::positional;
     if (text.back() == ';') list->len--;
   }

@@ -74,14 +74,14 @@ bool read_range(select_run *run, const range_params &params, number_range *range
   return true;
 }
 
-// Print, parse, find, lock, read the range. SCRIPT_OK, or the result of the function.
-int start_range_select(select_run *run, const select_params &select, const range_params &params,
-                       number_range *range) {
+// Print, parse, find, lock, read the range. False if the select has failed.
+bool start_range_select(select_run *run, const select_params &select, const range_params &params,
+                        number_range *range) {
   const select_start start = start_select(run, select);
-  if (start == select_start::unread) return select_failed();
-  if (start == select_start::failed) return SCRIPT_FAILED;
+  if (start == select_start::unread) select_failed();
+  if (start != select_start::ready) return false;
   run->take_lock();
-  return read_range(run, params, range) ? SCRIPT_OK : SCRIPT_FAILED;
+  return read_range(run, params, range);
 }
 
 // max_res limits the rows held, the capacity of the list the rows visited.
@@ -159,8 +159,7 @@ int tarn_memdb_select_field_out_of_range_cmn(sip_msg *msg, const select_params &
   const host_log_scope log;
   select_run run(msg, flavour);
   number_range range;
-  if (const int started = start_range_select(&run, select, params, &range); started != SCRIPT_OK)
-    return started;
+  if (!start_range_select(&run, select, params, &range)) return SCRIPT_FAILED;
   row_list held;
   hold_outside(&run, range, &held);
   const int result = run.deliver_held(held.rows(), "MATCH FOUND and Saving AVP");
@@ -175,8 +174,7 @@ int tarn_memdb_select_field_into_of_range_cmn(sip_msg *msg, const select_params 
   const host_log_scope log;
   select_run run(msg, flavour);
   number_range range;
-  if (const int started = start_range_select(&run, select, params, &range); started != SCRIPT_OK)
-    return started;
+  if (!start_range_select(&run, select, params, &range)) return SCRIPT_FAILED;
   report_count(msg, target, count_above(&run, range));
   LM_DBG("ALARM REG_USERS DBG Returning row count result: %d (found=%d, xavp_buff='%s')\n",
          SCRIPT_NO_ROW, 0, printable(nullptr));
