@@ -142,9 +142,9 @@ class FileTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    char dir[] = "/tmp/standin_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    base = std::string(dir) + "/";
+    std::string dir = testing::TempDir() + "standin_XXXXXX";
+    ASSERT_NE(mkdtemp(dir.data()), nullptr);
+    base = dir + "/";
     watch_files(base);
     write = reinterpret_cast<int (*)(const char *)>(
         reinterpret_cast<void (*)()>(sample->symbol<void>("sample_write")));
