@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 namespace module_test {
@@ -89,17 +88,27 @@ std::vector<message> messages(int least_grave) {
 
 size_t module_blocks(pool which) { return standin::live_blocks(which, "tarn_memdb").size(); }
 
+// The tests' own file access goes past the C library's streams, whose operations are counted and
+// failed on the module's behalf.
 std::string read_file(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
+  std::string out;
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return out;
+  char part[4096];
+  for (ssize_t got = read(file, part, sizeof(part)); got > 0; got = read(file, part, sizeof(part)))
+    out.append(part, static_cast<size_t>(got));
+  close(file);
+  return out;
 }
 
 bool file_exists(const std::string &path) { return std::filesystem::exists(path); }
 
 void write_file(const std::string &path, const std::string &text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  if (!out.flush()) throw std::runtime_error("can't write " + path);
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const bool written =
+      file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  if (file >= 0) close(file);
+  if (!written) throw std::runtime_error("can't write " + path);
 }
 
 temporary_directory::temporary_directory() {
@@ -175,7 +184,12 @@ void ModuleTest::destroy() {
 
 void ModuleTest::start(const std::vector<table> &tables) {
   configure(tables);
+  start_configured();
+}
+
+void ModuleTest::start_configured() {
   ASSERT_EQ(init(), 0) << standin::log_dump();
+  standin::stop_failing();
   prepare_looks();
   forget();
 }

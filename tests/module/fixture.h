@@ -118,6 +118,7 @@ class ModuleTest : public testing::Test {
   void configure(const std::vector<table> &tables);
   // configure and mod_init, which has to succeed; then all messages and counts are forgotten.
   void start(const std::vector<table> &tables);
+  void start_configured();
   // Runs mod_destroy, and again configure and mod_init in a fresh image on the same kind of host.
   void restart();
   int init();
