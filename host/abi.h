@@ -250,6 +250,7 @@ inline constexpr avp_flags_t AVP_VAL_STR = 1U << 1;
 inline constexpr int PVT_ANY = 0;
 inline constexpr int PVT_AVP = 4;
 inline constexpr int PVT_SCRIPTVAR = 15;
+inline constexpr int PV_NAME_INTSTR = 0;  // pv_name_t::type of a name that is text or number
 inline constexpr int PV_VAL_INT = 8;
 inline constexpr int PV_TYPE_INT = 16;
 inline constexpr int PARAM_CLASS_ANY = 0;

@@ -8,6 +8,9 @@
 #include "script/raw_text.h"
 
 bool resolve_avp(sip_msg *msg, pv_spec_t *spec, avp_target *target) {
+  // Only an AVP's name may be another variable. In other specs that place may hold a record of the
+  // host's own, which it would take for one.
+  if (spec->type != PVT_AVP && spec->pvp.pvn.type != PV_NAME_INTSTR) return false;
   return pv_get_avp_name(msg, &spec->pvp, &target->name, &target->type) == 0;
 }
 
