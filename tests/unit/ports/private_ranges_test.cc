@@ -1,0 +1,359 @@
+// The private range file: what each kind of line adds, and what failures leave.
+#include "ports/private_ranges.h"
+
+#include <cerrno>
+
+#include "ports/port_allocation.h"
+#include "tests/unit/ports/port_fixture.h"
+
+namespace {
+
+using standin::pool;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using ports = std::vector<int32_t>;
+
+ports padded(ports given) {
+  given.resize(PRIVATE_RANGE_PORTS, NO_PORT);
+  return given;
+}
+
+const message NO_MEMORY{L_ERR, "Could not allocate memory for port_m->private_range\n"};
+
+class PrivateRangesTest : public PortTest {
+ protected:
+  static constexpr int32_t TOP = 115;
+
+  void SetUp() override {
+    PortTest::SetUp();
+    set_all_bounds(MIN, TOP);
+  }
+
+  static std::vector<ports> ranges(const port_m *m) {
+    std::vector<ports> out;
+    for (int32_t i = 0; i < m->private_range_count; ++i) out.push_back(range_of(m, i));
+    return out;
+  }
+
+  // The ports whose entry is marked private; every other bit has to be clear.
+  static ports marked(const port_m *m) {
+    ports out;
+    for (int32_t port = m->min_port; port <= m->max_port; ++port) {
+      const int entry = m->port_map[port - m->min_port];
+      EXPECT_TRUE(entry == 0 || entry == PORT_PRIVATE) << port;
+      if (entry == PORT_PRIVATE) out.push_back(port);
+    }
+    return out;
+  }
+};
+
+TEST_F(PrivateRangesTest, FewerThanTenPortsAreFilledUp) {
+  start("INT 101 102\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101, 102})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101, 102));
+}
+
+TEST_F(PrivateRangesTest, TenPortsAreTakenAndTheRestOfTheLineIgnored) {
+  start("EXT 101 102 103 104 105 106 107 108 109 110 111 junk\n");
+  EXPECT_THAT(ranges(port_m_ext),
+              ElementsAre(ports{101, 102, 103, 104, 105, 106, 107, 108, 109, 110}));
+  EXPECT_EQ(is_port_private(port_m_ext, 110), 1);
+  EXPECT_EQ(is_port_private(port_m_ext, 111), 0);
+}
+
+TEST_F(PrivateRangesTest, EachWordHasItsMap) {
+  start("STATIC_EXT 104\nEXT 102\nSTATIC_INT 103\nINT 101\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({102})));
+  EXPECT_THAT(ranges(port_m_static_int), ElementsAre(padded({103})));
+  EXPECT_THAT(ranges(port_m_static_ext), ElementsAre(padded({104})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101));
+  EXPECT_THAT(marked(port_m_static_ext), ElementsAre(104));
+}
+
+TEST_F(PrivateRangesTest, RangesOfOneMapStandInTheOrderOfTheFile) {
+  start("INT 105\nEXT 101\nINT 103 102\nINT 105 104\n");
+  EXPECT_THAT(ranges(port_m_int),
+              ElementsAre(padded({105}), padded({103, 102}), padded({105, 104})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(102, 103, 104, 105));
+}
+
+TEST_F(PrivateRangesTest, PortsNeedNotBeAdjacentAscendingOrDistinct) {
+  start("INT 110 101 101 104 110\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({110, 101, 101, 104, 110})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101, 104, 110));
+}
+
+TEST_F(PrivateRangesTest, WordAloneAddsARangeOfNoPorts) {
+  start("INT\nINT 101\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({}), padded({101})));
+}
+
+TEST_F(PrivateRangesTest, EmptyLineRepeatsTheMapBefore) {
+  start("INT 101\n\n   \t\nEXT 102\n\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101}), padded({}), padded({})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({102}), padded({})));
+}
+
+TEST_F(PrivateRangesTest, UnknownWordRepeatsTheMapBeforeWithItsOwnPorts) {
+  start("EXT 101\nint 102 103\n# 104\n");
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({101}), padded({102, 103}), padded({104})));
+  EXPECT_THAT(marked(port_m_ext), ElementsAre(101, 102, 103, 104));
+  EXPECT_EQ(port_m_int->private_range_count, 0);
+}
+
+TEST_F(PrivateRangesTest, ScanStopsAtTheFirstWordThatIsNoNumber) {
+  start("INT 101 x 102\nINT 103 104abc 105\nINT abc\nINT 106.5 107\n");
+  EXPECT_THAT(ranges(port_m_int),
+              ElementsAre(padded({101}), padded({103, 104}), padded({}), padded({106})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101, 103, 104, 106));
+}
+
+TEST_F(PrivateRangesTest, NumbersOfALineBeforeAreNotSeenAgain) {
+  start("INT 101 102 103\nINT 104\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101, 102, 103}), padded({104})));
+}
+
+TEST_F(PrivateRangesTest, AnyWhiteSpaceSeparates) {
+  start(" \tINT\t101   102\v103\r\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101, 102, 103})));
+}
+
+TEST_F(PrivateRangesTest, LastLineNeedsNoLineFeed) {
+  start("INT 101\nEXT 102 103");
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({102, 103})));
+}
+
+TEST_F(PrivateRangesTest, LongLineIsReadWhole) {
+  start("INT" + std::string(100000, ' ') + "101" + std::string(100000, ' ') + "102\nEXT 103\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101, 102})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({103})));
+}
+
+TEST_F(PrivateRangesTest, ZeroByteEndsItsLine) {
+  start(std::string("INT 101 102\0 103\nEXT 104\n", 25));
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101, 102})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({104})));
+}
+
+TEST_F(PrivateRangesTest, PortsOutsideTheMapAreKeptAndMarkedNowhere) {
+  start("INT 99 101 116 -7 2147483647 -2147483648 0\n");
+  EXPECT_THAT(ranges(port_m_int),
+              ElementsAre(padded({99, 101, 116, -7, 2147483647, -2147483647 - 1, 0})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101));
+  EXPECT_EQ(find_free_port_in_range(port_m_int, 99), 101);
+  set_port(port_m_int, 101);
+  EXPECT_EQ(find_free_port_in_range(port_m_int, 99), NO_PORT)
+      << "ports outside the map are never free";
+}
+
+TEST_F(PrivateRangesTest, MinusOneInTheFileEndsTheRange) {
+  start("INT 101 102 -1 103\n");
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101, 102, 103));
+  set_port(port_m_int, 102);
+  EXPECT_EQ(find_free_port_in_range(port_m_int, 101), NO_PORT);
+}
+
+TEST_F(PrivateRangesTest, WordLongerThanItsRoomIsAnUnknownWord) {
+  start("INT 101\n" + std::string(5000, 'W') + " 102 103\nEXT 104\nINT" + std::string(40, 'x') +
+        " 105\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101}), padded({})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({104}), padded({})));
+}
+
+TEST_F(PrivateRangesTest, LinesBeforeTheFirstKnownWordAreSkippedWithAWarningEach) {
+  write_file("int 101\n\n102 103\nEXT 104\nint 105\n");
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_EQ(standin::log_count(L_WARN), 3u);
+  EXPECT_EQ(standin::log_count(L_ERR), 0u);
+  for (const std::string &text : standin::log_texts(L_WARN)) EXPECT_EQ(text.back(), '\n');
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({104}), padded({105})));
+  for (const port_m *other : {port_m_int, port_m_static_int, port_m_static_ext})
+    EXPECT_EQ(other->private_range_count, 0);
+}
+
+TEST_F(PrivateRangesTest, FileOfNothingGoodLeavesTheMapsWithoutRanges) {
+  write_file("\n\n");
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_EQ(standin::log_count(L_WARN), 2u);
+  for (const port_map_kind &kind : port_map_kinds) {
+    EXPECT_EQ((*kind.map)->private_range, nullptr);
+    EXPECT_EQ((*kind.map)->private_range_count, 0);
+  }
+}
+
+TEST_F(PrivateRangesTest, EmptyFileIsReadWell) {
+  write_file("");
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_THAT(all_messages(),
+              ElementsAre(dbg("Reading private port range file '" + path() + "' OK!\n")));
+}
+
+TEST_F(PrivateRangesTest, EachPortIsToldWithTheWordOfItsLine) {
+  write_file("INT 101 200\nother 102\n\nEXT\n");
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_THAT(all_messages(),
+              ElementsAre(dbg("Port 101 was reserved to a private range for INT!\n"),
+                          dbg("Port 200 was reserved to a private range for INT!\n"),
+                          dbg("Port 102 was reserved to a private range for other!\n"),
+                          dbg("Reading private port range file '" + path() + "' OK!\n")));
+}
+
+TEST_F(PrivateRangesTest, MissingFileAnswersMinusOneWithADebugLine) {
+  ASSERT_EQ(init_port_map(), 0);
+  standin::clear_logs();
+  EXPECT_EQ(load_port_range(), -1);
+  EXPECT_THAT(all_messages(),
+              ElementsAre(dbg("Could not open file '" + path() + "' with private port range\n")));
+}
+
+TEST_F(PrivateRangesTest, ListedBottomPortIsHandedOutFirstAllTheSame) {
+  start("INT 100 101\n");
+  EXPECT_EQ(port_m_int->next_free_port, 100);
+  set_port(port_m_int, port_m_int->next_free_port);
+  EXPECT_EQ(port_m_int->next_free_port, 102);
+}
+
+TEST_F(PrivateRangesTest, FullRangeThatIsTakenReportsExhaustion) {
+  start("INT 100 101 102 103 104 105 106 107 108 109\n");
+  for (int32_t port = 101; port <= 109; ++port) {
+    EXPECT_EQ(find_free_port_in_range(port_m_int, 100), port);
+    EXPECT_EQ(set_port(port_m_int, port), 1);
+  }
+  standin::clear_logs();
+  EXPECT_EQ(find_free_port_in_range(port_m_int, 100), NO_PORT);
+  EXPECT_THAT(
+      messages(),
+      ElementsAre(err("No free port available for this private range with base port 100\n")));
+  EXPECT_EQ(is_port_free(port_m_int, 100), 1) << "the base port is never given out";
+}
+
+TEST_F(PrivateRangesTest, FileThatCannotBeOpenedIsAsGoodAsMissing) {
+  write_file("INT 101\n");
+  standin::fail_file_op("fopen", 1, EACCES);
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_EQ(port_m_int->private_range_count, 0);
+  EXPECT_THAT(all_messages(),
+              ElementsAre(dbg("Could not open file '" + path() + "' with private port range\n")));
+}
+
+TEST_F(PrivateRangesTest, LineThatCannotBeReadEndsTheFile) {
+  write_file("INT 101\nINT 102\nINT 103\n");
+  for (int n = 1; n <= 3; ++n) {
+    standin::fail_file_op("getline", n, ENOMEM);
+    ASSERT_EQ(init_port_map(), 0);
+    EXPECT_EQ(port_m_int->private_range_count, n - 1);
+    EXPECT_THAT(messages(), IsEmpty());
+    EXPECT_EQ(standin::open_streams(), 0);
+    destroy_port_maps();
+  }
+}
+
+TEST_F(PrivateRangesTest, DirectoryInTheFilesPlaceHasNoLines) {
+  std::filesystem::create_directory(path());
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_EQ(port_m_int->private_range_count, 0);
+  std::filesystem::remove(path());
+}
+
+TEST_F(PrivateRangesTest, ListThatCannotGrowEndsTheReadingWithTheCountRaised) {
+  write_file("INT 101 102\nEXT 104\nINT 103\nEXT 105\n");
+  // Nine blocks of the maps, then two per line: the first line's list, its record, and so on.
+  const struct {
+    uint64_t allocation;
+    int32_t int_count;
+    int32_t ext_count;
+  } cases[] = {{10, 1, 0}, {12, 1, 1}, {14, 2, 1}, {16, 2, 2}};
+  for (const auto &c : cases) {
+    standin::clear_logs();
+    standin::fail_at(pool::shm, c.allocation);
+    ASSERT_EQ(init_port_map(), 0) << "the start goes on without ranges";
+    EXPECT_THAT(messages(), ElementsAre(NO_MEMORY)) << c.allocation;
+    EXPECT_EQ(port_m_int->private_range_count, c.int_count) << c.allocation;
+    EXPECT_EQ(port_m_ext->private_range_count, c.ext_count) << c.allocation;
+    const port_m *const failed = c.allocation % 4 == 2 ? port_m_int : port_m_ext;
+    EXPECT_EQ(failed->private_range, nullptr) << c.allocation;
+    EXPECT_EQ(standin::open_streams(), 0);
+    EXPECT_EQ(find_free_port_in_range(failed, 101), NO_PORT);
+    EXPECT_EQ(find_free_port_in_range(failed, 104), NO_PORT);
+    clear_port_maps();
+    destroy_port_maps();
+    EXPECT_EQ(standin::leak_report(pool::both), "") << c.allocation;
+    EXPECT_THAT(standin::memory_errors(), IsEmpty()) << c.allocation;
+  }
+}
+
+TEST_F(PrivateRangesTest, RecordThatCannotBeMadeLeavesAnEmptyPlaceAtTheEnd) {
+  write_file("INT 101 102\nEXT 104\nINT 103\nEXT 105\n");
+  const struct {
+    uint64_t allocation;
+    int32_t int_count;
+    int32_t ext_count;
+  } cases[] = {{11, 1, 0}, {13, 1, 1}, {15, 2, 1}, {17, 2, 2}};
+  for (const auto &c : cases) {
+    standin::clear_logs();
+    standin::fail_at(pool::shm, c.allocation);
+    ASSERT_EQ(init_port_map(), 0);
+    EXPECT_THAT(messages(), ElementsAre(NO_MEMORY)) << c.allocation;
+    EXPECT_EQ(port_m_int->private_range_count, c.int_count) << c.allocation;
+    EXPECT_EQ(port_m_ext->private_range_count, c.ext_count) << c.allocation;
+    const port_m *const failed = c.allocation % 4 == 3 ? port_m_int : port_m_ext;
+    ASSERT_NE(failed->private_range, nullptr);
+    EXPECT_EQ(failed->private_range[failed->private_range_count - 1], nullptr);
+    if (failed->private_range_count == 2) {
+      const int32_t base = failed == port_m_int ? 101 : 104;
+      EXPECT_EQ(failed->private_range[0]->port[0], base) << "earlier ranges stay";
+    }
+    EXPECT_EQ(find_free_port_in_range(failed, 999), NO_PORT);
+    EXPECT_EQ(find_free_port_in_range(failed, 103), NO_PORT);
+    destroy_port_maps();
+    EXPECT_EQ(standin::leak_report(pool::both), "") << c.allocation;
+    EXPECT_THAT(standin::memory_errors(), IsEmpty()) << c.allocation;
+  }
+}
+
+TEST_F(PrivateRangesTest, MapWhoseListFailedStillKnowsItsMarks) {
+  write_file("INT 101 102\nINT 103\n");
+  standin::fail_at(pool::shm, 12);
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_EQ(is_port_private(port_m_int, 101), 1);
+  EXPECT_EQ(is_port_private(port_m_int, 103), 0);
+  EXPECT_EQ(find_free_port(port_m_int), 100);
+}
+
+TEST_F(PrivateRangesTest, LoadAnswersMinusOneWhenMemoryIsShort) {
+  for (const uint64_t n : {1u, 2u}) {
+    std::filesystem::remove(path());
+    start();
+    write_file("INT 101\n");
+    standin::fail_at(pool::shm, n);
+    EXPECT_EQ(load_port_range(), -1) << n;
+    EXPECT_THAT(messages(), ElementsAre(NO_MEMORY)) << n;
+  }
+}
+
+TEST_F(PrivateRangesTest, ReadingNeedsNoPrivateMemoryOfTheHost) {
+  write_file("INT 101\nEXT 102\n");
+  standin::reset_allocation_count();
+  ASSERT_EQ(init_port_map(), 0);
+  EXPECT_EQ(standin::allocation_count(pool::pkg), 0u);
+  EXPECT_EQ(standin::allocation_count(pool::shm), 13u);
+}
+
+TEST_F(PrivateRangesTest, VreadPassesTheScanOn) {
+  char word[32] = "";
+  int a = -5, b = -6;
+  EXPECT_EQ(vread("INT 1 2 3", "%31s %d %d", word, &a, &b), 3);
+  EXPECT_STREQ(word, "INT");
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(b, 2);
+  EXPECT_EQ(vread("EXT x", "%31s %d %d", word, &a, &b), 1);
+  EXPECT_STREQ(word, "EXT");
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(vread("", "%31s %d", word, &a), -1);
+  EXPECT_EQ(vread(" \n", "%31s %d", word, &a), -1);
+  EXPECT_STREQ(word, "EXT");
+}
+
+}  // namespace
