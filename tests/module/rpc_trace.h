@@ -132,6 +132,55 @@ inline constexpr small_map SMALL_MAPS[] = {
     {"STATIC_EXT", "min_static_ext_port", "max_static_ext_port", 9000, 9018},
 };
 
+// Gives the only table of the schema another name as soon as private memory is asked for, which the
+// parser does between its own look-up and that of the command, and the old name back at the end.
+class renaming {
+ public:
+  explicit renaming(const std::string &name) : name_(name), malloc_(_pkg_root.xmalloc) {
+    for (const standin::block_info &block : standin::live_blocks(pool::shm, "tarn_memdb"))
+      if (block.size > 256 && static_cast<const char *>(block.address) == name)
+        place_ = const_cast<char *>(static_cast<const char *>(block.address));
+    if (place_ == nullptr) throw std::logic_error("no table " + name);
+    active_ = this;
+    _pkg_root.xmalloc = rename_and_allocate;
+  }
+  ~renaming() {
+    _pkg_root.xmalloc = malloc_;
+    strcpy(place_, name_.c_str());
+  }
+  renaming(const renaming &) = delete;
+  renaming &operator=(const renaming &) = delete;
+
+ private:
+  static void *rename_and_allocate(void *pool_block, size_t size, const char *file,
+                                   const char *func, unsigned int line, const char *owner) {
+    strcpy(active_->place_, "x");
+    return active_->malloc_(pool_block, size, file, func, line, owner);
+  }
+
+  static inline renaming *active_;
+  const std::string name_;
+  decltype(_pkg_root.xmalloc) malloc_;
+  char *place_ = nullptr;
+};
+
+// Tables that hold ports, with the columns that the port rules read.
+inline table port_table(const std::string &name, const std::string &range,
+                        const std::string &log_tag = "") {
+  return {.name = name,
+          .columns = {{"id", 10, true},
+                      {"call"},
+                      {"caller"},
+                      {"callee"},
+                      {"inner", 5},
+                      {"side", 7},
+                      {"outer", 5},
+                      {"kind", 2},
+                      {"dynamic_kind", 2}},
+          .log_tag = log_tag,
+          .ports = {{range, 4, 6}}};
+}
+
 class RpcTest : public ModuleTest {
  protected:
   using steps = std::vector<std::string>;
@@ -155,9 +204,14 @@ class RpcTest : public ModuleTest {
     rpc_watch::now().locks.clear();
     unload();
     standin::set_host_kind(kind);
-    standin::watch_files(directory_prefix());
     load();
     open(tables);
+  }
+
+  // Stops the module: its commands can still be run, its locks are gone.
+  void close() {
+    rpc_watch::now().locks.clear();
+    destroy();
   }
 
   void TearDown() override {
@@ -170,10 +224,10 @@ class RpcTest : public ModuleTest {
   // "warn ..."; before each, in braces, what locks were held. The reply is in `reply`.
   steps trace(const std::string &name, const std::vector<value> &arguments = {},
               int least_grave = INFO_LEVEL) {
-    const rpc_export_t *const row = standin::rpc_find(name);
-    if (row == nullptr) throw std::logic_error("no command " + name);
+    const rpc_export_t *const command = standin::rpc_find(name);
+    if (command == nullptr) throw std::logic_error("no command " + name);
     rpc_watch::watch &watch = rpc_watch::now();
-    watch.handler = row->function;
+    watch.handler = command->function;
     const uint64_t before = standin::last_serial();
     watch_log(least_grave);
     reply = standin::rpc_run(rpc_watch::run, arguments);
@@ -197,9 +251,9 @@ class RpcTest : public ModuleTest {
 
   // A command that has to succeed and to reply nothing.
   void silently(const std::string &name, const std::vector<value> &arguments) {
-    const steps seen = trace(name, arguments, WARN_LEVEL);
-    EXPECT_EQ(seen.size(), 1u) << testing::PrintToString(seen);
-    EXPECT_TRUE(reply.faults.empty());
+    steps seen = trace(name, arguments, WARN_LEVEL);
+    std::erase_if(seen, [](const std::string &step) { return step.rfind("scan ", 0) == 0; });
+    EXPECT_THAT(seen, testing::IsEmpty());
   }
 
   void insert(const std::string &query) { silently("tarn_memdb.insert", {query}); }
@@ -224,8 +278,7 @@ class RpcTest : public ModuleTest {
       if (word != map.word) continue;
       const auto size = static_cast<size_t>(map.max - map.min + 1);
       for (const standin::block_info &block : standin::live_blocks(pool::shm, "tarn_memdb"))
-        if (block.size == size)
-          return static_cast<const uint8_t *>(block.address)[port - map.min];
+        if (block.size == size) return static_cast<const uint8_t *>(block.address)[port - map.min];
     }
     throw std::logic_error("no map " + word);
   }
@@ -240,11 +293,6 @@ class RpcTest : public ModuleTest {
  private:
   static std::string text_or_none(const std::string &path) {
     return file_exists(path) ? read_file(path) : "none";
-  }
-
-  // schema_file() is a name below the test's directory.
-  std::string directory_prefix() const {
-    return schema_file().substr(0, schema_file().rfind('/') + 1);
   }
 
   void watch_log(int least_grave) {
