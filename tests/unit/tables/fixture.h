@@ -1,0 +1,240 @@
+// Ground for the tests of tables, files and admission: a directory of its own per test, a registry
+// made from a schema text, port maps on request, and a check at the end that nothing leaked, that
+// no lock stayed held and that no file stayed open.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/imports.h"
+#include "memdb/memdb.h"
+#include "ports/port_allocation.h"
+#include "ports/port_map.h"
+#include "ports/private_ranges.h"
+#include "query/query_input.h"
+#include "tables/flag_treatment.h"
+#include "tables/lock.h"
+#include "tables/row_admission.h"
+#include "tables/schema.h"
+#include "tables/shared_memory.h"
+#include "tables/table_files.h"
+#include "tables/tarn_tbl.h"
+#include "tests/standin/file_faults.h"
+#include "tests/standin/standin.h"
+
+namespace tables_test {
+
+using standin::log_texts;
+using standin::logged;
+using standin::pool;
+using texts = std::vector<std::string>;
+
+// Formats a message as it is expected.
+__attribute__((format(printf, 1, 2))) inline std::string message(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list again;
+  va_copy(again, args);
+  std::string out(static_cast<size_t>(vsnprintf(nullptr, 0, format, again)) + 1, '\0');
+  va_end(again);
+  vsnprintf(out.data(), out.size(), format, args);
+  va_end(args);
+  out.pop_back();
+  return out;
+}
+
+// One column of a schema.
+struct column {
+  std::string name;
+  long len;
+  int flag;
+};
+
+// One table of a schema; an empty log_tag leaves its line out.
+struct table_spec {
+  std::string name = "t";
+  int flag = 0;
+  std::string range = "dynamic";
+  int int_port_field = 6;
+  int ext_port_field = 9;
+  std::string log_tag;
+  int use_index = 0;
+  int duplicates = 0;
+  int max_rows = 100;
+  std::vector<column> columns = {{"a", 15, 1}, {"b", 15, 0}, {"c", 15, 1}};
+  std::string file_name = "t.txt";
+
+  std::string text() const {
+    std::ostringstream out;
+    out << "TABLE_NAME=" << name << "\nFLAG=" << flag << '\n';
+    if (flag == 1)
+      out << "RANGE=" << range << "\nINT_PORT_FIELD=" << int_port_field
+          << "\nEXT_PORT_FIELD=" << ext_port_field << '\n';
+    if (!log_tag.empty()) out << "LOG_TAG=" << log_tag << '\n';
+    out << "USE_INDEX=" << use_index << "\nDUPLICATED_DATA_CHECK=" << duplicates
+        << "\nMAX_ROWS=" << max_rows << "\nNUM_FIELDS=" << columns.size() << '\n';
+    for (const column &col : columns) out << col.name << ' ' << col.len << ' ' << col.flag << '\n';
+    out << "FILE_NAME=" << file_name << '\n';
+    return out.str();
+  }
+};
+
+class TablesTest : public testing::Test {
+ protected:
+  TablesTest() {
+    standin::reset();
+    install_engine_hooks();
+    std::string pattern = testing::TempDir() + "tables_XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) abort();
+    dir_ = pattern + "/";
+    std::filesystem::create_directory(dir_ + "main");
+    std::filesystem::create_directory(dir_ + "backup");
+    no_ranges_ = dir_ + "no_private_ranges.txt";
+    private_ranges_file_path = no_ranges_.c_str();
+    errno = 0;
+  }
+
+  ~TablesTest() override {
+    standin::stop_failing();
+    standin::stop_failing_files();
+    EXPECT_EQ(standin::open_streams(), 0);
+    standin::watch_files("");
+    for (const tarn_tbl &table : all_tarn_tbls())
+      EXPECT_TRUE(table.lock == nullptr || *table.lock == 0) << table.table_name << " stays locked";
+    end();
+    standin::check_blocks();
+    EXPECT_EQ(standin::leak_report(pool::both), "");
+    EXPECT_THAT(standin::memory_errors(), testing::IsEmpty());
+    EXPECT_THAT(standin::misuses(), testing::IsEmpty());
+    cfg_file_path = "";
+    standin::reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(dir_, ignored);
+  }
+
+  // Ends what start began, as the module's own end does.
+  void end() {
+    destroy_tables();
+    if (tarn_tbl_mngt != nullptr) {
+      tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
+      tarn_shm_free(tarn_tbl_mngt);
+      tarn_tbl_mngt = nullptr;
+    }
+    destroy_port_maps();
+    for (const port_map_kind &kind : port_map_kinds) *kind.map = nullptr;
+  }
+
+  std::string path(const std::string &name) const { return dir_ + name; }
+  std::string main_file(const std::string &name = "t.txt") const { return dir_ + "main/" + name; }
+  std::string backup_file(const std::string &name = "t.txt") const {
+    return dir_ + "backup/" + name + ".backup";
+  }
+
+  static void write(const std::string &file, const std::string &text) {
+    std::ofstream(file, std::ios::binary) << text;
+  }
+
+  // The file's content, or "<none>".
+  static std::string read(const std::string &file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return "<none>";
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+  }
+
+  static bool exists(const std::string &file) {
+    std::error_code ignored;
+    return std::filesystem::symlink_status(file, ignored).type() !=
+           std::filesystem::file_type::not_found;
+  }
+
+  // An empty registry.
+  void make_registry() {
+    tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
+    ASSERT_NE(tarn_tbl_mngt, nullptr);
+  }
+
+  // create_table on that schema text, with a new registry.
+  int32_t create(const std::string &schema) {
+    end();
+    make_registry();
+    schema_path_ = dir_ + "schema.cfg";
+    write(schema_path_, schema);
+    cfg_file_path = schema_path_.c_str();
+    return create_table();
+  }
+
+  // Tables with locks below this test's directories; the log starts behind that.
+  void start(const std::vector<table_spec> &tables) {
+    std::string schema = "BASE_DIR=" + dir_ + "main/\nBASE_BACKUP_DIR=" + dir_ +
+                         "backup/\nNUM_TABLE=" + std::to_string(tables.size()) + "\n";
+    for (const table_spec &table : tables) schema += table.text();
+    ASSERT_EQ(create(schema), 0) << standin::log_dump();
+    ASSERT_EQ(init_lock(), 0);
+    standin::clear_logs();
+    errno = 0;
+  }
+
+  tarn_tbl *start(const table_spec &table) {
+    start(std::vector<table_spec>{table});
+    return &tarn_tbl_mngt->tarn_tbl[0];
+  }
+
+  static tarn_tbl *table(size_t n = 0) { return &tarn_tbl_mngt->tarn_tbl[n]; }
+
+  // A row through the engine, counted as an insert would.
+  static memdb_row *add(tarn_tbl *to, std::initializer_list<const char *> row) {
+    EXPECT_EQ(row.size(), to->tbl->col_cnt);
+    memdb_row *const added = memdb_insert(to->tbl, row.begin());
+    to->row_count++;
+    to->state = TBL_CHANGED;
+    return added;
+  }
+
+  // The rows, newest first, each as "a|b|c".
+  static texts rows(const tarn_tbl *of) {
+    texts out;
+    for (const memdb_row *row = of->tbl->first; row != nullptr; row = row->next) {
+      std::string image;
+      for (uint32_t i = 0; i < of->tbl->col_cnt; i++) {
+        if (i > 0) image += '|';
+        image += memdb_get_field(of->tbl, row, i);
+      }
+      out.push_back(image);
+    }
+    return out;
+  }
+
+  // Texts of all messages of level ERR and above, and of WARN.
+  static texts errors() {
+    texts out;
+    for (const standin::log_record &record : standin::logs())
+      if (record.level <= L_ERR) out.push_back(record.text);
+    return out;
+  }
+  static texts warnings() { return standin::log_texts(L_WARN); }
+  static texts debug() { return standin::log_texts(L_DBG); }
+
+  void watch() { standin::watch_files(dir_); }
+
+  std::string dir_;
+  std::string schema_path_;
+  std::string no_ranges_;
+};
+
+}  // namespace tables_test

@@ -1,0 +1,223 @@
+// The registry: look-up by name, accessors, locks of the tables, and the end.
+#include "tests/unit/tables/fixture.h"
+
+namespace tables_test {
+namespace {
+
+using RegistryTest = TablesTest;
+
+constexpr char NULL_TABLE[] = "NULL value for tarn_table\n";
+
+TEST_F(RegistryTest, ATableIsFoundByItsName) {
+  table_spec one, two;
+  one.name = "one";
+  two.name = "two";
+  start({one, two});
+  EXPECT_EQ(get_tarn_tbl_by_name("one"), table(0));
+  EXPECT_EQ(get_tarn_tbl_by_name("two"), table(1));
+  EXPECT_TRUE(standin::logs().empty());
+}
+
+TEST_F(RegistryTest, OfEqualNamesTheFirstTableIsFound) {
+  start({table_spec{}, table_spec{}});
+  EXPECT_EQ(get_tarn_tbl_by_name("t"), table(0));
+}
+
+TEST_F(RegistryTest, AnUnknownNameIsNullAndTold) {
+  start(table_spec{});
+  EXPECT_EQ(get_tarn_tbl_by_name("T"), nullptr);
+  EXPECT_EQ(get_tarn_tbl_by_name("t "), nullptr);
+  EXPECT_EQ(get_tarn_tbl_by_name(""), nullptr);
+  EXPECT_EQ(errors(), (texts{"Table 'T' was not found\n", "Table 't ' was not found\n",
+                             "Table '' was not found\n"}));
+}
+
+TEST_F(RegistryTest, ANullNameIsNullAndTold) {
+  start(table_spec{});
+  EXPECT_EQ(get_tarn_tbl_by_name(static_cast<const char *>(nullptr)), nullptr);
+  EXPECT_EQ(errors(), texts{"NULL value for tbl_name\n"});
+}
+
+TEST_F(RegistryTest, WithoutARegistryNoTableIsFound) {
+  EXPECT_EQ(get_tarn_tbl_by_name("t"), nullptr);
+  EXPECT_EQ(errors(), texts{"tarn_tbl_mngt undefined.\n"});
+  standin::clear_logs();
+  EXPECT_EQ(get_tarn_tbl_by_name(static_cast<const char *>(nullptr)), nullptr);
+  EXPECT_EQ(errors(), texts{"NULL value for tbl_name\n"});
+}
+
+TEST_F(RegistryTest, WithoutTablesNoTableIsFound) {
+  make_registry();
+  EXPECT_EQ(get_tarn_tbl_by_name("t"), nullptr);
+  EXPECT_EQ(errors(), texts{"Table 't' was not found\n"});
+}
+
+TEST_F(RegistryTest, ANameOf31CharactersIsFoundAndALongerOneIsNotCutToIt) {
+  table_spec spec;
+  spec.name = std::string(31, 'n');
+  start(spec);
+  EXPECT_EQ(get_tarn_tbl_by_name(std::string(31, 'n').c_str()), table());
+  EXPECT_EQ(get_tarn_tbl_by_name(std::string(32, 'n').c_str()), nullptr);
+  EXPECT_EQ(get_tarn_tbl_by_name(std::string(300, 'n').c_str()), nullptr);
+  EXPECT_EQ(get_tarn_tbl_by_name(std::string(30, 'n').c_str()), nullptr);
+  EXPECT_EQ(errors()[0], "Table '" + std::string(32, 'n') + "' was not found\n");
+}
+
+TEST_F(RegistryTest, ACountedNameIsComparedWithinItsLength) {
+  start(table_spec{});
+  EXPECT_EQ(get_tarn_tbl_by_name(std::string_view("t,rest").substr(0, 1)), table());
+  EXPECT_EQ(get_tarn_tbl_by_name(std::string_view("t,rest")), nullptr);
+  EXPECT_EQ(errors(), texts{"Table 't,rest' was not found\n"});
+}
+
+TEST_F(RegistryTest, StateIsSetAndRead) {
+  tarn_tbl *const t = start(table_spec{});
+  EXPECT_EQ(get_tbl_state(t), 0);
+  EXPECT_EQ(set_tbl_state(t, TBL_CLEARED), 0);
+  EXPECT_EQ(get_tbl_state(t), 2);
+  EXPECT_EQ(debug(), texts{"Table 't' state was set to value 2\n"});
+}
+
+TEST_F(RegistryTest, SettingTheRowCountAddsAChange) {
+  tarn_tbl *const t = start(table_spec{});
+  EXPECT_EQ(set_tbl_row_count(t, 1), 0);
+  EXPECT_EQ(set_tbl_row_count(t, 4), 0);
+  EXPECT_EQ(set_tbl_row_count(t, -2), 0);
+  EXPECT_EQ(get_tbl_row_count(t), 3);
+  EXPECT_EQ(debug(),
+            (texts{"Table 't' row count was set to 1\n", "Table 't' row count was set to 5\n",
+                   "Table 't' row count was set to 3\n"}));
+}
+
+TEST_F(RegistryTest, ARowCountBelowZeroIsSetToZeroAndTold) {
+  tarn_tbl *const t = start(table_spec{});
+  set_tbl_row_count(t, 1);
+  standin::clear_logs();
+  EXPECT_EQ(set_tbl_row_count(t, -3), 0);
+  EXPECT_EQ(get_tbl_row_count(t), 0);
+  EXPECT_EQ(debug(),
+            (texts{"Table 't' row count was set to -2. Invalid value. Reseting row count\n",
+                   "Table 't' row count was set to 0\n"}));
+}
+
+TEST_F(RegistryTest, ResettingTheRowCountGivesZero) {
+  tarn_tbl *const t = start(table_spec{});
+  t->row_count = 12;
+  EXPECT_EQ(reset_tbl_row_count(t), 0);
+  EXPECT_EQ(t->row_count, 0);
+  EXPECT_EQ(debug(), texts{"Table 't' row count was set to 0\n"});
+}
+
+TEST_F(RegistryTest, AFreshTableGivesTheIndexes1And2And3) {
+  tarn_tbl *const t = start(table_spec{});
+  EXPECT_EQ(get_tbl_index(t), 1u);
+  EXPECT_EQ(get_tbl_index(t), 2u);
+  EXPECT_EQ(get_tbl_index(t), 3u);
+  EXPECT_EQ(t->next_index, 4u);
+  EXPECT_EQ(debug(), (texts{"Table 't' next index to be used was set to 2\n",
+                            "Table 't' next index to be used was set to 3\n",
+                            "Table 't' next index to be used was set to 4\n"}));
+}
+
+TEST_F(RegistryTest, TheIndexWrapsOverZero) {
+  tarn_tbl *const t = start(table_spec{});
+  EXPECT_EQ(set_tbl_index(t, 4294967295u), 0);
+  EXPECT_EQ(get_tbl_index(t), 4294967295u);
+  EXPECT_EQ(get_tbl_index(t), 0u);
+  EXPECT_EQ(get_tbl_index(t), 1u);
+  EXPECT_EQ(debug()[0], "Table 't' index was set to -1\n");
+  EXPECT_EQ(debug()[1], "Table 't' next index to be used was set to 0\n");
+}
+
+TEST_F(RegistryTest, ResettingTheIndexGivesOne) {
+  tarn_tbl *const t = start(table_spec{});
+  t->next_index = 99;
+  EXPECT_EQ(reset_tbl_index(t), 0);
+  EXPECT_EQ(t->next_index, 1u);
+  EXPECT_EQ(debug(), texts{"Table 't' index was set to 1\n"});
+}
+
+TEST_F(RegistryTest, EveryAccessorTellsAndSurvivesANullTable) {
+  EXPECT_EQ(get_tbl_state(nullptr), -1);
+  EXPECT_EQ(set_tbl_state(nullptr, 1), -1);
+  EXPECT_EQ(get_tbl_row_count(nullptr), -1);
+  EXPECT_EQ(set_tbl_row_count(nullptr, 1), -1);
+  EXPECT_EQ(reset_tbl_row_count(nullptr), -1);
+  EXPECT_EQ(get_tbl_index(nullptr), 0u);
+  EXPECT_EQ(set_tbl_index(nullptr, 1), -1);
+  EXPECT_EQ(reset_tbl_index(nullptr), -1);
+  EXPECT_EQ(debug(), texts(8, NULL_TABLE));
+  EXPECT_EQ(standin::logs().size(), 8u);
+}
+
+TEST_F(RegistryTest, EveryTableGetsALockOfItsOwn) {
+  start({table_spec{}, table_spec{}});
+  destroy_lock();
+  EXPECT_EQ(table(0)->lock, nullptr);
+  EXPECT_EQ(table(1)->lock, nullptr);
+  table(1)->table_name[0] = 'u';
+  EXPECT_EQ(init_lock(), 0);
+  EXPECT_NE(table(0)->lock, nullptr);
+  EXPECT_NE(table(0)->lock, table(1)->lock);
+  EXPECT_EQ(*table(0)->lock, 0u);
+  EXPECT_EQ(debug(), (texts{"Creating lock for table 't'\n", "Creating lock for table 'u'\n"}));
+}
+
+TEST_F(RegistryTest, WithoutMemoryForALockTheLaterTablesGetNone) {
+  start({table_spec{}, table_spec{}, table_spec{}});
+  destroy_lock();
+  standin::fail_at(pool::shm, 2);
+  EXPECT_EQ(init_lock(), -1);
+  EXPECT_NE(table(0)->lock, nullptr);
+  EXPECT_EQ(table(1)->lock, nullptr);
+  EXPECT_EQ(table(2)->lock, nullptr);
+  EXPECT_EQ(errors(), texts{"Could not allocate the lock\n"});
+  EXPECT_EQ(debug().size(), 2u);
+}
+
+TEST_F(RegistryTest, LocksWithoutTablesAreNothing) {
+  EXPECT_EQ(init_lock(), 0);
+  destroy_lock();
+  make_registry();
+  EXPECT_EQ(init_lock(), 0);
+  destroy_lock();
+  EXPECT_TRUE(standin::logs().empty());
+}
+
+TEST_F(RegistryTest, DestroyingFreesNamesRowsTablesAndLocks) {
+  start({table_spec{}, table_spec{}});
+  add(table(0), {"1", "2", "3"});
+  add(table(1), {"4", "5", "6"});
+  destroy_tables();
+  EXPECT_EQ(table(0)->tbl, nullptr);
+  EXPECT_EQ(table(1)->tbl, nullptr);
+  EXPECT_EQ(table(0)->lock, nullptr);
+  // The registry and the array of its records.
+  EXPECT_EQ(standin::live_count(pool::both), 2u);
+  destroy_tables();
+  EXPECT_EQ(standin::live_count(pool::both), 2u);
+}
+
+TEST_F(RegistryTest, DestroyingWorksWithoutRegistryTablesOrLocks) {
+  destroy_tables();
+  make_registry();
+  destroy_tables();
+  EXPECT_EQ(create("NUM_TABLE=2\n" + table_spec{}.text()), 0);
+  EXPECT_EQ(table(0)->lock, nullptr);
+  EXPECT_EQ(table(1)->tbl->col_cnt, 0u);
+  destroy_tables();
+  EXPECT_EQ(standin::live_count(pool::both), 2u);
+}
+
+TEST_F(RegistryTest, ColumnNamesAreReadWhereThereAreSome) {
+  start(table_spec{});
+  EXPECT_EQ(column_name(table(), 0), "a");
+  EXPECT_EQ(column_name(table(), 2), "c");
+  char *const taken = table()->field_name[1];
+  table()->field_name[1] = nullptr;
+  EXPECT_EQ(column_name(table(), 1), "");
+  table()->field_name[1] = taken;
+}
+
+}  // namespace
+}  // namespace tables_test
