@@ -1,7 +1,6 @@
 // The schema reader: keys in a fixed order, each optional, values ended by white space.
 #include "tables/schema.h"
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,111 +8,13 @@
 #include "host/log.h"
 #include "host/memory.h"
 #include "tables/file_handle.h"
+#include "tables/schema_reader.h"
 #include "tables/shared_memory.h"
 #include "tables/tarn_tbl.h"
 
 const char *cfg_file_path = "";
 
 namespace {
-
-enum class read_result {
-  end = -1,      // the file ended before a value
-  mismatch = 0,  // something else stands there; nothing is taken from the file
-  read = 1,
-  too_long = 2  // the value doesn't fit the field that receives it
-};
-
-// Formatted reads from the schema file, each of which skips the white space behind its value.
-class schema_reader {
- public:
-  explicit schema_reader(FILE *file) : file_(file) {}
-
-  // "key" and a word. A word longer than the field is cut for fields that may be cut; its rest
-  // then stands in the way of every later key.
-  read_result text(const char *key, std::span<char> field, bool may_cut = false) {
-    const long start = ftell(file_);
-    if (const read_result at_key = literal(key, start); at_key != read_result::read) return at_key;
-    const read_result value = word(field);
-    if (value == read_result::too_long && may_cut) return read_result::read;
-    if (value == read_result::read) skip_space();
-    return note(value);
-  }
-
-  // "key" and a number.
-  read_result number(const char *key, int32_t *value) {
-    const long start = ftell(file_);
-    if (const read_result at_key = literal(key, start); at_key != read_result::read) return at_key;
-    const read_result result = integer(value);
-    if (result == read_result::mismatch) fseek(file_, start, SEEK_SET);
-    if (result == read_result::read) skip_space();
-    return result;
-  }
-
-  // A field line: name, length and flag. What is missing keeps its value.
-  void field(std::span<char> name, tbl_dcl *declared) {
-    int32_t len = 0;
-    int32_t flag = 0;
-    if (note(word(name)) != read_result::read) return;
-    if (integer(&len) == read_result::read) {
-      declared->len = static_cast<uint32_t>(len);
-      if (integer(&flag) == read_result::read) declared->flag = static_cast<uint32_t>(flag);
-    }
-    skip_space();
-  }
-
-  // True once a value was met that is longer than the field for it.
-  bool overlong() const { return met_overlong_; }
-
- private:
-  read_result note(read_result result) {
-    if (result == read_result::too_long) met_overlong_ = true;
-    return result;
-  }
-
-  void skip_space() {
-    int c = getc(file_);
-    while (isspace(c)) c = getc(file_);
-    ungetc(c, file_);
-  }
-
-  read_result literal(const char *key, long start) {
-    for (; *key != '\0'; key++) {
-      const int c = getc(file_);
-      if (c == EOF) return read_result::end;
-      if (c != *key) {
-        fseek(file_, start, SEEK_SET);
-        return read_result::mismatch;
-      }
-    }
-    return read_result::read;
-  }
-
-  read_result word(std::span<char> field) {
-    skip_space();
-    size_t len = 0;
-    int c = getc(file_);
-    if (c == EOF) return read_result::end;
-    for (; c != EOF && !isspace(c); c = getc(file_)) {
-      if (len == field.size() - 1) {
-        ungetc(c, file_);
-        field[len] = '\0';
-        return read_result::too_long;
-      }
-      field[len++] = static_cast<char>(c);
-    }
-    ungetc(c, file_);
-    field[len] = '\0';
-    return read_result::read;
-  }
-
-  read_result integer(int32_t *value) {
-    const int items = fscanf(file_, "%d", value);
-    return items == EOF ? read_result::end : static_cast<read_result>(items);
-  }
-
-  FILE *file_;
-  bool met_overlong_ = false;
-};
 
 // The keys ahead of the field lines.
 void read_settings(schema_reader *schema, tarn_tbl *table) {
