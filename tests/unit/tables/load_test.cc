@@ -1,0 +1,814 @@
+// Reading tables from their files: main file, backup, and what makes either of them bad.
+#include <algorithm>
+
+#include "tests/unit/tables/fixture.h"
+
+namespace tables_test {
+namespace {
+
+class LoadTest : public TablesTest {
+ protected:
+  // Loads the first table, with the log starting there.
+  void load() {
+    standin::clear_logs();
+    EXPECT_EQ(load_table(table()), 0);
+    EXPECT_EQ(standin::live_count(pool::pkg), 0u);
+  }
+
+  // The table came from the backup: the main file is gone, the backup stays.
+  void expect_from_backup(const texts &expected) {
+    EXPECT_EQ(rows(table()), expected);
+    EXPECT_EQ(table()->row_count, static_cast<int32_t>(expected.size()));
+    EXPECT_FALSE(exists(main_file()));
+    EXPECT_TRUE(exists(backup_file()));
+    EXPECT_TRUE(logged(L_DBG, message("Trying to open backup file '%s'\n", backup_file().c_str())));
+    EXPECT_FALSE(standin::log_contains(L_DBG, "New file"));
+  }
+
+  // Neither file was of use: the table is empty and both are gone.
+  void expect_nothing_left() {
+    EXPECT_EQ(rows(table()), texts{});
+    EXPECT_EQ(table()->row_count, 0);
+    EXPECT_EQ(table()->next_index, 1u);
+    EXPECT_FALSE(exists(main_file()));
+    EXPECT_FALSE(exists(backup_file()));
+    EXPECT_EQ(debug().back(),
+              message("New file '%s' will be created later when necessary\n", main_file().c_str()));
+  }
+};
+
+TEST_F(LoadTest, AGoodMainFileFillsTheTableAndTheBackupIsLeftAlone) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n4|5|6\n");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  load();
+  EXPECT_EQ(rows(table()), (texts{"4|5|6", "1|2|3"}));
+  EXPECT_EQ(table()->row_count, 2);
+  EXPECT_EQ(table()->state, 0);
+  EXPECT_EQ(read(main_file()), "Version 1\n1|2|3\n4|5|6\n");
+  EXPECT_EQ(read(backup_file()), "Version 1\n7|8|9\n");
+  EXPECT_EQ(debug()[0], "Loading table 't' from file 't.txt'\n");
+  EXPECT_TRUE(errors().empty());
+  EXPECT_TRUE(warnings().empty());
+}
+
+TEST_F(LoadTest, LoadedRowsAreIndexedAndKeepTheirOrder) {
+  start(table_spec{});
+  write(main_file(), "Version 1\nA|x|k\nB|y|k\nC|z|other\n");
+  load();
+  const char *const all[] = {nullptr, nullptr, nullptr};
+  memdb_cursor cursor;
+  EXPECT_STREQ(memdb_get_field(table()->tbl, memdb_select(table()->tbl, all, &cursor), 0), "C");
+  const char *const wanted[] = {nullptr, nullptr, "k"};
+  memdb_row *const first = memdb_select(table()->tbl, wanted, &cursor);
+  EXPECT_STREQ(memdb_get_field(table()->tbl, first, 0), "B");
+  EXPECT_STREQ(memdb_get_field(table()->tbl, memdb_select_next(&cursor), 0), "A");
+  EXPECT_EQ(memdb_select_next(&cursor), nullptr);
+}
+
+TEST_F(LoadTest, WithoutFilesTheTableIsEmptyAndNothingIsWrong) {
+  start(table_spec{});
+  load();
+  expect_nothing_left();
+  EXPECT_TRUE(errors().empty());
+  EXPECT_EQ(standin::log_texts().size(), debug().size());
+}
+
+TEST_F(LoadTest, AMissingMainFileGivesTheBackupWithoutAWordAboveDebug) {
+  start(table_spec{});
+  write(backup_file(), "Version 1\n7|8|9\n");
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_EQ(standin::log_texts().size(), debug().size());
+  EXPECT_EQ(table()->state, 0);
+}
+
+TEST_F(LoadTest, AFileOfTheVersionLineAloneIsAnEmptyTableAndKeepsTheBackup) {
+  start(table_spec{});
+  for (const char *content : {"Version 1\n", "Version 1", "Version 1\n\n\n", "Version 1\n#a\n"}) {
+    write(main_file(), content);
+    write(backup_file(), "Version 1\n7|8|9\n");
+    load();
+    EXPECT_EQ(rows(table()), texts{});
+    EXPECT_EQ(read(main_file()), content);
+    EXPECT_EQ(read(backup_file()), "Version 1\n7|8|9\n");
+    EXPECT_FALSE(standin::log_contains(L_DBG, "backup"));
+  }
+}
+
+TEST_F(LoadTest, AMainFileOfZeroBytesIsRemovedAndTheBackupLoaded) {
+  start(table_spec{});
+  write(main_file(), "");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_TRUE(logged(L_DBG, message("Database empty: %s\n", main_file().c_str())));
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(LoadTest, AnotherVersionIsToldAndTheBackupLoaded) {
+  start(table_spec{});
+  const std::vector<std::string> others = {"Version 2",  "version 1",  "Version 1 ",
+                                           " Version 1", "Version 10", "Version",
+                                           "# comment",  "1|2|3",      ""};
+  for (const std::string &other : others) {
+    write(main_file(), other + "\n1|2|3\n");
+    write(backup_file(), "Version 1\n7|8|9\n");
+    load();
+    expect_from_backup({"7|8|9"});
+    EXPECT_EQ(errors(), texts{message("Wrong database version. Current DB: Version 1, Prensent on "
+                                      "File: %s\n",
+                                      other.c_str())});
+  }
+}
+
+TEST_F(LoadTest, CarriageReturnLineEndsAreAnotherVersion) {
+  start(table_spec{});
+  write(main_file(), "Version 1\r\n1|2|3\r\n");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_EQ(errors(), texts{"Wrong database version. Current DB: Version 1, Prensent on File: "
+                            "Version 1\r\n"});
+}
+
+TEST_F(LoadTest, ACarriageReturnInARowIsText) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\r\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"1|2|3\r"});
+}
+
+TEST_F(LoadTest, CommentsAndBlankLinesAreSkippedBehindTheVersion) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n\n# one\n1|2|3\n\n#4|5|6\n7|8|9\n\n#\n");
+  load();
+  EXPECT_EQ(rows(table()), (texts{"7|8|9", "1|2|3"}));
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(LoadTest, AHashBehindTheFirstByteIsText) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n 1|#2|3\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{" 1|#2|3"});
+}
+
+TEST_F(LoadTest, ALastLineWithoutALineFeedCounts) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n4|5|6");
+  load();
+  EXPECT_EQ(rows(table()), (texts{"4|5|6", "1|2|3"}));
+}
+
+TEST_F(LoadTest, EscapesInAHandMadeFileAreUndone) {
+  start(table_spec{});
+  write(main_file(), "Version 1\na\\|b|\\*|c\\\\d\n\\#x|e\\,f|g,h\n");
+  load();
+  EXPECT_EQ(rows(table()), (texts{"#x|e,f|g,h", "a|b|*|c\\d"}));
+  EXPECT_STREQ(memdb_get_field(table()->tbl, table()->tbl->last, 0), "a|b");
+}
+
+TEST_F(LoadTest, EmptyFieldsLoadAsLongAsOneHasText) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n||x\nx||\n");
+  load();
+  EXPECT_EQ(rows(table()), (texts{"x||", "||x"}));
+}
+
+struct bad_row {
+  std::string line;
+  texts told;  // ahead of the line that names the row
+};
+
+const std::vector<bad_row> BAD_ROWS = {
+    {"1|2", {"Size mismatch", "Wrong number of fields in field list: t,1|2 | (null)\n"}},
+    {"1|2|3|4", {"Size mismatch", "Wrong number of fields in field list: t,1|2|3|4 | (null)\n"}},
+    {"*|2|3", {"Wildcard are not allowed in INSERT operation\n"}},
+    {"1|2|*", {"Wildcard are not allowed in INSERT operation\n"}},
+    {"||", {"Empty fields are not allowed in INSERT operation\n"}},
+    {"1|2|3\\", {"Wrong input format for INSERT\n"}},
+    {"1\\|2|3", {"Size mismatch", "Wrong number of fields in field list: t,1\\|2|3 | (null)\n"}}};
+
+TEST_F(LoadTest, ABadRowDiscardsTheMainFileAndAllItsRows) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  for (const bad_row &bad : BAD_ROWS) {
+    write(main_file(), "Version 1\n50|a|b\n" + bad.line + "\n51|c|d\n");
+    write(backup_file(), "Version 1\n7|8|9\n3|4|5\n");
+    load();
+    expect_from_backup({"3|4|5", "7|8|9"});
+    EXPECT_EQ(table()->next_index, 8u);
+    texts expected = bad.told;
+    expected.push_back("Could not parse 't," + bad.line + "'\n");
+    EXPECT_EQ(errors(), expected);
+  }
+}
+
+TEST_F(LoadTest, ALoneBackslashAtALinesEndIsWarnedOf) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\\\n");
+  load();
+  EXPECT_TRUE(logged(L_WARN, "Bad escape detected\n"));
+  expect_nothing_left();
+}
+
+TEST_F(LoadTest, BadRowsInBothFilesLeaveNoDataOnDisk) {
+  start(table_spec{});
+  for (const bad_row &bad : BAD_ROWS) {
+    write(main_file(), "Version 1\n1|2|3\n" + bad.line + "\n");
+    write(backup_file(), "Version 1\n7|8|9\n" + bad.line + "\n");
+    load();
+    expect_nothing_left();
+    EXPECT_EQ(errors().size(), 2 * (bad.told.size() + 1));
+  }
+}
+
+TEST_F(LoadTest, ABadBackupIsRemovedWhereTheMainFileIsMissingOrBad) {
+  start(table_spec{});
+  struct {
+    const char *backup;
+    size_t lines;
+  } const bad[] = {{"", 0}, {"Version 2\n7|8|9\n", 1}, {"Version 1\n7|8\n", 3}};
+  for (const auto &each : bad) {
+    for (const bool with_main : {false, true}) {
+      if (with_main) write(main_file(), "");
+      write(backup_file(), each.backup);
+      load();
+      expect_nothing_left();
+      EXPECT_EQ(errors().size(), each.lines);
+      EXPECT_EQ(logged(L_DBG, message("Database empty: %s\n", backup_file().c_str())),
+                each.lines == 0);
+    }
+  }
+}
+
+TEST_F(LoadTest, ABadMainFileWithoutABackupLeavesAnEmptyTable) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n1|2\n");
+  load();
+  expect_nothing_left();
+  EXPECT_FALSE(standin::log_contains(L_DBG, "Trying to open backup file"));
+}
+
+TEST_F(LoadTest, AMainFileThatCannotBeOpenedIsToldRemovedAndReplacedByTheBackup) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  watch();
+  standin::fail_file_op("fopen", 1, EACCES);
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_EQ(errors(), texts{message("Could not open file '%s'\n", main_file().c_str())});
+}
+
+TEST_F(LoadTest, ABackupThatCannotBeOpenedIsToldAndRemoved) {
+  start(table_spec{});
+  write(main_file(), "Version 0\n");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  watch();
+  standin::fail_file_op("fopen", 2, EACCES);
+  load();
+  expect_nothing_left();
+  EXPECT_EQ(errors()[1], message("Could not open file '%s'\n", backup_file().c_str()));
+}
+
+TEST_F(LoadTest, AMainFileThatCannotBeSeenCountsAsMissing) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  watch();
+  standin::fail_file_op("access", 1, EACCES);
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_TRUE(errors().empty());
+  EXPECT_EQ(standin::file_ops("fopen"), 1);
+}
+
+TEST_F(LoadTest, ABackupThatCannotBeSeenCountsAsMissing) {
+  start(table_spec{});
+  write(backup_file(), "Version 1\n7|8|9\n");
+  watch();
+  standin::fail_file_op("access", 2, EACCES);
+  load();
+  expect_nothing_left();
+  EXPECT_EQ(standin::file_ops("fopen"), 0);
+}
+
+TEST_F(LoadTest, RemovesThatFailChangeNothing) {
+  start(table_spec{});
+  write(main_file(), "Version 0\n");
+  write(backup_file(), "Version 0\n");
+  watch();
+  standin::fail_file_ops_from("remove", 1, EROFS);
+  load();
+  EXPECT_EQ(rows(table()), texts{});
+  EXPECT_EQ(read(main_file()), "Version 0\n");
+  EXPECT_EQ(read(backup_file()), "Version 0\n");
+  EXPECT_EQ(standin::file_ops("remove"), 2);
+}
+
+TEST_F(LoadTest, ACloseThatFailsChangesNothing) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  watch();
+  standin::fail_file_op("fclose", 1, EIO);
+  load();
+  EXPECT_EQ(rows(table()), texts{"1|2|3"});
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(LoadTest, ADirectoryInPlaceOfTheMainFileIsAnEmptyOne) {
+  start(table_spec{});
+  std::filesystem::create_directory(main_file());
+  write(backup_file(), "Version 1\n7|8|9\n");
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_TRUE(logged(L_DBG, message("Database empty: %s\n", main_file().c_str())));
+}
+
+TEST_F(LoadTest, ADirectoryWithSomethingInItStays) {
+  start(table_spec{});
+  std::filesystem::create_directory(main_file());
+  write(main_file() + "/inside", "x");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"7|8|9"});
+  EXPECT_EQ(read(main_file() + "/inside"), "x");
+}
+
+TEST_F(LoadTest, ADirectoryInPlaceOfTheBackupLeavesAnEmptyTable) {
+  start(table_spec{});
+  std::filesystem::create_directory(backup_file());
+  load();
+  expect_nothing_left();
+}
+
+TEST_F(LoadTest, TheFilesAreTriedInOrderAndClosed) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2\n");
+  write(backup_file(), "Version 1\n");
+  watch();
+  load();
+  texts history;
+  for (const std::string &op : standin::file_history())
+    if (op.rfind("getline", 0) != 0) history.push_back(op);
+  EXPECT_EQ(history, (texts{"access " + main_file(), "fopen " + main_file(), "fclose",
+                            "remove " + main_file(), "access " + backup_file(),
+                            "fopen " + backup_file(), "fclose"}));
+}
+
+TEST_F(LoadTest, WhatTheTableHeldBeforeIsGone) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  add(table(), {"40", "b", "c"});
+  add(table(), {"41", "b", "c"});
+  table()->next_index = 42;
+  table()->state = TBL_CHANGED;
+  write(main_file(), "Version 1\n5|2|3\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"5|2|3"});
+  EXPECT_EQ(table()->row_count, 1);
+  EXPECT_EQ(table()->next_index, 6u);
+  // The change state belongs to those who change rows.
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+  std::filesystem::remove(main_file());
+  load();
+  expect_nothing_left();
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+}
+
+TEST_F(LoadTest, TheLockIsTheCallersBusiness) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  const lock_scope held(table()->lock);
+  load();
+  EXPECT_EQ(*table()->lock, 1u);
+}
+
+TEST_F(LoadTest, TheNextIndexFollowsTheHighestStoredOneInAnyOrder) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  for (const char *content : {"Version 1\n3|b|c\n7|b|c\n", "Version 1\n7|b|c\n3|b|c\n"}) {
+    write(main_file(), content);
+    load();
+    EXPECT_EQ(table()->next_index, 8u);
+    EXPECT_TRUE(logged(L_DBG, "Table 't' index was set to 8\n"));
+  }
+}
+
+TEST_F(LoadTest, TheNextIndexIsOneWithoutRowsOrWithoutNumbers) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  for (const char *content : {"Version 1\n", "Version 1\nx|b|c\n|b|c\n0|b|c\n"}) {
+    write(main_file(), content);
+    load();
+    EXPECT_EQ(table()->next_index, 1u);
+  }
+}
+
+TEST_F(LoadTest, TheHighestIndexOfAllIsFollowedByZero) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  write(main_file(), "Version 1\n4294967295|b|c\n");
+  load();
+  EXPECT_EQ(table()->next_index, 0u);
+}
+
+TEST_F(LoadTest, WithoutAGeneratedIndexTheFirstColumnIsNotLookedAt) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n7|b|c\n");
+  load();
+  EXPECT_EQ(table()->next_index, 1u);
+}
+
+TEST_F(LoadTest, RowLimitAndDuplicateCheckAreNotApplied) {
+  table_spec spec;
+  spec.max_rows = 2;
+  spec.duplicates = 1;
+  start(spec);
+  write(main_file(), "Version 1\n1|2|3\n1|2|3\n1|2|3\n");
+  load();
+  EXPECT_EQ(rows(table()).size(), 3u);
+  EXPECT_EQ(table()->row_count, 3);
+}
+
+TEST_F(LoadTest, ATextLongerThanItsColumnIsCutWithAWarning) {
+  table_spec spec;
+  spec.columns = {{"a", 3, 1}, {"b", 5, 0}};
+  start(spec);
+  write(main_file(), "Version 1\nabcdef|12345\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"abc|12345"});
+  EXPECT_EQ(warnings(),
+            texts{"Value 'abcdef' too long. It will be truncated to fit field size (3 bytes)\n"});
+}
+
+TEST_F(LoadTest, ASchemaWithAnotherNumberOfColumnsDestroysBothFiles) {
+  table_spec spec;
+  spec.columns = {{"a", 5, 1}, {"b", 5, 0}};
+  start(spec);
+  write(main_file(), "Version 1\n1|2|3\n");
+  write(backup_file(), "Version 1\n1|2|3\n");
+  load();
+  expect_nothing_left();
+  EXPECT_EQ(errors(),
+            (texts{"Size mismatch", "Wrong number of fields in field list: t,1|2|3 | (null)\n",
+                   "Could not parse 't,1|2|3'\n", "Size mismatch",
+                   "Wrong number of fields in field list: t,1|2|3 | (null)\n",
+                   "Could not parse 't,1|2|3'\n"}));
+}
+
+TEST_F(LoadTest, RowsLongerThanEveryBufferLoadWhole) {
+  table_spec spec;
+  spec.columns.clear();
+  for (int i = 0; i < 5; i++) spec.columns.push_back({"c" + std::to_string(i), 20000, i % 2});
+  start(spec);
+  for (const size_t length : {800UL, 815UL, 816UL, 820UL, 824UL, 825UL, 826UL, 4096UL, 20000UL}) {
+    std::string row;
+    for (int i = 0; i < 5; i++) row += (i > 0 ? "|" : "") + std::string(length, "abcde"[i]);
+    write(main_file(), "Version 1\n" + row + "\nshort||||\n" + row + "\n");
+    load();
+    EXPECT_EQ(rows(table()), (texts{row, "short||||", row}));
+    EXPECT_TRUE(errors().empty());
+    EXPECT_TRUE(warnings().empty());
+  }
+}
+
+TEST_F(LoadTest, ALongLineWithTheWrongNumberOfFieldsIsRefusedWhole) {
+  start(table_spec{});
+  const std::string line(30000, '|');
+  write(main_file(), "Version 1\n" + line + "\n");
+  load();
+  expect_nothing_left();
+  EXPECT_TRUE(logged(L_ERR, "Could not parse 't," + line + "'\n"));
+}
+
+TEST_F(LoadTest, AZeroByteEndsItsLine) {
+  start(table_spec{});
+  write(main_file(), std::string("Version 1\0rest\n1|2|3\0|4|5\n\0x\n4|5|6\n", 34));
+  load();
+  EXPECT_EQ(rows(table()), (texts{"4|5|6", "1|2|3"}));
+}
+
+TEST_F(LoadTest, TheLongestTableNameLoads) {
+  table_spec spec;
+  spec.name = std::string(31, 'n');
+  start(spec);
+  write(main_file(), "Version 1\n1|2|3\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"1|2|3"});
+}
+
+TEST_F(LoadTest, ATableWithoutANameLoads) {
+  ASSERT_EQ(create("BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") +
+                   "\nNUM_TABLE=1\nMAX_ROWS=5\nNUM_FIELDS=1\na 5 1\nFILE_NAME=t.txt\n"),
+            0);
+  write(main_file(), "Version 1\nx\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"x"});
+}
+
+TEST_F(LoadTest, AOneColumnTableLoads) {
+  table_spec spec;
+  spec.columns = {{"a", 5, 1}};
+  start(spec);
+  write(main_file(), "Version 1\na\n\nb\n");
+  load();
+  EXPECT_EQ(rows(table()), (texts{"b", "a"}));
+}
+
+TEST_F(LoadTest, PathsAreJoinedWithNothingBetween) {
+  ASSERT_EQ(create("BASE_DIR=" + path("main/pre_") + "\nBASE_BACKUP_DIR=" + path("backup/pre_") +
+                   "\nNUM_TABLE=1\n" + table_spec{}.text()),
+            0);
+  write(main_file("pre_t.txt"), "Version 2\n");
+  write(backup_file("pre_t.txt"), "Version 1\n1|2|3\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"1|2|3"});
+  EXPECT_FALSE(exists(main_file("pre_t.txt")));
+}
+
+// What errno holds at the end of the reading.
+
+TEST_F(LoadTest, AStaleInvalidOrNoMemoryErrorIsToldAtAGoodEnd) {
+  start(table_spec{});
+  const std::string content = "Version 1\n1|2|3\n#x\n\n4|5|6\n";
+  write(main_file(), content);
+  for (const int error : {EINVAL, ENOMEM}) {
+    errno = error;
+    load();
+    EXPECT_EQ(rows(table()), (texts{"4|5|6", "1|2|3"}));
+    EXPECT_EQ(errors(),
+              texts{message("Error reading '%s' line: 5 err: %d\n", main_file().c_str(), error)});
+    EXPECT_EQ(read(main_file()), content);
+  }
+}
+
+TEST_F(LoadTest, OtherStaleErrorsAreNotTold) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  for (const int error : {0, ENOENT, EIO, EINTR, ENOTDIR}) {
+    errno = error;
+    load();
+    EXPECT_TRUE(errors().empty()) << error;
+  }
+}
+
+TEST_F(LoadTest, AReadErrorKeepsWhatWasReadAndNeverFallsBack) {
+  start(table_spec{});
+  write(backup_file(), "Version 1\n7|8|9\n");
+  for (const int error : {EIO, EINVAL, ENOMEM}) {
+    write(main_file(), "Version 1\n1|2|3\n4|5|6\n");
+    watch();
+    standin::fail_file_op("getline", 3, error);
+    errno = 0;
+    load();
+    EXPECT_EQ(rows(table()), texts{"1|2|3"});
+    EXPECT_EQ(table()->row_count, 1);
+    EXPECT_TRUE(exists(main_file()));
+    if (error == EIO) {
+      EXPECT_TRUE(errors().empty());
+    } else {
+      EXPECT_EQ(errors(),
+                texts{message("Error reading '%s' line: 2 err: %d\n", main_file().c_str(), error)});
+    }
+  }
+}
+
+TEST_F(LoadTest, AReadErrorInTheBackupKeepsWhatWasRead) {
+  start(table_spec{});
+  write(backup_file(), "Version 1\n7|8|9\n1|2|3\n");
+  watch();
+  standin::fail_file_op("getline", 3, EINVAL);
+  load();
+  EXPECT_EQ(rows(table()), texts{"7|8|9"});
+  EXPECT_EQ(errors(),
+            texts{message("Error reading '%s' line: 2 err: 22\n", backup_file().c_str())});
+  EXPECT_TRUE(exists(backup_file()));
+}
+
+TEST_F(LoadTest, AReadErrorAtTheVersionIsABadFile) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  write(backup_file(), "Version 1\n7|8|9\n");
+  watch();
+  standin::fail_file_op("getline", 1, EINVAL);
+  load();
+  expect_from_backup({"7|8|9"});
+  EXPECT_TRUE(logged(L_DBG, message("Database empty: %s\n", main_file().c_str())));
+}
+
+// Every allocation and every file operation fails once.
+
+TEST_F(LoadTest, EachFailingAllocationOfTheMainFileGivesTheBackup) {
+  start(table_spec{});
+  const std::string backup = "Version 1\n7|8|9\n3|4|5\n";
+  const texts row = {"1|2|3", "4|5|6", "a|b|c"};
+  for (uint64_t failing = 1; failing <= 6; failing++) {
+    write(main_file(), "Version 1\n1|2|3\n4|5|6\na|b|c\n");
+    write(backup_file(), backup);
+    standin::fail_at(pool::both, failing);
+    load();
+    expect_from_backup({"3|4|5", "7|8|9"});
+    const std::string query = "t," + row[(failing - 1) / 2];
+    const texts without_fields = {"no more pkg memory\n",
+                                  "Wrong number of fields in field list: " + query + " | (null)\n",
+                                  "Could not parse '" + query + "'\n"};
+    const texts without_row = {"Fail to allocate memory to the row\n",
+                               "Could not insert '" + query + "'\n"};
+    EXPECT_EQ(errors(), failing % 2 == 1 ? without_fields : without_row);
+    EXPECT_EQ(standin::logs(L_CRIT).size(), failing % 2);
+  }
+}
+
+TEST_F(LoadTest, EachFailingAllocationOfTheBackupLeavesNothing) {
+  start(table_spec{});
+  for (uint64_t failing = 1; failing <= 4; failing++) {
+    write(backup_file(), "Version 1\n7|8|9\n3|4|5\n");
+    standin::fail_at(pool::both, failing);
+    load();
+    expect_nothing_left();
+  }
+}
+
+TEST_F(LoadTest, WithoutMemoryFromAnyPointOnNothingLeaks) {
+  start(table_spec{});
+  const uint64_t before = standin::live_count(pool::both);
+  for (uint64_t from = 1; from <= 10; from++) {
+    write(main_file(), "Version 1\n1|2|3\n4|5|6\n");
+    write(backup_file(), "Version 1\n7|8|9\n");
+    standin::fail_from(pool::both, from);
+    load();
+    standin::stop_failing();
+    const size_t loaded = rows(table()).size();
+    EXPECT_EQ(loaded, from > 4 ? 2u : 0u);
+    EXPECT_EQ(standin::live_count(pool::both), before + loaded);
+  }
+}
+
+TEST_F(LoadTest, EachFileOperationFailsOnceWithoutLeakOrOpenFile) {
+  start(table_spec{});
+  const uint64_t before = standin::live_count(pool::both);
+  bool all_tried = false;
+  for (int failing = 1; !all_tried; failing++) {
+    ASSERT_LT(failing, 100);
+    write(main_file(), "Version 1\n1|2|3\n4|5\n");
+    write(backup_file(), "Version 1\n7|8|9\n");
+    watch();
+    standin::fail_file_op("any", failing, EIO);
+    load();
+    all_tried = standin::file_ops("any") < failing;
+    EXPECT_EQ(standin::open_streams(), 0);
+    const texts got = rows(table());
+    EXPECT_TRUE(got == texts{"7|8|9"} || got == texts{} || got == texts{"1|2|3"});
+    EXPECT_EQ(table()->row_count, static_cast<int32_t>(got.size()));
+    EXPECT_EQ(standin::live_count(pool::both), before + got.size());
+  }
+}
+
+TEST_F(LoadTest, MemoryIsBackToWhereItWasAfterLoadingAndEmptying) {
+  start(table_spec{});
+  const size_t blocks = standin::live_count(pool::both);
+  const size_t bytes = standin::live_bytes(pool::both);
+  std::string content = "Version 1\n";
+  for (int i = 0; i < 200; i++) content += std::to_string(i) + "|b|c\n";
+  write(main_file(), content);
+  for (int i = 0; i < 3; i++) {
+    load();
+    EXPECT_EQ(standin::live_count(pool::both), blocks + 200);
+  }
+  write(main_file(), "Version 1\n");
+  load();
+  EXPECT_EQ(standin::live_count(pool::both), blocks);
+  EXPECT_EQ(standin::live_bytes(pool::both), bytes);
+}
+
+TEST_F(LoadTest, FilesCutOffAnywhereLoadRowsOrGiveTheBackup) {
+  start(table_spec{});
+  standin::set_debug_level(L_ERR);
+  const std::string content = "Version 1\n1|2|3\nab|c\\|d|e\n#x\n\n7|8|9\n";
+  for (size_t length = 0; length <= content.size(); length++) {
+    write(main_file(), content.substr(0, length));
+    write(backup_file(), "Version 1\nback|up|row\n");
+    load();
+    const bool fell_back = rows(table()) == texts{"back|up|row"};
+    EXPECT_EQ(exists(main_file()), !fell_back);
+    EXPECT_TRUE(exists(backup_file()));
+    EXPECT_TRUE(length >= 9 || fell_back);
+  }
+}
+
+TEST_F(LoadTest, RandomBytesNeverCrash) {
+  start(table_spec{});
+  standin::set_debug_level(L_CRIT);
+  uint32_t state = 1;
+  const auto next = [&state] { return state = state * 1664525 + 1013904223; };
+  for (int run = 0; run < 1500; run++) {
+    std::string content = "Version 1\n1|2|3\nab|c\\|d|e\n#x\n\n7|8|9\n";
+    for (int i = 0; i < 4; i++)
+      content[10 + (next() >> 8) % (content.size() - 10)] = static_cast<char>(next() >> 16);
+    write(main_file(), content);
+    load();
+    EXPECT_EQ(table()->row_count, static_cast<int32_t>(rows(table()).size()));
+  }
+}
+
+// Tables whose rows hold ports.
+
+class PortLoadTest : public LoadTest {
+ protected:
+  void start_ports() {
+    g_min_int_port = 100;
+    g_max_int_port = 109;
+    g_min_ext_port = 200;
+    g_max_ext_port = 209;
+    table_spec spec;
+    spec.flag = 1;
+    spec.columns.clear();
+    for (int i = 0; i < 10; i++) spec.columns.push_back({"c" + std::to_string(i), 15, 0});
+    start(spec);
+    ASSERT_EQ(init_port_map(), 0);
+    standin::clear_logs();
+  }
+
+  ~PortLoadTest() override {
+    g_min_int_port = 21000;
+    g_max_int_port = 21255;
+    g_min_ext_port = 10000;
+    g_max_ext_port = 15000;
+  }
+
+  static std::string row(const std::string &location, const std::string &internal,
+                         const std::string &external) {
+    return "n|k1|k2|k3|x|" + location + "|" + internal + "|y|3|" + external + "\n";
+  }
+};
+
+TEST_F(PortLoadTest, RowsTakeTheirPortsFromTheirOwnValues) {
+  start_ports();
+  write(main_file(), "Version 1\n" + row("WAN", "103", "203") + row("LAN", "104", "204"));
+  load();
+  EXPECT_EQ(*port_entry(port_m_int, 103), 0x81);
+  EXPECT_EQ(*port_entry(port_m_ext, 204), 0x81);
+  EXPECT_EQ(*port_entry(port_m_int, 104), 0);
+  EXPECT_EQ(*port_entry(port_m_ext, 203), 0);
+  EXPECT_EQ(table()->row_count, 2);
+}
+
+TEST_F(PortLoadTest, APortOutsideItsMapIsToldAndTheRowKept) {
+  start_ports();
+  write(main_file(), "Version 1\n" + row("WAN", "99", "203") + row("WAN", "", "203"));
+  load();
+  EXPECT_EQ(table()->row_count, 2);
+  EXPECT_TRUE(logged(L_DBG, "Port 99 NOT set on load for range dynamic!\n"));
+  EXPECT_TRUE(logged(L_DBG, "Port 0 NOT set on load for range dynamic!\n"));
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(PortLoadTest, APortThatTheColumnCutsIsTakenAsStored) {
+  start_ports();
+  write(main_file(),
+        "Version 1\n" + row("WAN", "000000000000103", "1") + row("WAN", "0000000000000105", "1"));
+  load();
+  EXPECT_EQ(*port_entry(port_m_int, 103), 0x81);
+  EXPECT_EQ(*port_entry(port_m_int, 105), 0);
+  EXPECT_TRUE(logged(L_DBG, "Port 10 NOT set on load for range dynamic!\n"));
+}
+
+TEST_F(PortLoadTest, PortsOfADiscardedMainFileStayCountedAndTheBackupCountsAgain) {
+  start_ports();
+  write(main_file(), "Version 1\n" + row("WAN", "103", "1") + row("WAN", "105", "1") + "bad\n");
+  write(backup_file(), "Version 1\n" + row("WAN", "103", "1"));
+  load();
+  EXPECT_EQ(table()->row_count, 1);
+  EXPECT_EQ(*port_entry(port_m_int, 103), 0x82);
+  EXPECT_EQ(*port_entry(port_m_int, 105), 0x81);
+}
+
+TEST_F(PortLoadTest, EmptyingTheTableReleasesNoPort) {
+  start_ports();
+  write(main_file(), "Version 1\n" + row("WAN", "103", "1"));
+  load();
+  load();
+  EXPECT_EQ(*port_entry(port_m_int, 103), 0x82);
+  std::filesystem::remove(main_file());
+  load();
+  EXPECT_EQ(*port_entry(port_m_int, 103), 0x82);
+}
+
+TEST_F(PortLoadTest, ARowThatFindsNoMemoryTakesNoPort) {
+  start_ports();
+  write(main_file(), "Version 1\n" + row("WAN", "103", "1"));
+  standin::fail_at(pool::shm, 1);
+  load();
+  EXPECT_EQ(*port_entry(port_m_int, 103), 0);
+}
+
+}  // namespace
+}  // namespace tables_test
