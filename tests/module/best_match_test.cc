@@ -749,7 +749,9 @@ INSTANTIATE_TEST_SUITE_P(
                     flavour{"tarn_memdb_nl_select_best_match_prefix", false, true},
                     flavour{"tarn_memdb_xavp_select_best_match", true, false},
                     flavour{"tarn_memdb_nl_xavp_select_best_match", true, false}),
-    [](const auto &info) { return std::string(info.param.function + sizeof("tarn_memdb_") - 1); });
+    [](const auto &tested) {
+      return std::string(tested.param.function + sizeof("tarn_memdb_") - 1);
+    });
 
 }  // namespace
 }  // namespace module_test
