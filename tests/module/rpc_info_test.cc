@@ -42,8 +42,7 @@ class RpcInfoTest : public RpcTest {
       EXPECT_EQ(reply.lines, steps(all.begin(), all.begin() + static_cast<long>(failing) - 1));
       ASSERT_GE(seen.size(), last_steps.size());
       EXPECT_EQ(steps(seen.end() - static_cast<long>(last_steps.size()), seen.end()), last_steps);
-      EXPECT_EQ(seen.size(),
-                (arguments.empty() ? 0 : 1) + failing + last_steps.size()(command == MAPS ? 0 : 0));
+      EXPECT_EQ(seen.size(), (arguments.empty() ? 0 : 1) + failing + last_steps.size());
       EXPECT_EQ(lines(command, arguments), all);
     }
   }
