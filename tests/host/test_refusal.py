@@ -314,6 +314,85 @@ FIX_UPS = {
             "fixup failed!\n",
         ],
     ),
+    "best_match_prefix: length from an unknown pseudo-variable": (
+        f'tarn_memdb_nl_select_best_match_prefix("users,a|b|c", {AVPS}, "1", "$nosuch(x)")',
+        ["Param 4 error!\n"],
+    ),
+    "out_of_range: column number below 0": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "-1", "1", "9")',
+        ["bad format in P3 [-1]\n"],
+    ),
+    "out_of_range: a list without AVPs": (
+        'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", "a", "1", "1", "9")',
+        ["Wrong item name list [a]!\n", "bad format in P2 [a]\n"],
+    ),
+    "out_of_range: lower limit from an unknown pseudo-variable": (
+        f'tarn_memdb_nl_select_field_out_of_range("users,a|b|c", {AVPS}, "1", "$nosuch(x)", "9")',
+        ["Param 4 error!\n"],
+    ),
+    "within_the_range: column number below 0": (
+        "tarn_memdb_nl_select_field_within_the_range"
+        f'("users,a|b|c", {AVPS}, "-2", "1", "9", "$var(n)")',
+        ["bad format in P3 [-2]\n"],
+    ),
+    "within_the_range: lower limit below 0": (
+        "tarn_memdb_nl_select_field_within_the_range"
+        f'("users,a|b|c", {AVPS}, "1", "-1", "9", "$var(n)")',
+        ["bad format in P4 [-1]\n"],
+    ),
+    "within_the_range: upper limit from no AVP or script variable": (
+        "tarn_memdb_nl_select_field_within_the_range"
+        f'("users,a|b|c", {AVPS}, "1", "1", "$si", "$var(n)")',
+        ["Pseudo variable type not accepted!\n"],
+    ),
+    "within_the_range: an empty list": (
+        'tarn_memdb_nl_select_field_within_the_range("users,a|b|c", "", "1", "1", "9", "$var(n)")',
+        ["bad format in P2 []\n"],
+    ),
+    "subnetmask: refused format of the fourth parameter": (
+        f'tarn_memdb_nl_select_subnetmask("users,a|b|c", {AVPS}, "a", "$nosuch(x)", "c")',
+        ["Wrong format[$nosuch(x)]\n"],
+    ),
+    "xavp_best_match: unknown column": (
+        'tarn_memdb_xavp_select_best_match("users,street=x,", "x", "1")',
+        ["Parameter [street] not found in the table [users]\n"],
+    ),
+    "xavp_best_match: refused format": (
+        'tarn_memdb_xavp_select_best_match("users,$nosuch(x)|b|c", "x", "1")',
+        ["Wrong format [users,$nosuch(x)|b|c]\n"],
+    ),
+    "nl_xavp_best_match: column number below 0": (
+        'tarn_memdb_nl_xavp_select_best_match("users,a|b|c", "x", "-7")',
+        ["bad format in P3 [-7]\n"],
+    ),
+    "by_port_type: an empty place and one that is no AVP": (
+        'tarn_memdb_select_by_port_type("INT", "users,a|b|c|d", "|$ru|$avp(c)")',
+        [
+            "Wrong item name list [|$ru||$avp(c)]!\n",
+            "bad format in P2 [|$ru||$avp(c)]\n",
+            "fixup failed!\n",
+        ],
+    ),
+    "nl_by_port_type: refused format of the type": (
+        f'tarn_memdb_nl_select_by_port_type("$nosuch(x)", "users,a|b|c|d", {AVPS})',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "insert statement: refused format": (
+        'sqll_tarn_memdb_insert("INSERT INTO users name VALUES $nosuch(x)")',
+        ["Wrong format [INSERT INTO users name VALUES $nosuch(x)]\n"],
+    ),
+    "update statement: refused format": (
+        'sqll_tarn_memdb_update("UPDATE users SET name=$nosuch(x) WHERE age=1")',
+        ["Wrong format [UPDATE users SET name=$nosuch(x) WHERE age=1]\n"],
+    ),
+    "select statement: refused format": (
+        'sqll_tarn_memdb_select("SELECT $nosuch(x) FROM users WHERE age=1", "$avp(a)")',
+        ["Wrong format [SELECT $nosuch(x) FROM users WHERE age=1]\n"],
+    ),
+    "select statement: a list with one that is no AVP": (
+        'sqll_tarn_memdb_select("SELECT age FROM users WHERE age=1", "$avp(a);$ru")',
+        ["Bad format in param n 2 [$avp(a);$ru]\n"],
+    ),
     "statement: refused format": (
         'sqll_tarn_memdb_delete("DELETE FROM users WHERE name=$nosuch(x)")',
         ["Wrong format [DELETE FROM users WHERE name=$nosuch(x)]\n"],
@@ -324,6 +403,34 @@ FIX_UPS = {
     ),
     "get_port: refused format of the map word": (
         'tarn_memdb_get_port("$nosuch(x)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "get_port: refused format of the map word beside an AVP": (
+        'tarn_memdb_get_port("$nosuch(x)", "$avp(p)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "get_port: refused format of the target": (
+        'tarn_memdb_get_port("INT", "$nosuch(x)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "get_port_from_range: refused format of the map word": (
+        'tarn_memdb_get_port_from_range("$nosuch(x)", "21000")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "get_port_from_range: refused format of the base port": (
+        'tarn_memdb_get_port_from_range("INT", "$nosuch(x)")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "set_port: refused format of the port": (
+        'tarn_memdb_set_port("$nosuch(x)", "INT")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "free_port: refused format of the map word": (
+        'tarn_memdb_free_port("$nosuch(x)", "21000")',
+        ["Wrong format [$nosuch(x)]\n"],
+    ),
+    "free_port: refused format of the port": (
+        'tarn_memdb_free_port("INT", "$nosuch(x)")',
         ["Wrong format [$nosuch(x)]\n"],
     ),
     "set_port: refused format of the map word": (
@@ -382,6 +489,52 @@ def test_a_refused_first_format_of_clear_tbl_does_not_stop_the_start(host):
     assert errors_of(server)[1:] == [
         "Could not print the formatted pv input\n",
         "Clear table failed!\n",
+    ]
+
+
+QUERY = '"users,$nosuch(x)|b|c"'
+LATE = {
+    "best_match": f'tarn_memdb_select_best_match({QUERY}, {AVPS}, "1")',
+    "nl_best_match": f'tarn_memdb_nl_select_best_match({QUERY}, {AVPS}, "1")',
+    "best_match_prefix": f'tarn_memdb_nl_select_best_match_prefix({QUERY}, {AVPS}, "1", "0")',
+    "out_of_range": f'tarn_memdb_nl_select_field_out_of_range({QUERY}, {AVPS}, "1", "1", "9")',
+    "within_the_range": (
+        "tarn_memdb_nl_select_field_within_the_range" f'({QUERY}, {AVPS}, "1", "1", "9", "$var(n)")'
+    ),
+}
+
+
+@pytest.mark.parametrize("call", LATE.values(), ids=LATE)
+def test_a_refused_query_of_the_special_selects_fails_at_each_call_only(host, call):
+    server = host(tables=[USERS], calls={"late": Call(call)})
+    told = ["Wrong format [users,$nosuch(x)|b|c]\n"]
+    assert errors_of(server) == told
+    for _ in range(2):
+        assert server.call("late").rc == -1
+        told += ["could not print the formatted pv input\n", "SELECT failed!\n"]
+        assert errors_of(server) == told
+
+
+def test_a_refused_query_of_the_subnet_select_has_no_last_line(host):
+    call = f'tarn_memdb_nl_select_subnetmask({QUERY}, {AVPS}, "a", "b", "c")'
+    server = host(tables=[USERS], calls={"late": Call(call)})
+    assert server.call("late").rc == -1
+    assert errors_of(server) == [
+        "Wrong format [users,$nosuch(x)|b|c]\n",
+        "could not print the formatted pv input\n",
+    ]
+
+
+@pytest.mark.parametrize("flavour", ["", "nl_"])
+def test_a_refused_query_of_the_port_pair_select_is_told_as_widened(host, flavour):
+    call = (
+        f'tarn_memdb_{flavour}select_by_port_type("external_port", "users,$nosuch(x)|b|c|", {AVPS})'
+    )
+    server = host(tables=[USERS], calls={"late": Call(call)})
+    assert server.call("late").rc == -1
+    assert errors_of(server) == [
+        "Wrong format [users,$nosuch(x)|b|c|*|]\n",
+        "Could not print the formatted pv input\n",
     ]
 
 
