@@ -1,0 +1,90 @@
+// Queries and port maps for the tests of admission and port treatment.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/memory.h"
+#include "query/field_strings.h"
+#include "tests/unit/tables/fixture.h"
+
+namespace tables_test {
+
+class AdmissionTest : public TablesTest {
+ protected:
+  AdmissionTest() {
+    g_min_int_port = 100;
+    g_max_int_port = 109;
+    g_min_ext_port = 200;
+    g_max_ext_port = 209;
+    g_min_static_int_port = 300;
+    g_max_static_int_port = 309;
+    g_min_static_ext_port = 400;
+    g_max_static_ext_port = 409;
+  }
+
+  ~AdmissionTest() override {
+    g_min_int_port = 21000;
+    g_max_int_port = 21255;
+    g_min_ext_port = 10000;
+    g_max_ext_port = 15000;
+    g_min_static_int_port = 21000;
+    g_max_static_int_port = 21255;
+    g_min_static_ext_port = 9000;
+    g_max_static_ext_port = 9255;
+  }
+
+  // A query of these fields for the first table; a null is a wildcard.
+  static std::unique_ptr<query_scope> query(const std::vector<const char *> &fields) {
+    EXPECT_EQ(fields.size(), table()->tbl->col_cnt);
+    auto out = std::make_unique<query_scope>();
+    out->tbl = table()->tbl;
+    std::string list;
+    for (size_t i = 0; i < fields.size(); i++) {
+      const char *const field = fields[i];
+      if (i > 0) list += '|';
+      for (const char *c = field != nullptr ? field : "*"; *c != '\0'; c++) {
+        if (field != nullptr && strchr("|\\*", *c) != nullptr) list += '\\';
+        list += *c;
+      }
+    }
+    const str text{list.data(), static_cast<int>(list.size())};
+    out->flds = tarn_memdb_create_fields(text, &out->tbl->col_cnt);
+    EXPECT_NE(out->flds, nullptr);
+    return out;
+  }
+
+  // A port-holding table: name, three key columns, location in 5, the internal port in 6, the type
+  // in 7 or 8, the external port in 9.
+  static table_spec port_table(const std::string &range) {
+    table_spec spec;
+    spec.flag = 1;
+    spec.range = range;
+    spec.int_port_field = 6;
+    spec.ext_port_field = 9;
+    spec.columns.clear();
+    for (int i = 0; i < 10; i++) spec.columns.push_back({"c" + std::to_string(i), 100, 0});
+    return spec;
+  }
+
+  void start_with_ports(const table_spec &spec) {
+    start(spec);
+    ASSERT_EQ(init_port_map(), 0);
+    standin::clear_logs();
+  }
+
+  // Every port that any map holds, as "INT:103=81", in hexadecimal.
+  static texts held() {
+    texts out;
+    for (const port_map_kind &kind : port_map_kinds) {
+      const port_m *const m = *kind.map;
+      for (int32_t port = m->min_port; port <= m->max_port; port++)
+        if (*port_entry(m, port) != 0)
+          out.push_back(message("%s:%d=%x", kind.word, port, *port_entry(m, port)));
+    }
+    return out;
+  }
+};
+
+}  // namespace tables_test

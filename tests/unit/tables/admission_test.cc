@@ -1,0 +1,584 @@
+// Row limit, duplicate check, generated index, and what stands when one of them refuses.
+#include "tests/unit/tables/admission_fixture.h"
+
+namespace tables_test {
+namespace {
+
+class IndexTest : public AdmissionTest {
+ protected:
+  void start_indexed() {
+    table_spec spec;
+    spec.use_index = 1;
+    start(spec);
+  }
+
+  // What the callers do with the block that insert_index made.
+  static void drop_index(query_in *in) {
+    pkg_free(in->flds[0]);
+    in->flds[0] = nullptr;
+  }
+};
+
+TEST_F(IndexTest, TheNextIndexTakesThePlaceOfTheFirstField) {
+  start_indexed();
+  const auto in = query({"whatever", "b", "c"});
+  const size_t before = standin::live_bytes(pool::pkg);
+  EXPECT_EQ(insert_index(table(), in.get()), 0);
+  EXPECT_STREQ(in->flds[0], "1");
+  EXPECT_STREQ(in->flds[1], "b");
+  EXPECT_EQ(standin::live_bytes(pool::pkg), before + 256);
+  EXPECT_EQ(table()->next_index, 2u);
+  drop_index(in.get());
+}
+
+TEST_F(IndexTest, TheHighestIndexIsWrittenUnsigned) {
+  start_indexed();
+  table()->next_index = 4294967295u;
+  const auto in = query({"x", "b", "c"});
+  EXPECT_EQ(insert_index(table(), in.get()), 0);
+  EXPECT_STREQ(in->flds[0], "4294967295");
+  EXPECT_EQ(table()->next_index, 0u);
+  drop_index(in.get());
+}
+
+TEST_F(IndexTest, AnOverflownCounterRefusesOnceAndGoesOnFromOne) {
+  start_indexed();
+  table()->next_index = 0;
+  const auto in = query({"x", "b", "c"});
+  EXPECT_EQ(insert_index(table(), in.get()), -1);
+  EXPECT_TRUE(errors().empty());
+  EXPECT_EQ(debug(), texts{"Table 't' next index to be used was set to 1\n"});
+  drop_index(in.get());
+  EXPECT_EQ(insert_index(table(), in.get()), 0);
+  EXPECT_STREQ(in->flds[0], "1");
+  drop_index(in.get());
+}
+
+TEST_F(IndexTest, WithoutMemoryNoIndexIsDrawn) {
+  start_indexed();
+  const auto in = query({"x", "b", "c"});
+  standin::fail_at(pool::pkg, 1);
+  EXPECT_EQ(insert_index(table(), in.get()), -1);
+  EXPECT_EQ(debug(), texts{"Could not allocate memory for index!\n"});
+  EXPECT_TRUE(errors().empty());
+  EXPECT_EQ(table()->next_index, 1u);
+}
+
+TEST_F(IndexTest, NullArgumentsAreTold) {
+  start_indexed();
+  const auto in = query({"x", "b", "c"});
+  for (const auto operation : {insert_index, insert_index_no_alloc}) {
+    standin::clear_logs();
+    EXPECT_EQ(operation(nullptr, in.get()), -1);
+    EXPECT_EQ(operation(nullptr, nullptr), -1);
+    EXPECT_EQ(operation(table(), nullptr), -1);
+    EXPECT_EQ(debug(), (texts{"NULL value for tarn_table\n", "NULL value for tarn_table\n",
+                              "NULL value for in\n"}));
+    EXPECT_STREQ(in->flds[0], "x");
+    EXPECT_EQ(table()->next_index, 1u);
+  }
+}
+
+TEST_F(IndexTest, WithoutAllocationTheIndexGoesIntoTheGivenBlock) {
+  start_indexed();
+  char block[INDEX_TEXT_SIZE] = "whatever";
+  const auto in = query({"x", "b", "c"});
+  in->flds[0] = block;
+  standin::reset_allocation_count();
+  EXPECT_EQ(insert_index_no_alloc(table(), in.get()), 0);
+  EXPECT_STREQ(block, "1");
+  EXPECT_EQ(insert_index_no_alloc(table(), in.get()), 0);
+  EXPECT_STREQ(block, "2");
+  EXPECT_EQ(standin::allocation_count(pool::both), 0u);
+}
+
+TEST_F(IndexTest, WithoutAllocationAnOverflownCounterRefusesToo) {
+  start_indexed();
+  char block[INDEX_TEXT_SIZE] = "whatever";
+  const auto in = query({"x", "b", "c"});
+  in->flds[0] = block;
+  table()->next_index = 0;
+  EXPECT_EQ(insert_index_no_alloc(table(), in.get()), -1);
+  EXPECT_EQ(table()->next_index, 1u);
+}
+
+class DuplicateTest : public AdmissionTest {
+ protected:
+  int32_t check(const std::vector<const char *> &fields) {
+    standin::clear_logs();
+    const auto in = query(fields);
+    const size_t before = standin::live_count(pool::pkg);
+    const int32_t result = insert_check_for_duplicated_data(table(), in.get());
+    EXPECT_EQ(standin::live_count(pool::pkg), before);
+    EXPECT_EQ(debug(), texts{result == 1 ? "Found a match\n" : "Did not find a match\n"});
+    return result;
+  }
+
+  void start_indexed(std::vector<column> columns) {
+    table_spec spec;
+    spec.use_index = 1;
+    spec.columns = std::move(columns);
+    start(spec);
+  }
+};
+
+TEST_F(DuplicateTest, InAPlainTableAllColumnsCount) {
+  start(table_spec{});
+  add(table(), {"a", "b", "c"});
+  EXPECT_EQ(check({"a", "b", "c"}), 1);
+  EXPECT_EQ(check({"x", "b", "c"}), 0);
+  EXPECT_EQ(check({"a", "x", "c"}), 0);
+  EXPECT_EQ(check({"a", "b", "x"}), 0);
+  EXPECT_EQ(check({"a", "b", ""}), 0);
+}
+
+TEST_F(DuplicateTest, AnEmptyTableHoldsNoDuplicate) {
+  start(table_spec{});
+  EXPECT_EQ(check({"a", "b", "c"}), 0);
+}
+
+TEST_F(DuplicateTest, AnyRowCanBeTheMatch) {
+  start(table_spec{});
+  for (const char *key : {"1", "2", "3"}) add(table(), {key, key, key});
+  for (const char *key : {"1", "2", "3"}) EXPECT_EQ(check({key, key, key}), 1);
+}
+
+TEST_F(DuplicateTest, APlainTableNeedsNoMemory) {
+  start(table_spec{});
+  const auto in = query({"a", "b", "c"});
+  standin::reset_allocation_count();
+  insert_check_for_duplicated_data(table(), in.get());
+  EXPECT_EQ(standin::allocation_count(pool::both), 0u);
+}
+
+TEST_F(DuplicateTest, AGeneratedIndexDoesNotCount) {
+  start_indexed({{"id", 10, 1}, {"b", 15, 0}, {"c", 15, 1}});
+  add(table(), {"1", "b", "c"});
+  EXPECT_EQ(check({"99", "b", "c"}), 1);
+  EXPECT_EQ(check({"", "b", "c"}), 1);
+  EXPECT_EQ(check({"1", "x", "c"}), 0);
+  EXPECT_EQ(check({"1", "b", "x"}), 0);
+}
+
+TEST_F(DuplicateTest, ATableOfTheIndexAloneHasADuplicateAsSoonAsItHasARow) {
+  start_indexed({{"id", 10, 1}});
+  EXPECT_EQ(check({"1"}), 0);
+  add(table(), {"5"});
+  EXPECT_EQ(check({"1"}), 1);
+}
+
+TEST_F(DuplicateTest, InAPortTableColumns1To3Count) {
+  start(port_table("dynamic"));
+  add(table(), {"n", "1", "2", "3", "x", "WAN", "100", "y", "6", "200"});
+  EXPECT_EQ(check({"other", "1", "2", "3", "-", "LAN", "101", "-", "3", "201"}), 1);
+  EXPECT_EQ(check({"n", "x", "2", "3", "x", "WAN", "100", "y", "6", "200"}), 0);
+  EXPECT_EQ(check({"n", "1", "x", "3", "x", "WAN", "100", "y", "6", "200"}), 0);
+  EXPECT_EQ(check({"n", "1", "2", "x", "x", "WAN", "100", "y", "6", "200"}), 0);
+}
+
+TEST_F(DuplicateTest, APortTableWithAnIndexComparesAsAPortTable) {
+  table_spec spec = port_table("dynamic");
+  spec.use_index = 1;
+  start(spec);
+  add(table(), {"1", "1", "2", "3", "x", "WAN", "100", "y", "6", "200"});
+  EXPECT_EQ(check({"9", "1", "2", "3", "-", "-", "-", "-", "-", "-"}), 1);
+}
+
+TEST_F(DuplicateTest, APortTableOfFewColumnsComparesThoseItHas) {
+  table_spec spec = port_table("dynamic");
+  spec.columns.resize(2);
+  start(spec);
+  add(table(), {"a", "b"});
+  EXPECT_EQ(check({"x", "b"}), 1);
+  EXPECT_EQ(check({"a", "x"}), 0);
+}
+
+TEST_F(DuplicateTest, AFlagOtherThanOneIsAPlainTable) {
+  table_spec spec;
+  spec.flag = 2;
+  start(spec);
+  add(table(), {"a", "b", "c"});
+  EXPECT_EQ(check({"x", "b", "c"}), 0);
+  EXPECT_EQ(check({"a", "b", "c"}), 1);
+}
+
+TEST_F(DuplicateTest, TheComparisonBlockHas264BytesPerColumn) {
+  start_indexed({{"id", 10, 1}, {"b", 15, 0}, {"c", 15, 1}});
+  const auto in = query({"1", "b", "c"});
+  standin::fail_at(pool::pkg, 2);
+  standin::reset_allocation_count();
+  EXPECT_EQ(insert_check_for_duplicated_data(table(), in.get()), 0);
+  EXPECT_EQ(standin::allocation_count(pool::pkg), 1u);
+}
+
+TEST_F(DuplicateTest, WithoutMemoryTheCheckFails) {
+  start_indexed({{"id", 10, 1}, {"b", 15, 0}});
+  const auto in = query({"1", "b"});
+  standin::fail_at(pool::pkg, 1);
+  EXPECT_EQ(insert_check_for_duplicated_data(table(), in.get()), -1);
+  EXPECT_EQ(errors(), texts{"Could not allocate memory for fields_in\n"});
+}
+
+TEST_F(DuplicateTest, NullArgumentsAreTold) {
+  start(table_spec{});
+  const auto in = query({"a", "b", "c"});
+  EXPECT_EQ(insert_check_for_duplicated_data(nullptr, in.get()), -1);
+  EXPECT_EQ(insert_check_for_duplicated_data(table(), nullptr), -1);
+  EXPECT_EQ(debug(), (texts{"NULL value for tarn_table\n", "NULL value for in\n"}));
+}
+
+TEST_F(DuplicateTest, AValueOf31CharactersIsCompared) {
+  start(port_table("dynamic"));
+  const std::string value(31, 'v');
+  const char *const v = value.c_str();
+  add(table(), {"n", v, v, v, "", "", "", "", "", ""});
+  EXPECT_EQ(check({"n", v, v, v, "", "", "", "", "", ""}), 1);
+}
+
+TEST_F(DuplicateTest, AValueOf32OrMoreCharactersDefeatsTheCheckUnlessItStandsLast) {
+  start(port_table("dynamic"));
+  for (const size_t length : {32UL, 33UL, 40UL, 63UL, 64UL, 65UL, 96UL, 100UL}) {
+    const std::string value(length, 'v');
+    const char *const v = value.c_str();
+    for (int at = 1; at <= 3; at++) {
+      memdb_delete_all(table()->tbl);
+      std::vector<const char *> row = {"n", "1", "2", "3", "", "", "", "", "", ""};
+      row[static_cast<size_t>(at)] = v;
+      memdb_insert(table()->tbl, row.data());
+      EXPECT_EQ(check(row), at == 3 ? 1 : 0) << length << " characters in column " << at;
+    }
+  }
+}
+
+TEST_F(DuplicateTest, AValueOf32CharactersAheadOfAnEmptyOneIsStillWhole) {
+  start(port_table("dynamic"));
+  const std::string exact(32, 'v');
+  const std::string longer(33, 'v');
+  const char *const e = exact.c_str();
+  const char *const l = longer.c_str();
+  add(table(), {"n", e, "", "3", "", "", "", "", "", ""});
+  EXPECT_EQ(check({"n", e, "", "3", "", "", "", "", "", ""}), 1);
+  // One more character is cut off there, and finds the row that lacks it.
+  EXPECT_EQ(check({"n", l, "", "3", "", "", "", "", "", ""}), 1);
+}
+
+TEST_F(DuplicateTest, TheOverrunReadsAsTheFirst32BytesAndTheNextValue) {
+  start(port_table("dynamic"));
+  const std::string value(40, 'v');
+  const std::string seen = std::string(32, 'v') + "next";
+  add(table(), {"n", seen.c_str(), "next", "3", "", "", "", "", "", ""});
+  EXPECT_EQ(check({"n", value.c_str(), "next", "3", "", "", "", "", "", ""}), 1);
+}
+
+TEST_F(DuplicateTest, LongValuesWithAGeneratedIndexAreDefeatedUnlessLast) {
+  start_indexed({{"id", 10, 1}, {"b", 100, 0}, {"c", 100, 0}});
+  const std::string value(40, 'v');
+  const char *const v = value.c_str();
+  add(table(), {"1", v, "c"});
+  add(table(), {"2", "b", v});
+  EXPECT_EQ(check({"9", v, "c"}), 0);
+  EXPECT_EQ(check({"9", "b", v}), 1);
+}
+
+TEST_F(DuplicateTest, ValuesLongerThanTheBlockStayInside) {
+  start_indexed({{"id", 10, 1}, {"b", 5000, 0}, {"c", 5000, 0}});
+  // Of the block of 3 * 264 bytes, 536 are left from the last slot on.
+  for (const size_t length : {534UL, 535UL, 536UL, 537UL, 600UL, 4999UL}) {
+    memdb_delete_all(table()->tbl);
+    const std::string value(length, 'v');
+    const char *const v = value.c_str();
+    add(table(), {"1", "b", v});
+    add(table(), {"2", v, "c"});
+    EXPECT_EQ(check({"9", "b", v}), length <= 535 ? 1 : 0) << length;
+    EXPECT_EQ(check({"9", v, "c"}), 0);
+    EXPECT_EQ(check({"9", v, v}), 0);
+  }
+}
+
+TEST_F(DuplicateTest, LongValuesInManyColumnsStayInside) {
+  start(port_table("dynamic"));
+  const std::string value(10000, 'v');
+  const char *const v = value.c_str();
+  add(table(), {v, v, v, v, v, v, v, v, v, v});
+  EXPECT_EQ(check({v, v, v, v, v, v, v, v, v, v}), 0);
+}
+
+TEST_F(DuplicateTest, AnOverlongValueDoesNotEqualItsStoredForm) {
+  table_spec spec;
+  spec.columns = {{"a", 3, 1}, {"b", 3, 0}};
+  start(spec);
+  add(table(), {"abcdef", "x"});
+  EXPECT_EQ(check({"abcdef", "x"}), 0);
+  EXPECT_EQ(check({"abc", "x"}), 1);
+}
+
+class AdmitTest : public AdmissionTest {
+ protected:
+  admission admit(const std::vector<const char *> &fields, bool check_duplicates = false) {
+    standin::clear_logs();
+    const auto in = query(fields);
+    const size_t before = standin::live_count(pool::pkg);
+    const admission out = admit_row(table(), in.get(), {check_duplicates, insert_index}, &result);
+    EXPECT_EQ(standin::live_count(pool::pkg), before);
+    return out;
+  }
+
+  // Nothing of the table has changed since mark.
+  void mark() { marked_ = *table(), marked_rows_ = rows(table()); }
+  void expect_untouched() {
+    EXPECT_EQ(rows(table()), marked_rows_);
+    EXPECT_EQ(table()->row_count, marked_.row_count);
+    EXPECT_EQ(table()->state, marked_.state);
+    EXPECT_EQ(table()->next_index, marked_.next_index);
+  }
+
+  int32_t result = 0;
+
+ private:
+  tarn_tbl marked_{};
+  texts marked_rows_;
+};
+
+TEST_F(AdmitTest, ARowIsAddedCountedAndMarked) {
+  start(table_spec{});
+  EXPECT_EQ(admit({"a", "b", "c"}), admission::added);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(rows(table()), texts{"a|b|c"});
+  EXPECT_EQ(table()->row_count, 1);
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+  EXPECT_EQ(table()->next_index, 1u);
+  EXPECT_EQ(debug(),
+            (texts{"Initializing flag_treatment ...\n", "Table 't' state was set to value 1\n",
+                   "Table 't' row count was set to 1\n"}));
+}
+
+TEST_F(AdmitTest, AClearedTableBecomesAChangedOne) {
+  start(table_spec{});
+  table()->state = TBL_CLEARED;
+  EXPECT_EQ(admit({"a", "b", "c"}), admission::added);
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+}
+
+TEST_F(AdmitTest, AGeneratedIndexIsStoredAndGivenBack) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  EXPECT_EQ(admit({"own", "b", "c"}), admission::added);
+  EXPECT_EQ(result, 1);
+  table()->next_index = 41;
+  EXPECT_EQ(admit({"", "b", "c"}), admission::added);
+  EXPECT_EQ(result, 41);
+  EXPECT_EQ(rows(table()), (texts{"41|b|c", "1|b|c"}));
+  EXPECT_EQ(table()->next_index, 42u);
+}
+
+TEST_F(AdmitTest, AtTheRowLimitRowsAreRefused) {
+  table_spec spec;
+  spec.max_rows = 2;
+  spec.use_index = 1;
+  start(spec);
+  EXPECT_EQ(admit({"", "1", ""}), admission::added);
+  EXPECT_EQ(admit({"", "2", ""}), admission::added);
+  table()->state = TBL_UNCHANGED;
+  mark();
+  EXPECT_EQ(admit({"", "3", ""}), admission::full);
+  expect_untouched();
+  EXPECT_TRUE(standin::logs().empty());
+}
+
+TEST_F(AdmitTest, BeyondTheRowLimitATableGoesOnGrowing) {
+  table_spec spec;
+  spec.max_rows = 2;
+  start(spec);
+  write(main_file(), "Version 1\n1||\n2||\n3||\n");
+  load_table(table());
+  EXPECT_EQ(admit({"4", "", ""}), admission::added);
+  EXPECT_EQ(table()->row_count, 4);
+}
+
+TEST_F(AdmitTest, ALimitOfZeroTakesNoRow) {
+  table_spec spec;
+  spec.max_rows = 0;
+  start(spec);
+  EXPECT_EQ(admit({"a", "b", "c"}), admission::full);
+}
+
+TEST_F(AdmitTest, TheLimitIsComparedWithTheCountAlone) {
+  table_spec spec;
+  spec.max_rows = 1;
+  start(spec);
+  admit({"a", "b", "c"});
+  table()->row_count = 0;
+  EXPECT_EQ(admit({"d", "e", "f"}), admission::added);
+}
+
+TEST_F(AdmitTest, ADuplicateIsRefusedAndOneOfAnotherTextTaken) {
+  start(table_spec{});
+  EXPECT_EQ(admit({"a", "b", "c"}, true), admission::added);
+  table()->state = TBL_UNCHANGED;
+  mark();
+  EXPECT_EQ(admit({"a", "b", "c"}, true), admission::duplicate);
+  expect_untouched();
+  EXPECT_EQ(admit({"a", "b", "x"}, true), admission::added);
+  EXPECT_EQ(admit({"x", "b", "c"}, true), admission::added);
+}
+
+TEST_F(AdmitTest, WithoutTheCheckDuplicatesAreTaken) {
+  start(table_spec{});
+  EXPECT_EQ(admit({"a", "b", "c"}), admission::added);
+  EXPECT_EQ(admit({"a", "b", "c"}), admission::added);
+  EXPECT_EQ(rows(table()), (texts{"a|b|c", "a|b|c"}));
+}
+
+TEST_F(AdmitTest, ADuplicateUsesUpNoIndex) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  EXPECT_EQ(admit({"1", "b", "c"}, true), admission::added);
+  table()->state = TBL_UNCHANGED;
+  mark();
+  EXPECT_EQ(admit({"77", "b", "c"}, true), admission::duplicate);
+  expect_untouched();
+}
+
+TEST_F(AdmitTest, TheLimitComesBeforeTheCheck) {
+  table_spec spec;
+  spec.max_rows = 1;
+  start(spec);
+  admit({"a", "b", "c"}, true);
+  EXPECT_EQ(admit({"a", "b", "c"}, true), admission::full);
+  EXPECT_TRUE(standin::logs().empty());
+}
+
+TEST_F(AdmitTest, ACheckThatFailsCountsAsADuplicate) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  mark();
+  const auto in = query({"1", "b", "c"});
+  standin::fail_at(pool::pkg, 1);
+  EXPECT_EQ(admit_row(table(), in.get(), {true, insert_index}, &result), admission::duplicate);
+  expect_untouched();
+  EXPECT_EQ(errors(), texts{"Could not allocate memory for fields_in\n"});
+}
+
+TEST_F(AdmitTest, WithoutMemoryForTheIndexThereIsNoRow) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  mark();
+  const auto in = query({"1", "b", "c"});
+  standin::fail_at(pool::pkg, 1);
+  EXPECT_EQ(admit_row(table(), in.get(), {false, insert_index}, &result), admission::no_index);
+  expect_untouched();
+}
+
+TEST_F(AdmitTest, AnOverflownIndexRefusesOneRow) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  table()->next_index = 4294967295u;
+  EXPECT_EQ(admit({"", "last", ""}), admission::added);
+  EXPECT_EQ(admit({"", "none", ""}), admission::no_index);
+  EXPECT_EQ(admit({"", "first", ""}), admission::added);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(rows(table()), (texts{"1|first|", "4294967295|last|"}));
+  EXPECT_EQ(table()->row_count, 2);
+}
+
+TEST_F(AdmitTest, WithoutMemoryForTheRowTheIndexIsUsedUp) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  const auto in = query({"1", "b", "c"});
+  standin::fail_at(pool::shm, 1);
+  EXPECT_EQ(admit_row(table(), in.get(), {false, insert_index}, &result), admission::not_inserted);
+  EXPECT_EQ(errors(), texts{"Fail to allocate memory to the row\n"});
+  EXPECT_EQ(rows(table()), texts{});
+  EXPECT_EQ(table()->row_count, 0);
+  EXPECT_EQ(table()->state, TBL_UNCHANGED);
+  EXPECT_EQ(table()->next_index, 2u);
+}
+
+TEST_F(AdmitTest, EachAllocationFailingInTurnLeavesNoRowAndNoLeak) {
+  table_spec spec = port_table("dynamic");
+  spec.use_index = 1;
+  start_with_ports(spec);
+  const std::vector<const char *> row = {"", "1", "2", "3", "", "WAN", "103", "", "6", "203"};
+  const admission expected[] = {admission::duplicate, admission::no_index, admission::not_inserted,
+                                admission::added};
+  for (uint64_t failing = 1; failing <= 4; failing++) {
+    const auto in = query(row);
+    const size_t before = standin::live_count(pool::both);
+    standin::fail_at(pool::both, failing);
+    EXPECT_EQ(admit_row(table(), in.get(), {true, insert_index}, &result), expected[failing - 1]);
+    standin::stop_failing();
+    const size_t added = expected[failing - 1] == admission::added ? 1 : 0;
+    EXPECT_EQ(standin::live_count(pool::both), before + added);
+    EXPECT_EQ(table()->row_count, static_cast<int32_t>(added));
+    EXPECT_EQ(held(), added == 1 ? texts{"INT:103=81"} : texts{});
+  }
+}
+
+TEST_F(AdmitTest, AnInsertIsOneSharedAllocation) {
+  start(table_spec{});
+  const auto in = query({"a", "b", "c"});
+  standin::reset_allocation_count();
+  EXPECT_EQ(admit_row(table(), in.get(), {true, insert_index}, &result), admission::added);
+  EXPECT_EQ(standin::allocation_count(pool::shm), 1u);
+  EXPECT_EQ(standin::allocation_count(pool::pkg), 0u);
+}
+
+TEST_F(AdmitTest, AGivenIndexBlockIsLeftToItsOwner) {
+  table_spec spec;
+  spec.use_index = 1;
+  start(spec);
+  const auto in = query({"1", "b", "c"});
+  char block[INDEX_TEXT_SIZE] = "own";
+  in->flds[0] = block;
+  table()->next_index = 9;
+  EXPECT_EQ(admit_row(table(), in.get(), {false, insert_index_no_alloc}, &result),
+            admission::added);
+  EXPECT_EQ(result, 9);
+  EXPECT_STREQ(block, "9");
+  EXPECT_EQ(rows(table()), texts{"9|b|c"});
+  table()->next_index = 0;
+  EXPECT_EQ(admit_row(table(), in.get(), {false, insert_index_no_alloc}, &result),
+            admission::no_index);
+}
+
+TEST_F(AdmitTest, AnOverlongRowCanBeAddedTwice) {
+  table_spec spec;
+  spec.columns = {{"a", 3, 1}, {"b", 3, 0}};
+  start(spec);
+  EXPECT_EQ(admit({"abcdef", "x"}, true), admission::added);
+  EXPECT_EQ(admit({"abcdef", "x"}, true), admission::added);
+  EXPECT_EQ(admit({"abc", "x"}, true), admission::duplicate);
+  EXPECT_EQ(rows(table()), (texts{"abc|x", "abc|x"}));
+}
+
+TEST_F(AdmitTest, ARowOfAPortTableTakesItsPort) {
+  start_with_ports(port_table("dynamic"));
+  EXPECT_EQ(admit({"n", "1", "2", "3", "", "WAN", "103", "", "3", "203"}, true), admission::added);
+  EXPECT_EQ(held(), texts{"INT:103=81"});
+  EXPECT_EQ(admit({"m", "1", "2", "3", "", "LAN", "104", "", "3", "204"}, true),
+            admission::duplicate);
+  EXPECT_EQ(held(), texts{"INT:103=81"});
+  const std::string value(40, 'v');
+  for (int i = 0; i < 2; i++) {
+    EXPECT_EQ(admit({"n", "1", value.c_str(), "3", "", "LAN", "", "", "3", "205"}, true),
+              admission::added);
+  }
+  EXPECT_EQ(held(), (texts{"INT:103=81", "EXT:205=82"}));
+}
+
+TEST_F(AdmitTest, ARowWhosePortIsOutOfRangeStays) {
+  start_with_ports(port_table("dynamic"));
+  EXPECT_EQ(admit({"n", "1", "2", "3", "", "WAN", "999", "", "3", "203"}), admission::added);
+  EXPECT_EQ(table()->row_count, 1);
+  EXPECT_EQ(held(), texts{});
+  EXPECT_TRUE(logged(L_DBG, "Port 999 NOT set on load for range dynamic!\n"));
+}
+
+}  // namespace
+}  // namespace tables_test
