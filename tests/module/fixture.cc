@@ -72,6 +72,35 @@ std::string schema_text(const std::vector<table> &tables) {
   return out;
 }
 
+table with(table changed, int max_rows, const std::string &log_tag, bool use_index,
+           bool check_duplicates) {
+  changed.max_rows = max_rows;
+  changed.log_tag = log_tag;
+  changed.use_index = use_index;
+  changed.check_duplicates = check_duplicates;
+  return changed;
+}
+
+table port_table(const std::string &name, const std::string &range) {
+  return {name,
+          {{"id"},
+           {"k1", 31, true},
+           {"k2"},
+           {"k3"},
+           {"c4"},
+           {"location"},
+           {"c6"},
+           {"static_type"},
+           {"dynamic_type"},
+           {"int_port"},
+           {"ext_port"}},
+          100,
+          "",
+          false,
+          false,
+          {{range, 9, 10}}};
+}
+
 std::ostream &operator<<(std::ostream &out, const message &shown) {
   static const char *const names[] = {"alert", "bug",    "crit", "?",  "err",
                                       "warn",  "notice", "info", "dbg"};
@@ -170,6 +199,16 @@ void ModuleTest::configure(const std::vector<table> &tables) {
                                 backup_directory() + "\n" + schema_text(tables));
   ASSERT_TRUE(module_->set_param("cfg_file_path", schema_file()));
   ASSERT_TRUE(module_->set_param("private_ranges_file_path", ranges_file()));
+}
+
+void ModuleTest::start_with_small_maps(const std::vector<table> &tables) {
+  const std::pair<const char *, int> lower_bounds[] = {
+      {"int", 100}, {"ext", 200}, {"static_int", 300}, {"static_ext", 400}};
+  for (const auto &[name, lowest] : lower_bounds) {
+    ASSERT_TRUE(module_->set_param(std::string("min_") + name + "_port", lowest));
+    ASSERT_TRUE(module_->set_param(std::string("max_") + name + "_port", lowest + 9));
+  }
+  start(tables);
 }
 
 int ModuleTest::init() {

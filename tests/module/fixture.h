@@ -51,6 +51,14 @@ struct table {
 // The schema's text from NUM_TABLE on.
 std::string schema_text(const std::vector<table> &tables);
 
+// The table with these settings changed.
+table with(table changed, int max_rows, const std::string &log_tag = {}, bool use_index = false,
+           bool check_duplicates = false);
+
+// A table of eleven columns, so that every column that the port rules read is there: location 5,
+// type 7 or 8, internal port 9, external port 10, key columns 1 to 3.
+table port_table(const std::string &name, const std::string &range);
+
 using row = std::vector<std::string>;
 using row_list = std::vector<row>;
 
@@ -119,6 +127,9 @@ class ModuleTest : public testing::Test {
   // configure and mod_init, which has to succeed; then all messages and counts are forgotten.
   void start(const std::vector<table> &tables);
   void start_configured();
+  // start with four port maps of ten ports each that have none in common: dynamic internal from
+  // 100, dynamic external from 200, static internal from 300, static external from 400.
+  void start_with_small_maps(const std::vector<table> &tables);
   // Runs mod_destroy, and again configure and mod_init in a fresh image on the same kind of host.
   void restart();
   int init();

@@ -10,15 +10,6 @@ using testing::IsEmpty;
 
 const table USERS = {"users", {{"name", 31, true}, {"age"}, {"city"}}};
 
-table with(table changed, int max_rows, const std::string &log_tag = {}, bool use_index = false,
-           bool check_duplicates = false) {
-  changed.max_rows = max_rows;
-  changed.log_tag = log_tag;
-  changed.use_index = use_index;
-  changed.check_duplicates = check_duplicates;
-  return changed;
-}
-
 class InsertTest : public ModuleTest {
  protected:
   int insert(const std::string &query) { return run("tarn_memdb_insert", {query}); }
@@ -489,37 +480,6 @@ TEST_F(InsertTest, TheLineOfTheLongestQueryIsWhole) {
 
 class PortInsertTest : public InsertTest {
  protected:
-  // Eleven columns, so that every column that the port rules read is there.
-  static table holding(const std::string &range) {
-    return {"users",
-            {{"id"},
-             {"k1"},
-             {"k2"},
-             {"k3"},
-             {"c4"},
-             {"location"},
-             {"c6"},
-             {"static_type"},
-             {"dynamic_type"},
-             {"int_port"},
-             {"ext_port"}},
-            100,
-            "",
-            false,
-            true,
-            {{range, 9, 10}}};
-  }
-
-  // Starts with four maps that have no port in common.
-  void start_with(const table &t) {
-    const std::vector<std::pair<std::string, int>> bounds = {
-        {"min_int_port", 100},        {"max_int_port", 109},        {"min_ext_port", 200},
-        {"max_ext_port", 209},        {"min_static_int_port", 300}, {"max_static_int_port", 309},
-        {"min_static_ext_port", 400}, {"max_static_ext_port", 409}};
-    for (const auto &[name, number] : bounds) ASSERT_TRUE(module().set_param(name, number));
-    start({t});
-  }
-
   // What is said when a free port beyond the next one is taken by a row.
   static std::vector<message> taken(int port) {
     const std::string name = "Port " + std::to_string(port);
@@ -546,7 +506,7 @@ class PortInsertTest : public InsertTest {
 };
 
 TEST_F(PortInsertTest, ADynamicTableTakesFromTheDynamicMaps) {
-  start_with(holding("dynamic"));
+  start_with_small_maps({port_table("users", "dynamic")});
   EXPECT_EQ(insert_and_look("users,i|a|b|c||WAN||3|3|105|205"), taken(105));
   EXPECT_EQ(insert_and_look("users,i|a|b|d||LAN||6|3|106|206"), taken(206));
   EXPECT_EQ(insert_and_look("users,i|a|b|e||LAN||3|6|107|207"), taken(107));
@@ -554,7 +514,7 @@ TEST_F(PortInsertTest, ADynamicTableTakesFromTheDynamicMaps) {
 }
 
 TEST_F(PortInsertTest, ATableOfAnyOtherRangeTakesFromTheStaticMaps) {
-  start_with(holding("fixed"));
+  start_with_small_maps({port_table("users", "fixed")});
   EXPECT_EQ(insert_and_look("users,i|a|b|c||WAN||3|3|305|405"), taken(305));
   EXPECT_EQ(insert_and_look("users,i|a|b|d||LAN||6|3|306|406"), taken(306));
   EXPECT_EQ(insert_and_look("users,i|a|b|e||LAN||3|6|307|407"), taken(407));
@@ -562,7 +522,7 @@ TEST_F(PortInsertTest, ATableOfAnyOtherRangeTakesFromTheStaticMaps) {
 }
 
 TEST_F(PortInsertTest, APortOutsideOfItsMapIsToldAndTheRowStays) {
-  start_with(holding("dynamic"));
+  start_with_small_maps({port_table("users", "dynamic")});
   EXPECT_THAT(insert_and_look("users,i|a|b|c||WAN||||110|205"),
               ElementsAre(dbg("Setting port 110\n"), dbg("Port 110 out of range\n"),
                           dbg("Port 110 NOT set on load for range dynamic!\n")));
@@ -573,14 +533,14 @@ TEST_F(PortInsertTest, APortOutsideOfItsMapIsToldAndTheRowStays) {
 }
 
 TEST_F(PortInsertTest, TwoRowsOfOnePortAreCounted) {
-  start_with(holding("dynamic"));
+  start_with_small_maps({port_table("users", "dynamic")});
   insert("users,i|a|b|c||WAN||||105|");
   const std::vector<message> said = insert_and_look("users,i|a|b|d||WAN||||105|");
   EXPECT_EQ(said.back(), dbg("Port 105 After Value = 0xffffff82\n"));
 }
 
 TEST_F(PortInsertTest, OnlyTheThreeKeyColumnsAreComparedForDuplicates) {
-  start_with(holding("dynamic"));
+  start_with_small_maps({with(port_table("users", "dynamic"), 100, "", false, true)});
   EXPECT_EQ(insert("users,i|a|b|c||WAN||||105|"), 1);
   expect_refused("users,j|a|b|c|x|LAN|y|1|2|106|206",
                  {warn("Duplicated data will not be inserted into table 'users'!\n")});
@@ -588,7 +548,7 @@ TEST_F(PortInsertTest, OnlyTheThreeKeyColumnsAreComparedForDuplicates) {
 }
 
 TEST_F(PortInsertTest, ARefusedInsertTakesNoPort) {
-  start_with(holding("dynamic"));
+  start_with_small_maps({with(port_table("users", "dynamic"), 100, "", false, true)});
   insert("users,i|a|b|c||WAN||||105|");
   standin::clear_logs();
   EXPECT_EQ(insert("users,i|a|b|c||WAN||||106|"), -1);
@@ -599,19 +559,30 @@ TEST_F(PortInsertTest, ARefusedInsertTakesNoPort) {
   EXPECT_FALSE(standin::log_contains(DBG_LEVEL, "port 107"));
 }
 
+TEST_F(PortInsertTest, ALongValueDefeatsTheCheckUnlessItIsTheLastKeyColumn) {
+  const std::string with_40(31 + 9, 'v');
+  table t = with(port_table("users", "dynamic"), 100, "", false, true);
+  for (column &c : t.columns) c.length = 64;
+  start_with_small_maps({t});
+  EXPECT_EQ(insert("users,i|" + with_40 + "|b|c||||||105|"), 1);
+  EXPECT_EQ(insert("users,i|" + with_40 + "|b|c||||||105|"), 1);
+  EXPECT_EQ(insert("users,i|a|b|" + with_40 + "||||||105|"), 1);
+  EXPECT_EQ(insert("users,i|a|b|" + with_40 + "||||||105|"), -1);
+}
+
 TEST_F(PortInsertTest, ATableThatLacksAColumnOfThePortRulesTakesNothing) {
-  table narrow = holding("dynamic");
+  table narrow = port_table("users", "dynamic");
   narrow.columns.resize(8);  // no column 8 for the type
-  start_with(narrow);
+  start_with_small_maps({narrow});
   EXPECT_THAT(insert_and_look("users,i|a|b|c||WAN||"), IsEmpty());
   expect_rows("users", {{"i", "a", "b", "c", "", "WAN", "", ""}});
 }
 
 TEST_F(PortInsertTest, APortColumnBehindTheLastOneTakesNothing) {
-  table wrong = holding("dynamic");
+  table wrong = port_table("users", "dynamic");
   wrong.ports[0].internal = 11;
   wrong.ports[0].external = -1;
-  start_with(wrong);
+  start_with_small_maps({wrong});
   EXPECT_THAT(insert_and_look("users,i|a|b|c||WAN||||105|205"), IsEmpty());
   EXPECT_THAT(insert_and_look("users,i|a|b|d||LAN||||105|205"), IsEmpty());
 }

@@ -18,7 +18,7 @@ constexpr char DELETE[] = "tarn_memdb.delete";
 const table USERS = {
     .name = "users", .columns = {{"name", 31, true}, {"age"}, {"city"}}, .log_tag = "USERS"};
 const table QUIET = {.name = "quiet", .columns = {{"a"}, {"b"}}};
-const table MEDIA = port_table("media", "dynamic");
+const table MEDIA = claiming_table("media", "dynamic");
 
 class RpcDeleteTest : public RpcTest {
  protected:

@@ -23,7 +23,7 @@ const table USERS = {.name = "users",
 const table QUIET = {.name = "quiet", .columns = {{"a"}, {"b"}}};
 
 table numbered_media() {
-  table media = port_table("media", "dynamic", "FIFTEEN_LETTERS");
+  table media = claiming_table("media", "dynamic", "FIFTEEN_LETTERS");
   media.use_index = true;
   return media;
 }
@@ -74,7 +74,7 @@ TEST_F(RpcInfoTest, ATableWithPortsAndIndexHasThirteenLines) {
 TEST_F(RpcInfoTest, IndexAndPortsHaveTheirLinesEachByItself) {
   table numbered = QUIET;
   numbered.use_index = true;
-  open({numbered, port_table("lines", "static")});
+  open({numbered, claiming_table("lines", "static")});
   EXPECT_THAT(lines(INFO, {"quiet"}),
               ElementsAre("Table: quiet", "Row count: 0", "Max rows: 100", "Number of columns: 2",
                           "State: 0", "Use index: 1", "Next index: 1",

@@ -16,8 +16,8 @@ const table USERS = {
 const table QUIET = {.name = "quiet", .columns = {{"a"}, {"b"}}};
 const table NUMBERED = {
     .name = "numbered", .columns = {{"id", 10, true}, {"a"}, {"b"}}, .use_index = true};
-const table MEDIA = port_table("media", "dynamic");
-const table LINES = port_table("lines", "static");
+const table MEDIA = claiming_table("media", "dynamic");
+const table LINES = claiming_table("lines", "static");
 
 constexpr char REFUSED[] = "fault 500 Internal Error";
 const auto FULL = [](int limit, const std::string &name) {
@@ -362,7 +362,7 @@ TEST_F(RpcInsertTest, APortTablesDuplicateIsSoughtInColumnsOneToThree) {
 }
 
 TEST_F(RpcInsertTest, AValueOf32CharactersEscapesTheCheckOfAPortTable) {
-  table calls = port_table("calls", "dynamic");
+  table calls = claiming_table("calls", "dynamic");
   calls.columns[1].length = 63;
   open({calls});
   const std::string longer(40, 'c');

@@ -165,8 +165,8 @@ class renaming {
 };
 
 // Tables that hold ports, with the columns that the port rules read.
-inline table port_table(const std::string &name, const std::string &range,
-                        const std::string &log_tag = "") {
+inline table claiming_table(const std::string &name, const std::string &range,
+                            const std::string &log_tag = "") {
   return {.name = name,
           .columns = {{"id", 10, true},
                       {"call"},

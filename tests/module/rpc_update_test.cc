@@ -13,7 +13,7 @@ constexpr char UPDATE[] = "tarn_memdb.update";
 const table USERS = {.name = "users", .columns = {{"name"}, {"age"}, {"city"}}, .log_tag = "USERS"};
 const table QUIET = {.name = "quiet", .columns = {{"a"}, {"b"}}};
 const table ONE = {.name = "one", .columns = {{"a"}}};
-const table MEDIA = port_table("media", "dynamic");
+const table MEDIA = claiming_table("media", "dynamic");
 
 class RpcUpdateTest : public RpcTest {
  protected:
