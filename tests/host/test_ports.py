@@ -388,6 +388,14 @@ def test_a_target_of_plain_text_fails_and_keeps_the_port(started):
     assert get(server) == 101
 
 
+@pytest.mark.parametrize("target", ["$var(port)", "$shv(port)", "$xavp(port)"])
+def test_a_target_that_is_no_avp_fails_and_keeps_the_port(started, target):
+    server = started(calls={"take": Call(f'tarn_memdb_get_port("INT", "{target}")')})
+    assert server.call("take").rc == -1
+    assert server.said("ERROR") == ["Could not get avp name\n"]
+    assert get(server) == 101
+
+
 # Rows and scripts on one map
 
 

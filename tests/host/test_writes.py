@@ -403,6 +403,15 @@ def test_row_count_needs_a_pseudo_variable_for_its_answer(host):
     assert server.said("ERROR") == ["Could not get avp name\n", "Get row count failed!\n"]
 
 
+@pytest.mark.parametrize("target", ["$var(n)", "$shv(n)", "$xavp(n)"])
+def test_row_count_into_something_that_is_no_avp_fails(host, target):
+    server = host(
+        tables=[USERS], calls={"count": Call(f'tarn_memdb_row_count("users", "{target}")')}
+    )
+    assert server.call("count").rc == -1
+    assert server.said("ERROR") == ["Could not get avp name\n", "Get row count failed!\n"]
+
+
 # Truth, and several workers
 
 
