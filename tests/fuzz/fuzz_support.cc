@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,7 +18,8 @@
 namespace fuzz {
 namespace {
 
-constexpr size_t MEMORY_LIMIT = size_t{1} << 20;
+constexpr size_t BLOCK_LIMIT = size_t{1} << 16;
+constexpr size_t RUN_LIMIT = size_t{1} << 20;
 constexpr size_t MOST_TABLES = 4;
 
 // The stand-in's own allocators behind the limit, and what one run has taken.
@@ -31,7 +33,7 @@ struct limited_memory {
 } memory;
 
 bool is_within_limit(size_t size) {
-  if (size <= MEMORY_LIMIT && memory.taken + size <= 4 * MEMORY_LIMIT) {
+  if (size <= BLOCK_LIMIT && memory.taken + size <= RUN_LIMIT) {
     memory.taken += size;
     return true;
   }
@@ -65,6 +67,18 @@ void limit_memory() {
   }
   memory.taken = 0;
   memory.refused = false;
+}
+
+// Debug messages are printed, so that their arguments are read, and forgotten: a run has thousands.
+decltype(_ksr_slog_func) kept_sink;
+
+void keep_but_debug(ksr_logdata_t *data, const char *format, ...) {
+  static char text[size_t{1} << 16];
+  va_list values;
+  va_start(values, format);
+  vsnprintf(text, sizeof(text), format, values);
+  va_end(values);
+  if (data->v_level < L_DBG) kept_sink(data, "%s", text);
 }
 
 memdb_row *link_of(const memdb_row *row, const memdb_col &col) {
@@ -110,6 +124,8 @@ run::run() {
   standin::reset();
   limit_memory();
   install_engine_hooks();
+  kept_sink = _ksr_slog_func;
+  _ksr_slog_func = keep_but_debug;
 }
 
 run::~run() {

@@ -63,8 +63,8 @@ class heap_text {
   size_t size_;
 };
 
-// One run: the stand-in in its first state, and memory limited to some megabytes, so that numbers
-// in a hostile text can't ask for the whole machine's. At its end nothing may be left or broken.
+// One run: the stand-in in its first state, and memory limited to a megabyte, so that numbers in a
+// hostile text can't ask for the whole machine's. At its end nothing may be left or broken.
 class run {
  public:
   run();
