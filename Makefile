@@ -3,44 +3,69 @@
 # to build and run with; without it an installed 6.0.x is used, or Debian's package is unpacked.
 
 SHELL := /bin/bash
+.SHELLFLAGS := -o pipefail -ec
+
 BUILD ?= build
 JOBS ?= $(shell nproc)
-CMAKE := cmake -G Ninja
 DEPS := tools/install-deps.sh
 HOST := $(CURDIR)/tools/host-kamailio
 
 export HOST_ROOT ?= $(CURDIR)/build/host
 
-.PHONY: all module demo test lint format bench fuzz clean
+# $(call build,FOLDER,OPTIONS): configures and builds below build/FOLDER; talks only of failures.
+build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUILD)/$(1) $(2) && \
+        tools/quiet.sh $(BUILD)/log/$(1)-build cmake --build $(BUILD)/$(1) -j $(JOBS)
+
+.PHONY: all module tools demo test lint format bench fuzz install deb clean host-module
 
 all: module
 
 # The installable module, for the host's released version unless KAMAILIO= says otherwise.
 module:
 	@$(DEPS) module
-	@$(CMAKE) -S . -B $(BUILD)/module -DBUILD_TESTING=OFF -DKAMAILIO=$(KAMAILIO) >/dev/null
-	@cmake --build $(BUILD)/module -j $(JOBS)
+	@$(call build,module,-DBUILD_TESTING=OFF -DKAMAILIO=$(KAMAILIO))
 	@echo "module: $(BUILD)/module/tarn_memdb.so"
 
-# The module once more, for the host that tests and demo run on.
-.PHONY: host-module
+# Module and tarn-memdb-check.
+tools:
+	@$(DEPS) module tools
+	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO))
+	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check"
+
+# make install [DESTDIR=] [PREFIX=/usr] [MODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules]
+PREFIX ?= /usr
+MODULES_DIR ?= lib/x86_64-linux-gnu/kamailio/modules
+install:
+	@$(DEPS) module tools
+	@$(call build,install,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) \
+	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DMODULES_DIR=$(MODULES_DIR))
+	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/install
+
+# A Debian package of module, tool, guide and an example configuration.
+deb:
+	@$(DEPS) module tools deb
+	@$(call build,deb,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) -DCMAKE_INSTALL_PREFIX=/usr)
+	@tools/quiet.sh $(BUILD)/log/deb-pack cpack --config $(BUILD)/deb/CPackConfig.cmake -B $(BUILD)/deb
+	@ls $(BUILD)/deb/*.deb
+
+# The module once more, for the host that the demo runs on.
 host-module:
 	@$(DEPS) module demo
 	@tools/host-root.sh >/dev/null
-	@$(CMAKE) -S . -B $(BUILD)/demo -DBUILD_TESTING=OFF -DKAMAILIO=$(HOST) >/dev/null
-	@cmake --build $(BUILD)/demo -j $(JOBS) | tail -n 1
+	@$(call build,demo,-DBUILD_TESTING=OFF -DKAMAILIO=$(HOST))
 
 demo: host-module
 	@demo/run $(BUILD)/demo/tarn_memdb.so
 
 test: lint
-	@$(DEPS) module test
+	@$(DEPS) module tools test
 	@tools/host-root.sh >/dev/null
-	@$(CMAKE) -S . -B $(BUILD)/test -DKAMAILIO=$(HOST) -DKAMAILIO_SRC=$(KAMAILIO_SRC) >/dev/null
-	@cmake --build $(BUILD)/test -j $(JOBS) | tail -n 1
-	@$(CMAKE) -S . -B $(BUILD)/sanitize -DTARN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
-	@cmake --build $(BUILD)/sanitize -j $(JOBS) | tail -n 1
+	@echo "test: building, plain and sanitized"
+	@$(call build,test,-DTARN_TOOLS=ON -DKAMAILIO=$(HOST) -DKAMAILIO_SRC=$(KAMAILIO_SRC))
+	@$(call build,sanitize,-DTARN_TOOLS=ON -DTARN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug)
+	@echo "test: under the sanitizers"
 	@cd $(BUILD)/sanitize && ctest -j $(JOBS) --output-on-failure
+	@echo "test: plain, and on a real host"
 	@cd $(BUILD)/test && ctest -j $(JOBS) --output-on-failure
 
 lint:
@@ -58,8 +83,7 @@ fuzz:
 
 bench:
 	@$(DEPS) module bench
-	@$(CMAKE) -S . -B $(BUILD)/bench -DBUILD_TESTING=OFF -DTARN_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build $(BUILD)/bench -j $(JOBS) | tail -n 1
+	@$(call build,bench,-DBUILD_TESTING=OFF -DTARN_BENCH=ON -DCMAKE_BUILD_TYPE=Release)
 	@bench/run.sh $(BUILD)/bench
 
 clean:

@@ -6,6 +6,7 @@ set -eu
 packages_of() {
   case $1 in
     module) echo g++ cmake ninja-build ;;
+    tools) echo nlohmann-json3-dev ;;
     demo) echo python3 ;;
     test) echo g++ cmake ninja-build libgtest-dev libgmock-dev python3 python3-pytest binutils ;;
     lint) echo clang clang-format clang-tidy ;;
