@@ -579,8 +579,6 @@ TEST_F(SubnetTest, DeliversTheFirstRowThatMatchesAndVisitsNoFurther) {
                      by_net("newest", "10.2.0.0", "255.255.0.0")});
   EXPECT_EQ(select(any(",10"), "10.1.2.3"), 1);
   EXPECT_THAT(ids(), ElementsAre("middle"));
-  EXPECT_EQ(std::count(standin::log_texts().begin(), standin::log_texts().end(), ENTERING.text),
-            std::count(standin::log_texts().begin(), standin::log_texts().end(), ENTERING.text));
   size_t visits = 0;
   for (const message &told : messages()) visits += told == ENTERING ? 1 : 0;
   EXPECT_EQ(visits, 2U);
