@@ -1,0 +1,42 @@
+/* The host's side of the comparison, compiled with the defines of the host's own build. */
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/dprint.h"
+#include "core/mem/pkg.h"
+#include "core/mem/shm.h"
+#include "core/mod_fix.h"
+#include "core/parser/parse_param.h"
+#include "core/pvar.h"
+#include "core/route.h"
+#include "core/rpc.h"
+#include "core/rpc_lookup.h"
+#include "core/sr_module.h"
+#include "core/timer.h"
+#include "core/usr_avp.h"
+#include "core/ver_defs.h"
+#include "modules/pv/pv_api.h"
+#include "tests/abi/layout.h"
+
+#define TEXT char *
+#define PARAM_CLASS pclass_t
+#define IS_TYPE(left, right) (__builtin_types_compatible_p(left, right) ? 1 : -2)
+
+#define RECORD(own, host) {"sizeof " #own, sizeof(host)},
+#define MEMBER(own, own_member, host, member)               \
+  {"offset " #own "." #own_member, offsetof(host, member)}, \
+      {"size " #own "." #own_member, sizeof(((host *)0)->member)},
+#define CONSTANT(own, host) {#own, host},
+#define VARIABLE(name) {"sizeof " #name, sizeof(name)},
+#define FUNCTION(name, result, arguments) \
+  {"type of " #name, IS_TYPE(__typeof__(name), result arguments)},
+#define POINTER(record, member, result, arguments) \
+  {"type of " #record "." #member, IS_TYPE(__typeof__(((record *)0)->member), result(*) arguments)},
+
+const struct layout_fact host_layout[] = {
+#include "tests/abi/layout_facts.h"
+    {NULL, 0}};
+
+const char *const host_build_flags = SER_COMPILE_FLAGS;
