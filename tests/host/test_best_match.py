@@ -273,9 +273,13 @@ def test_a_query_that_does_not_fit_the_buffer_fails(stored):
 # Pseudo-variables
 
 
-def test_pseudo_variables_in_every_place_of_a_query(stored):
+@EACH
+def test_pseudo_variables_in_every_place_of_a_query(stored, flavour):
+    # Where an XAVP is delivered, the start already looks the table up.
+    table = "routes" if FLAVOURS[flavour][1] else "$var(table)"
     calls = best(
-        query="$var(table),$fU|$avp(prefix)$hdr(X-Q)|$var(any),$var(limit)",
+        flavour,
+        query=f"{table},$fU|$avp(prefix)$hdr(X-Q)|$var(any),$var(limit)",
         before='$var(table) = "routes";\n$avp(prefix) = 49;\n$var(any) = "*";\n$var(limit) = 50;',
     )
     server = stored(calls)
@@ -285,8 +289,9 @@ def test_pseudo_variables_in_every_place_of_a_query(stored):
         assert server.call("best", "301", phone=phone).values[0] == "germany-from-us"
 
 
-def test_the_source_address_as_a_key(stored):
-    server = stored(best(query="routes,net|$si|*"), ["net|127.0.0.|near", "net|127.|far"])
+@EACH
+def test_the_source_address_as_a_key(stored, flavour):
+    server = stored(best(flavour, query="routes,net|$si|*"), ["net|127.0.0.|near", "net|127.|far"])
     with server.phone(address="127.0.0.7") as phone:
         assert server.call("best", phone=phone).values[0] == "near"
     with server.phone(address="127.7.0.1") as phone:

@@ -152,9 +152,11 @@ def test_a_table_too_narrow_for_a_pair_is_refused(stored):
     assert server.said("ERROR") == ["Table 'pairs' has no port columns\n"]
 
 
+@EACH
 @pytest.mark.parametrize("side", ["$var(side)", "$avp(side)", "$hdr(X-Side)", "$fU"])
-def test_pseudo_variables_in_every_place(stored, side):
+def test_pseudo_variables_in_every_place(stored, function, side):
     calls = by_port(
+        function,
         side=side,
         query="$var(table),$fU|$si|$avp(given)|$var(any),$var(limit)",
         before='$var(table) = "pairs";\n$avp(given) = 600;\n$var(any) = "*";\n$var(limit) = 1;\n'

@@ -350,6 +350,7 @@ def test_words_and_ports_from_pseudo_variables(started, kind):
         "get2": Call(f'tarn_memdb_get_port("{word}", "$avp(p)")', before=before, show=("$avp(p)",)),
         "range1": Call(f'tarn_memdb_get_port_from_range("{word}", "{port}")', before=before),
         "set1": Call(f'tarn_memdb_set_port("{port}", "{word}")', before=before),
+        "free1": Call(f'tarn_memdb_free_port("{word}", "9{port}")', before=before),
     }
     server = started(calls=one, ranges=RANGES)
     headers = {"Word": "INT", "Port": 101}
@@ -357,6 +358,8 @@ def test_words_and_ports_from_pseudo_variables(started, kind):
     assert server.call("get2", headers=headers).values == ("103",)
     assert server.call("range1", headers=headers).rc == 102
     assert server.call("set1", headers=headers).rc == 1
+    assert server.call("free1", headers=headers).rc == -2
+    assert "Received port to be freed = 9101\n" in server.said("DEBUG")
 
 
 def test_a_word_from_the_user_and_a_port_from_the_address(started):

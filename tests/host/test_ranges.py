@@ -218,6 +218,23 @@ def test_a_count_with_a_limit_that_is_no_integer_fails_and_sets_nothing(stored, 
     assert server.said("ERROR") == [f"Invalid pvar type - param {which} range limit\n"]
 
 
+def test_pseudo_variables_in_every_place_of_the_counting_query(stored):
+    call = Call(
+        "tarn_memdb_nl_select_field_within_the_range"
+        '("$var(table),$fU|$si|$avp(name)$hdr(X-Q),$var(limit)", "||$avp(n)", "1", "$avp(low)",'
+        ' "$var(high)", "$avp(count)")',
+        before='$var(table) = "meters";\n$avp(name) = "b";\n$var(limit) = 9;\n$avp(low) = 499;\n'
+        "$var(high) = 1;",
+        show=("$avp(count)",),
+    )
+    server = stored({"range": call})
+    with server.phone(user="a") as phone:
+        assert server.call("range", "ig", phone=phone).values == ("1",)
+        assert server.call("range", "x", phone=phone).values == ("0",)
+    with server.phone(user="b") as phone:
+        assert server.call("range", "ig", phone=phone).values == ("0",)
+
+
 # What both share
 
 
