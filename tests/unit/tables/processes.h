@@ -2,11 +2,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -36,7 +39,12 @@ class process {
     fflush(nullptr);
     pid_ = fork();
     if (pid_ != 0) return;
-    _exit(work());
+    // Nothing may get past here into the parent's tests.
+    try {
+      _exit(work());
+    } catch (...) {
+      _exit(EXCEPTION);
+    }
   }
   ~process() {
     if (ended_ || pid_ <= 0) return;
@@ -61,16 +69,44 @@ class process {
   pid_t pid() const { return pid_; }
 
  private:
+  static constexpr int EXCEPTION = 99;
+
   pid_t pid_;
   int status_ = 0;
   bool ended_ = false;
 };
 
+// A line at which processes wait until all of them have come.
+class starting_line {
+ public:
+  explicit starting_line(int count)
+      : count_(count),
+        arrived_(static_cast<std::atomic<int> *>(mmap(nullptr, sizeof(std::atomic<int>),
+                                                      PROT_READ | PROT_WRITE,
+                                                      MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+  ~starting_line() { munmap(arrived_, sizeof(std::atomic<int>)); }
+  starting_line(const starting_line &) = delete;
+  starting_line &operator=(const starting_line &) = delete;
+
+  void wait() const {
+    ++*arrived_;
+    while (*arrived_ < count_) sched_yield();
+  }
+
+ private:
+  int count_;
+  std::atomic<int> *arrived_;
+};
+
 // Runs work(0) to work(count - 1), each in a process of its own, all at once; true if all give 0.
 inline bool run_processes(int count, const std::function<int(int)> &work) {
+  const starting_line line(count);
   std::vector<std::unique_ptr<process>> all;
   for (int i = 0; i < count; i++)
-    all.push_back(std::make_unique<process>([&work, i] { return work(i); }));
+    all.push_back(std::make_unique<process>([&work, &line, i] {
+      line.wait();
+      return work(i);
+    }));
   bool good = true;
   for (const auto &one : all) good = one->exit_code() == 0 && good;
   return good;

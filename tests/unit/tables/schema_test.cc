@@ -794,7 +794,7 @@ TEST_F(SchemaTest, AFileWithoutAnyOneByteGivesWhatTheFormatsGive) {
 
 TEST_F(SchemaTest, ScrambledSchemasGiveWhatTheFormatsGive) {
   standin::set_debug_level(L_INFO);
-  for (uint32_t seed = 0; seed < 3000; seed++) {
+  for (uint32_t seed = 0; seed < 10000; seed++) {
     std::mt19937 random(seed);
     lines all = good_head() + port_block() + plain_block();
     const auto below = [&random](size_t limit) { return random() % limit; };

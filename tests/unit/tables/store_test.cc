@@ -421,14 +421,14 @@ TEST_F(StoreTest, TheLockIsHeldThroughTheWritesAndFreeBeforeTheClose) {
   const std::string pipe = path("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   link_main_file_to(pipe);
-  process writer([this] { return store_table(table()); });
+  process writer([] { return store_table(table()); });
   const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
   ASSERT_GE(reader, 0);
   const int capacity = fcntl(reader, F_SETPIPE_SZ, 4096);
   ASSERT_EQ(capacity, 4096);
 
   // The first page fills the pipe; the writer waits with the second, holding the lock.
-  EXPECT_TRUE(eventually([this] { return *table()->lock == 1; }));
+  EXPECT_TRUE(eventually([] { return *table()->lock == 1; }));
   sleep_ms(100);
   EXPECT_EQ(*table()->lock, 1u);
   EXPECT_EQ(table()->state, TBL_CHANGED);
@@ -443,8 +443,8 @@ TEST_F(StoreTest, TheLockIsHeldThroughTheWritesAndFreeBeforeTheClose) {
   };
   // The second page is written now, and the rest waits in the close.
   EXPECT_TRUE(eventually(read_page));
-  EXPECT_TRUE(eventually([this] { return table()->state == TBL_UNCHANGED; }));
-  EXPECT_TRUE(eventually([this] { return *table()->lock == 0; }));
+  EXPECT_TRUE(eventually([] { return table()->state == TBL_UNCHANGED; }));
+  EXPECT_TRUE(eventually([] { return *table()->lock == 0; }));
   sleep_ms(50);
   EXPECT_FALSE(writer.ended());
   take_lock(table()->lock);
