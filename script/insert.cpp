@@ -2,32 +2,13 @@
 #include "host/log.h"
 #include "script/audit.h"
 #include "script/functions.h"
+#include "script/insert_refusal.h"
 #include "script/script_query.h"
 #include "tables/row_admission.h"
 
 namespace {
 
 constexpr query_words WORDS{UNPRINTABLE, "Insert", "insert"};
-
-void log_refusal(admission refused, const tarn_tbl *table) {
-  switch (refused) {
-    case admission::full:
-      LM_ERR("MAX number of rows allowed (%d) for table '%s' reached. Data will not be inserted!\n",
-             table->max_rows, table->table_name);
-      break;
-    case admission::duplicate:
-      LM_WARN("Duplicated data will not be inserted into table '%s'!\n", table->table_name);
-      break;
-    case admission::no_index:
-      LM_ERR("Insertion of index failed!\n");
-      break;
-    case admission::not_inserted:
-      LM_ERR("Could not insert at table '%s'!\n", table->table_name);
-      break;
-    case admission::added:
-      break;
-  }
-}
 
 bool insert(sip_msg *msg, const char *slot, int32_t *result) {
   str text;
@@ -42,7 +23,7 @@ bool insert(sip_msg *msg, const char *slot, int32_t *result) {
     const admission_rules rules{table->duplicated_data_check != 0, insert_index};
     const admission outcome = admit_row(table, &query.in, rules, result);
     if (outcome != admission::added) {
-      log_refusal(outcome, table);
+      log_refusal(outcome, table, L_ERR);
       return false;
     }
   }
