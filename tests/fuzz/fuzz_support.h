@@ -141,4 +141,8 @@ void require_whole(const memdb_tbl *tbl);
 // The same, and the registry's count.
 void require_whole(const tarn_tbl *table);
 
+// What is left of that once keys were overwritten, which moves no row to another chain: every link
+// of a chain leads to a row of the list, and each chain ends.
+void require_sound(const tarn_tbl *table);
+
 }  // namespace fuzz
