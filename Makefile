@@ -86,5 +86,17 @@ bench:
 	@$(call build,bench,-DBUILD_TESTING=OFF -DTARN_BENCH=ON -DCMAKE_BUILD_TYPE=Release)
 	@bench/run.sh $(BUILD)/bench
 
+# The module beside its peers on a real host; see the head of bench/host_bench.py for its settings.
+.PHONY: bench-host bench-callgrind
+bench-host: host-module
+	@python3 bench/host_bench.py $(BUILD)/demo/tarn_memdb.so
+
+# Instructions of a call, on the stand-in host and then on the real one.
+bench-callgrind: host-module
+	@$(DEPS) module bench
+	@$(call build,callgrind,-DBUILD_TESTING=OFF -DTARN_BENCH=ON)
+	@bench/callgrind.sh $(BUILD)/callgrind
+	@python3 bench/host_profile.py $(BUILD)/demo/tarn_memdb.so
+
 clean:
 	rm -rf $(BUILD)
