@@ -763,8 +763,10 @@ class HolderTest : public PortsTest, public testing::WithParamInterface<holder> 
   std::string port_column() const { return internal() ? "in" : "ex"; }
   // Every byte of the four maps but those of the table's own one is zero.
   void expect_others_empty() {
-    for (const char *word : {"INT", "EXT", "STATIC_INT", "STATIC_EXT"})
-      if (word != GetParam().map) EXPECT_THAT(bytes(word), Each(0)) << word;
+    for (const char *word : {"INT", "EXT", "STATIC_INT", "STATIC_EXT"}) {
+      if (word == GetParam().map) continue;
+      EXPECT_THAT(bytes(word), Each(0)) << word;
+    }
   }
 };
 
