@@ -9,6 +9,7 @@ import dataclasses
 import os
 import pathlib
 import sys
+import time
 from typing import Optional
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools"))
@@ -219,12 +220,21 @@ class ModuleHost(host_server.Server):
 
     def private_memory_used(self, rank=1):
         """Bytes of private memory that the worker of a rank holds."""
-        (used,) = [
-            process["used"]
-            for process in self.jsonrpc("pkg.stats")["result"]
-            if process["rank"] == rank
-        ]
-        return used
+
+        def used():
+            (found,) = [
+                process["used"]
+                for process in self.jsonrpc("pkg.stats")["result"]
+                if process["rank"] == rank
+            ]
+            return found
+
+        # A reply goes out before its worker has tidied up, and the worker tells of each step.
+        readings = [used()]
+        while len(readings) < 3 or len(set(readings[-3:])) > 1:
+            time.sleep(0.005)
+            readings.append(used())
+        return readings[-1]
 
     def shared_memory_used(self):
         return self.jsonrpc("core.shmmem")["result"]["used"]

@@ -194,11 +194,18 @@ def growth(server, names, rounds=40):
                 for name in names:
                     server.call(name, phone=phone, headers={"X-Long": LONG})
 
+        def measure():
+            private, shared = server.private_memory_used(), server.shared_memory_used()
+            run(rounds)
+            return server.private_memory_used() - private, server.shared_memory_used() - shared
+
         # What the server allocates once, it allocates in the first rounds.
         run(3)
-        private, shared = server.private_memory_used(), server.shared_memory_used()
-        run(rounds)
-        return server.private_memory_used() - private, server.shared_memory_used() - shared
+        left = measure()
+        # A worker can be slow to tidy up behind a reply. What a call leaves, it leaves every time.
+        for _ in range(2):
+            left = left if left == (0, 0) else measure()
+        return left
 
 
 def test_no_call_leaves_memory_behind(host):
