@@ -1,0 +1,97 @@
+"""The guide is whole: all that the module has is in it, every example runs, every link leads."""
+
+import re
+
+import guide_book
+
+SHELL = (guide_book.ROOT / "script" / "tarn_memdb.cpp").read_text()
+COMMANDS = (guide_book.ROOT / "rpc" / "rpc_commands.cpp").read_text()
+
+
+def exported_functions():
+    """Names and numbers of parameters, from the exported table."""
+    rows = re.findall(r'\{"(\w+)",\s*\w+,\s*(\d), \w+,\s*\w+,\s*ROUTES\}', SHELL)
+    return sorted((name, int(count)) for name, count in rows)
+
+
+def exported_parameters():
+    return re.findall(r'\{"(\w+)", PARAM_(STRING|INT), ', SHELL)
+
+
+def exported_commands():
+    return re.findall(r'\{"(tarn_memdb\.\w+)", ', COMMANDS)
+
+
+def titles(page, level=3):
+    return [section for section in guide_book.page(page) if section.level == level]
+
+
+def anchor(title):
+    """The anchor that GitHub gives a heading."""
+    return re.sub(r"[^\w\- ]", "", title.lower()).replace(" ", "-")
+
+
+def test_each_exported_function_has_a_section_with_its_parameters():
+    sections = [re.fullmatch(r"(\w+)\((.*)\)", section.title) for section in titles("functions.md")]
+    told = sorted(
+        (match[1], len(match[2].split(", ")) if match[2] else 0) for match in sections if match
+    )
+    assert told == exported_functions() and len(told) == 29
+
+
+def test_each_function_tells_its_parameters_result_and_routes():
+    for section in titles("functions.md"):
+        text = guide_book.text_of(section)
+        names = [name for name in re.search(r"\((.*)\)", section.title)[1].split(", ") if name]
+        for name in names:
+            assert f"*{name}*" in text, (section.name, name)
+        assert "\nReturns " in text or "Returns 1." in text, section.name
+        assert "\nRoutes: all but `onsend_route`.\n" in text or not names, section.name
+
+
+def test_each_parameter_has_a_section_with_type_and_default():
+    kinds = {"STRING": "string", "INT": "integer"}
+    wanted = sorted(f"{name} ({kinds[kind]})" for name, kind in exported_parameters())
+    assert sorted(section.title for section in titles("parameters.md")) == wanted
+    assert len(wanted) == 12
+    for section in titles("parameters.md"):
+        assert "\n*Default: " in guide_book.text_of(section), section.name
+
+
+def test_each_command_has_a_section():
+    told = [section.title.split(" ")[0] for section in titles("rpc.md")]
+    assert sorted(told) == sorted(exported_commands()) and len(told) == 15
+
+
+def test_each_section_on_something_exported_has_an_example_that_runs():
+    for page in ("functions.md", "parameters.md", "rpc.md"):
+        for section in titles(page):
+            assert section.runs, section.name
+
+
+def test_each_code_block_is_run_or_plainly_for_reading():
+    known = guide_book.RUN + guide_book.FILES + guide_book.READ
+    for section in guide_book.guide():
+        for block in section.blocks:
+            assert block.kind in known, f"{section.page}:{block.line}: {block.kind}"
+            if block.kind in guide_book.FILES:
+                assert block.marked("file"), f"{section.page}:{block.line}: no file name"
+
+
+def test_each_mark_is_known():
+    known = {"file", "refused", "debug", "stopped", "restart", "request", "reply"}
+    for section in guide_book.guide():
+        for block in section.blocks:
+            assert {word for word, _ in block.marks} <= known, f"{section.page}:{block.line}"
+
+
+def test_each_link_leads_somewhere():
+    pages = {path.name: path for path in guide_book.DOCS.glob("*.md")}
+    for path in [guide_book.ROOT / "README.md", *(guide_book.DOCS / n for n in guide_book.PAGES)]:
+        for target in re.findall(r"\]\(([^)]+)\)", guide_book.without_code(path)):
+            file, _, place = target.partition("#")
+            where = path.parent / file if file else path
+            assert where.exists(), f"{path.name}: {target}"
+            if place:
+                known = [anchor(s.title) for s in guide_book.sections(pages[where.name])]
+                assert place in known, f"{path.name}: {target}"
