@@ -29,9 +29,12 @@ template <typename Take>
 void each_unescaped(const str &in, Take take) {
   const char *const end = in.s + in.len;
   for (const char *at = in.s; at < end; at++) {
-    if (*at == FIELD_ESCAPE && ++at == end) {
-      LM_WARN("Bad escape detected\n");
-      return;
+    if (*at == FIELD_ESCAPE) {
+      at++;
+      if (at == end) {
+        LM_WARN("Bad escape detected\n");
+        return;
+      }
     }
     take(*at);
   }
