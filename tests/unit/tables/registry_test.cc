@@ -1,5 +1,6 @@
 // The registry: look-up by name, accessors, locks of the tables, and the end.
 #include "tests/unit/tables/fixture.h"
+#include "tests/unit/tables/processes.h"
 
 namespace tables_test {
 namespace {
@@ -207,6 +208,63 @@ TEST_F(RegistryTest, DestroyingWorksWithoutRegistryTablesOrLocks) {
   EXPECT_EQ(table(1)->tbl->col_cnt, 0u);
   destroy_tables();
   EXPECT_EQ(standin::live_count(pool::both), 2u);
+}
+
+TEST_F(RegistryTest, DestroyingWaitsForTheTablesLock) {
+  ASSERT_TRUE(standin::use_shared_mapping(4 << 20));
+  start({table_spec{}, table_spec{}});
+  take_lock(table(1)->lock);
+  process destroyer([] {
+    destroy_tables();
+    return 0;
+  });
+  EXPECT_TRUE(eventually([] { return *table(1)->lock == 2; }));
+  sleep_ms(30);
+  EXPECT_EQ(table(0)->tbl, nullptr);
+  EXPECT_NE(table(1)->tbl, nullptr);
+  EXPECT_FALSE(destroyer.ended());
+  release_lock(table(1)->lock);
+  EXPECT_EQ(destroyer.exit_code(), 0);
+  EXPECT_EQ(table(1)->tbl, nullptr);
+}
+
+TEST_F(RegistryTest, AHalfMadeStartStoresNothingAndIsFreed) {
+  write(main_file(), "Version 1\n1|2|3\n");
+  write(backup_file(), "Version 1\n4|5|6\n");
+  const std::string head =
+      "BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") + "\nNUM_TABLE=3\n";
+  for (uint64_t failing = 1; failing <= 20; failing++) {
+    end();
+    make_registry();
+    write(path("schema.cfg"), head + table_spec{}.text() + table_spec{}.text());
+    const std::string schema = path("schema.cfg");
+    cfg_file_path = schema.c_str();
+    standin::fail_at(pool::both, failing);
+    create_table();
+    init_lock();
+    standin::stop_failing();
+    store_table_mngt(0, nullptr);
+    end();
+    ASSERT_EQ(standin::leak_report(pool::both), "") << "allocation " << failing;
+    EXPECT_EQ(read(main_file()), "Version 1\n1|2|3\n");
+    EXPECT_EQ(read(backup_file()), "Version 1\n4|5|6\n");
+  }
+  EXPECT_TRUE(standin::memory_errors().empty());
+}
+
+TEST_F(RegistryTest, AQuerysTableNameIsNotCutToOneThatExists) {
+  table_spec spec;
+  spec.name = std::string(31, 'n');
+  start(spec);
+  for (const size_t length : {32UL, 40UL, 5000UL}) {
+    std::string text = std::string(length, 'n') + ",a|b|c";
+    query_scope in;
+    char name[TARN_NAME_SIZE] = "";
+    EXPECT_EQ(
+        tarn_memdb_parse_input({text.data(), static_cast<int>(text.size())}, OP_SELECT, &in, name),
+        nullptr);
+    EXPECT_EQ(errors().back(), "Table not found\n");
+  }
 }
 
 TEST_F(RegistryTest, ColumnNamesAreReadWhereThereAreSome) {

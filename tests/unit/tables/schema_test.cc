@@ -616,6 +616,11 @@ TEST_F(SchemaTest, FieldLinesWithMissingNumbersHaveZeros) {
   expect_as_told("NUM_TABLE=1\nNUM_FIELDS=1\na 5 x\nFILE_NAME=f\n");
 }
 
+TEST_F(SchemaTest, ASignWithoutANumberInAFieldLineStopsTheRest) {
+  expect_refused("NUM_TABLE=1\nNUM_FIELDS=1\na 5 -\nFILE_NAME=f\n");
+  expect_refused("NUM_TABLE=1\nNUM_FIELDS=1\na +\nFILE_NAME=f\n");
+}
+
 TEST_F(SchemaTest, ANumberThatIsNoneStopsAllLaterKeys) {
   lines block = plain_block();
   block[3] = "USE_INDEX=yes";

@@ -334,6 +334,17 @@ TEST_F(StoreTest, EveryPlaceAtWhichTheDiskFillsUpEitherFailsOrGoesUnnoticedAtThe
   EXPECT_TRUE(std::filesystem::is_symlink(main_file()));
 }
 
+TEST_F(StoreTest, ADiskThatIsFullAtARowsLastByteFailsTheStore) {
+  table_spec spec;
+  spec.columns = {{"a", 6000, 0}};
+  start(spec);
+  link_main_file_to("/dev/full");
+  // The version line and the text fill the stream's buffer, and the line feed finds no room.
+  add(table(), {std::string(4096 - 10, 'f').c_str()});
+  EXPECT_EQ(store(), -1);
+  EXPECT_EQ(errors(), texts{could_not_write(main_file())});
+}
+
 TEST_F(StoreTest, AFailureAtTheFinalFlushGoesUnreported) {
   start(table_spec{});
   add(table(), {"X", "", ""});
