@@ -7,6 +7,8 @@ a new line of STEPS at the end.
 
 import re
 
+import operating
+
 DOMAIN = "demo.example"
 MEDIA_PORT = 21010
 OUTER_PORT = 40000
@@ -303,6 +305,7 @@ STEPS = [
         block_caller,
         pair_ports,
         clear_ports,
+        *operating.STEPS,
         stop_server,
     )
 ]
