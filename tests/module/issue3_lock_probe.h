@@ -37,8 +37,10 @@ class LockTest : public Issue3Test {
   }
 
   // Runs work in another process while this one holds the lock, which it gives back as soon as the
-  // other one has gone to sleep on it.
-  static probe run_beside_holder(tarn_lock *lock, const std::function<int()> &work) {
+  // other one has gone to sleep on it; before it does, it runs meanwhile.
+  static probe run_beside_holder(
+      tarn_lock *lock, const std::function<int()> &work,
+      const std::function<void()> &meanwhile = [] {}) {
     uint32_t free_word = FREE;
     if (!lock->compare_exchange_strong(free_word, HELD)) throw std::logic_error("lock is held");
     int ends[2];
@@ -57,6 +59,7 @@ class LockTest : public Issue3Test {
     while (poll(&reader, 1, 1) == 0) {
       if (lock->load() != AWAITED) continue;
       out.waited = true;
+      meanwhile();
       break;
     }
     if (lock->exchange(FREE) == AWAITED)
