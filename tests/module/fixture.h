@@ -184,6 +184,7 @@ class ModuleTest : public testing::Test {
     std::string table_name;
     size_t columns;
     standin::command all;
+    standin::command by_list;
     standin::command count;
   };
   const look &look_at(const std::string &table_name) const;
