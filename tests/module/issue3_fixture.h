@@ -177,6 +177,15 @@ class Issue3Test : public ModuleTest {
     return call(fixup(function, parameters));
   }
 
+  // The same with checks that cost little, for long runs of calls: blocks are counted, not listed.
+  int call_often(const standin::command &prepared) {
+    const size_t blocks = standin::live_count(pool::pkg);
+    const int result = module().run(prepared, msg);
+    EXPECT_EQ(standin::live_count(pool::pkg), blocks) << "left by " << prepared.row()->name;
+    EXPECT_THAT(view().held_locks(), testing::IsEmpty()) << "after " << prepared.row()->name;
+    return result;
+  }
+
   // Forgets what was logged and delivered so far.
   void clear() {
     standin::clear_logs();
