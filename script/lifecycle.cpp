@@ -91,6 +91,10 @@ int child_init(int rank) {
 void mod_destroy() {
   const host_log_scope log;
   LM_DBG("Destroy tarn_memdb module\n");
+  // The host's workers end wherever a signal meets them, with a lock in their hands at times, and
+  // all have ended by now. Without this such a stop would hang here and store nothing.
+  recover_locks();
+  force_unlock(port_map_lock);
   store_table_mngt(0, nullptr);
   if (tarn_tbl_mngt != nullptr) {
     destroy_tables();

@@ -138,24 +138,30 @@ bool load_file(tarn_tbl *table, const char *path) {
 
 bool exists(const char *path) { return access(path, F_OK) == 0; }
 
-}  // namespace
-
-int32_t load_table(tarn_tbl *table) {
-  LM_DBG("Loading table '%s' from file '%s'\n", table->table_name, table->file_name);
+// Fills the table from its main file, or else from the backup, and removes what is bad.
+bool load_files(tarn_tbl *table) {
   const main_path path(table);
-  empty_table(table);
-  if (exists(path.text) && load_file(table, path.text)) return 0;
+  if (exists(path.text) && load_file(table, path.text)) return true;
 
   remove(path.text);
   empty_table(table);
   const backup_path backup(table);
   if (exists(backup.text)) {
     LM_DBG("Trying to open backup file '%s'\n", backup.text);
-    if (load_file(table, backup.text)) return 0;
+    if (load_file(table, backup.text)) return true;
   }
 
   remove(backup.text);
   empty_table(table);
-  LM_DBG("New file '%s' will be created later when necessary\n", path.text);
+  return false;
+}
+
+}  // namespace
+
+int32_t load_table(tarn_tbl *table) {
+  LM_DBG("Loading table '%s' from file '%s'\n", table->table_name, table->file_name);
+  empty_table(table);
+  if (!has_files(table) || !load_files(table))
+    LM_DBG("New file '%s' will be created later when necessary\n", main_path(table).text);
   return 0;
 }

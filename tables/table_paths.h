@@ -7,6 +7,10 @@
 
 inline constexpr char TABLE_FILE_VERSION[] = "Version 1";
 
+// False for a table whose schema ends before its file name. Its paths are those of directories,
+// which must neither be moved nor removed.
+inline bool has_files(const tarn_tbl *table) { return table->file_name[0] != '\0'; }
+
 // base_dir and file_name as they stand, nothing added between them.
 struct main_path {
   explicit main_path(const tarn_tbl *table) {

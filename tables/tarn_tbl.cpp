@@ -24,6 +24,16 @@ void free_field_names(tarn_tbl *table) {
   table->field_name = nullptr;
 }
 
+// An insert links its row before it fills it. Stored, a row without any text would make the whole
+// file unreadable.
+void drop_unfilled_row(memdb_tbl *tbl) {
+  memdb_row *const row = tbl->first;
+  if (row == nullptr) return;
+  for (uint32_t i = 0; i < tbl->col_cnt; i++)
+    if (*memdb_get_field(tbl, row, i) != '\0') return;
+  memdb_delete_row(tbl, row);
+}
+
 }  // namespace
 
 std::span<tarn_tbl> all_tarn_tbls() {
@@ -116,6 +126,11 @@ void destroy_lock() {
     tarn_shm_free(table.lock);
     table.lock = nullptr;
   }
+}
+
+void recover_locks() {
+  for (tarn_tbl &table : all_tarn_tbls())
+    if (force_unlock(table.lock)) drop_unfilled_row(table.tbl);
 }
 
 void destroy_tables() {

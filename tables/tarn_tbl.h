@@ -83,6 +83,10 @@ int32_t init_lock();
 // Frees the locks of all tables.
 void destroy_lock();
 
+// Frees the table locks that killed processes left held, and takes out the row that such a process
+// may have been filling. Only for a process that is alone.
+void recover_locks();
+
 // Frees names, rows and engine tables, each under its table's lock, and then the locks. The
 // records stay with the registry.
 void destroy_tables();
