@@ -5,6 +5,7 @@ import dataclasses
 import json
 import os
 import pathlib
+import random
 import re
 import signal
 import socket
@@ -49,10 +50,42 @@ def _die_with_parent():
     ctypes.CDLL(None).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG
 
 
-def free_port(address="127.0.0.1"):
+def _is_free(address, port):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind((address, 0))
-        return probe.getsockname()[1]
+        try:
+            probe.bind((address, port))
+        except OSError:
+            return False
+    return True
+
+
+class PortLease:
+    """A UDP port that no other server gets as long as the lease is held, in any process.
+
+    It lies below the ports that clients are given. Without either, a server could fail to bind its
+    port while another one, of another test, answers there in its place.
+    """
+
+    FIRST, LAST = 20000, 32000
+
+    def __init__(self, address):
+        ports = range(self.FIRST, self.LAST)
+        start = random.randrange(len(ports))
+        for port in (*ports[start:], *ports[:start]):
+            self.holder = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+            try:
+                # A name of the kernel's own, which is gone with its holder.
+                self.holder.bind(f"\0tarn-host-{address}-{port}")
+                if _is_free(address, port):
+                    self.port = port
+                    return
+            except OSError:
+                pass
+            self.holder.close()
+        raise ServerTrouble("found no free port to listen on")
+
+    def release(self):
+        self.holder.close()
 
 
 class Server:
@@ -73,6 +106,7 @@ class Server:
         self.private_memory = private_memory
         self.address = "127.0.0.1"
         self.port = None
+        self.lease = None
         self.process = None
         self.log_path = self.directory / "server.log"
         self.log_start = 0
@@ -94,16 +128,27 @@ class Server:
     def start(self, timeout=20.0):
         """Starts the server and waits until it answers; raises StartFailed if it gives up."""
         for _ in range(5):
-            self.port = free_port(self.address)
+            self.lease_port()
             self.launch()
             try:
                 self.wait_ready(timeout)
                 return self
             except StartFailed as failure:
-                # Between finding a free port and binding it another process may have been faster.
+                # A program that knows nothing of leases may have been faster.
                 if "Address already in use" not in failure.log:
                     raise
         raise ServerTrouble("found no free port to listen on")
+
+    def lease_port(self):
+        """Gives the server a port of its own until it has ended."""
+        self._release_port()
+        self.lease = PortLease(self.address)
+        self.port = self.lease.port
+
+    def _release_port(self):
+        if self.lease is not None:
+            self.lease.release()
+            self.lease = None
 
     def launch(self):
         assert not self.running, "the server runs already"
@@ -162,10 +207,12 @@ class Server:
         if self.process is not None:
             self._kill_group()
             self.process.wait()
+        self._release_port()
 
     def _reap(self):
         # A main process that ended badly can leave workers behind.
         self._kill_group()
+        self._release_port()
         return self.process.returncode
 
     def _kill_group(self):

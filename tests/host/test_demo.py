@@ -10,7 +10,6 @@ import subprocess
 import tempfile
 
 import pytest
-from module_host import host_server
 
 DEMO = pathlib.Path(__file__).resolve().parents[2] / "demo"
 TROUBLE = (") WARNING: ", ") ERROR: ", ") CRITICAL: ", ") ALERT: ", ") BUG: ")
@@ -37,13 +36,18 @@ def directory():
 def sample(demo_run, directory):
     """Fills the sample configuration in, changed if wanted, and gives the server that reads it."""
 
+    made = []
+
     def fill(change=lambda text: text):
         server = demo_run.make_server(directory, os.environ["TARN_MODULE"])
-        server.port = host_server.free_port()
+        made.append(server)
+        server.lease_port()
         (directory / "kamailio.cfg").write_text(change(server.compose(server)))
         return server
 
-    return fill
+    yield fill
+    for server in made:
+        server.kill()
 
 
 def check(server):
@@ -97,13 +101,10 @@ def test_the_same_check_finds_a_mistake(sample, right, wrong):
 
 def test_the_sample_configuration_starts_without_an_unexpected_line(sample):
     server = sample()
-    try:
-        server.start()
-        assert server.stop() == 0
-        said = server.entries("tarn_memdb")
-        assert [entry.text for entry in said if entry.level not in ("DEBUG", "INFO")] == []
-    finally:
-        server.kill()
+    server.start()
+    assert server.stop() == 0
+    said = server.entries("tarn_memdb")
+    assert [entry.text for entry in said if entry.level not in ("DEBUG", "INFO")] == []
 
 
 # The demo itself
