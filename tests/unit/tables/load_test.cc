@@ -514,6 +514,24 @@ TEST_F(LoadTest, ATableWithoutANameLoads) {
   EXPECT_EQ(rows(table()), texts{"x"});
 }
 
+TEST_F(LoadTest, ATableWithoutAFileNameTouchesNoDirectory) {
+  table_spec spec;
+  std::string block = spec.text();
+  block.erase(block.find("FILE_NAME="));
+  ASSERT_EQ(create("BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") +
+                   "\nNUM_TABLE=1\n" + block),
+            0);
+  add(table(), {"1", "2", "3"});
+  watch();
+  load();
+  EXPECT_EQ(rows(table()), texts{});
+  EXPECT_TRUE(exists(path("main")));
+  EXPECT_TRUE(exists(path("backup")));
+  EXPECT_EQ(standin::file_ops("remove"), 0);
+  EXPECT_EQ(debug().back(),
+            message("New file '%s' will be created later when necessary\n", path("main/").c_str()));
+}
+
 TEST_F(LoadTest, AOneColumnTableLoads) {
   table_spec spec;
   spec.columns = {{"a", 5, 1}};

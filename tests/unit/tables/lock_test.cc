@@ -56,6 +56,35 @@ TEST_F(LockTest, NullIsIgnored) {
   nothing.release();
 }
 
+TEST_F(LockTest, AForcedUnlockFreesWhatIsHeldAndTellsSo) {
+  EXPECT_FALSE(force_unlock(nullptr));
+  EXPECT_FALSE(force_unlock(shared->lock));
+  take_lock(shared->lock);
+  EXPECT_TRUE(force_unlock(shared->lock));
+  EXPECT_EQ(*shared->lock, 0u);
+  *shared->lock = 2;
+  EXPECT_TRUE(force_unlock(shared->lock));
+  EXPECT_EQ(*shared->lock, 0u);
+  take_lock(shared->lock);
+  release_lock(shared->lock);
+}
+
+TEST_F(LockTest, ALockIsTakenAfterItsHolderWasKilled) {
+  process holder([this] {
+    take_lock(shared->lock);
+    shared->inside = 1;
+    pause();
+    return 0;
+  });
+  EXPECT_TRUE(eventually([this] { return shared->inside == 1; }));
+  kill(holder.pid(), SIGKILL);
+  EXPECT_EQ(holder.exit_code(), -1);
+  EXPECT_EQ(*shared->lock, 1u);
+  EXPECT_TRUE(force_unlock(shared->lock));
+  const lock_scope held(shared->lock);
+  EXPECT_EQ(*shared->lock, 1u);
+}
+
 TEST_F(LockTest, AScopeHoldsTheLockToItsEndOrToItsRelease) {
   {
     const lock_scope held(shared->lock);

@@ -267,6 +267,105 @@ TEST_F(RegistryTest, AQuerysTableNameIsNotCutToOneThatExists) {
   }
 }
 
+// Locks that killed processes left held, and the row that such a process was adding.
+
+class RecoveryTest : public RegistryTest {
+ protected:
+  // The rows that stand after recovery, a store and a load.
+  texts recovered() {
+    recover_locks();
+    EXPECT_EQ(*table()->lock, 0u);
+    table()->state = TBL_CHANGED;
+    store_table_mngt(0, nullptr);
+    load_table(table());
+    return rows(table());
+  }
+
+  memdb_row *add_unfilled() {
+    static const char *const empty[] = {"", "", ""};
+    return memdb_insert(table()->tbl, empty);
+  }
+};
+
+TEST_F(RecoveryTest, HeldLocksAreFreedAndWholeRowsStay) {
+  start(table_spec{});
+  add(table(), {"1", "2", "3"});
+  add(table(), {"", "", "4"});
+  take_lock(table()->lock);
+  EXPECT_EQ(recovered(), (texts{"||4", "1|2|3"}));
+}
+
+TEST_F(RecoveryTest, ARowWithoutAnyTextIsTakenOut) {
+  start(table_spec{});
+  add(table(), {"1", "2", "3"});
+  const size_t before = standin::live_count(pool::both);
+  add_unfilled();
+  take_lock(table()->lock);
+  recover_locks();
+  EXPECT_EQ(standin::live_count(pool::both), before);
+  EXPECT_EQ(recovered(), texts{"1|2|3"});
+}
+
+TEST_F(RecoveryTest, WhereNoLockWasHeldNothingIsTakenOut) {
+  start({table_spec{}, table_spec{}});
+  add(table(0), {"1", "2", "3"});
+  add_unfilled();
+  take_lock(table(1)->lock);
+  recover_locks();
+  EXPECT_EQ(rows(table(0)), (texts{"||", "1|2|3"}));
+}
+
+TEST_F(RecoveryTest, ARowThatOnlyItsNeighbourKnowsIsTakenOut) {
+  start(table_spec{});
+  add(table(), {"1", "2", "3"});
+  memdb_row *const row = add_unfilled();
+  // As between the two steps that put a row at the list's head.
+  for (memdb_col &col : memdb_cols(table()->tbl))
+    if (memdb_is_indexed(col)) memdb_delete_idx_entry(row, &col);
+  table()->tbl->first = row->next;
+  take_lock(table()->lock);
+  EXPECT_EQ(recovered(), texts{"1|2|3"});
+}
+
+TEST_F(RecoveryTest, AFirstRowThatIsLastAndNotYetFirstIsTakenOut) {
+  start(table_spec{});
+  write(backup_file(), "Version 1\nold|old|old\n");
+  memdb_row *const row = add_unfilled();
+  for (memdb_col &col : memdb_cols(table()->tbl))
+    if (memdb_is_indexed(col)) memdb_delete_idx_entry(row, &col);
+  table()->tbl->first = nullptr;
+  take_lock(table()->lock);
+  EXPECT_EQ(recovered(), texts{});
+}
+
+TEST_F(RecoveryTest, AProcessKilledWithinAnInsertCostsNoOtherRow) {
+  ASSERT_TRUE(standin::use_shared_mapping(4 << 20));
+  start(table_spec{});
+  add(table(), {"1", "2", "3"});
+  process writer([] {
+    take_lock(table()->lock);
+    memdb_hash_str = [](const char *) -> uint32_t {
+      kill(getpid(), SIGKILL);
+      return 0;
+    };
+    static const char *const row[] = {"", "b", "c"};
+    memdb_insert(table()->tbl, row);
+    return 0;
+  });
+  EXPECT_EQ(writer.exit_code(), -1);
+  EXPECT_EQ(rows(table()), (texts{"||", "1|2|3"}));
+  EXPECT_EQ(recovered(), texts{"1|2|3"});
+}
+
+TEST_F(RecoveryTest, WithoutRegistryTablesOrLocksThereIsNothingToDo) {
+  recover_locks();
+  make_registry();
+  recover_locks();
+  EXPECT_EQ(create("NUM_TABLE=2\n" + table_spec{}.text()), 0);
+  recover_locks();
+  EXPECT_EQ(table()->lock, nullptr);
+}
+
 TEST_F(RegistryTest, ColumnNamesAreReadWhereThereAreSome) {
   start(table_spec{});
   EXPECT_EQ(column_name(table(), 0), "a");

@@ -260,6 +260,24 @@ TEST_F(StoreTest, ADirectoryInPlaceOfTheMainFileIsMovedAway) {
   EXPECT_TRUE(std::filesystem::is_directory(backup_file()));
 }
 
+TEST_F(StoreTest, ATableWithoutAFileNameMovesAndRemovesNoDirectory) {
+  start(table_spec{});
+  add(table(), {"1", "2", "3"});
+  table()->file_name[0] = '\0';
+  for (const int state : {TBL_CHANGED, TBL_CLEARED}) {
+    table()->state = state;
+    watch();
+    EXPECT_EQ(store(), -1);
+    EXPECT_EQ(errors(), texts{could_not_open(path("main/"))});
+    EXPECT_EQ(table()->state, state);
+    EXPECT_EQ(standin::file_ops("rename"), 0);
+    EXPECT_EQ(standin::file_ops("remove"), 0);
+    EXPECT_TRUE(exists(path("main")));
+    EXPECT_TRUE(exists(path("backup")));
+    EXPECT_FALSE(exists(path("backup/.backup")));
+  }
+}
+
 TEST_F(StoreTest, AVersionLineThatCannotBeWrittenFailsTheStore) {
   start(table_spec{});
   for (const int failing : {1, 2}) {
