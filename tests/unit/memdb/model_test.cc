@@ -198,8 +198,8 @@ class ModelTest : public EngineTest {
     random_source random(seed);
     const shape columns = random.table();
     const size_t count = columns.columns.size();
-    static const uint32_t lengths[] = {1, 2, 3, 7, 512};
-    memdb_idx_len = lengths[random.below(std::size(lengths))];
+    static const uint32_t lengths[] = {1, 2, 3, 7, 13};
+    memdb_idx_len = random.one_in(20) ? 512 : lengths[random.below(std::size(lengths))];
     memdb_tbl *const table = memdb_create_tbl(columns.columns.data(), static_cast<uint32_t>(count));
     list_model list(columns);
     chain_model chains(columns, memdb_idx_len);
