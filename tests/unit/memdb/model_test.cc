@@ -290,6 +290,7 @@ class ModelTest : public EngineTest {
         }
       }
       ASSERT_EQ(seen_.reports.size(), missed) << "step " << step;
+      if (step % 5 != 4) continue;
       expect_same_list(table, list);
       expect_same_chains(table, chains);
       if (HasFatalFailure()) return;
