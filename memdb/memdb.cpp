@@ -22,7 +22,6 @@ constexpr uint32_t LINK_SIZE = sizeof(memdb_row *);
 bool layout_fits(const tbl_dcl *columns, uint32_t col_cnt) {
   uint64_t total = sizeof(memdb_row);
   for (uint32_t i = 0; i < col_cnt; i++) {
-    if (columns[i].len == std::numeric_limits<uint32_t>::max()) return false;
     total += uint64_t{columns[i].len} + 1;
     if (columns[i].flag & MEMDB_COL_INDEXED) total += LINK_SIZE;
     if (total > std::numeric_limits<uint32_t>::max()) return false;

@@ -42,7 +42,7 @@ class text_array {
   // Room for count texts of altogether no more than total characters.
   text_array(uint32_t count, size_t total)
       : block_(pkg_array<char>(count * (sizeof(char *) + 1) + total)),
-        next_(block_.get() + count * sizeof(char *)) {}
+        next_(block_ ? block_.get() + count * sizeof(char *) : nullptr) {}
 
   explicit operator bool() const { return static_cast<bool>(block_); }
   char **array() const { return reinterpret_cast<char **>(block_.get()); }

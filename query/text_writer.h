@@ -13,7 +13,7 @@ class text_writer {
 
   text_writer &append(std::string_view text) {
     const size_t taken = std::min(text.size(), buffer_.size() - 1 - len_);
-    memcpy(&buffer_[len_], text.data(), taken);
+    if (taken > 0) memcpy(&buffer_[len_], text.data(), taken);
     len_ += taken;
     buffer_[len_] = '\0';
     return *this;

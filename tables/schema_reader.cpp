@@ -25,10 +25,10 @@ void schema_reader::field(std::span<char> name, tbl_dcl *declared) {
   int32_t len = 0;
   int32_t flag = 0;
   if (note(word(name)) != read_result::read) return;
-  if (integer(&len) == read_result::read) {
-    declared->len = static_cast<uint32_t>(len);
-    if (integer(&flag) == read_result::read) declared->flag = static_cast<uint32_t>(flag);
-  }
+  if (integer(&len) != read_result::read) return;
+  declared->len = static_cast<uint32_t>(len);
+  if (integer(&flag) != read_result::read) return;
+  declared->flag = static_cast<uint32_t>(flag);
   skip_space();
 }
 

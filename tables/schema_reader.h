@@ -27,7 +27,7 @@ class schema_reader {
   // "key" and a number.
   read_result number(const char *key, int32_t *value);
 
-  // A field line: name, length and flag. What is missing keeps its value.
+  // A field line: name, length and flag. What is missing keeps its value and stops the read there.
   void field(std::span<char> name, tbl_dcl *declared);
 
   // True once a value was met that is longer than the field for it.
