@@ -47,11 +47,11 @@ bool is_column(const tarn_tbl *table, uint32_t col_cnt, std::string_view name) {
   return false;
 }
 
-// Bytes for the result and its terminator: a bar or the end for each slot, a star or a body in it.
+// Bytes for the result and its terminator: a bar for each slot, and a star or a body in it.
 // False, logged, for an item that names no column.
 bool result_size(const item_chain &items, const query_in *in, const char *tbl_name,
                  const tarn_tbl *table, const char *tail, size_t *size) {
-  *size = 2 * size_t{in->tbl->col_cnt};
+  *size = 2 * size_t{in->tbl->col_cnt} + 1;
   for (const param_t *item = items.first; item != nullptr; item = item->next) {
     if (!is_column(table, in->tbl->col_cnt, text_of(item->name))) {
       LM_ERR("Parameter [%.*s] not found in the table [%s]\n", item->name.len, item->name.s,
@@ -95,7 +95,7 @@ conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, co
     if (i > 0) out.append(FIELD_SEPARATOR);
     const param_t *const item = items.find(column_name(table, i));
     // Two columns of one name show one body twice, which isn't counted for.
-    if (item != nullptr && out.text().size() + text_of(item->body).size() >= size) {
+    if (item != nullptr && out.text().size() + text_of(item->body).size() >= size - 1) {
       LM_ERR("Buffer not enough for query list\n");
       return conversion::failed;
     }
