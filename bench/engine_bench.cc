@@ -5,7 +5,6 @@
 #include <sqlite3.h>
 
 #include <array>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -16,6 +15,7 @@
 #include "bench/benches.h"
 #include "bench/rows.h"
 #include "bench/started_module.h"
+#include "bench/stopwatch.h"
 #include "memdb/memdb.h"
 
 namespace bench {
@@ -171,10 +171,6 @@ class sqlite_store {
   sqlite3_stmt *scan_;
 };
 
-double seconds_since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 // A filled store and what its benchmarks ask of it. Made at the first benchmark of its size and
 // kept for the others, since the order of the runs is random; they leave the same rows in it.
 template <typename Store>
@@ -220,9 +216,9 @@ void insert_rows(benchmark::State &state, size_t count) {
   while (state.KeepRunningBatch(BATCH)) {
     const row *const added = &f.rows[count + spare];
     spare = (spare + BATCH) % SPARE_ROWS;
-    const auto start = std::chrono::steady_clock::now();
+    const stopwatch watch;
     for (size_t i = 0; i < BATCH; i++) f.store.insert(added[i]);
-    state.SetIterationTime(seconds_since(start));
+    state.SetIterationTime(watch.seconds());
     for (size_t i = 0; i < BATCH; i++) f.store.erase(added[i].key);
   }
 }
@@ -233,9 +229,9 @@ void delete_rows(benchmark::State &state, size_t count) {
   std::array<const row *, BATCH> chosen;
   while (state.KeepRunningBatch(BATCH)) {
     for (const row *&one : chosen) one = &f.next();
-    const auto start = std::chrono::steady_clock::now();
+    const stopwatch watch;
     for (const row *one : chosen) f.store.erase(one->key);
-    state.SetIterationTime(seconds_since(start));
+    state.SetIterationTime(watch.seconds());
     for (const row *one : chosen) f.store.insert(*one);
   }
 }
@@ -244,14 +240,14 @@ template <typename Store>
 void find_row(benchmark::State &state, size_t count) {
   filled<Store> &f = filled_with<Store>(count);
   while (state.KeepRunningBatch(BATCH)) {
-    const auto start = std::chrono::steady_clock::now();
+    const stopwatch watch;
     for (size_t i = 0; i < BATCH; i++) {
       const row &wanted = f.next();
       const size_t length = f.store.find(wanted.key);
       if (length != wanted.key.size() + wanted.group.size() + wanted.value.size())
         give_up("a find gives another row");
     }
-    state.SetIterationTime(seconds_since(start));
+    state.SetIterationTime(watch.seconds());
   }
 }
 
@@ -259,9 +255,9 @@ template <typename Store>
 void scan_rows(benchmark::State &state, size_t count) {
   filled<Store> &f = filled_with<Store>(count);
   for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
+    const stopwatch watch;
     if (f.store.scan(ABSENT_VALUE) != 0) give_up("a scan finds what isn't there");
-    state.SetIterationTime(seconds_since(start));
+    state.SetIterationTime(watch.seconds());
   }
 }
 

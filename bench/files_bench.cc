@@ -161,7 +161,7 @@ void load_bare(benchmark::State &state) {
 }
 
 void register_one(const char *name, void (*function)(benchmark::State &)) {
-  benchmark::RegisterBenchmark(name, function)->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark(name, function);
 }
 
 }  // namespace

@@ -83,8 +83,8 @@ def make_lite():
     lines = []
     for table in [f"flat{count}" for count in ROW_COUNTS] + ["twrite"]:
         for sql in (
-            f"create table {table}(k text, grp text, contact text, state text)",
-            f"create index {table}_k on {table}(k)",
+            f"create table if not exists {table}(k text, grp text, contact text, state text)",
+            f"create index if not exists {table}_k on {table}(k)",
         ):
             lines.append(f'sql_query("lite", "{sql}");')
     return lines + ['sl_send_reply("200", "made");', "exit;"]

@@ -4,7 +4,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -12,6 +11,7 @@
 
 #include "bench/benches.h"
 #include "bench/started_module.h"
+#include "bench/stopwatch.h"
 #include "host/loader_symbols.h"
 #include "tables/tarn_tbl.h"
 
@@ -55,9 +55,9 @@ standin::command best_match(size_t rows) {
 }
 
 double seconds_of(const standin::command &call) {
-  const auto start = std::chrono::steady_clock::now();
+  const stopwatch watch;
   module()->expect(call, 1);
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return watch.seconds();
 }
 
 void scan_module(benchmark::State &state, size_t rows) {

@@ -39,8 +39,11 @@ void table_reporter::ReportRuns(const std::vector<Run> &runs) {
     const std::string &name = run.run_name.function_name;
     const size_t cut = name.rfind('/');
     const auto bytes = run.counters.find("bytes_per_second");
+    // What a benchmark takes itself is processor time as well (see stopwatch.h).
+    const bool timed_by_itself = run.run_name.time_type == "manual_time";
     figures_[run.family_index] = {
-        name.substr(0, cut), name.substr(cut + 1), run.GetAdjustedRealTime(),
+        name.substr(0, cut), name.substr(cut + 1),
+        timed_by_itself ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime(),
         bytes != run.counters.end() ? static_cast<double>(bytes->second) : 0.0};
   }
 }
@@ -62,7 +65,7 @@ void table_reporter::print_case(const std::string &of_case) const {
 }
 
 void table_reporter::Finalize() {
-  printf("Medians; in brackets the module's time divided by the peer's.\n\n");
+  printf("Medians of processor time; in brackets the module's time divided by the peer's.\n\n");
   std::string last;
   for (const auto &[place, one] : figures_) {
     if (one.of_case == last) continue;
