@@ -144,6 +144,24 @@ def test_show_over_ctl_goes_beyond_that_size_since_each_row_is_a_container(host)
     assert len(shown) == 500
 
 
+def test_show_over_ctl_is_a_fault_where_even_the_containers_fill_the_reply(host):
+    """With the usual size that is so from some 16000 rows on."""
+    server = host(
+        start=False,
+        tables=[WIDE_USERS],
+        modparams=['modparam("ctl", "binrpc_max_body_size", 1)'],
+    )
+    server.write_rows("users", [f"user{i:04}|30|rome" for i in range(600)])
+    server.start()
+    for command in ("show", "show_p"):
+        fault = kamcmd(server, command, "users")
+        assert isinstance(fault, Fault) and fault.code == 500
+        assert "buffer too small" in fault.text
+    # The lock was given back, and the other road knows no such limit.
+    assert lines(server, "sync", "users") == ["Table: users", "Row count: 600"]
+    assert jsonrpc(server, "show", "users") == ["user0000|30|rome"]
+
+
 def test_kamcmd_refuses_a_reply_that_is_too_big_for_it(host):
     server = host(start=False, tables=[WIDE_USERS])
     server.write_rows("users", [f"user{i:05}|30|rome" for i in range(8000)])
