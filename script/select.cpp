@@ -16,19 +16,25 @@ bool deliver_matches(select_run *run, bool *found) {
   return true;
 }
 
-int tarn_memdb_select_cmn(sip_msg *msg, const select_params &params,
-                          const select_flavour &flavour) {
-  const host_log_scope log;
+int select(sip_msg *msg, const select_params &params, const select_flavour &flavour) {
   select_run run(msg, flavour);
-  if (start_select(&run, params) != select_start::ready) return select_failed();
+  if (start_select(&run, params) != select_start::ready) return SCRIPT_FAILED;
   // Read without the lock: a table that is empty now would have been empty to a call just before.
   if (run.table()->row_count == 0) return SCRIPT_NO_ROW;
   run.take_lock();
   // Here, unlike in the other selects, a lack of memory looks like an empty result.
   if (!run.delivery.prepare(run.table())) return SCRIPT_NO_ROW;
   bool found = false;
-  if (!deliver_matches(&run, &found)) return select_failed();
+  if (!deliver_matches(&run, &found)) return SCRIPT_FAILED;
   return found ? SCRIPT_OK : SCRIPT_NO_ROW;
+}
+
+// The last line of a failure is written when the lock has been given back.
+int tarn_memdb_select_cmn(sip_msg *msg, const select_params &params,
+                          const select_flavour &flavour) {
+  const host_log_scope log;
+  const int result = select(msg, params, flavour);
+  return result == SCRIPT_FAILED ? select_failed() : result;
 }
 
 }  // namespace

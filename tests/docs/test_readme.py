@@ -87,7 +87,8 @@ class Server:
 
 def test_the_first_routing_script_works_as_typed(folder):
     for _ in range(5):
-        port = str(host_server.free_port())
+        lease = host_server.PortLease("127.0.0.1")
+        port = str(lease.port)
         files, server_block, calls = (block.replace(PORT, port) for block in blocks("sh"))
         typed(files, folder)
         server = Server(folder, server_block)
@@ -98,6 +99,7 @@ def test_the_first_routing_script_works_as_typed(folder):
                 break
         finally:
             server.kill()
+            lease.release()
         # Between finding a free port and binding it another process may have been faster.
         assert "Address already in use" in server.log.read_text(errors="replace")
     assert got == [
