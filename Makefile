@@ -64,6 +64,8 @@ test: lint
 	@$(call build,test,-DTARN_TOOLS=ON -DTARN_TEST_SANITIZED=ON -DKAMAILIO=$(HOST) \
 	  -DKAMAILIO_SRC=$(KAMAILIO_SRC))
 	@cd $(BUILD)/test && ctest -j $(JOBS) --output-on-failure
+	@$(DEPS) fuzz
+	@tests/fuzz/run.sh $(BUILD)/fuzz 3
 
 lint:
 	@$(DEPS) module lint
