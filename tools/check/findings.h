@@ -23,6 +23,10 @@ class findings {
   void warn(const std::string &file, size_t line, const std::string &text);
   void error(const std::string &file, size_t line, const std::string &text);
 
+  // A file, or a part of it, that nothing can be said of.
+  void unreadable(const std::string &file);
+
+  bool any_unreadable() const { return any_unreadable_; }
   bool empty() const { return all_.empty(); }
   size_t size() const { return all_.size(); }
 
@@ -33,5 +37,6 @@ class findings {
   void print_json(std::ostream &out) const;
 
  private:
+  bool any_unreadable_ = false;
   std::vector<finding> all_;
 };

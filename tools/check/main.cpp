@@ -112,7 +112,10 @@ void start_module() {
 void check_tables(const std::string &schema, findings *out) {
   cfg_file_path = schema.c_str();
   if (create_table() != 0) {
-    out->error(schema, 0, "the start fails: " + take_reason());
+    const std::string reason = take_reason();
+    out->error(schema, 0,
+               "the start fails: " +
+                   (reason.empty() ? "a table can't be made with such numbers" : reason));
     return;
   }
   port_claims claims;
@@ -121,19 +124,18 @@ void check_tables(const std::string &schema, findings *out) {
 
 exit_status check(const options &given, findings *out) {
   if (!check_schema(given.schema, out)) {
-    std::cerr << "tarn-memdb-check: can't read " << given.schema << "\n";
+    out->unreadable(given.schema);
     return UNREADABLE;
   }
   start_module();
   check_tables(given.schema, out);
-  if (!given.private_ranges.empty() && !check_private_ranges(given.private_ranges, out)) {
-    std::cerr << "tarn-memdb-check: can't read " << given.private_ranges << "\n";
-    return UNREADABLE;
-  }
+  if (!given.private_ranges.empty() && !check_private_ranges(given.private_ranges, out))
+    out->unreadable(given.private_ranges);
   destroy_tables();
   tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
   tarn_shm_free(tarn_tbl_mngt);
   destroy_port_maps();
+  if (out->any_unreadable()) return UNREADABLE;
   return out->empty() ? CLEAN : FINDINGS;
 }
 

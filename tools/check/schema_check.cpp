@@ -75,9 +75,20 @@ class schema_walk {
     directory("BASE_DIR=");
     directory("BASE_BACKUP_DIR=");
     int32_t tables = 0;
+    const size_t line = here();
     number("NUM_TABLE=", &tables, "the module has no tables");
-    if (tables < 0) error(here(), "NUM_TABLE is below 0: the start fails");
-    for (int32_t i = 0; i < tables && !stopped_; i++) table();
+    if (tables < 0) {
+      error(line, "NUM_TABLE is below 0: the start fails");
+      return;
+    }
+    for (int32_t i = 0; i < tables && !stopped_; i++) {
+      if (lines_.is_end(place())) {
+        error(here(), "the file ends after " + std::to_string(i) + " tables: NUM_TABLE says " +
+                          std::to_string(tables) + ", and the others have no name");
+        return;
+      }
+      table();
+    }
     if (!stopped_ && !lines_.is_end(place()))
       warn(here(), "nothing from here on is read: NUM_TABLE says " + std::to_string(tables));
   }
@@ -103,9 +114,10 @@ class schema_walk {
     } else if (is_later(found, key)) {
       if (!taken.empty()) warn(here(), std::string(key) + " is missing before this line: " + taken);
     } else if (!stuck_) {
-      error(here(), quoted(line) + " stands where " + std::string(key) +
-                        " is read: this and every later key of the table is passed over, and the "
-                        "start fails");
+      error(here(), quoted(line) + " stands where " + std::string(key) + " is read: " +
+                        (in_table_ ? "this and every later key of the table is passed over, and "
+                                     "the start fails"
+                                   : "this and every later line is passed over"));
       stuck_ = true;
     }
   }
@@ -174,6 +186,7 @@ class schema_walk {
 
   void table() {
     stuck_ = false;
+    in_table_ = true;
     table_block block;
     block.line = here();
     char name[TARN_NAME_SIZE] = "";
@@ -290,8 +303,12 @@ class schema_walk {
       error(line, quoted(whole) + " isn't a column's name, length and flag");
       return;
     }
-    if (len <= 0)
-      warn(line, "column " + quoted(name) + " has room for no text: length " + std::to_string(len));
+    if (len < 0) {
+      error(line, "column " + quoted(name) + " has the length " + std::to_string(len) +
+                      ": no table or none of its rows can be made");
+      return;
+    }
+    if (len == 0) warn(line, "column " + quoted(name) + " has room for no text: length 0");
     if (flag != 0 && flag != 1)
       warn(line, "flag " + std::to_string(flag) + " of column " + quoted(name) +
                      ": only 0 and 1 have a meaning");
@@ -308,6 +325,9 @@ class schema_walk {
     const read_result result = reader_.text("FILE_NAME=", file);
     switch (result) {
       case read_result::read:
+        if (!key_at(file).empty())
+          error(line,
+                "FILE_NAME= has no value: the next line, " + quoted(file) + ", is taken for it");
         if (const auto [other, is_new] = files_.emplace(file, block.name); !is_new)
           error(line, "FILE_NAME=" + std::string(file) + " is the file of table " +
                           quoted(other->second) + " as well: each store overwrites the other");
@@ -337,8 +357,9 @@ class schema_walk {
   findings *out_;
   std::set<std::string> names_;
   std::map<std::string, std::string> files_;
-  bool stuck_ = false;    // a line stands in the way of the table's later keys
-  bool stopped_ = false;  // the module reads no further
+  bool in_table_ = false;  // past the head of the file
+  bool stuck_ = false;     // a line stands in the way of the table's later keys
+  bool stopped_ = false;   // the module reads no further
 };
 
 }  // namespace

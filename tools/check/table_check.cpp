@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <set>
 
@@ -39,7 +40,7 @@ class file_walk {
     if (access(path_.c_str(), F_OK) != 0) return file_state::absent;
     const std::optional<std::string> text = whole_file(path_);
     if (!text) {
-      error(0, "can't be read");
+      if (out_ != nullptr) out_->unreadable(path_);
       return file_state::unreadable;
     }
     return lines(*text) ? file_state::good : file_state::bad;
@@ -70,6 +71,7 @@ class file_walk {
   }
 
   bool version(std::string_view line) {
+    line = line.substr(0, line.find('\0'));
     if (line == TABLE_FILE_VERSION) return true;
     error(1, "is " + quoted(line) + " and not " + quoted(TABLE_FILE_VERSION) +
                  (line.ends_with('\r') ? ": lines end in a carriage return" : ""));
@@ -113,11 +115,12 @@ class file_walk {
   void index(size_t number, const query_in &in) {
     if (table_->use_index == 0) return;
     const char *const text = in.flds[0];
-    char *end = nullptr;
-    strtoul(text, &end, 10);
-    if (*text == '\0' || *end != '\0')
-      warn(number, "the index " + quoted(text) + " is no number and is taken for " +
-                       std::to_string(atoi(text)));
+    const auto taken = static_cast<uint32_t>(atoi(text));
+    if (std::to_string(taken) != text)
+      warn(number, "the index " + quoted(text) + " is no number as the module writes it and is " +
+                       "taken for " + std::to_string(taken));
+    if (taken == std::numeric_limits<uint32_t>::max())
+      warn(number, "the index " + quoted(text) + " is the last: the next insert draws none");
     if (!indexes_.insert(text).second)
       warn(number, "the index " + quoted(text) + " stands in an earlier row as well");
   }
@@ -145,6 +148,9 @@ class file_walk {
     port_claim claim;
     if (!find_port_claim(table_, nullptr, loaded, &claim)) return;
     const int port = atoi(claim.text);
+    if (std::to_string(port) != claim.text)
+      warn(number, "the port " + quoted(claim.text) + " is no number as ports are written and is " +
+                       "taken for " + std::to_string(port));
     if (!is_port_in_range(claim.map, port)) {
       warn(number, "the row's port " + quoted(claim.text) + " lies outside its map, " +
                        std::to_string(claim.map->min_port) + " to " +
@@ -170,6 +176,7 @@ class file_walk {
 }  // namespace
 
 void check_table(tarn_tbl *table, port_claims *claims, findings *out) {
+  if (!has_files(table)) return;
   const main_path path(table);
   const backup_path backup(table);
   const file_state main_state = file_walk(table, path.text, claims, out).run();

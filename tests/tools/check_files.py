@@ -1,0 +1,162 @@
+"""A directory with a schema and its files, and tarn-memdb-check run on it."""
+
+import dataclasses
+import hashlib
+import json
+import os
+import re
+import subprocess
+
+CHECK = os.environ.get("TARN_CHECK", "")
+PROBE = os.environ.get("TARN_PROBE", "")
+
+
+@dataclasses.dataclass(frozen=True)
+class Finding:
+    file: str  # relative to the directory
+    line: int  # 0 for the file as a whole
+    severity: str
+    text: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Outcome:
+    status: int
+    out: str
+    err: str
+    findings: tuple
+
+    def has(self, file, line, severity, part):
+        return any(
+            (found.file, found.line, found.severity) == (file, line, severity)
+            and part in found.text
+            for found in self.findings
+        )
+
+
+@dataclasses.dataclass(frozen=True)
+class Loaded:
+    main: str
+    backup: str
+    rows: list
+
+
+class CheckFiles:
+    def __init__(self, directory):
+        self.directory = directory
+        (directory / "tables").mkdir()
+        (directory / "backup").mkdir()
+
+    def write(self, name, text):
+        data = text if isinstance(text, bytes) else text.encode("latin-1")
+        (self.directory / name).write_bytes(data)
+        return self
+
+    def schema(self, *blocks, num_table=None):
+        """The schema of these blocks; the head takes the first three lines."""
+        count = len(blocks) if num_table is None else num_table
+        return self.write("schema.cfg", self.head(count) + "".join(blocks))
+
+    def head(self, count):
+        where = self.directory
+        return f"BASE_DIR={where}/tables/\nBASE_BACKUP_DIR={where}/backup/\nNUM_TABLE={count}\n"
+
+    def rows(self, table, *rows, backup=False):
+        text = "".join(line + "\n" for line in ("Version 1", *rows))
+        return self.write(self.file(table, backup), text)
+
+    @staticmethod
+    def file(table, backup=False):
+        return f"backup/{table}.tbl.backup" if backup else f"tables/{table}.tbl"
+
+    def state(self):
+        """Everything by which a touched directory would differ."""
+        found = {}
+        for path in sorted([self.directory, *self.directory.rglob("*")]):
+            status = path.lstat()
+            content = hashlib.sha256(path.read_bytes()).hexdigest() if path.is_file() else ""
+            found[str(path)] = (content, status.st_mtime_ns, status.st_ino, status.st_mode)
+        return found
+
+    def check(self, *arguments, ranges=False, options=()):
+        """Runs the tool, and sees to it that it changes nothing."""
+        files = arguments or ("schema.cfg", *(["ranges.txt"] if ranges else []))
+        before = self.state()
+        ran = run(*options, *(str(self.directory / name) for name in files), cwd=self.directory)
+        assert self.state() == before, "the tool changed something"
+        return Outcome(ran.returncode, ran.stdout, ran.stderr, tuple(self.findings(ran.stdout)))
+
+    def findings(self, out):
+        for line in out.splitlines():
+            found = re.fullmatch(r"(.+?):(?:(\d+):)? (error|warning): (.*)", line)
+            if found:
+                file, number, severity, text = found.groups()
+                yield Finding(self.relative(file), int(number or 0), severity, text)
+
+    def relative(self, path):
+        return path.replace(f"{self.directory}/", "", 1)
+
+    def start(self):
+        """Loads all as a start does: None if that fails, or a Loaded for each table."""
+        ran = subprocess.run(
+            [PROBE, "schema.cfg"],
+            capture_output=True,
+            timeout=60,
+            check=True,
+            cwd=self.directory,
+        )
+        tables = []
+        for line in ran.stdout.decode("latin-1").splitlines():
+            word, _, rest = line.partition(" ")
+            if line == "START FAILED":
+                return None
+            if word == "TABLE":
+                main, _, backup = rest.partition("\t")
+                tables.append(Loaded(self.relative(main), self.relative(backup), []))
+            else:
+                tables[-1].rows.append(bytes.fromhex(rest))
+        return tables
+
+
+def run(*arguments, cwd=None):
+    ran = subprocess.run([CHECK, *arguments], capture_output=True, timeout=60, cwd=cwd)
+    out, err = (text.decode("utf-8", "replace") for text in (ran.stdout, ran.stderr))
+    return subprocess.CompletedProcess(ran.args, ran.returncode, out, err)
+
+
+def table(name="t", columns=("a 31 1", "b 31 0"), ports=None, **keys):
+    """A table's block; a key given as None is left out, and others replace the usual values."""
+    values = {"TABLE_NAME": name, "FLAG": 0}
+    if ports:
+        word, internal, external = ports
+        values |= {
+            "FLAG": 1,
+            "RANGE": word,
+            "INT_PORT_FIELD": internal,
+            "EXT_PORT_FIELD": external,
+        }
+    values |= {"USE_INDEX": 0, "DUPLICATED_DATA_CHECK": 0, "MAX_ROWS": 100}
+    values |= {"NUM_FIELDS": len(columns), "FILE_NAME": f"{name}.tbl"}
+    if "LOG_TAG" in keys:
+        order = list(values.items())
+        order.insert([key for key, _ in order].index("USE_INDEX"), ("LOG_TAG", keys["LOG_TAG"]))
+        values = dict(order)
+    values |= keys
+    file_name = values.pop("FILE_NAME")
+    lines = [f"{key}={value}" for key, value in values.items() if value is not None]
+    lines += columns
+    if file_name is not None:
+        lines.append(f"FILE_NAME={file_name}")
+    return "\n".join(lines) + "\n"
+
+
+def as_json(out):
+    return json.loads(out)
+
+
+PORT_COLUMNS = tuple(f"c{i} 31 0" for i in range(9))
+
+
+def port_row(name, location, internal="", external="", kind="0"):
+    """A row of a table with PORT_COLUMNS and the port columns 3 and 4."""
+    return f"{name}|k|l|{internal}|{external}|{location}|x|{kind}|{kind}"
