@@ -192,6 +192,18 @@ def writes():
                 check="$sht(write=>$var(k))",
                 expected="<null>",
             ),
+            # As many values as the row has beside its key.
+            Loop(
+                "htable_three",
+                "\n".join(
+                    f'$sht(write=>$var(k)::{field}) = "{text}";'
+                    for field, text in zip(FIELDS, ("alpha", "beta", "gamma"))
+                )
+                + "\n"
+                + "\n".join(f"$sht(write=>$var(k)::{field}) = $null;" for field in FIELDS),
+                check="$sht(write=>$var(k)::state)",
+                expected="<null>",
+            ),
             Loop(
                 "sqlite",
                 "sql_query(\"lite\", \"insert into twrite values"
@@ -202,7 +214,11 @@ def writes():
                 expected=str(WRITE_ROWS),
             ),
         ],
-        (("insert_delete", "htable", 1.5), ("insert_delete", "sqlite", 0.1)),
+        (
+            ("insert_delete", "htable", 1.5),
+            ("insert_delete", "htable_three", None),
+            ("insert_delete", "sqlite", 0.1),
+        ),
     )
 
 
