@@ -32,7 +32,7 @@ def test_files_in_order_are_clean(files):
         table("ports", PORT_COLUMNS, ports=("dynamic", 3, 4)),
         table("indexed", USE_INDEX=1),
     )
-    files.rows("plain", "x|y", "|").rows("plain", "old|row", backup=True)
+    files.rows("plain", "x|y", "x|", "|y").rows("plain", "old|row", backup=True)
     files.rows("ports", port_row("1", "WAN", "21005"), port_row("2", "LAN", "", "10005"))
     files.rows("indexed", "1|x", "7|y")
     files.write("ranges.txt", "INT 21200 21201\nEXT 10100 10101\n")
@@ -424,6 +424,7 @@ BAD_FILES = {
     "a field too few": ("Version 1\nx|y\nx\n", 3, "the row is refused"),
     "a field too many": ("Version 1\nx|y|z\n", 2, "the row is refused"),
     "a wildcard": ("Version 1\n*|y\n", 2, "Wildcard are not allowed"),
+    "no value at all": ("Version 1\n|\n", 2, "Empty fields are not allowed"),
     "an escaped separator": ("Version 1\nx\\|y\n", 2, "the row is refused"),
     "an escape at the end": ("Version 1\nx|y\\\n", 2, "Bad escape detected"),
     "another version": ("Version 2\nx|y\n", 1, "is 'Version 2' and not 'Version 1'"),
