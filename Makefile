@@ -97,5 +97,11 @@ bench-callgrind: host-module
 	@bench/callgrind.sh $(BUILD)/callgrind
 	@python3 bench/host_profile.py $(BUILD)/demo/tarn_memdb.so
 
+# A real server killed, stopped and started on all that can be wrong with its files.
+CRASH_ROUNDS ?= 300
+.PHONY: crash
+crash: host-module
+	@CRASH_ROUNDS=$(CRASH_ROUNDS) tests/crash/run.py $(BUILD)/demo/tarn_memdb.so
+
 clean:
 	rm -rf $(BUILD)
