@@ -289,7 +289,7 @@ void register_one(const std::string &of_case, const char *side,
 
 void register_engine_benches() {
   for (const operation &op : operations)
-    for (const size_t count : {100, 1000, 10000, 100000}) {
+    for (const size_t count : {100U, 1000U, 10000U, 100000U}) {
       const std::string of_case = std::string(op.name) + ", " + std::to_string(count);
       register_one(of_case, engine_store::NAME, op.engine, count);
       register_one(of_case, multimap_store::NAME, op.multimap, count);

@@ -122,7 +122,11 @@ def selects(count):
         f"s{count}",
         _keys(count),
         [
-            Loop("select", f'tarn_memdb_select("flat{count},$var(k)|*|*|*,1", "|{avps}");', **found),
+            Loop(
+                "select",
+                f'tarn_memdb_select("flat{count},$var(k)|*|*|*,1", "|{avps}");',
+                **found,
+            ),
             Loop(
                 "nl_select",
                 f'tarn_memdb_nl_select("flat{count},$var(k)|*|*|*,1", "|{avps}");',

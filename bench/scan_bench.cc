@@ -97,7 +97,7 @@ void scan_bare(benchmark::State &state, size_t rows) {
 }  // namespace
 
 void register_scan_benches() {
-  for (const size_t rows : {1000, 10000, 100000}) {
+  for (const size_t rows : {1000U, 10000U, 100000U}) {
     const std::string of_case = "best match, per row of " + std::to_string(rows);
     benchmark::RegisterBenchmark((of_case + "/module").c_str(), scan_module, rows)->UseManualTime();
     benchmark::RegisterBenchmark((of_case + "/bare walk").c_str(), scan_bare, rows);
@@ -108,7 +108,7 @@ void register_module_benches() {
   std::vector<table> tables{
       {"flat", "key 31 1\ngroup 15 0\nname 31 0\nvalue 63 0\nkind 7 0\n", 5},
       {"stored", "key 31 1\ngroup 15 0\nvalue 63 0\nstate 15 0\nexpires 7 0\n", 5}};
-  for (const size_t rows : {1, 1000, 10000, 100000})
+  for (const size_t rows : {1U, 1000U, 10000U, 100000U})
     tables.push_back({table_name(rows), "prefix 15 0\ntrunk 15 0\nhost 31 0\n", 3});
   module() =
       std::make_unique<started_module>(std::make_unique<standin::loaded_module>(exports), tables);
