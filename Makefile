@@ -80,6 +80,19 @@ fuzz:
 	@$(DEPS) module test fuzz
 	@tests/fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
 
+# All operations by eight processes, then a real server with readers that take no lock beside
+# writers, once for each of its allocators.
+.PHONY: stress
+STRESS_OPERATIONS ?= 10000000
+STRESS_SECONDS ?= 30
+stress: host-module
+	@$(DEPS) module tools test
+	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
+	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress
+	@$(BUILD)/stress/tests/stress/stress $(STRESS_OPERATIONS)
+	@TARN_MODULE=$(CURDIR)/$(BUILD)/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
+	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
+
 bench:
 	@$(DEPS) module bench
 	@$(call build,bench,-DBUILD_TESTING=OFF -DTARN_BENCH=ON -DCMAKE_BUILD_TYPE=Release)

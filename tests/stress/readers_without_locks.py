@@ -1,0 +1,290 @@
+"""Readers that take no lock beside writers that do, on a real server, with each of its allocators.
+
+What such a reader is given may be part of a row that goes or comes, so its results aren't looked
+at. What has to hold is that the server's memory stays sound: its allocator has found nothing to
+complain of, no memory is gone, list and count and file of the table have the same rows, and the
+stop is a clean one.
+
+A reader may follow the links of a row that is freed under it. If the block has become something
+else meanwhile, the reader can end with a signal, and the server ends with it: that is the price of
+reading without a lock, and no deviation, but each such end is counted and told. Readers that find
+nothing seldom meet it, since blocks of rows mostly become rows again. Readers that deliver values
+take shared memory for those, and meet it often.
+
+TARN_MODULE names the module, STRESS_SECONDS the time for each allocator with readers that find
+nothing, STRESS_DELIVERIES the servers that each allocator gets with readers that deliver.
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import re
+import shutil
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "host"))
+
+from module_host import ModuleHost, Table, columns, host_server  # noqa: E402
+
+SECONDS = float(os.environ.get("STRESS_SECONDS", "30"))
+ALLOCATORS = ("qm", "fm")
+DELIVERIES = int(os.environ.get("STRESS_DELIVERIES", "3"))
+DELIVERY_SECONDS = 3.0
+READERS = 4
+WRITERS = 4
+REPEATS = 100  # calls in one request
+
+NAMES = ["name", "grp", "outer", "inner", "place", "side", "pfx", "kind", "dyn", "value"]
+NAMES += ["c10", "c11", "dn", "subnet", "from", "ct"]
+TABLE = Table("wide", columns(*NAMES, indexed=("name", "grp")), max_rows=2000)
+# What follows the group: a row of the network 127.0.0.0, and so one that every read can deliver.
+REST = "1|127.0.0.0|255.0.0.0|LAN|4912|0|0|15||||1||"
+STEADY = [f"s{i}|g{i % 5}|{REST}" for i in range(40)]
+WILD = "|".join("*" * len(NAMES))
+
+
+def query(**values):
+    return "wide," + "|".join(values.get(name, "*") for name in NAMES)
+
+
+GROUP = query(grp="g$var(group)")
+AVPS = "$avp(a)|$avp(b)|$avp(c)|$avp(d)"
+# Reads that walk everything and find nothing.
+MISSES = (
+    f'tarn_memdb_nl_select("{query(name="none")}", "{AVPS}")',
+    f'tarn_memdb_nl_select("{query(pfx="none")}", "{AVPS}")',
+    f'tarn_memdb_nl_select("{query(grp="$var(group)", pfx="none")}", "{AVPS}")',
+    f'tarn_memdb_nl_xavp_select("{query(grp="$var(group)", pfx="none")}", "x")',
+    f'tarn_memdb_nl_select_best_match("{query(pfx="512345")}", "{AVPS}", "6")',
+    f'tarn_memdb_nl_xavp_select_best_match("{query(pfx="512345")}", "x", "6")',
+    f'tarn_memdb_nl_select_best_match_prefix("{query(pfx="512345")}", "{AVPS}", "6", "0")',
+    "tarn_memdb_nl_select_by_port_type"
+    f'("external_port", "wide,none|*|1{"|*" * (len(NAMES) - 4)}", "{AVPS}")',
+    f'tarn_memdb_nl_select_field_out_of_range("{GROUP}", "{AVPS}", "9", "10", "20")',
+    "tarn_memdb_nl_select_field_within_the_range"
+    f'("wide,{WILD}", "{AVPS}", "9", "1", "2", "$var(n)")',
+    f'tarn_memdb_nl_select_subnetmask("{GROUP}", "{AVPS}", "8.8.8.8", "$fU", "$fU")',
+)
+# Reads that deliver what they find, which takes blocks from the shared memory that rows come from.
+HITS = (
+    f'tarn_memdb_nl_select("wide,{WILD},3", "{AVPS}")',
+    f'tarn_memdb_nl_select("{GROUP},5", "{AVPS}")',
+    f'tarn_memdb_nl_xavp_select("{GROUP},2", "x")',
+    f'tarn_memdb_nl_select_best_match("{query(pfx="4912345")}", "{AVPS}", "6")',
+    f'tarn_memdb_nl_select_field_out_of_range("{GROUP}", "{AVPS}", "9", "20", "30")',
+    f'tarn_memdb_nl_select_subnetmask("{GROUP}", "{AVPS}", "$si", "$fU", "$fU")',
+)
+TIDY = "".join(f"$(avp({name})[*]) = $null; " for name in "abcd") + "$xavp(x) = $null; " * 2
+# The name tells the writer and its number, so that nobody else takes the row.
+OWN = "$hdr(X-Who)n$var(slot)"
+
+
+def script(reads):
+    cases = "".join(f"      case {i}: {read}; break;\n" for i, read in enumerate(reads))
+    return f"""
+request_route {{
+  if ($rU == "ready") {{
+    sl_send_reply("200", "ready");
+    exit;
+  }}
+  if ($rU == "read") route(READ);
+  if ($rU == "write") route(WRITE);
+  if ($rU == "count") route(COUNT);
+  sl_send_reply("404", "no such call");
+}}
+route[READ] {{
+  $var(i) = 0;
+  while ($var(i) < {REPEATS}) {{
+    $var(group) = $var(i) mod 5;
+    $var(which) = $var(i) mod {len(reads)};
+    switch ($var(which)) {{
+{cases}    }}
+    {TIDY}
+    $var(i) = $var(i) + 1;
+  }}
+  sl_send_reply("200", "read");
+  exit;
+}}
+route[WRITE] {{
+  $var(i) = 0;
+  while ($var(i) < {REPEATS}) {{
+    $var(slot) = $RANDOM mod 60;
+    $var(group) = $var(i) mod 5;
+    $var(which) = $var(i) mod 4;
+    if ($var(which) < 2) {{
+      tarn_memdb_insert("wide,{OWN}|g$var(group)|{REST}");
+    }} else if ($var(which) == 2) {{
+      tarn_memdb_delete("{query(name=OWN)}");
+    }} else {{
+      tarn_memdb_update("{query(name=OWN)}", "side=p$var(i)");
+    }}
+    $var(i) = $var(i) + 1;
+  }}
+  sl_send_reply("200", "written");
+  exit;
+}}
+route[COUNT] {{
+  tarn_memdb_row_count("wide", "$avp(n)");
+  tarn_memdb_select("wide,{WILD}", "$avp(all)");
+  append_to_reply("X-Rows: $avp(n) $cnt($avp(all))\\r\\n");
+  sl_send_reply("200", "counted");
+  exit;
+}}
+"""
+COMPLAINTS = re.compile(r"\) (?:BUG|CRITICAL|ALERT): .*")
+# What the main process says of a worker that is gone.
+LOST = re.compile(r"exited by a signal (\d+)|core was (?:not )?generated")
+
+
+class Trouble(Exception):
+    """Something that must not be."""
+
+
+class WorkerLost(Exception):
+    """A worker ended with a signal, and with it the server."""
+
+
+def start(directory, allocator, reads):
+    program = directory / "kamailio"
+    program.write_text(f'#!/bin/sh\nexec "{host_server.TOOLS}/host-kamailio" -x {allocator} "$@"\n')
+    program.chmod(0o755)
+    server = ModuleHost(
+        directory,
+        tables=[TABLE],
+        script=script(reads),
+        modules=("pv.so", "sl.so", "textops.so", "kex.so", "jsonrpcs.so", "cfgutils.so")
+        + ("tarn_memdb",),
+        modparams=("max_while_loops=1000000",),
+        children=READERS + WRITERS,
+        params={"store_tbl_interval": 1},
+        kamailio=program,
+    )
+    server.write_rows("wide", STEADY)
+    return server.start()
+
+
+def load(server, until):
+    """Keeps all workers busy; gives the calls that were answered."""
+
+    def work(number):
+        user = "read" if number < READERS else "write"
+        calls = 0
+        with server.phone(f"p{number}") as phone:
+            while time.monotonic() < until and server.running:
+                phone.request("OPTIONS", server.uri(user), {"X-Who": f"w{number}"}, timeout=5)
+                calls += REPEATS
+        return user, calls
+
+    with concurrent.futures.ThreadPoolExecutor(READERS + WRITERS) as pool:
+        return list(pool.map(work, range(READERS + WRITERS)))
+
+
+def check_memory(server, allocator, before):
+    memory = server.jsonrpc("core.shmmem")["result"]
+    if memory["used"] > memory["real_used"] or memory["real_used"] + memory["free"] > memory["total"]:
+        raise Trouble(f"{allocator}: the allocator's figures don't fit together: {memory}")
+    if memory["free"] < before["free"] / 2:
+        raise Trouble(f"{allocator}: half of the memory is gone: {before}, then {memory}")
+    return memory
+
+
+def rows_counted(server):
+    with server.phone() as phone:
+        reply = phone.request("OPTIONS", server.uri("count"), timeout=10)
+    return [int(number) for number in reply.get("x-rows").split()]
+
+
+def expect_no_complaint(server, allocator):
+    for complaint in COMPLAINTS.finditer(server.log()):
+        if not LOST.search(complaint[0]):
+            raise Trouble(f"{allocator}: the log says {complaint[0]!r}")
+
+
+def work(server, allocator, seconds):
+    """One load from its beginning to the server's stop; gives the reads, the writes and the time."""
+    before = check_memory(server, allocator, {"free": 0})
+    began = time.monotonic()
+    try:
+        done = load(server, began + seconds)
+    except host_server.host_sip.NoReply as silence:
+        if server.running and not LOST.search(server.log()):
+            raise Trouble(f"{allocator}: a call doesn't come to its end: {silence}") from None
+    took = time.monotonic() - began
+    if signals := LOST.findall(server.log()):
+        server.kill()
+        expect_no_complaint(server, allocator)
+        raise WorkerLost(f"signal {signals[0]}")
+    counted, found = rows_counted(server)
+    if counted != found or found < len(STEADY):
+        raise Trouble(f"{allocator}: {counted} rows are counted, {found} found")
+    check_memory(server, allocator, before)
+    if (status := server.stop()) != 0:
+        raise Trouble(f"{allocator}: the server ended with status {status}")
+    expect_no_complaint(server, allocator)
+    stored = server.main_file(TABLE.name).read_text().splitlines()
+    if len(stored) != counted + 1:
+        raise Trouble(f"{allocator}: {len(stored) - 1} rows are stored of {counted}")
+    calls = {"read": 0, "write": 0}
+    for user, number in done:
+        calls[user] += number
+    return calls["read"], calls["write"], took
+
+
+def with_server(allocator, reads, seconds):
+    directory = pathlib.Path(tempfile.mkdtemp(prefix="tarn-stress-"))
+    server = start(directory, allocator, reads)
+    try:
+        return work(server, allocator, seconds)
+    finally:
+        server.kill()
+        shutil.rmtree(directory, ignore_errors=True)
+
+
+def run(allocator):
+    calls = servers = 0
+    took = 0.0
+    lost = []
+    while took < SECONDS:
+        began = time.monotonic()
+        servers += 1
+        try:
+            reads, writes, _ = with_server(allocator, MISSES, SECONDS - took)
+            calls += reads + writes
+        except WorkerLost as signal:
+            lost.append(str(signal))
+        took += time.monotonic() - began
+    told = f"{calls / took:.0f} calls per second" if calls else "no server came to its end"
+    print(
+        f"stress: {allocator}: readers without a lock beside writers, {told}, 0 deviations,"
+        f" {len(lost)} of {servers} servers lost a reader",
+        flush=True,
+    )
+    lost = []
+    for _ in range(DELIVERIES):
+        try:
+            with_server(allocator, HITS, DELIVERY_SECONDS)
+        except WorkerLost as signal:
+            lost.append(str(signal))
+    if DELIVERIES:
+        print(
+            f"stress: {allocator}: the same with values delivered, {DELIVERY_SECONDS:.0f} s each,"
+            f" 0 deviations, {len(lost)} of {DELIVERIES} servers lost a reader",
+            flush=True,
+        )
+
+
+def main():
+    status = 0
+    for allocator in ALLOCATORS:
+        try:
+            run(allocator)
+        except Trouble as trouble:
+            print(f"stress: {trouble}", file=sys.stderr)
+            status = 1
+    return status
+
+
+if __name__ == "__main__":
+    sys.exit(main())
