@@ -26,6 +26,7 @@ def expect_clean(outcome):
 
 # Use
 
+
 def test_files_in_order_are_clean(files):
     files.schema(
         table("plain", LOG_TAG="TAG"),
@@ -61,7 +62,7 @@ def test_json_of_clean_files_says_so(files):
 
 
 def test_json_stays_json_when_a_file_holds_other_bytes(files):
-    files.schema(table()).rows("t", "\xff\xfe\"|\x01|z")
+    files.schema(table()).rows("t", '\xff\xfe"|\x01|z')
     told = files.check(options=["--json"])
     assert told.status == 1
     assert len(as_json(told.out)["findings"]) == 2
@@ -100,6 +101,7 @@ def test_arguments_that_are_not_understood_end_with_2_and_the_usage(arguments):
 
 
 # What can't be read
+
 
 def test_a_schema_that_is_missing_ends_with_2(files):
     told = files.check()
@@ -159,7 +161,9 @@ def test_a_missing_key_is_told_at_the_line_that_stands_in_its_place(files, key):
 )
 def test_a_missing_port_key_is_told(files, key, line, taken):
     files.schema(table("t", PORT_COLUMNS, ports=("static", 3, 4), **{key: None}))
-    expect(files.check(), "schema.cfg", line, "warning", f"{key}= is missing before this line: {taken}")
+    expect(
+        files.check(), "schema.cfg", line, "warning", f"{key}= is missing before this line: {taken}"
+    )
     assert files.start() is not None
 
 
@@ -245,7 +249,9 @@ def test_a_directory_is_too_long_from_256_characters_on(files, key, line):
     text = files.schema(table()).directory.joinpath("schema.cfg").read_text()
 
     def with_length(count):
-        files.write("schema.cfg", re.sub(rf"^{key}=.*", f"{key}=/{'x' * (count - 2)}/", text, flags=re.M))
+        files.write(
+            "schema.cfg", re.sub(rf"^{key}=.*", f"{key}=/{'x' * (count - 2)}/", text, flags=re.M)
+        )
         return files.check()
 
     assert "longer than" not in with_length(255).out
@@ -275,7 +281,9 @@ def test_an_empty_value_takes_the_next_line(files, key, line):
 
 def test_an_empty_file_name_takes_the_next_line(files):
     told = files.schema(table("t", FILE_NAME=""), table("u")).check()
-    expect(told, "schema.cfg", 12, "error", "FILE_NAME= has no value: the next line, 'TABLE_NAME=u'")
+    expect(
+        told, "schema.cfg", 12, "error", "FILE_NAME= has no value: the next line, 'TABLE_NAME=u'"
+    )
 
 
 @pytest.mark.parametrize("key, line", [("BASE_DIR", 1), ("BASE_BACKUP_DIR", 2)])
@@ -428,7 +436,11 @@ BAD_FILES = {
     "an escaped separator": ("Version 1\nx\\|y\n", 2, "the row is refused"),
     "an escape at the end": ("Version 1\nx|y\\\n", 2, "Bad escape detected"),
     "another version": ("Version 2\nx|y\n", 1, "is 'Version 2' and not 'Version 1'"),
-    "carriage returns": ("Version 1\r\nx|y\r\n", 1, r"is 'Version 1\x0d' and not 'Version 1': lines end in a carriage return"),
+    "carriage returns": (
+        "Version 1\r\nx|y\r\n",
+        1,
+        r"is 'Version 1\x0d' and not 'Version 1': lines end in",
+    ),
     "no byte": ("", 0, "is empty"),
     "a blank first line": ("\nVersion 1\n", 1, "is '' and not 'Version 1'"),
 }
@@ -467,25 +479,33 @@ def test_a_missing_main_file_is_told_if_there_is_a_backup(files):
 
 def test_a_bad_backup_without_a_main_file_is_told(files):
     files.schema(table()).rows("t", "x", backup=True)
-    expect(files.check(), "backup/t.tbl.backup", 0, "error", "is removed, and there is no main file")
+    expect(
+        files.check(), "backup/t.tbl.backup", 0, "error", "is removed, and there is no main file"
+    )
 
 
 def test_a_bad_backup_behind_a_good_main_file_is_told(files):
     files.schema(table()).rows("t", "x|y").rows("t", "x", backup=True)
-    expect(files.check(), "backup/t.tbl.backup", 0, "warning", "couldn't stand in for the main file")
+    expect(
+        files.check(), "backup/t.tbl.backup", 0, "warning", "couldn't stand in for the main file"
+    )
 
 
 def test_a_row_too_long_for_its_column_loads_changed(files):
     files.schema(table(columns=("a 3 1", "b 31 0"))).rows("t", "abc|x", "abcd|x")
     told = files.check()
-    expect(told, "tables/t.tbl", 3, "warning", "the row loads changed, as 'abc|x' (Value 'abcd' too")
+    expect(
+        told, "tables/t.tbl", 3, "warning", "the row loads changed, as 'abc|x' (Value 'abcd' too"
+    )
     assert len(told.findings) == 1
     assert rows_of(files) == [b"abc|x", b"abc|x"]
 
 
 def test_an_escape_loads_changed(files):
     files.schema(table()).rows("t", r"a\bc|x")
-    expect(files.check(), "tables/t.tbl", 2, "warning", r"the row loads changed, as 'abc|x': 'a\bc|x'")
+    expect(
+        files.check(), "tables/t.tbl", 2, "warning", r"the row loads changed, as 'abc|x': 'a\bc|x'"
+    )
 
 
 def test_a_row_that_is_taken_for_a_comment_is_told(files):
@@ -531,6 +551,7 @@ def test_an_index_that_stands_twice_or_is_the_last_is_told(files):
 
 
 # Ports
+
 
 @pytest.mark.parametrize(
     "word, location, bounds",
@@ -582,8 +603,10 @@ def test_a_port_that_is_no_number_is_told(files, port):
 
 def test_ports_held_twice_are_told_also_across_tables(files):
     files.schema(
-        *(table(name, PORT_COLUMNS, ports=(word, 3, 4))
-          for name, word in (("t", "dynamic"), ("u", "dynamic"), ("v", "static")))
+        *(
+            table(name, PORT_COLUMNS, ports=(word, 3, 4))
+            for name, word in (("t", "dynamic"), ("u", "dynamic"), ("v", "static"))
+        )
     )
     files.rows("t", port_row("1", "WAN", "21005"), port_row("2", "WAN", "21005"))
     files.rows("u", port_row("1", "WAN", "21005")).rows("v", port_row("1", "WAN", "21005"))
@@ -595,6 +618,7 @@ def test_ports_held_twice_are_told_also_across_tables(files):
 
 
 # Private ranges
+
 
 @pytest.mark.parametrize(
     "text, line, part",
@@ -629,13 +653,31 @@ def test_one_port_in_ranges_of_different_maps_is_no_finding(files):
 
 # What it says against what a start does
 
-WORDS = ["", "a", "abc", "x y", "*", "#x", "\\a", "a\\", "|", "WAN", "6", "21005", "9", "\xe4", "\0"]
+WORDS = [
+    "",
+    "a",
+    "abc",
+    "x y",
+    "*",
+    "#x",
+    "\\a",
+    "a\\",
+    "|",
+    "WAN",
+    "6",
+    "21005",
+    "9",
+    "\xe4",
+    "\0",
+]
 LONG = ["b" * 31, "c" * 32, "d" * 300]
 
 
 def random_table(rng, name):
     count = rng.choice([1, 2, 3, 8, 9, 10])
-    columns = tuple(f"c{i} {rng.choice([1, 5, 10, 31, 31])} {rng.randrange(2)}" for i in range(count))
+    columns = tuple(
+        f"c{i} {rng.choice([1, 5, 10, 31, 31])} {rng.randrange(2)}" for i in range(count)
+    )
     ports = rng.random() < 0.3 and (rng.choice(["dynamic", "static"]), rng.randrange(10), 4)
     keys = {"MAX_ROWS": rng.choice([2, 100]), "USE_INDEX": int(rng.random() < 0.3)}
     block = table(name, columns, ports=ports or None, **keys)

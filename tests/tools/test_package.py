@@ -43,7 +43,7 @@ def build(tmp_path_factory):
     """Module and tool, built as `make install` and `make deb` build them."""
     folder = tmp_path_factory.mktemp("build")
     options = [f"-DKAMAILIO={HOST}", "-DTARN_TOOLS=ON", "-DBUILD_TESTING=OFF"]
-    options += ["-DCMAKE_INSTALL_PREFIX=/usr", "-DMODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules"]
+    options += ["-DCMAKE_INSTALL_PREFIX=/usr", f"-DMODULES_DIR={MODULES.removeprefix('usr/')}"]
     do("cmake", "-G", "Ninja", "-S", ROOT, "-B", folder, *options)
     do("cmake", "--build", folder, "-j", "2")
     return folder
@@ -174,6 +174,33 @@ def test_the_installed_module_loads_on_a_real_server_and_keeps_rows(installed, w
     assert server.rows("phones") == ["bob|sip:bob@10.0.0.7", "carol|sip:carol@10.0.0.8"]
     check = do(installed / "usr/bin/tarn-memdb-check", server.schema_path)
     assert check == "clean\n"
+
+
+def test_what_the_installed_tool_says_is_what_the_installed_module_does(
+    installed, work, monkeypatch
+):
+    monkeypatch.setenv("TARN_MODULE", str(installed / MODULES / "tarn_memdb.so"))
+    tables = [module_host.Table(name, module_host.columns("a", "b")) for name in ("t", "u", "v")]
+    server = module_host.ModuleHost(work, tables=tables)
+    server.schema_path.write_text(server.schema_text())
+    server.write_rows("t", ["new|row|more"])
+    server.write_rows("t", ["saved|row"], backup=True)
+    server.write_rows("u", ["x"])
+    server.write_rows("u", ["x|y|z"], backup=True)
+    server.write_rows("v", ["x|y"])
+    told = do(installed / "usr/bin/tarn-memdb-check", server.schema_path, status=1)
+    t, u = server.main_file("t"), server.main_file("u")
+    assert f"{t}: error: is removed, and table 't' is loaded from {server.backup_file('t')}" in told
+    assert f"{u}: error: is removed, and so is {server.backup_file('u')}" in told
+    assert "v.tbl" not in told
+    server.start()
+    try:
+        assert "saved|row" in server.kamcmd("tarn_memdb.select", "t,*|*")[1]
+        assert server.stop() == 0
+    finally:
+        server.kill()
+    assert [server.rows(name) for name in "tuv"] == [None, None, ["x|y"]]
+    assert [server.rows(name, backup=True) for name in "tuv"] == [["saved|row"], None, None]
 
 
 def test_the_installed_tool_finds_what_is_wrong(installed, example):
