@@ -15,6 +15,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import site_servers as site  # noqa: E402  (found by way of the line above)
 import cuts  # noqa: E402
 import kills  # noqa: E402
+import obstacles  # noqa: E402
 import stops  # noqa: E402
 
 
@@ -24,12 +25,13 @@ def main():
     parser.add_argument("--short", action="store_true", help="some of everything, below a minute")
     options = parser.parse_args()
     os.environ["TARN_MODULE"] = str(options.module.resolve(strict=True))
-    rounds = 12 if options.short else int(os.environ.get("CRASH_ROUNDS", "300"))
+    rounds = 10 if options.short else int(os.environ.get("CRASH_ROUNDS", "300"))
     lanes = int(os.environ.get("CRASH_LANES", "2"))
     site.own_mounts()
     try:
         told = [
             cuts.run(step=16 if options.short else 1),
+            obstacles.run(lanes + 1),
             stops.run(5 if options.short else 30),
             kills.run(rounds, lanes),
         ]

@@ -38,7 +38,8 @@ def own_mounts():
     user, group = os.getuid(), os.getgid()
     if libc.unshare(NEW_NAMESPACE) != 0:
         if libc.unshare(NEW_NAMESPACE | NEW_USER) != 0:
-            raise SystemExit("crash: no mount namespace to be had: " + os.strerror(ctypes.get_errno()))
+            reason = os.strerror(ctypes.get_errno())
+            raise SystemExit(f"crash: no mount namespace to be had: {reason}")
         pathlib.Path("/proc/self/setgroups").write_text("deny")
         pathlib.Path("/proc/self/uid_map").write_text(f"0 {user} 1")
         pathlib.Path("/proc/self/gid_map").write_text(f"0 {group} 1")

@@ -43,7 +43,10 @@ def run(rounds):
             site.check(site.files(made, "quiet") == (load.QUIET_FILE, None), "quiet was touched")
             site.check_sound(made)
     site.check(longest < LONGEST_STOP, "a stop took", longest)
-    return f"{rounds} stops under load, all stored ({split} in an update), the longest {longest:.1f} s"
+    return (
+        f"{rounds} stops under load, all stored ({split} in the midst of an update),"
+        f" the longest {longest:.1f} s"
+    )
 
 
 def _check_stamps(made, work):
