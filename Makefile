@@ -90,7 +90,7 @@ stress: host-module
 	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
 	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress
 	@$(BUILD)/stress/tests/stress/stress $(STRESS_OPERATIONS)
-	@TARN_MODULE=$(CURDIR)/$(BUILD)/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
+	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
 
 bench:
