@@ -176,6 +176,8 @@ int faulty_fputs(const char *text, FILE *stream) LABEL(fputs);
 int faulty_fputc(int c, FILE *stream) LABEL(fputc);
 int faulty_putc(int c, FILE *stream) LABEL(putc);
 size_t faulty_fwrite(const void *data, size_t size, size_t count, FILE *stream) LABEL(fwrite);
+size_t faulty_fwrite_unlocked(const void *data, size_t size, size_t count, FILE *stream)
+    LABEL(fwrite_unlocked);
 int faulty_fflush(FILE *stream) LABEL(fflush);
 int faulty_fsync(int descriptor) LABEL(fsync);
 int faulty_rename(const char *from, const char *to) LABEL(rename);
@@ -270,6 +272,12 @@ int faulty_putc(int c, FILE *stream) { return faulty_fputc(c, stream); }
 size_t faulty_fwrite(const void *data, size_t size, size_t count, FILE *stream) {
   if (stream_fails("fwrite", stream)) return 0;
   FORWARD(size_t(*)(const void *, size_t, size_t, FILE *), "fwrite", data, size, count, stream);
+}
+
+size_t faulty_fwrite_unlocked(const void *data, size_t size, size_t count, FILE *stream) {
+  if (stream_fails("fwrite", stream)) return 0;
+  FORWARD(size_t(*)(const void *, size_t, size_t, FILE *), "fwrite_unlocked", data, size, count,
+          stream);
 }
 
 int faulty_fflush(FILE *stream) {

@@ -68,14 +68,27 @@ const cmd_export_t *loaded_module::find(const std::string &name, int param_no) c
 }
 
 command loaded_module::fixup(const std::string &name, const std::vector<std::string> &texts) const {
+  command out = unfixed(name, texts);
+  run_fixups(&out);
+  return out;
+}
+
+command loaded_module::unfixed(const std::string &name,
+                               const std::vector<std::string> &texts) const {
   command out;
   out.exported = find(name, static_cast<int>(texts.size()));
   for (const std::string &text : texts) out.slots.push_back(std::make_unique<parameter_slot>(text));
-  if (out.exported == nullptr || out.exported->fixup == nullptr) return out;
-  if (texts.empty()) out.fixups.push_back(out.exported->fixup(nullptr, 0));
-  for (size_t i = 0; i < texts.size() && out.accepted(); ++i)
-    out.fixups.push_back(out.exported->fixup(out.slots[i]->address(), static_cast<int>(i) + 1));
   return out;
+}
+
+void loaded_module::run_fixups(command *unfixed) const {
+  command &it = *unfixed;
+  if (it.exported == nullptr || it.exported->fixup == nullptr) return;
+  if (it.slots.empty()) it.fixups.push_back(it.exported->fixup(nullptr, 0));
+  for (size_t i = 0; i < it.slots.size() && it.accepted(); ++i) {
+    it.serial = last_serial();
+    it.fixups.push_back(it.exported->fixup(it.slots[i]->address(), static_cast<int>(i) + 1));
+  }
 }
 
 int loaded_module::run(const command &call, sip_msg &msg) const {
