@@ -75,6 +75,25 @@ format:
 	@$(DEPS) lint
 	@git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h' | xargs clang-format -i
 
+# Everything that can fail, one thing at a time; about three minutes.
+.PHONY: faults
+faults:
+	@$(DEPS) module tools test
+	@tools/host-root.sh >/dev/null
+	@tools/quiet.sh $(BUILD)/log/faults-configure cmake -G Ninja -S . -B $(BUILD)/faults \
+	  -DTARN_TEST_SANITIZED=ON -DKAMAILIO=$(HOST)
+	@tools/quiet.sh $(BUILD)/log/faults-build cmake --build $(BUILD)/faults -j $(JOBS) \
+	  --target faults_sanitized
+	@$(BUILD)/faults/tests/faults/faults_sanitized
+
+# Lines and branches that all tests together run.
+.PHONY: coverage
+coverage:
+	@$(DEPS) module tools test coverage
+	@tools/host-root.sh >/dev/null
+	@$(call build,coverage,-DTARN_COVERAGE=ON -DKAMAILIO=$(HOST))
+	@JOBS=$(JOBS) tools/coverage.sh $(BUILD)/coverage
+
 FUZZ_SECONDS ?= 60
 fuzz:
 	@$(DEPS) module test fuzz

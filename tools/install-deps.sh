@@ -12,7 +12,7 @@ packages_of() {
     lint) echo clang clang-format clang-tidy ;;
     bench) echo libbenchmark-dev libsqlite3-dev ;;
     fuzz) echo clang llvm libclang-rt-dev ;;
-    coverage) echo lcov ;;
+    coverage) echo gcovr ;;
     deb) echo dpkg-dev file ;;
     *)
       echo "install-deps: no such group: $1" >&2
