@@ -82,7 +82,8 @@ class Lane:
         loaded = table_model.load(judged.table, 4, *files)
         self.counts["loaded from " + loaded.source] += 1
         for raw in files:
-            site.check(raw is None or raw in before or judged.can_write(raw), judged, "has", raw and raw[:200])
+            legal = raw is None or raw in before or judged.can_write(raw)
+            site.check(legal, judged, "has", raw and raw[:200])
         last = judged.stored[-1]
         if files == before:
             site.check(len(judged.stored) == 1, judged, "is as before, for all answered stores")
