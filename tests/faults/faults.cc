@@ -70,7 +70,7 @@ struct run {
   rlim_t longest = 0;         // file at the end of the act
 };
 
-std::vector<point> points_since(size_t operations_before) {
+std::vector<point> points_since(size_t operations_before, phase when) {
   std::vector<point> out;
   for (uint64_t n = 1; n <= standin::allocation_count(standin::pool::both); n++)
     out.push_back(
@@ -81,14 +81,15 @@ std::vector<point> points_since(size_t operations_before) {
   const std::vector<std::string> operations = standin::file_history();
   for (size_t i = operations_before; i < operations.size(); i++) {
     const int n = static_cast<int>(i - operations_before) + 1;
-    const bool closing = operations[i].rfind("fclose", 0) == 0;
+    // After a stop nothing comes that would make up for it.
+    const bool late = when == phase::shutdown || operations[i].rfind("fclose", 0) == 0;
     const std::string name = operations[i].substr(0, operations[i].find(' '));
     // A write that fails is one, whatever the reason; for reads some errors have a meaning.
     const std::vector<int> errors =
         name == "getline" ? std::vector<int>{EIO, ENOMEM, EINVAL} : std::vector<int>{ENOSPC};
     for (const int error : errors)
       out.push_back({"file operation " + std::to_string(n) + ", " + name + ", " + strerror(error),
-                     [n, error] { standin::fail_file_op("any", n, error); }, closing});
+                     [n, error] { standin::fail_file_op("any", n, error); }, late});
   }
   return out;
 }
@@ -184,7 +185,7 @@ run run_once(const scenario &s, const point *failing) {
   if (failing != nullptr) failing->arm();
   out.outcome = s.act(w);
   stop_failing();
-  out.points = points_since(operations);
+  out.points = points_since(operations, s.when);
   const std::vector<std::string> done = standin::file_history();
   out.read_files =
       std::any_of(done.begin() + static_cast<long>(operations), done.end(),
@@ -231,7 +232,8 @@ std::string state_before(const scenario &s) {
   return out;
 }
 
-size_t try_all(const scenario &s) {
+// Tries each step-th point, beginning with that number.
+size_t try_all(const scenario &s, size_t first, size_t step) {
   present = s.name;
   const std::string before = s.when == phase::run ? state_before(s) : "";
   const run good = run_once(s, nullptr);
@@ -240,7 +242,10 @@ size_t try_all(const scenario &s) {
     for (rlim_t bytes = 0; bytes<good.longest; bytes += good.longest> 1024 ? LONG_STEP : 1)
       points.push_back(
           {"device of " + std::to_string(bytes) + " bytes", [bytes] { device_of(bytes); }, true});
-  for (const point &each : points) {
+  size_t tried = 0;
+  for (size_t i = first; i < points.size(); i += step) {
+    const point &each = points[i];
+    tried++;
     present = s.name + ": " + each.what;
     const run bad = run_once(s, &each);
     if (bad.state.empty() || good.state.empty()) continue;
@@ -259,7 +264,7 @@ size_t try_all(const scenario &s) {
   }
   present = s.name;
   if (__lsan_do_recoverable_leak_check() != 0) deviation("memory leaks");
-  return points.size();
+  return tried;
 }
 
 void overdue(int) {
@@ -270,13 +275,14 @@ void overdue(int) {
   _exit(2);
 }
 
-int main_of_all(const std::string &part) {
+int main_of_all(const std::string &part, size_t step, size_t shift) {
   signal(SIGALRM, overdue);
   signal(SIGXFSZ, SIG_IGN);
   size_t points = 0;
+  size_t number = 0;
   for (const scenario &each : all_scenarios()) {
     if (each.name.find(part) == std::string::npos) continue;
-    points += try_all(each);
+    points += try_all(each, (number++ + shift) % step, step);
   }
   printf("faults: %zu points tried, %zu deviations\n", points, deviations);
   return deviations == 0 && points > 0 ? 0 : 1;
@@ -291,5 +297,10 @@ void deviation(const std::string &text) {
 
 }  // namespace faults
 
-// Tries the scenarios whose names have the given text in them, or all.
-int main(int count, char **words) { return faults::main_of_all(count > 1 ? words[1] : ""); }
+// faults [TEXT [STEP [SHIFT]]]: tries the scenarios whose names have that text in them, and of
+// their points each STEP-th, a different part of them for each SHIFT. Without words all of all.
+int main(int count, char **words) {
+  const size_t step = count > 2 ? std::stoul(words[2]) : 1;
+  const size_t shift = count > 3 ? std::stoul(words[3]) : 0;
+  return faults::main_of_all(count > 1 ? words[1] : "", step > 0 ? step : 1, shift);
+}

@@ -219,6 +219,7 @@ int world::call() { return module_->run(prepared_, msg); }
 
 void world::look_up(const table &t, const row_texts &rows) {
   for (size_t c = 0; c < t.columns.size(); c++) {
+    if (c > 0 && !t.columns[c].indexed) continue;  // all these are found by one walk of the list
     std::set<std::string> looked_up;
     for (const std::string &row : rows) {
       const std::string value = split(row, '|')[c];
