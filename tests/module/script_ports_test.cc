@@ -283,6 +283,28 @@ TEST_F(PortsTest, GetIntoFailsWithATargetThatIsPlainText) {
   EXPECT_EQ(view().port("INT", 100), RESERVED) << "the port stays taken";
 }
 
+TEST_F(PortsTest, GetIntoFailsWithATargetThatIsNoAvp) {
+  start_small();
+  for (const char *target : {"$var(port)", "$ru", "text $var(port)"}) {
+    clear();
+    EXPECT_EQ(run(GET, {"INT", target}), -1) << target;
+    EXPECT_EQ(standin::log_count(ERR_LEVEL), 1U) << target;
+    EXPECT_EQ(standin::avp_count(), 0U) << target;
+  }
+  EXPECT_EQ(standin::var("port"), value(0)) << "a script variable isn't set either";
+  EXPECT_THAT(bytes("INT"), ElementsAre(RESERVED, RESERVED, RESERVED, 0));
+}
+
+TEST_F(PortsTest, GetIntoTakesTheAvpThatStandsFirstInItsTarget) {
+  start_small();
+  EXPECT_EQ(run(GET, {"INT", "$avp(first)$avp(second)"}), 1);
+  EXPECT_THAT(avp_texts("first"), ElementsAre("100"));
+  EXPECT_THAT(avp_texts("second"), IsEmpty());
+  standin::set_var("name", "third");
+  EXPECT_EQ(run(GET, {"INT", "$avp($var(name))"}), 1);
+  EXPECT_THAT(avp_texts("third"), ElementsAre("101"));
+}
+
 TEST_F(PortsTest, GetIntoAddsItsValueAheadOfOlderOnes) {
   start_small();
   const standin::command prepared = fixup(GET, {"INT", "$avp(port)"});
