@@ -58,7 +58,7 @@ demo: host-module
 	@demo/run $(BUILD)/demo/tarn_memdb.so
 
 test: lint
-	@$(DEPS) module tools test
+	@$(DEPS) module tools test deb
 	@tools/host-root.sh >/dev/null
 	@echo "test: building"
 	@$(call build,test,-DTARN_TOOLS=ON -DTARN_TEST_SANITIZED=ON -DKAMAILIO=$(HOST) \

@@ -9,7 +9,8 @@ if(TARN_TOOLS)
   install(TARGETS tarn-memdb-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tarn-memdb)
-install(DIRECTORY docs/ DESTINATION ${doc_dir} FILES_MATCHING PATTERN "*.md")
+# Laid out as here, so that the links between the pages lead somewhere.
+install(DIRECTORY docs DESTINATION ${doc_dir} FILES_MATCHING PATTERN "*.md")
 install(FILES README.md DESTINATION ${doc_dir})
 install(FILES demo/kamailio.cfg demo/schema.cfg demo/private_ranges.txt
         DESTINATION ${doc_dir}/examples)

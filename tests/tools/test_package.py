@@ -20,7 +20,14 @@ import host_server  # noqa: E402
 HOST = ROOT / "tools/host-kamailio"
 MODULES = "usr/lib/x86_64-linux-gnu/kamailio/modules"
 DOC = "usr/share/doc/tarn-memdb"
-GUIDE = ("README.md", "guide.md", "parameters.md", "functions.md", "rpc.md", "operating.md")
+GUIDE = (
+    "README.md",
+    "docs/guide.md",
+    "docs/parameters.md",
+    "docs/functions.md",
+    "docs/rpc.md",
+    "docs/operating.md",
+)
 EXAMPLES = ("kamailio.cfg", "schema.cfg", "private_ranges.txt")
 
 
@@ -150,12 +157,12 @@ def test_the_packaged_programs_name_no_directory_of_the_build(from_package, buil
 
 def test_links_between_the_installed_pages_lead_somewhere(installed):
     folder = installed / DOC
-    pages = [page for page in folder.glob("*.md") if page.name != "README.md"]
+    pages = [folder / "README.md", *folder.glob("docs/*.md")]
     assert pages
     for page in pages:
         for target in re.findall(r"\]\(([^)#\s]+\.md)(?:#[^)]*)?\)", page.read_text()):
             if not target.startswith(("http", "../")):
-                assert (folder / target).exists(), f"{page.name} leads to {target}"
+                assert (page.parent / target).exists(), f"{page.name} leads to {target}"
 
 
 def test_the_installed_module_loads_on_a_real_server_and_keeps_rows(installed, work, monkeypatch):
