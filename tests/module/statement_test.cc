@@ -414,6 +414,16 @@ TEST_F(StatementTest, DeleteTakesAMaximumWithoutANumberForOne) {
   EXPECT_EQ(row_count("t"), 1);
 }
 
+TEST_F(StatementTest, DeleteTakesAClauseThatEndsEarlyForOne) {
+  start_rows({"1|x|", "2|x|", "3|x|"});
+  for (const char *clause : {"MAX", "M"}) {
+    EXPECT_EQ(sql("DELETE FROM t WHERE b=x " + std::string(clause)), 1)
+        << "the scan meets the end of the text and no other character";
+    EXPECT_THAT(messages(), Contains(max_set(1)));
+  }
+  EXPECT_EQ(row_count("t"), 1);
+}
+
 TEST_F(StatementTest, DeleteTakesBlanksBehindTheListForNoMaximum) {
   start_rows({"1|x|", "2|x|"});
   EXPECT_EQ(sql("DELETE FROM t WHERE b=x   "), 1);
