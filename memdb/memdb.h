@@ -109,6 +109,13 @@ memdb_row *memdb_select(memdb_tbl *tbl, const char *const *values, memdb_cursor 
 // Next matching row after the one returned last, or null. To be called only after a row.
 memdb_row *memdb_select_next(memdb_cursor *cursor);
 
+// The same for a caller that has the row returned last at hand: long scans go from row to row
+// without a call.
+inline memdb_row *memdb_select_next(memdb_cursor *cursor, const memdb_row *last) {
+  if (cursor->key_col == MEMDB_NO_COL) return cursor->row = last->next;
+  return memdb_select_next(cursor);
+}
+
 inline std::span<memdb_col> memdb_cols(const memdb_tbl *tbl) { return {tbl->cols, tbl->col_cnt}; }
 
 inline bool memdb_is_indexed(const memdb_col &col) { return (col.flags & MEMDB_COL_INDEXED) != 0; }

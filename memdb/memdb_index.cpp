@@ -47,8 +47,12 @@ bool unlink_from_chain(void *place, memdb_row *row, const memdb_col *col) {
 uint32_t memdb_hash1(const char *text) {
   uint32_t hash = 0x9D1C81C5;
   // Bytes count as signed: tables of all releases fill their buckets alike.
-  for (; *text != '\0'; text++)
-    hash = hash * 130 + static_cast<uint32_t>(static_cast<signed char>(*text));
+  const auto value = [](char c) { return static_cast<uint32_t>(static_cast<signed char>(c)); };
+  // Two characters a step: the second's product doesn't wait for the first's sum.
+  for (; text[0] != '\0'; text += 2) {
+    if (text[1] == '\0') return hash * 130 + value(text[0]);
+    hash = hash * (130 * 130) + (value(text[0]) * 130 + value(text[1]));
+  }
   return hash;
 }
 

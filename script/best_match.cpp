@@ -149,17 +149,47 @@ class best_rows {
   row_list rows_;
 };
 
+// True if the entry, as a whole, doesn't begin the key.
+bool differs(const char *key, const char *entry) {
+  while (*entry != '\0' && *entry == *key) {
+    entry++;
+    key++;
+  }
+  return *entry != '\0';
+}
+
+// A row under the cursor and the number of rows visited before it.
+struct scan_place {
+  const memdb_row *row;
+  int32_t index;
+};
+
+// Goes on to a row whose entry begins the key, or to the end of the scan.
+scan_place skip_others(scan_place at, int32_t max_res, const char *key, uint32_t offset,
+                       memdb_cursor *cursor) {
+  while (at.row != nullptr && at.index < max_res && differs(key, memdb_data(at.row) + offset)) {
+    at.row = memdb_select_next(cursor, at.row);
+    at.index++;
+  }
+  return at;
+}
+
 // max_res limits the rows visited, and a full list ends the scan, even with a longer entry ahead.
 void scan(select_run *run, const prefix_search &search, best_rows *best) {
   const bool debug = host_log_enabled(L_DBG);
+  // Nearly every entry differs from the key in its first characters. With whole entries compared
+  // and nothing to tell, that is all there is to do about such a row.
+  const bool skips = !debug && search.flags == 0;
+  const int32_t max_res = run->max_res();
   const uint32_t offset = run->tbl()->cols[search.column].offset;
   memdb_cursor cursor;
-  const memdb_row *row = memdb_select(run->tbl(), run->wanted(), &cursor);
-  for (int32_t row_index = 0; row != nullptr && row_index < run->max_res() && !best->is_full();
-       row_index++) {
+  scan_place at{memdb_select(run->tbl(), run->wanted(), &cursor), 0};
+  for (; !best->is_full(); at.index++) {
+    if (skips) at = skip_others(at, max_res, search.key, offset, &cursor);
+    if (at.row == nullptr || at.index >= max_res) return;
     if (debug) LM_DBG("memdb_select_best_match: entering 1st memdb_select for lace\n");
-    best->visit(row, memdb_data(row) + offset, row_index);
-    row = memdb_select_next(&cursor);
+    best->visit(at.row, memdb_data(at.row) + offset, at.index);
+    at.row = memdb_select_next(&cursor);
   }
 }
 

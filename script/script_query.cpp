@@ -21,7 +21,8 @@ bool parse_query(const str &text, int32_t op, const query_words &words, script_q
 }
 
 bool find_table(script_query *query) {
-  query->table = get_tarn_tbl_by_name(query->name);
+  query->table = query->in.tbl != nullptr ? get_tarn_tbl_by_engine(query->in.tbl)
+                                          : get_tarn_tbl_by_name(query->name);
   if (query->table != nullptr) return true;
   LM_ERR("Table '%s' not found\n", query->name);
   return false;

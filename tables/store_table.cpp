@@ -1,6 +1,7 @@
 // Writing tables to their files.
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "host/log.h"
 #include "query/field_strings.h"
@@ -17,22 +18,59 @@ bool write_version(FILE *file) {
   return fputs(TABLE_FILE_VERSION, file) >= 0 && putc('\n', file) != EOF;
 }
 
-// Fields go to the file as they are and one by one, so that a row of any length is stored whole.
-bool write_row(const memdb_tbl *tbl, const memdb_row *row, FILE *file) {
-  for (uint32_t i = 0; i < tbl->col_cnt; i++) {
-    if (i > 0 && putc_unlocked(FIELD_SEPARATOR, file) == EOF) return false;
-    const char *const field = memdb_get_field(tbl, row, i);
-    const size_t len = strlen(field);
-    if (fwrite_unlocked(field, 1, len, file) != len) return false;
+// Gathers what goes to the file, so that one write serves many rows.
+class block_writer {
+ public:
+  explicit block_writer(FILE *file) : file_(file) {}
+
+  bool put(char c) {
+    if (len_ == SIZE && !flush()) return false;
+    text_[len_++] = c;
+    return true;
   }
-  return putc_unlocked('\n', file) != EOF;
+
+  bool put(std::string_view text) {
+    if (text.size() > SIZE - len_) {
+      if (!flush()) return false;
+      if (text.size() > SIZE) return write(text);
+    }
+    memcpy(text_ + len_, text.data(), text.size());
+    len_ += text.size();
+    return true;
+  }
+
+  bool flush() {
+    const std::string_view gathered(text_, len_);
+    len_ = 0;
+    return gathered.empty() || write(gathered);
+  }
+
+ private:
+  static constexpr size_t SIZE = 65536;
+
+  bool write(std::string_view text) {
+    return fwrite_unlocked(text.data(), 1, text.size(), file_) == text.size();
+  }
+
+  FILE *file_;
+  size_t len_ = 0;
+  char text_[SIZE];
+};
+
+// Fields go to the file as they are and one by one, so that a row of any length is stored whole.
+bool write_row(const memdb_tbl *tbl, const memdb_row *row, block_writer *out) {
+  for (uint32_t i = 0; i < tbl->col_cnt; i++)
+    if ((i > 0 && !out->put(FIELD_SEPARATOR)) || !out->put(memdb_get_field(tbl, row, i)))
+      return false;
+  return out->put('\n');
 }
 
 bool write_table(const memdb_tbl *tbl, FILE *file) {
   if (!write_version(file)) return false;
+  block_writer out(file);
   for (const memdb_row *row = tbl->last; row != nullptr; row = row->prev)
-    if (!write_row(tbl, row, file)) return false;
-  return true;
+    if (!write_row(tbl, row, &out)) return false;
+  return out.flush();
 }
 
 int32_t store_cleared(tarn_tbl *table) {

@@ -17,6 +17,12 @@ bool is_table(const tarn_tbl *table) {
   return false;
 }
 
+// The character behind the length is looked at first: it tells most other names apart.
+bool has_name(const tarn_tbl &table, std::string_view name) {
+  return name.size() < sizeof(table.table_name) && table.table_name[name.size()] == '\0' &&
+         memcmp(table.table_name, name.data(), name.size()) == 0;
+}
+
 void free_field_names(tarn_tbl *table) {
   if (table->field_name == nullptr) return;
   for (int32_t i = 0; i < table->num_fields; i++) tarn_shm_free(table->field_name[i]);
@@ -57,8 +63,14 @@ tarn_tbl *get_tarn_tbl_by_name(std::string_view name) {
     return nullptr;
   }
   for (tarn_tbl &table : all_tarn_tbls())
-    if (name == table.table_name) return &table;
+    if (has_name(table, name)) return &table;
   LM_ERR("Table '%.*s' was not found\n", static_cast<int>(name.size()), name.data());
+  return nullptr;
+}
+
+tarn_tbl *get_tarn_tbl_by_engine(const memdb_tbl *tbl) {
+  for (tarn_tbl &table : all_tarn_tbls())
+    if (table.tbl == tbl) return &table;
   return nullptr;
 }
 
