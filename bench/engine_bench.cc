@@ -269,7 +269,7 @@ struct operation {
 };
 
 #define OPERATION(name, function) \
-  { name, function<engine_store>, function<multimap_store>, function<sqlite_store> }
+  operation { name, function<engine_store>, function<multimap_store>, function<sqlite_store> }
 
 const operation operations[] = {
     OPERATION("engine insert", insert_rows),

@@ -238,10 +238,12 @@ size_t try_all(const scenario &s, size_t first, size_t step) {
   const std::string before = s.when == phase::run ? state_before(s) : "";
   const run good = run_once(s, nullptr);
   std::vector<point> points = good.points;
-  if (s.stores)
-    for (rlim_t bytes = 0; bytes<good.longest; bytes += good.longest> 1024 ? LONG_STEP : 1)
+  if (s.stores) {
+    const rlim_t between = good.longest > 1024 ? LONG_STEP : 1;
+    for (rlim_t bytes = 0; bytes < good.longest; bytes += between)
       points.push_back(
           {"device of " + std::to_string(bytes) + " bytes", [bytes] { device_of(bytes); }, true});
+  }
   size_t tried = 0;
   for (size_t i = first; i < points.size(); i += step) {
     const point &each = points[i];

@@ -708,10 +708,8 @@ TEST_P(BestMatchFlavourTest, FailsCleanlyWhateverCallOrAllocationFails) {
   start_routes({"g|98|a", "g|98|b"});
   standin::set_var("q", "g|987|*");
   const standin::command prepared = fixup(GetParam().function, parameters("routes,$var(q),"));
-  const scene around{[this] { clear(); },
-                     [this] {
-                       expect_rows("routes", {{"g", "98", "a"}, {"g", "98", "b"}});
-                     }};
+  const auto unchanged = [this] { expect_rows("routes", {{"g", "98", "a"}, {"g", "98", "b"}}); };
+  const scene around{[this] { clear(); }, unchanged};
   if (GetParam().as_xavp) {
     // A value and a name for each of the three places, twice, are what the host itself allocates.
     expect_results_of_failing_calls(

@@ -289,11 +289,10 @@ TEST_P(PortTypeTest, FailsCleanlyWhateverCallOrAllocationFails) {
   start_pairs({"1|a|500|600|t", "2|b|500|601|u"});
   const standin::command prepared =
       fixup(GetParam(), {"external_port", "pairs,*|*|500|*", "$avp(id)|$avp(call)|$avp(other)"});
-  const scene around{
-      [this] { clear(); },
-      [this] {
-        expect_rows("pairs", {{"1", "a", "500", "600", "t"}, {"2", "b", "500", "601", "u"}});
-      }};
+  const auto unchanged = [this] {
+    expect_rows("pairs", {{"1", "a", "500", "600", "t"}, {"2", "b", "500", "601", "u"}});
+  };
+  const scene around{[this] { clear(); }, unchanged};
   expect_results_of_failing_calls(prepared, 1,
                                   {{"pv_printf", {-1, -1}},
                                    {"pv_get_avp_name", {1, 1, 1, 1, 1, 1, 1, 1}},

@@ -572,10 +572,10 @@ TEST_F(RangeTest, OutFailsCleanlyWhateverCallOrAllocationFails) {
   standin::set_var("high", 20);
   const standin::command prepared =
       fixup(OUT, {"loads,g|*|*", "$avp(g)|$avp(n)", "1", "$var(low)", "$var(high)"});
-  const scene around{[this] { clear(); },
-                     [this] {
-                       expect_rows("loads", {{"g", "9", "t"}, {"g", "15", "t"}, {"g", "21", "t"}});
-                     }};
+  const auto unchanged = [this] {
+    expect_rows("loads", {{"g", "9", "t"}, {"g", "15", "t"}, {"g", "21", "t"}});
+  };
+  const scene around{[this] { clear(); }, unchanged};
   expect_results_of_failing_calls(prepared, 2,
                                   {{"pv_printf", {-1}},
                                    {"pv_get_spec_value", {-1, -1}},
@@ -603,10 +603,10 @@ TEST_F(RangeTest, WithinFailsCleanlyWhateverCallOrAllocationFails) {
   standin::set_var("high", 20);
   const standin::command prepared =
       fixup(WITHIN, {"loads,g|*|*", "$avp(g)", "1", "$var(low)", "$var(high)", "$avp(count)"});
-  const scene around{[this] { clear(); },
-                     [this] {
-                       expect_rows("loads", {{"g", "9", "t"}, {"g", "15", "t"}, {"g", "21", "t"}});
-                     }};
+  const auto unchanged = [this] {
+    expect_rows("loads", {{"g", "9", "t"}, {"g", "15", "t"}, {"g", "21", "t"}});
+  };
+  const scene around{[this] { clear(); }, unchanged};
   expect_results_of_failing_calls(
       prepared, -2,
       {{"pv_printf", {-1}}, {"pv_get_spec_value", {-1, -1}}, {"pv_set_spec_value", {-2}}}, around);

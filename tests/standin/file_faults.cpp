@@ -147,6 +147,9 @@ int open_streams() { return watching != nullptr ? static_cast<int>(watching->str
 
 }  // namespace standin
 
+using read_function = size_t (*)(void *, size_t, size_t, FILE *);
+using write_function = size_t (*)(const void *, size_t, size_t, FILE *);
+
 #define LABEL(name) __asm__(#name)
 #define FORWARD(type, name, ...)                        \
   do {                                                  \
@@ -229,7 +232,7 @@ char *faulty_fgets(char *line, int size, FILE *stream) {
 
 size_t faulty_fread(void *data, size_t size, size_t count, FILE *stream) {
   if (stream_fails("fread", stream)) return 0;
-  FORWARD(size_t(*)(void *, size_t, size_t, FILE *), "fread", data, size, count, stream);
+  FORWARD(read_function, "fread", data, size, count, stream);
 }
 
 int faulty_vfprintf(FILE *stream, const char *format, va_list list) {
@@ -271,13 +274,12 @@ int faulty_putc(int c, FILE *stream) { return faulty_fputc(c, stream); }
 
 size_t faulty_fwrite(const void *data, size_t size, size_t count, FILE *stream) {
   if (stream_fails("fwrite", stream)) return 0;
-  FORWARD(size_t(*)(const void *, size_t, size_t, FILE *), "fwrite", data, size, count, stream);
+  FORWARD(write_function, "fwrite", data, size, count, stream);
 }
 
 size_t faulty_fwrite_unlocked(const void *data, size_t size, size_t count, FILE *stream) {
   if (stream_fails("fwrite", stream)) return 0;
-  FORWARD(size_t(*)(const void *, size_t, size_t, FILE *), "fwrite_unlocked", data, size, count,
-          stream);
+  FORWARD(write_function, "fwrite_unlocked", data, size, count, stream);
 }
 
 int faulty_fflush(FILE *stream) {
