@@ -124,7 +124,7 @@ bench-host: host-module
 
 # Instructions of a call, on the stand-in host and then on the real one.
 bench-callgrind: host-module
-	@$(DEPS) module bench
+	@$(DEPS) module bench callgrind
 	@$(call build,callgrind,-DBUILD_TESTING=OFF -DTARN_BENCH=ON)
 	@bench/callgrind.sh $(BUILD)/callgrind
 	@python3 bench/host_profile.py $(BUILD)/demo/tarn_memdb.so

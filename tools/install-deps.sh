@@ -12,6 +12,7 @@ packages_of() {
     lint) echo clang clang-format clang-tidy ;;
     bench) echo libbenchmark-dev libsqlite3-dev ;;
     fuzz) echo clang llvm libclang-rt-dev ;;
+    callgrind) echo valgrind python3 ;;
     coverage) echo gcovr ;;
     deb) echo dpkg-dev file ;;
     *)
