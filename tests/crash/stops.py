@@ -45,7 +45,7 @@ def run(rounds):
     site.check(longest < LONGEST_STOP, "a stop took", longest)
     return (
         f"{rounds} stops under load, all stored ({split} in the midst of an update),"
-        f" the longest {longest:.1f} s"
+        f" the longest {longest:.3f} s"
     )
 
 
