@@ -26,7 +26,7 @@ if ! command -v "$clang" >/dev/null; then
 fi
 sanitizers=address,undefined
 cmake -S "$here/../.." -B "$build" -DTARN_FUZZ=ON -DCMAKE_CXX_COMPILER="$clang" \
-  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,$sanitizers -fno-sanitize-recover=undefined \
+  -DCMAKE_CXX_FLAGS="-fsanitize=$sanitizers -fno-sanitize-recover=undefined \
 -fno-omit-frame-pointer" \
   -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=$sanitizers" >"$build/configure.log" 2>&1 || {
   cat "$build/configure.log" >&2
@@ -53,7 +53,8 @@ mkdir -p "$build/corpus/$name" "$build/findings/$name"
 set -- -max_total_time="$seconds" -print_final_stats=1 -max_len=2048 -timeout=20 \
   -rss_limit_mb=3000 -artifact_prefix="$build/findings/$name/"
 if [ -f "$here/$name.dict" ]; then set -- "$@" -dict="$here/$name.dict"; fi
-UBSAN_OPTIONS=print_stacktrace=1 ASAN_OPTIONS=allocator_may_return_null=1 \
+UBSAN_OPTIONS=print_stacktrace=1 \
+  ASAN_OPTIONS=allocator_may_return_null=1:malloc_context_size=8:quarantine_size_mb=16 \
   "$build/tests/fuzz/${name}_fuzz" "$@" "$build/corpus/$name" "$here/corpus/$name" \
   >"$build/log/$name" 2>&1
 echo $? >"$build/log/$name.result"
