@@ -1,6 +1,6 @@
 #!/bin/sh
 # Checks form and finds slips: clang-format on all sources, both compilers without a warning, and
-# clang-tidy on the module's own code. Usage: tools/lint.sh BUILD_DIR
+# clang-tidy and g++'s analyzer on the module's own code. Usage: tools/lint.sh BUILD_DIR
 set -eu
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -9,6 +9,7 @@ cd "$top"
 jobs=$(nproc)
 
 sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h'; }
+module_code() { ls memdb/*.cpp tables/*.cpp query/*.cpp script/*.cpp ports/*.cpp rpc/*.cpp host/*.cpp; }
 
 echo "lint: clang-format"
 sources | xargs clang-format --dry-run --Werror
@@ -22,9 +23,17 @@ cmake --build "$build/clang" --target tarn_memdb >"$build/clang/lint.log" 2>&1 |
 }
 
 echo "lint: clang-tidy"
-ls memdb/*.cpp tables/*.cpp query/*.cpp script/*.cpp ports/*.cpp rpc/*.cpp host/*.cpp |
+module_code |
   xargs -P "$jobs" -n 4 clang-tidy -p "$build/clang" --quiet >"$build/clang/tidy.log" 2>/dev/null || {
   cat "$build/clang/tidy.log"
+  exit 1
+}
+
+echo "lint: g++'s analyzer"
+module_code |
+  xargs -P "$jobs" -I SOURCE g++ -std=gnu++20 -O2 -fno-exceptions -fno-rtti -fanalyzer -Werror -I. \
+    -I"$build/clang/generated" -c SOURCE -o /dev/null >"$build/clang/analyzer.log" 2>&1 || {
+  cat "$build/clang/analyzer.log"
   exit 1
 }
 
