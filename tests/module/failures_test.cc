@@ -164,8 +164,9 @@ TEST_P(FailuresTest, EachCallIntoTheHostFailsOnce) {
   const bool into_avps = std::string(GetParam().what).rfind("select", 0) == 0;
   int failures = 0;
   for (const std::string name :
-       {"pv_printf", "pv_get_avp_name", "add_avp", "get_str_fparam", "explode_params",
-        "parse_params", "pv_get_spec_value", "find_export", "register_timer"}) {
+       {"pv_printf", "pv_printf.length", "pv_get_avp_name", "add_avp", "get_str_fparam",
+        "get_str_fparam.text", "explode_params", "parse_params", "pv_get_spec_value", "find_export",
+        "register_timer"}) {
     for (int n = 1;; n++) {
       SCOPED_TRACE(name + " " + std::to_string(n));
       standin::fail_call(name, n);

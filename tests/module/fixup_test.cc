@@ -179,6 +179,21 @@ TEST_F(FixupTest, ANullFirstParameterIsLoggedAndLetPass) {
   }
 }
 
+TEST_F(FixupTest, ARefusedFirstFormatIsNotLetPassWithoutMemoryToRememberIt) {
+  for (const reached_by &by : {QUERY, QUERY3, QUERY4}) {
+    const size_t blocks = module_blocks(pool::pkg);
+    standin::clear_logs();
+    standin::parameter_slot slot("users,*");
+    standin::fail_call("pv_parse_format", 1);
+    standin::fail_from(pool::pkg, 1);
+    EXPECT_EQ(fix(by, &slot, 1), -1);
+    standin::stop_failing();
+    EXPECT_TRUE(slot.untouched());
+    EXPECT_THAT(messages(), ElementsAre(err("Wrong format [users,*]\n")));
+    EXPECT_EQ(module_blocks(pool::pkg), blocks);
+  }
+}
+
 TEST_F(FixupTest, ATextThatWasLetPassIsNeverPrinted) {
   const standin::command call_of_it = fixup("tarn_memdb_clear_tbl", {"$nothing"});
   ASSERT_TRUE(call_of_it.accepted());
@@ -300,6 +315,14 @@ TEST_F(FixupTest, TheThirdNumberStaysText) {
     expect_refused(XAVP, 3, text, -1, {err("bad format in P3 [" + text + "]\n")});
   }
   for (const std::string text : {"2", "0", "abc"}) expect_text_kept(XAVP, 3, text);
+}
+
+TEST_F(FixupTest, TheThirdToSixthHaveToBeThere) {
+  const size_t blocks = module_blocks(pool::pkg);
+  for (const int number : {3, 4, 5, 6})
+    expect_null_refused(QUERY3, number, "null format in P" + std::to_string(number) + "\n");
+  expect_null_refused(XAVP, 3, "null format in P3\n");
+  EXPECT_EQ(module_blocks(pool::pkg), blocks);
 }
 
 TEST_F(FixupTest, TheFourthAndFifthBecomeANumber) {

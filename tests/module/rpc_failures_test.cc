@@ -162,6 +162,24 @@ TEST_F(RpcFailuresTest, EachOperationOfTheTransport) {
   EXPECT_EQ(uses["rpc.rpl_printf"], 4 + 4 + 3 + 2 + 13 + 3 + 16 + 7 + 2);
 }
 
+TEST_F(RpcFailuresTest, AnArgumentThatIsThereWithoutATextIsAMissingOne) {
+  size_t tried = 0;
+  for (const example &each : EXAMPLES) {
+    for (size_t n = 1; n <= each.arguments.size(); n++) {
+      SCOPED_TRACE(each.command + (" " + std::to_string(n)));
+      refill();
+      const steps filled = state();
+      const steps without_arguments = trace(each.command);
+      standin::fail_call("rpc.scan.text", static_cast<int>(n));
+      EXPECT_EQ(trace(each.command, each.arguments), without_arguments);
+      EXPECT_THAT(reply.faults, SizeIs(1));
+      EXPECT_EQ(state(), filled);
+      tried++;
+    }
+  }
+  EXPECT_EQ(tried, 12u);
+}
+
 TEST_F(RpcFailuresTest, EachFileOperation) {
   int uses = 0;
   for (const example &each : EXAMPLES) {

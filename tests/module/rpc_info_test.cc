@@ -263,6 +263,20 @@ TEST_F(RpcInfoTest, RangesWhoseListFoundNoMemoryAtStartAreNoRanges) {
   EXPECT_THAT(shown.lines.at(1), testing::HasSubstr("Private Port Range = No;"));
 }
 
+TEST_F(RpcInfoTest, MapsForWhichAFailedStartHadNoMemoryAreLeftOut) {
+  configure({});
+  shared_blocks_may_stay = true;
+  // The registry and the first map's record are all that there is memory for.
+  standin::fail_from(pool::shm, 3);
+  ASSERT_EQ(init(), -1);
+  standin::stop_failing();
+  EXPECT_THAT(
+      rpc(MAPS).lines,
+      ElementsAre("PM Info",
+                  "Dynamic Internal Range:\nMin port = 0; Max port = 0; Next free port = 0; "
+                  "Private Port Range = No;"));
+}
+
 TEST_F(RpcInfoTest, NoMemoryOfTheModuleIsNeeded) {
   write_file(ranges_file(), "INT 21001 21002\n");
   open({numbered_media()});

@@ -224,13 +224,12 @@ TEST_F(RpcShowTest, AHeadLineThatCannotBeSentIsLoggedAndEndsTheCommand) {
 TEST_F(RpcShowTest, AContainerOrTextThatCannotBeAddedEndsTheRowsWithoutAWord) {
   open_with_users();
   for (const char *command : {SHOW, SHOW_P}) {
-    for (const char *operation : {"rpc.add", "rpc.array_add"}) {
+    for (const char *operation : {"rpc.add", "rpc.add.container", "rpc.array_add"}) {
       for (int failing = 1; failing <= 2; failing++) {
         standin::fail_call(operation, failing);
         const steps seen = trace(command, {"users"}, DBG_LEVEL);
-        EXPECT_EQ(seen.back().rfind(
-                      operation == std::string("rpc.add") ? "{users} open [" : "{users} text ", 0),
-                  0u)
+        const bool text = operation == std::string("rpc.array_add");
+        EXPECT_EQ(seen.back().rfind(text ? "{users} text " : "{users} open [", 0), 0u)
             << seen.back();
         EXPECT_THAT(reply.faults, IsEmpty());
         size_t sent = 0;

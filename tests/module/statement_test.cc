@@ -561,6 +561,22 @@ TEST_F(StatementTest, SelectPassesOverANameThatCannotBeResolvedWithoutAWord) {
   EXPECT_THAT(messages(INFO_LEVEL), IsEmpty());
 }
 
+TEST_F(StatementTest, SelectPassesOverANameOfNumberZeroWithoutAWord) {
+  start_rows({"1|x|3"});
+  const standin::command prepared =
+      fixup(SELECT, {"SELECT a,b FROM t WHERE c=3", "$avp($var(n));$avp(y)"});
+  ASSERT_TRUE(prepared.accepted());
+  standin::set_var("n", 0);
+  clear();
+  EXPECT_EQ(call(prepared), 1);
+  EXPECT_THAT(standin::avp_names(), ElementsAre("y"));
+  EXPECT_THAT(avp_texts("y"), ElementsAre("x"));
+  EXPECT_THAT(messages(INFO_LEVEL), IsEmpty());
+  standin::set_var("n", 7);
+  EXPECT_EQ(call(prepared), 1);
+  EXPECT_THAT(standin::avp(7), ElementsAre(value("1")));
+}
+
 TEST_F(StatementTest, SelectFailsWhenTheHostRefusesAValueAndKeepsTheOthers) {
   start_rows({"1|x|3", "2|y|3"});
   const standin::command prepared = prepare("SELECT a,b FROM t WHERE c=3");

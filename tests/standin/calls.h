@@ -10,6 +10,11 @@ namespace standin {
 // "explode_params" (on whatever road), and the RPC operations as "rpc.fault", "rpc.send",
 // "rpc.add", "rpc.scan", "rpc.rpl_printf", "rpc.struct_add", "rpc.array_add", "rpc.struct_printf".
 // Only calls from outside the stand-in count: pv_printf reading a value is no pv_get_spec_value.
+//
+// Some calls can also be made to succeed with nothing in their hands, each under a name of its own
+// that counts what the call gives: "pv_printf.length" (a length of -1), "get_str_fparam.text",
+// "rpc.scan.text" (one per text read; all without a text), "rpc.add.container" (one per container;
+// none opened).
 
 // Number of calls since the last reset_calls or reset, failed ones included.
 int calls(const std::string &name);

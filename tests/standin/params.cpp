@@ -237,7 +237,10 @@ int fixup_free_spve_spve(void **param, int param_no) {
 }
 
 int get_str_fparam(str *value, sip_msg *msg, fparam_t *param) {
-  return standin::call_fails("get_str_fparam") ? -1 : standin::str_fparam(value, msg, param);
+  if (standin::call_fails("get_str_fparam")) return -1;
+  const int result = standin::str_fparam(value, msg, param);
+  if (result == 0 && standin::call_fails("get_str_fparam.text")) *value = {nullptr, 0};
+  return result;
 }
 
 int parse_params(str *text, int param_class, param_hooks_t *hooks, param_t **params) {

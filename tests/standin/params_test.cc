@@ -140,6 +140,9 @@ TEST_F(ParamsTest, ATextWithAVariableIsPrintedAtEachUse) {
   EXPECT_EQ(view_of(second), "xbob");
   fail_call("get_str_fparam", 1);
   EXPECT_NE(get_str_fparam(&second, &msg, param), 0);
+  fail_call("get_str_fparam.text", 1);
+  EXPECT_EQ(get_str_fparam(&second, &msg, param), 0);
+  EXPECT_EQ(second.s, nullptr);
 }
 
 TEST_F(ParamsTest, AMalformedFormatAndAHighNumberAreRefused) {

@@ -306,7 +306,10 @@ void reset_values() {
 }  // namespace standin
 
 int pv_printf(sip_msg *msg, pv_elem_t *format, char *buf, int *len) {
-  return standin::call_fails("pv_printf") ? -1 : standin::print_format(msg, format, buf, len);
+  if (standin::call_fails("pv_printf")) return -1;
+  const int result = standin::print_format(msg, format, buf, len);
+  if (result == 0 && standin::call_fails("pv_printf.length")) *len = -1;
+  return result;
 }
 
 int pv_get_spec_value(sip_msg *msg, pv_spec_t *spec, pv_value_t *value) {

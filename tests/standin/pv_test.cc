@@ -337,6 +337,18 @@ TEST_F(PvTest, EachCallCanBeMadeToFailOnce) {
   EXPECT_EQ(format, nullptr);
 }
 
+TEST_F(PvTest, APrintCanBeMadeToSucceedWithANegativeLength) {
+  pv_elem_t *format = format_of("a");
+  char buf[8];
+  int len = sizeof(buf);
+  fail_call("pv_printf.length", 1);
+  EXPECT_EQ(pv_printf(&msg, format, buf, &len), 0);
+  EXPECT_EQ(len, -1);
+  len = sizeof(buf);
+  EXPECT_EQ(pv_printf(&msg, format, buf, &len), 0);
+  EXPECT_EQ(len, 1);
+}
+
 TEST_F(PvTest, SettingAValueNeedsExactlyOneVariable) {
   EXPECT_THROW(set_value(msg, "fU", 1), std::invalid_argument);
   EXPECT_THROW(set_value(msg, "$fU ", 1), std::invalid_argument);

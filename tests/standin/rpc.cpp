@@ -92,6 +92,7 @@ int rpc_add_op(void *ctx, const char *format, ...) {
     std::string text;
     if (*format == '(' || *format == '[' || *format == '{') {
       void **handle = va_arg(arguments, void **);
+      if (call_fails("rpc.add.container")) continue;
       if (knows(*format)) {
         of(ctx)->containers.push_back({std::string(1, *format), {}, {}});
         *handle = &of(ctx)->containers.back();
@@ -120,6 +121,7 @@ bool scan_item(context *ctx, char format, bool convert, va_list *arguments) {
     ++ctx->next;
     if (item->type == value::kind::number) digits = std::to_string(item->number);
     text = str_of(item->type == value::kind::number ? digits : item->text);
+    if (call_fails("rpc.scan.text")) text = {nullptr, 0};
   } else if (transport == rpc_transport::ctl) {
     text = str_of(warning);
   } else if (item == nullptr) {

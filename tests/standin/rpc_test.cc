@@ -174,6 +174,28 @@ TEST_F(RpcTest, EachOperationFailsAtTheChosenCall) {
   EXPECT_EQ(calls("rpc.add"), 2);
 }
 
+TEST_F(RpcTest, AScanCanBeMadeToReadAnItemWithoutAText) {
+  fail_call("rpc.scan.text", 1);
+  rpc_run(one_text, {"x"});
+  EXPECT_EQ(last.result, 1);
+  EXPECT_EQ(last.first, "(null)");
+  fail_call("rpc.scan.text", 2);
+  rpc_run(two_strings, {"x", "y"});
+  EXPECT_EQ(last.result, 2);
+  EXPECT_EQ(last.first, "x");
+  EXPECT_EQ(last.second, "");
+}
+
+TEST_F(RpcTest, AnAddCanBeMadeToSucceedWithoutAContainer) {
+  set_host_kind(host_kind::ninth_operation);
+  fail_call("rpc.add.container", 1);
+  const rpc_reply reply = rpc_run(parenthesis);
+  EXPECT_EQ(last.result, 0);
+  EXPECT_EQ(last.first, "not opened");
+  EXPECT_TRUE(reply.containers.empty());
+  EXPECT_TRUE(reply.faults.empty());
+}
+
 TEST_F(RpcTest, AddingToSomethingElseThanAContainerIsAMisuse) {
   rpc_run([](rpc_t *rpc, void *) {
     int loose = 0;

@@ -277,6 +277,78 @@ TEST_F(FieldStringsTest, ExhaustedMemoryIsTheOnlyCriticalMessage) {
   EXPECT_THAT(messages(), ElementsAre(message{L_CRIT, "no more pkg memory\n"}));
 }
 
+// Lists on both sides of the number of fields that one pass finds room for, and with an escape,
+// which takes them another way.
+
+// count fields: values, wildcards and empty ones by turns, the last one a value.
+field_values many_fields(size_t count) {
+  field_values out;
+  for (size_t i = 0; i + 1 < count; ++i) {
+    if (i % 3 == 1)
+      out.emplace_back(std::nullopt);
+    else
+      out.emplace_back(i % 3 == 0 ? "f" + std::to_string(i) : "");
+  }
+  out.emplace_back("last");
+  return out;
+}
+
+std::string list_of(const field_values &fields) {
+  std::string out;
+  for (size_t i = 0; i < fields.size(); ++i)
+    out += (i > 0 ? "|" : "") + (fields[i].has_value() ? *fields[i] : "*");
+  return out;
+}
+
+TEST_F(FieldStringsTest, LongListsGiveTheirFieldsWithAndWithoutAnEscape) {
+  for (const size_t count : {63u, 64u, 65u, 66u, 128u, 129u, 500u}) {
+    field_values fields = many_fields(count);
+    const std::string list = list_of(fields);
+    const auto number = static_cast<uint32_t>(count);
+    EXPECT_EQ(fields_of(list, number), fields) << count;
+    fields.back() = "last|";
+    EXPECT_EQ(fields_of(list + "\\|", number), fields) << count;
+    fields.back() = "last";
+    fields.emplace_back("");
+    EXPECT_EQ(fields_of(list + "|", number + 1), fields) << count;
+    EXPECT_THAT(messages(), IsEmpty());
+  }
+}
+
+TEST_F(FieldStringsTest, ALongListsBlockHasNoByteToSpare) {
+  for (const size_t count : {64u, 65u}) {
+    const field_values fields = many_fields(count);
+    size_t texts = 0;
+    for (const auto &field : fields) texts += field.has_value() ? field->size() + 1 : 0;
+    const exact_text list(list_of(fields));
+    char **const block = tarn_memdb_create_fields(list.get(), nullptr);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(standin::live_bytes(pool::pkg), count * sizeof(char *) + texts) << count;
+    tarn_memdb_destroy_fields(block);
+  }
+}
+
+TEST_F(FieldStringsTest, ALongListOfAnotherCountThanExpectedIsRefused) {
+  for (const uint32_t count : {64u, 65u}) {
+    const std::string list = list_of(many_fields(count));
+    for (const uint32_t expected : {0u, count - 1, count + 1}) {
+      standin::clear_logs();
+      EXPECT_EQ(fields_of(list, expected), std::nullopt) << count << " " << expected;
+      EXPECT_THAT(messages(), ElementsAre(SIZE_MISMATCH));
+    }
+  }
+}
+
+TEST_F(FieldStringsTest, ExhaustedMemoryIsCriticalForLongAndEscapedListsToo) {
+  for (const std::string &list : {list_of(many_fields(65)), std::string("a\\|b|*")}) {
+    standin::clear_logs();
+    standin::fail_at(pool::pkg, 1);
+    const exact_text text(list);
+    EXPECT_EQ(tarn_memdb_create_fields(text.get(), nullptr), nullptr) << list;
+    EXPECT_THAT(messages(), ElementsAre(message{L_CRIT, "no more pkg memory\n"}));
+  }
+}
+
 TEST_F(FieldStringsTest, DestroyingNullDoesNothing) {
   tarn_memdb_destroy_fields(nullptr);
   EXPECT_THAT(standin::memory_errors(), IsEmpty());

@@ -160,6 +160,15 @@ TEST_F(DuplicateTest, AGeneratedIndexDoesNotCount) {
   EXPECT_EQ(check({"1", "b", "x"}), 0);
 }
 
+TEST_F(DuplicateTest, AWildcardInAComparedColumnEqualsEveryValue) {
+  start_indexed({{"id", 10, 1}, {"b", 15, 0}, {"c", 15, 1}});
+  add(table(), {"1", "b", "c"});
+  EXPECT_EQ(check({"", "b", nullptr}), 1);
+  EXPECT_EQ(check({"", nullptr, "c"}), 1);
+  EXPECT_EQ(check({"", nullptr, nullptr}), 1);
+  EXPECT_EQ(check({"", nullptr, "x"}), 0);
+}
+
 TEST_F(DuplicateTest, ATableOfTheIndexAloneHasADuplicateAsSoonAsItHasARow) {
   start_indexed({{"id", 10, 1}});
   EXPECT_EQ(check({"1"}), 0);

@@ -3,6 +3,24 @@
 
 #include "tests/unit/tables/fixture.h"
 
+// The linker leads realloc here; see the build file.
+extern "C" {
+void *real_realloc(void *block, size_t size) __asm__("__real_realloc");
+void *scarce_realloc(void *block, size_t size) __asm__("__wrap_realloc");
+}
+
+namespace {
+
+int reallocs_until_failure;  // the last of them fails; 0: none
+
+}  // namespace
+
+void *scarce_realloc(void *block, size_t size) {
+  if (reallocs_until_failure == 0 || --reallocs_until_failure > 0) return real_realloc(block, size);
+  errno = ENOMEM;
+  return nullptr;
+}
+
 namespace tables_test {
 namespace {
 
@@ -609,6 +627,32 @@ TEST_F(LoadTest, AReadErrorInTheBackupKeepsWhatWasRead) {
   EXPECT_EQ(errors(),
             texts{message("Error reading '%s' line: 2 err: 22\n", backup_file().c_str())});
   EXPECT_TRUE(exists(backup_file()));
+}
+
+TEST_F(LoadTest, ALineForWhichTheHeapHasNoRoomEndsTheReadingAndWhatWasReadIsKept) {
+  table_spec spec;
+  spec.columns = {{"a", 1000, 1}, {"b", 15, 0}};
+  start(spec);
+  const std::string longer(1000, 'l');
+  // The first row needs a buffer, and the long one a larger one.
+  const std::pair<int, texts> cases[] = {{1, {}}, {2, {"3|4", "1|2"}}};
+  for (const auto &[failing, expected] : cases) {
+    write(main_file(), "Version 1\n1|2\n#\n3|4\n" + longer + "|5\n6|7\n");
+    write(backup_file(), "Version 1\n8|9\n");
+    reallocs_until_failure = failing;
+    load();
+    EXPECT_EQ(reallocs_until_failure, 0);
+    EXPECT_EQ(rows(table()), expected);
+    EXPECT_EQ(table()->row_count, static_cast<int32_t>(expected.size()));
+    EXPECT_EQ(errors(), texts{message("Error reading '%s' line: %d err: %d\n", main_file().c_str(),
+                                      failing == 1 ? 2 : 5, ENOMEM)});
+    EXPECT_TRUE(exists(main_file()));
+    EXPECT_TRUE(exists(backup_file()));
+    errno = 0;
+    load();
+    EXPECT_EQ(rows(table()), (texts{"6|7", longer + "|5", "3|4", "1|2"}));
+    EXPECT_TRUE(errors().empty());
+  }
 }
 
 TEST_F(LoadTest, AReadErrorAtTheVersionIsABadFile) {

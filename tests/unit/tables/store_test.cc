@@ -363,6 +363,110 @@ TEST_F(StoreTest, ADiskThatIsFullAtARowsLastByteFailsTheStore) {
   EXPECT_EQ(errors(), texts{could_not_write(main_file())});
 }
 
+// Rows reach the file in blocks of this many bytes. The version line goes ahead of them in two
+// writes of its own.
+constexpr size_t BLOCK = 65536;
+constexpr int VERSION_WRITES = 2;
+
+class StoreBlockTest : public StoreTest {
+ protected:
+  StoreBlockTest() {
+    table_spec spec;
+    spec.columns = {{"a", 200000, 0}, {"b", 200000, 0}};
+    start(spec);
+  }
+
+  // Rows of two fields of these lengths, oldest first, in place of what the table holds.
+  void fill(const std::vector<std::pair<size_t, size_t>> &lengths) {
+    memdb_delete_all(table()->tbl);
+    expected_ = "Version 1\n";
+    char letter = 'a';
+    for (const auto &[a, b] : lengths) {
+      const std::string first(a, letter++);
+      const std::string second(b, letter++);
+      add(table(), {first.c_str(), second.c_str()});
+      expected_ += first + "|" + second + "\n";
+    }
+  }
+
+  // The table is stored as it is, read back as it is, in this many writes of the rows. And
+  // whichever of them fails, the store fails and the next one makes up for it.
+  void expect_stored(int writes) {
+    watch();
+    EXPECT_EQ(store(), 0);
+    EXPECT_EQ(standin::file_ops("write"), VERSION_WRITES + writes);
+    EXPECT_TRUE(read(main_file()) == expected_);
+    const texts before = rows(table());
+    EXPECT_EQ(load_table(table()), 0);
+    EXPECT_TRUE(rows(table()) == before);
+    for (int failing = 1; failing <= writes; failing++) {
+      SCOPED_TRACE("write " + std::to_string(failing));
+      table()->state = TBL_CHANGED;
+      watch();
+      standin::fail_file_op("write", VERSION_WRITES + failing, ENOSPC);
+      EXPECT_EQ(store(), -1);
+      EXPECT_EQ(errors(), texts{could_not_write(main_file())});
+      EXPECT_EQ(table()->state, TBL_CHANGED);
+      EXPECT_EQ(standin::file_ops("write"), VERSION_WRITES + failing) << "went on after a failure";
+      EXPECT_EQ(standin::open_streams(), 0);
+      EXPECT_TRUE(read(main_file()).size() < expected_.size());
+      EXPECT_EQ(store(), 0);
+      EXPECT_TRUE(read(main_file()) == expected_);
+    }
+  }
+
+ private:
+  std::string expected_;
+};
+
+TEST_F(StoreBlockTest, RowsThatFillABlockExactlyAreOneWrite) {
+  fill({{BLOCK - 3, 1}});
+  expect_stored(1);
+  fill({{BLOCK / 2 - 3, 1}, {1, BLOCK / 2 - 3}});
+  expect_stored(1);
+}
+
+TEST_F(StoreBlockTest, ALineFeedThatFindsTheBlockFullBeginsTheNext) {
+  fill({{BLOCK - 2, 1}});
+  expect_stored(2);
+}
+
+TEST_F(StoreBlockTest, ABarThatFindsTheBlockFullBeginsTheNext) {
+  fill({{BLOCK, 1}});
+  expect_stored(2);
+}
+
+TEST_F(StoreBlockTest, AFieldThatDoesNotFitTheRestOfTheBlockBeginsTheNext) {
+  fill({{BLOCK - 1, 1}});
+  expect_stored(2);
+  fill({{BLOCK - 10, 20}, {30, 40}});
+  expect_stored(2);
+  fill({{10, 10}, {BLOCK - 2, 0}});
+  expect_stored(2);
+}
+
+TEST_F(StoreBlockTest, AnEmptyFieldFitsAFullBlock) {
+  fill({{BLOCK - 1, 0}});
+  expect_stored(2);
+  fill({{BLOCK - 2, 0}});
+  expect_stored(1);
+}
+
+TEST_F(StoreBlockTest, AFieldLongerThanABlockIsAWriteOfItsOwn) {
+  // As the first of all, behind others, as the last, and two together.
+  fill({{BLOCK + 1, 1}});
+  expect_stored(2);
+  fill({{1, 2 * BLOCK}});
+  expect_stored(3);
+  fill({{5, 5}, {BLOCK + 1, BLOCK + 2}, {5, 5}});
+  expect_stored(5);
+}
+
+TEST_F(StoreBlockTest, ManyBlocksAreWrittenOneAfterAnother) {
+  fill(std::vector<std::pair<size_t, size_t>>(10, {BLOCK / 2, BLOCK / 4}));
+  expect_stored(10);
+}
+
 TEST_F(StoreTest, AFailureAtTheFinalFlushGoesUnreported) {
   start(table_spec{});
   add(table(), {"X", "", ""});
