@@ -707,11 +707,15 @@ TEST_F(SubnetTest, TellsWhichParameterTheHostCouldNotPrint) {
       UNPRINTABLE_SELECT, "Could not print the formatted pv input for src_ip_str\n",
       "Could not print the formatted pv input for from_user_str\n",
       "Could not print the formatted pv input ct\n"};
-  for (size_t n = 0; n < told.size(); n++) {
-    clear();
-    standin::fail_call("pv_printf", static_cast<int>(n) + 1);
-    EXPECT_EQ(call(prepared), -1);
-    EXPECT_THAT(messages(INFO_LEVEL), ElementsAre(err(told[n])));
+  // A length below zero is no empty user either.
+  for (const char *failing : {"pv_printf", "pv_printf.length"}) {
+    for (size_t n = 0; n < told.size(); n++) {
+      SCOPED_TRACE(failing + (" " + std::to_string(n)));
+      clear();
+      standin::fail_call(failing, static_cast<int>(n) + 1);
+      EXPECT_EQ(call(prepared), -1);
+      EXPECT_THAT(messages(INFO_LEVEL), ElementsAre(err(told[n])));
+    }
   }
 }
 
