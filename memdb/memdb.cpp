@@ -143,6 +143,11 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
 }
 
 void memdb_delete_all(memdb_tbl *tbl) {
+  // Only a walk of each row's chains finds the entries that have to be reported as missing.
+  if (memdb_log_err != nullptr) {
+    while (tbl->first != nullptr) memdb_delete_row(tbl, tbl->first);
+    return;
+  }
   memdb_row *const rows = tbl->first;
   tbl->first = nullptr;
   tbl->last = nullptr;
@@ -156,6 +161,8 @@ void memdb_delete_all(memdb_tbl *tbl) {
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value) {
   const memdb_col &target = tbl->cols[col];
   char *const field = memdb_data(row) + target.offset;
+  // A reader without a lock meets no text rather than a mix of both.
+  *field = '\0';
   write_field(field, target, value);
   // Readers without a lock rely on a terminator at the end of the area whatever happens to the
   // text.
