@@ -75,11 +75,19 @@ void empty_table(tarn_tbl *table) {
   reset_tbl_index(table);
 }
 
+// Splits a composed line into the values of a row of that table.
+bool parse_row(const tarn_tbl *table, const str &composed, query_scope *in) {
+  char name[TARN_NAME_SIZE] = "";
+  if (tarn_memdb_parse_input(composed, OP_INSERT, in, name) == nullptr) return false;
+  // The parser finds a table by its name: of two with one name, the first, which may have fewer
+  // columns.
+  return in->tbl->col_cnt == table->tbl->col_cnt;
+}
+
 // Adds the row of one composed line. False if it is refused.
 bool load_row(tarn_tbl *table, const str &composed) {
   query_scope in;
-  char name[TARN_NAME_SIZE] = "";
-  if (tarn_memdb_parse_input(composed, OP_INSERT, &in, name) == nullptr) {
+  if (!parse_row(table, composed, &in)) {
     LM_ERR("Could not parse '%s'\n", composed.s);
     return false;
   }
@@ -143,7 +151,7 @@ bool load_files(tarn_tbl *table) {
   const main_path path(table);
   if (exists(path.text) && load_file(table, path.text)) return true;
 
-  remove(path.text);
+  if (names_file(path.text)) remove(path.text);
   empty_table(table);
   const backup_path backup(table);
   if (exists(backup.text)) {
@@ -161,7 +169,7 @@ bool load_files(tarn_tbl *table) {
 int32_t load_table(tarn_tbl *table) {
   LM_DBG("Loading table '%s' from file '%s'\n", table->table_name, table->file_name);
   empty_table(table);
-  if (!has_files(table) || !load_files(table))
+  if (!load_files(table))
     LM_DBG("New file '%s' will be created later when necessary\n", main_path(table).text);
   return 0;
 }

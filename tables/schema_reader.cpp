@@ -48,7 +48,8 @@ read_result schema_reader::literal(const char *key, long start) {
     const int c = getc(file_);
     if (c == EOF) return read_result::end;
     if (c != *key) {
-      fseek(file_, start, SEEK_SET);
+      // One character can be put back even where there is no way to seek, as in a pipe.
+      if (fseek(file_, start, SEEK_SET) != 0) ungetc(c, file_);
       return read_result::mismatch;
     }
   }

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Longest engine message that is logged whole: a script's longest value and the words around it.
+// Room for any engine message but those on values from a file, whose lines may be of any length.
 constexpr size_t ENGINE_MESSAGE_SIZE = 4096 + 128;
 
 __attribute__((format(printf, 3, 4))) void log_engine_message(memdb_log_level level,
@@ -22,9 +22,16 @@ __attribute__((format(printf, 3, 4))) void log_engine_message(memdb_log_level le
   char message[ENGINE_MESSAGE_SIZE];
   va_list args;
   va_start(args, fmt);
-  vsnprintf(message, sizeof(message), fmt, args);
+  va_list again;
+  va_copy(again, args);
+  const auto size = static_cast<size_t>(vsnprintf(message, sizeof(message), fmt, args)) + 1;
   va_end(args);
-  HOST_LOG_AT(host_level, site.file, site.line, site.function, "%s", message);
+  // Without memory, as much of it is told as there is room for.
+  const pkg_owner<char> longer(size > sizeof(message) ? pkg_array<char>(size) : nullptr);
+  if (longer) vsnprintf(longer.get(), size, fmt, again);
+  va_end(again);
+  HOST_LOG_AT(host_level, site.file, site.line, site.function, "%s",
+              longer ? longer.get() : message);
 }
 
 }  // namespace

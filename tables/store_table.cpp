@@ -75,10 +75,6 @@ bool write_table(const memdb_tbl *tbl, FILE *file) {
 
 int32_t store_cleared(tarn_tbl *table) {
   LM_DBG("Table '%s' was cleared. Saving changes to file\n", table->table_name);
-  if (!has_files(table)) {
-    LM_ERR("Could not open file '%s'\n", main_path(table).text);
-    return -1;
-  }
   if (clear_file(main_path(table).text) != 0 || clear_file(backup_path(table).text) != 0) return -1;
   set_tbl_state(table, TBL_UNCHANGED);
   return 0;
@@ -92,7 +88,7 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
   LM_DBG("Table '%s' was changed. Saving changes to file\n", table->table_name);
   LM_DBG("Saving backup file '%s'\n", backup.text);
   // Fails for the first store of all and between file systems; the old backup then stays.
-  if (has_files(table)) rename(path.text, backup.text);
+  if (names_file(path.text)) rename(path.text, backup.text);
   LM_DBG("Saving file '%s'\n", path.text);
   file_handle file(fopen(path.text, "w"));
   if (!file) {
@@ -115,7 +111,7 @@ int32_t clear_file(const char *path) {
   file_handle file(fopen(path, "w"));
   if (!file) {
     LM_ERR("Could not open file '%s'\n", path);
-    remove(path);
+    if (names_file(path)) remove(path);
     return -1;
   }
   if (!write_version(file.get())) {

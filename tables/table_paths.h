@@ -2,14 +2,15 @@
 #pragma once
 
 #include <cstdio>
+#include <string_view>
 
 #include "tables/tarn_tbl.h"
 
 inline constexpr char TABLE_FILE_VERSION[] = "Version 1";
 
-// False for a table whose schema ends before its file name. Its paths are those of directories,
-// which must neither be moved nor removed.
-inline bool has_files(const tarn_tbl *table) { return table->file_name[0] != '\0'; }
+// False for the path of a directory, which must neither be moved nor removed. A table whose schema
+// ends before its file name has base_dir itself as its path.
+inline bool names_file(std::string_view path) { return !path.empty() && path.back() != '/'; }
 
 // base_dir and file_name as they stand, nothing added between them.
 struct main_path {

@@ -176,7 +176,7 @@ class file_walk {
 }  // namespace
 
 void check_table(tarn_tbl *table, port_claims *claims, findings *out) {
-  if (!has_files(table)) return;
+  if (!names_file(main_path(table).text)) return;
   const main_path path(table);
   const backup_path backup(table);
   const file_state main_state = file_walk(table, path.text, claims, out).run();

@@ -545,9 +545,38 @@ TEST_F(LoadTest, ATableWithoutAFileNameTouchesNoDirectory) {
   EXPECT_EQ(rows(table()), texts{});
   EXPECT_TRUE(exists(path("main")));
   EXPECT_TRUE(exists(path("backup")));
-  EXPECT_EQ(standin::file_ops("remove"), 0);
+  EXPECT_THAT(debug(), testing::Contains(message("Database empty: %s\n", path("main/").c_str())));
   EXPECT_EQ(debug().back(),
             message("New file '%s' will be created later when necessary\n", path("main/").c_str()));
+}
+
+TEST_F(LoadTest, ATableWithoutAFileNameLoadsTheFileThatItsDirectoryNames) {
+  start(table_spec{});
+  table()->file_name[0] = '\0';
+  write(path("backup/.backup"), "Version 1\n7|8|9\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"7|8|9"});
+  snprintf(tarn_tbl_mngt->base_dir, sizeof(tarn_tbl_mngt->base_dir), "%s", main_file().c_str());
+  write(main_file(), "Version 1\n1|2|3\n");
+  load();
+  EXPECT_EQ(rows(table()), texts{"1|2|3"});
+}
+
+TEST_F(LoadTest, OfTwoTablesWithOneNameTheFirstGivesTheNumberOfColumns) {
+  table_spec first, second, third;
+  first.columns = {{"a", 15, 0}};
+  second.file_name = "second.txt";
+  third.columns = {{"x", 15, 0}};
+  third.file_name = "third.txt";
+  start({first, second, third});
+  write(main_file("second.txt"), "Version 1\n1\n");
+  write(main_file("third.txt"), "Version 1\n2\n");
+  standin::clear_logs();
+  EXPECT_EQ(load_table(table(1)), 0);
+  EXPECT_EQ(rows(table(1)), texts{});
+  EXPECT_EQ(errors(), texts{"Could not parse 't,1'\n"});
+  EXPECT_EQ(load_table(table(2)), 0);
+  EXPECT_EQ(rows(table(2)), texts{"2"});
 }
 
 TEST_F(LoadTest, AOneColumnTableLoads) {

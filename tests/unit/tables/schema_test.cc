@@ -580,6 +580,25 @@ TEST_F(SchemaTest, AFileThatEndsAfterTheFieldLinesReadsWithoutAFileName) {
   EXPECT_TRUE(errors().empty());
 }
 
+TEST_F(SchemaTest, APipeReadsAsAFileDoes) {
+  ASSERT_EQ(create(good_schema()), 0);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const std::string text = good_schema();
+  ASSERT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  close(ends[1]);
+  end();
+  make_registry();
+  const std::string path = "/dev/fd/" + std::to_string(ends[0]);
+  cfg_file_path = path.c_str();
+  EXPECT_EQ(create_table(), 0) << standin::log_dump();
+  close(ends[0]);
+  EXPECT_STREQ(table(0)->file_name, "subscribers.txt");
+  EXPECT_STREQ(table(1)->table_name, "routes") << "a table without a log tag or a range";
+  EXPECT_STREQ(table(1)->file_name, "routes.txt");
+  cfg_file_path = schema_path_.c_str();
+}
+
 TEST_F(SchemaTest, TablesBehindTheFilesEndAreEmptyAndNameless) {
   lines head = good_head();
   head[2] = "NUM_TABLE=3";

@@ -131,5 +131,23 @@ TEST_F(SharedMemoryTest, TheWarningOfAValueOfScriptLengthIsWhole) {
   memdb_destroy_tbl(table);
 }
 
+TEST_F(SharedMemoryTest, TheWarningOfAValueOfAnyLengthIsWholeWhereThereIsMemoryForIt) {
+  const tbl_dcl columns[] = {{3, 0}};
+  memdb_tbl *const table = memdb_create_tbl(columns, 1);
+  const std::string value(100000, 'x');
+  const char *const row[] = {value.c_str()};
+  memdb_insert(table, row);
+  const std::string whole = message(
+      "Value '%s' too long. It will be truncated to fit field size (%d bytes)\n", value.c_str(), 3);
+  EXPECT_EQ(log_texts(L_WARN), texts{whole});
+  EXPECT_EQ(standin::live_count(pool::pkg), 0u);
+
+  standin::clear_logs();
+  standin::fail_at(pool::pkg, 1);
+  memdb_insert(table, row);
+  EXPECT_EQ(log_texts(L_WARN), texts{whole.substr(0, 4096 + 127)});
+  memdb_destroy_tbl(table);
+}
+
 }  // namespace
 }  // namespace tables_test

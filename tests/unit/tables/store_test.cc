@@ -278,6 +278,21 @@ TEST_F(StoreTest, ATableWithoutAFileNameMovesAndRemovesNoDirectory) {
   }
 }
 
+TEST_F(StoreTest, ATableWithoutAFileNameIsStoredInTheFileThatItsDirectoryNames) {
+  start(table_spec{});
+  table()->file_name[0] = '\0';
+  snprintf(tarn_tbl_mngt->base_dir, sizeof(tarn_tbl_mngt->base_dir), "%s", main_file().c_str());
+  for (const char *key : {"1", "2"}) {
+    add(table(), {key, "", ""});
+    EXPECT_EQ(store(), 0);
+  }
+  EXPECT_EQ(read(main_file()), "Version 1\n1||\n2||\n");
+  EXPECT_EQ(read(path("backup/.backup")), "Version 1\n1||\n");
+  table()->state = TBL_CLEARED;
+  EXPECT_EQ(store(), 0);
+  EXPECT_EQ(read(main_file()), "Version 1\n");
+}
+
 TEST_F(StoreTest, AVersionLineThatCannotBeWrittenFailsTheStore) {
   start(table_spec{});
   for (const int failing : {1, 2}) {
