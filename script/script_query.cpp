@@ -28,13 +28,8 @@ bool find_table(script_query *query) {
   return false;
 }
 
-tarn_tbl *print_table(sip_msg *msg, const char *slot) {
-  script_query query;
-  if (!is_printed(print_param(msg, slot, query.name))) {
-    LM_ERR("%s", UNPRINTABLE);
-    return nullptr;
-  }
-  LM_DBG("Table name: %s\n", query.name);
-  find_table(&query);
-  return query.table;
+bool print_table_name(sip_msg *msg, const char *slot, script_query *query) {
+  if (is_printed(print_param(msg, slot, query->name))) return true;
+  LM_ERR("%s", UNPRINTABLE);
+  return false;
 }

@@ -36,6 +36,6 @@ bool parse_query(const str &text, int32_t op, const query_words &words, script_q
 // The table that the query names. False, logged, if there is none.
 bool find_table(script_query *query);
 
-// The table whose name slot prints, or null, logged. A name that doesn't fit a table's name isn't
-// printed.
-tarn_tbl *print_table(sip_msg *msg, const char *slot);
+// Prints the table's name in slot. False, logged, if nothing is printed, as for a text that doesn't
+// fit a table's name.
+bool print_table_name(sip_msg *msg, const char *slot, script_query *query);

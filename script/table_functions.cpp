@@ -14,14 +14,16 @@ constexpr size_t DIGITS_SIZE = 16;
 
 int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
-  tarn_tbl *const table = print_table(msg, slot);
-  if (table == nullptr) {
+  script_query query;
+  const bool printed = print_table_name(msg, slot, &query);
+  if (printed) LM_DBG("Table name: %s\n", query.name);
+  if (!printed || !find_table(&query)) {
     LM_ERR("Clear table failed!\n");
     return SCRIPT_FAILED;
   }
   {
-    const lock_scope lock(table->lock);
-    clear_rows(table, FROM_CLEAR_TBL);
+    const lock_scope lock(query.table->lock);
+    clear_rows(query.table, FROM_CLEAR_TBL);
   }
   store_table_mngt(0, nullptr);
   return SCRIPT_OK;
@@ -29,10 +31,10 @@ int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
 
 int tarn_memdb_row_count(sip_msg *msg, char *slot, char *avp) {
   const host_log_scope log;
-  const tarn_tbl *const table = print_table(msg, slot);
-  if (table != nullptr) {
+  script_query query;
+  if (print_table_name(msg, slot, &query) && find_table(&query)) {
     char digits[DIGITS_SIZE] = "";
-    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(table));
+    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(query.table));
     if (add_text_to_param(msg, avp, digits)) return SCRIPT_OK;
   }
   LM_ERR("Get row count failed!\n");
