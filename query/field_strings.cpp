@@ -25,6 +25,11 @@ bool is_special(char c) {
 
 bool is_usable(const str *text) { return text != nullptr && text->s != nullptr && text->len >= 0; }
 
+// A negative length is no text.
+std::string_view text_or_none(const str &text) {
+  return text.len > 0 ? text_of(text) : std::string_view();
+}
+
 // Runs take over the characters of in that an unescaped copy consists of.
 template <typename Take>
 void each_unescaped(const str &in, Take take) {
@@ -179,7 +184,7 @@ char **create_plain_fields(const plain_fields &plain, const uint32_t *expected) 
 uint32_t tarn_memdb_get_next_field(const str &line, char sep, char **cursor, str *field) {
   const char *const end = line.s + line.len;
   // Without a backslash ahead of it, the first separator ends the field.
-  if (*cursor >= end) return walk_field(line, sep, cursor, field);
+  if (*cursor >= end || sep == FIELD_ESCAPE) return walk_field(line, sep, cursor, field);
   const auto len = find_or_end(*cursor, end, sep) - *cursor;
   if (has_escape(*cursor, len)) return walk_field(line, sep, cursor, field);
   *field = {*cursor, static_cast<int>(len)};
@@ -240,7 +245,7 @@ uint32_t tarn_memdb_unescaped_len(const str *in) {
 
 void tarn_memdb_escape(const str *in, str *out) {
   char *to = out->s;
-  for (const char c : text_of(*in)) {
+  for (const char c : text_or_none(*in)) {
     if (is_special(c)) *to++ = FIELD_ESCAPE;
     *to++ = c;
   }
@@ -249,6 +254,6 @@ void tarn_memdb_escape(const str *in, str *out) {
 
 uint32_t tarn_memdb_escaped_len(const str *in) {
   uint32_t len = 0;
-  for (const char c : text_of(*in)) len += is_special(c) ? 2 : 1;
+  for (const char c : text_or_none(*in)) len += is_special(c) ? 2 : 1;
   return len;
 }

@@ -1,6 +1,7 @@
 // Rewriting of named lists.
 #include "query/named_params.h"
 
+#include <algorithm>
 #include <string_view>
 
 #include "host/log.h"
@@ -47,11 +48,11 @@ bool is_column(const tarn_tbl *table, uint32_t col_cnt, std::string_view name) {
   return false;
 }
 
-// Bytes for the result and its terminator: a bar for each slot, and a star or a body in it.
-// False, logged, for an item that names no column.
+// Bytes for the result and its terminator: a bar for each slot but the first, and a star or a body
+// in it. False, logged, for an item that names no column.
 bool result_size(const item_chain &items, const query_in *in, const char *tbl_name,
                  const tarn_tbl *table, const char *tail, size_t *size) {
-  *size = 2 * size_t{in->tbl->col_cnt} + 1;
+  *size = 2 * size_t{in->tbl->col_cnt};
   for (const param_t *item = items.first; item != nullptr; item = item->next) {
     if (!is_column(table, in->tbl->col_cnt, text_of(item->name))) {
       LM_ERR("Parameter [%.*s] not found in the table [%s]\n", item->name.len, item->name.s,
@@ -62,6 +63,12 @@ bool result_size(const item_chain &items, const query_in *in, const char *tbl_na
   }
   if (tail != nullptr) *size += strlen(tbl_name) + strlen(tail) + 2;
   return true;
+}
+
+// A tail that doesn't fit whole is left out: part of a number would be another number.
+void append_tail(text_writer *out, std::string_view tail, size_t size) {
+  out->append(PART_SEPARATOR);
+  if (out->text().size() + tail.size() < size) out->append(tail);
 }
 
 }  // namespace
@@ -84,6 +91,7 @@ conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, co
   }
   size_t size;
   if (!result_size(items, in, tbl_name, table, tail, &size)) return conversion::failed;
+  size = std::max<size_t>(size, 1);
   pkg_owner<char> result(pkg_array<char>(size));
   if (!result) {
     LM_ERR("Could not allocate memory for query list\n");
@@ -95,13 +103,13 @@ conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, co
     if (i > 0) out.append(FIELD_SEPARATOR);
     const param_t *const item = items.find(column_name(table, i));
     // Two columns of one name show one body twice, which isn't counted for.
-    if (item != nullptr && out.text().size() + text_of(item->body).size() >= size - 1) {
+    if (item != nullptr && out.text().size() + text_of(item->body).size() >= size) {
       LM_ERR("Buffer not enough for query list\n");
       return conversion::failed;
     }
     out.append(item != nullptr ? text_of(item->body) : std::string_view(WILDCARD));
   }
-  if (tail != nullptr) out.append(PART_SEPARATOR).append(tail);
+  if (tail != nullptr) append_tail(&out, tail, size);
   const auto len = static_cast<int>(out.text().size());
   *list = {result.release(), len};
   LM_INFO("Query list after conversion [%.*s]\n", list->len, list->s);

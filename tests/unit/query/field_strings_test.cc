@@ -398,6 +398,20 @@ TEST_F(FieldStringsTest, EscapeTreatsAZeroByteAsSpecial) {
   EXPECT_EQ(tarn_memdb_escaped_len(&in.get()), 4u);
 }
 
+TEST_F(FieldStringsTest, NegativeLengthIsNoTextToEscape) {
+  char text[] = "a,b";
+  char written[8] = "";
+  const str in{text, -1};
+  str out{written, 5};
+  tarn_memdb_escape(&in, &out);
+  EXPECT_EQ(out.len, 0);
+  EXPECT_EQ(tarn_memdb_escaped_len(&in), 0u);
+}
+
+TEST_F(FieldStringsTest, BackslashAsASeparatorEscapesRatherThanSeparates) {
+  EXPECT_EQ(walk("a\\b", '\\'), (std::vector<step>{{"a\\b", 2, std::nullopt}}));
+}
+
 TEST_F(FieldStringsTest, EscapedLengthCountsEverySpecialByteOnceMore) {
   for (int c = 0; c < 256; ++c) {
     const std::string text(1, static_cast<char>(c));

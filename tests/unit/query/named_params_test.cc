@@ -214,7 +214,7 @@ TEST_P(NamedParamsTest, OneColumnTakesAnEqualsSignForANamedList) {
 TEST_P(NamedParamsTest, TableOfNoColumnsGivesAnEmptyList) {
   use(add_table("bare", {}));
   expect_converted("", nullptr, "");
-  expect_converted("", "5", "bare,,5");
+  expect_converted("", "5", "bare,,");  // a tail has its room from the columns' slots
   expect_failed("a=1", unknown("a", "bare"));
 }
 
@@ -241,6 +241,17 @@ TEST_P(NamedParamsTest, ValueShownInTwoColumnsOfOneNameIsRefusedWhereItHasNoRoom
   expect_converted("a=1", nullptr, "1|1");
   expect_failed("a=longer", NO_ROOM);
   EXPECT_EQ(standin::calls("free_params"), 1);
+}
+
+TEST_P(NamedParamsTest, TailForWhichTwoColumnsOfOneNameLeaveNoRoomIsLeftOut) {
+  use(add_table("t", {"a", "a"}));
+  expect_converted("a=1", "10", "t,1|1,10");
+  expect_converted("a=xx", "10", "t,xx|xx,10");
+  expect_converted("a=xxx", "10", "t,xxx|xxx,");
+  expect_converted("a=xxxx", "10", "t,xxxx|xxxx,");
+  expect_converted("a=xxxxx", "10", "t,xxxxx|xxxxx");
+  EXPECT_EQ(convert("a=xxxxxx", "10"), conversion::failed);
+  EXPECT_THAT(messages(), ElementsAre(NO_ROOM));
 }
 
 TEST_P(NamedParamsTest, TextThatTheHostRefusesIsInvalid) {
