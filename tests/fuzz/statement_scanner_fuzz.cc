@@ -75,8 +75,10 @@ void check_pairs(const char *text, const tarn_tbl *table) {
   const pkg_owner<char *> values(generate_value_list2(text, table, &texts));
   REQUIRE(static_cast<bool>(values) == static_cast<bool>(texts));
   if (!values) return;
+  // A value of 256 bytes starts 32 bytes behind the one before it and may go on from its end.
+  const size_t longest = 256 + 32 * (table->tbl->col_cnt - 1);
   for (uint32_t i = 0; i < table->tbl->col_cnt; ++i)
-    if (values[i] != nullptr) REQUIRE(read(values[i]) <= 256);
+    if (values[i] != nullptr) REQUIRE(read(values[i]) <= longest);
 }
 
 }  // namespace

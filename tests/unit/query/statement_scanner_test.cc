@@ -475,6 +475,13 @@ TEST_F(StatementScannerTest, ReadsAValueOf256CharactersInTheLastPair) {
   EXPECT_EQ(pairs_in("a=1,b=2,c=" + most + "rest"), field_values({"1", "2", most}));
 }
 
+TEST_F(StatementScannerTest, RunsAValueThroughTheWholeOfALongNextOne) {
+  const std::string first(256, 'x');
+  const std::string second(256, 'y');
+  EXPECT_EQ(pairs_in("a=" + first + ",b=" + second),
+            field_values({std::string(32, 'x') + second, second, {}}));
+}
+
 TEST_F(StatementScannerTest, ReadsTheRestOfALongerValueAsTheNextPair) {
   const std::string most(256, 'x');
   EXPECT_EQ(pairs_in("a=" + most + "b=y"), field_values({std::string(32, 'x') + "y", "y", {}}));
