@@ -380,14 +380,17 @@ TEST_F(StoreTest, ADiskThatIsFullAtARowsLastByteFailsTheStore) {
 
 // Rows reach the file in blocks of this many bytes. The version line goes ahead of them in two
 // writes of its own.
-constexpr size_t BLOCK = 65536;
+constexpr size_t BLOCK = 262144;
 constexpr int VERSION_WRITES = 2;
 
 class StoreBlockTest : public StoreTest {
  protected:
-  StoreBlockTest() {
+  // Rows that may be longer than a block go out field by field.
+  StoreBlockTest() { start_with_columns_of(3 * BLOCK, 3 * BLOCK); }
+
+  void start_with_columns_of(long first, long second) {
     table_spec spec;
-    spec.columns = {{"a", 200000, 0}, {"b", 200000, 0}};
+    spec.columns = {{"a", first, 0}, {"b", second, 0}};
     start(spec);
   }
 
@@ -395,10 +398,11 @@ class StoreBlockTest : public StoreTest {
   void fill(const std::vector<std::pair<size_t, size_t>> &lengths) {
     memdb_delete_all(table()->tbl);
     expected_ = "Version 1\n";
-    char letter = 'a';
+    int letters = 0;
+    const auto next_letter = [&letters] { return static_cast<char>('a' + letters++ % 26); };
     for (const auto &[a, b] : lengths) {
-      const std::string first(a, letter++);
-      const std::string second(b, letter++);
+      const std::string first(a, next_letter());
+      const std::string second(b, next_letter());
       add(table(), {first.c_str(), second.c_str()});
       expected_ += first + "|" + second + "\n";
     }
@@ -480,6 +484,54 @@ TEST_F(StoreBlockTest, AFieldLongerThanABlockIsAWriteOfItsOwn) {
 TEST_F(StoreBlockTest, ManyBlocksAreWrittenOneAfterAnother) {
   fill(std::vector<std::pair<size_t, size_t>>(10, {BLOCK / 2, BLOCK / 4}));
   expect_stored(10);
+}
+
+TEST_F(StoreBlockTest, TextsOfEveryLengthAreWholeInColumnsOfEveryLength) {
+  for (size_t capacity = 0; capacity <= 50; capacity++) {
+    start_with_columns_of(17, static_cast<long>(capacity));
+    std::vector<std::pair<size_t, size_t>> lengths;
+    for (size_t len = 0; len <= capacity; len++) {
+      lengths.emplace_back(1, len);
+      lengths.emplace_back(17, len);
+    }
+    fill(lengths);
+    expect_stored(1);
+  }
+}
+
+TEST_F(StoreBlockTest, RowsOfColumnsShorterThanABlockBeginTheNextWhereTheLongestWouldNotFit) {
+  // Of a block, the longest row takes its two terminators' room, one byte, and a register's 16.
+  constexpr size_t MOST = BLOCK - 2 - 1 - 16;
+  start_with_columns_of(1, MOST - 1);
+  fill({{1, MOST - 1}});
+  expect_stored(1);
+  fill({{1, 0}, {1, 0}, {1, 0}});
+  expect_stored(3);
+  start_with_columns_of(1, MOST / 2);
+  fill(std::vector<std::pair<size_t, size_t>>(7, {1, MOST / 2}));
+  expect_stored(7);
+  fill(std::vector<std::pair<size_t, size_t>>(7, {1, MOST / 4}));
+  expect_stored(4);
+}
+
+TEST_F(StoreBlockTest, RowsOfColumnsJustTooLongForABlockAreStoredByTheField) {
+  constexpr size_t MOST = BLOCK - 2 - 1 - 16;
+  start_with_columns_of(1, MOST);
+  fill({{1, MOST}});
+  expect_stored(1);
+  fill({{1, 0}, {1, 0}, {1, 0}});
+  expect_stored(1);
+}
+
+TEST_F(StoreBlockTest, ATableWithoutColumnsIsStoredAsEmptyLines) {
+  table_spec spec;
+  spec.columns = {};
+  start(spec);
+  memdb_insert(table()->tbl, nullptr);
+  memdb_insert(table()->tbl, nullptr);
+  table()->state = TBL_CHANGED;
+  EXPECT_EQ(store(), 0);
+  EXPECT_EQ(read(main_file()), "Version 1\n\n\n");
 }
 
 TEST_F(StoreTest, AFailureAtTheFinalFlushGoesUnreported) {
