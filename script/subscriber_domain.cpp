@@ -17,7 +17,8 @@ constexpr uint32_t DOMAIN_COL = 1;
 // The query for the DN, which goes in unescaped: a bar or a comma in it changes the query.
 bool compose_query(const char *dn, str *text) {
   const int len = snprintf(dn_query_buf, sizeof(dn_query_buf), "remote_sub_dn_list,%s|*", dn);
-  if (len < 0 || static_cast<size_t>(len) >= sizeof(dn_query_buf)) {
+  // A negative length is a huge one.
+  if (static_cast<size_t>(len) >= sizeof(dn_query_buf)) {
     LM_ERR("DN too long to be looked up: '%s'\n", dn);
     return false;
   }

@@ -562,6 +562,16 @@ TEST_F(LoadTest, ATableWithoutAFileNameLoadsTheFileThatItsDirectoryNames) {
   EXPECT_EQ(rows(table()), texts{"1|2|3"});
 }
 
+TEST_F(LoadTest, ATableWithoutAnyPathRemovesNothing) {
+  start(table_spec{});
+  tarn_tbl_mngt->base_dir[0] = '\0';
+  tarn_tbl_mngt->base_backup_dir[0] = '\0';
+  table()->file_name[0] = '\0';
+  load();
+  EXPECT_EQ(rows(table()), texts{});
+  EXPECT_EQ(debug().back(), "New file '' will be created later when necessary\n");
+}
+
 TEST_F(LoadTest, OfTwoTablesWithOneNameTheFirstGivesTheNumberOfColumns) {
   table_spec first, second, third;
   first.columns = {{"a", 15, 0}};

@@ -580,11 +580,13 @@ TEST_F(SchemaTest, AFileThatEndsAfterTheFieldLinesReadsWithoutAFileName) {
   EXPECT_TRUE(errors().empty());
 }
 
-TEST_F(SchemaTest, APipeReadsAsAFileDoes) {
-  ASSERT_EQ(create(good_schema()), 0);
+TEST_F(SchemaTest, KeysMayBeLeftOutOfASchemaThatIsAPipeToo) {
+  lines block = plain_block();
+  std::erase(block, "LOG_TAG=RT");
+  std::erase(block, "MAX_ROWS=20");
+  const std::string text = joined(good_head() + port_block() + block);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  const std::string text = good_schema();
   ASSERT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
   close(ends[1]);
   end();
@@ -593,10 +595,13 @@ TEST_F(SchemaTest, APipeReadsAsAFileDoes) {
   cfg_file_path = path.c_str();
   EXPECT_EQ(create_table(), 0) << standin::log_dump();
   close(ends[0]);
+  cfg_file_path = "";
   EXPECT_STREQ(table(0)->file_name, "subscribers.txt");
-  EXPECT_STREQ(table(1)->table_name, "routes") << "a table without a log tag or a range";
+  EXPECT_STREQ(table(1)->table_name, "routes");
+  EXPECT_STREQ(table(1)->log_tag, "");
+  EXPECT_EQ(table(1)->max_rows, 0);
+  EXPECT_STREQ(table(1)->field_name[1], "target");
   EXPECT_STREQ(table(1)->file_name, "routes.txt");
-  cfg_file_path = schema_path_.c_str();
 }
 
 TEST_F(SchemaTest, TablesBehindTheFilesEndAreEmptyAndNameless) {
