@@ -26,13 +26,7 @@ class Lane:
         self.counts = collections.Counter()
 
     def run(self, rounds):
-        with site.server(
-            tables=load.TABLES,
-            calls={"insert": load.INSERT},
-            params={"store_tbl_interval": 1},
-            children=2,
-            memory=32,
-        ) as made:
+        with load.server() as made:
             load.write_first(made)
             for _ in range(rounds):
                 self.round(made)

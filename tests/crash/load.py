@@ -170,6 +170,17 @@ def loaded_gen(rows):
     return int(gens.pop()) if gens else 0
 
 
+def server():
+    """A server with the tables and the call of the load, which stores each second."""
+    return site.server(
+        tables=TABLES,
+        calls={"insert": INSERT},
+        params={"store_tbl_interval": 1},
+        children=2,
+        memory=32,
+    )
+
+
 def write_first(made):
     """The files that a run begins with: two generations of one table, one of another."""
     made.main_file("stamps").write_bytes(table_model.text(stamp_rows(2)))

@@ -12,13 +12,7 @@ LONGEST_STOP = 5.0
 
 def run(rounds):
     longest, split = 0.0, 0
-    with site.server(
-        tables=load.TABLES,
-        calls={"insert": load.INSERT},
-        params={"store_tbl_interval": 1},
-        children=2,
-        memory=32,
-    ) as made:
+    with load.server() as made:
         load.write_first(made)
         for _ in range(rounds):
             load.write_first(made)

@@ -3,6 +3,7 @@
 
 #include <set>
 
+#include "tests/module/rpc_command_rows.h"
 #include "tests/module/rpc_trace.h"
 
 namespace module_test {
@@ -11,29 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct command_row {
-  const char *name;
-  const char *documentation;
-};
-
-const command_row COMMANDS[] = {
-    {"tarn_memdb.insert", "Insert"},
-    {"tarn_memdb.delete", "Delete"},
-    {"tarn_memdb.select", "Select"},
-    {"tarn_memdb.nl_select", "Select"},
-    {"tarn_memdb.show", "Show table name"},
-    {"tarn_memdb.show_p", "tarn_memdb_rpc_show_tbl_p_doc"},
-    {"tarn_memdb.clear_all", "tarn_memdb_rpc_clear_all"},
-    {"tarn_memdb.clear_tbl", "tarn_memdb_rpc_clear_tbl_doc"},
-    {"tarn_memdb.update", "tarn_memdb_rpc_update_doc"},
-    {"tarn_memdb.show_tbl_info", "tarn_memdb_rpc_show_tbl_info_doc"},
-    {"tarn_memdb.show_tbls_lst", "tarn_memdb_rpc_show_tbls_lst_doc"},
-    {"tarn_memdb.show_cmds", "tarn_memdb_rpc_show_cmds_doc"},
-    {"tarn_memdb.show_pm_info", "tarn_memdb_rpc_show_pm_info_doc"},
-    {"tarn_memdb.reload_table", "tarn_memdb_rpc_reload_table_doc"},
-    {"tarn_memdb.sync", "Sync table name"},
-};
-constexpr size_t COUNT = sizeof(COMMANDS) / sizeof(COMMANDS[0]);
+constexpr size_t COUNT = sizeof(RPC_COMMANDS) / sizeof(RPC_COMMANDS[0]);
 
 class RpcCommandsTest : public RpcTest {
  protected:
@@ -65,9 +44,9 @@ TEST_F(RpcCommandsTest, FifteenRowsStandInOrderWithNamesDocumentationAndNoFlags)
   ASSERT_EQ(COUNT, 15u);
   for (size_t i = 0; i < COUNT; i++) {
     ASSERT_NE(rows[i].name, nullptr) << i;
-    EXPECT_STREQ(rows[i].name, COMMANDS[i].name);
+    EXPECT_STREQ(rows[i].name, RPC_COMMANDS[i].name);
     ASSERT_NE(rows[i].doc_str, nullptr) << rows[i].name;
-    EXPECT_STREQ(rows[i].doc_str[0], COMMANDS[i].documentation);
+    EXPECT_STREQ(rows[i].doc_str[0], RPC_COMMANDS[i].documentation);
     EXPECT_EQ(rows[i].doc_str[1], nullptr) << rows[i].name;
     EXPECT_EQ(rows[i].flags, 0u) << rows[i].name;
   }
@@ -84,7 +63,7 @@ TEST_F(RpcCommandsTest, EachRowHasAHandlerOfItsOwnInTheModule) {
 
 TEST_F(RpcCommandsTest, ShowCmdsListsEveryNameInTableOrderWithoutALock) {
   steps expected = {"line Available CLI commands:"};
-  for (const command_row &command : COMMANDS)
+  for (const rpc_command_row &command : RPC_COMMANDS)
     expected.push_back(std::string("line ") + command.name);
   EXPECT_EQ(trace("tarn_memdb.show_cmds", {}, DBG_LEVEL), expected);
   EXPECT_THAT(reply.faults, IsEmpty());

@@ -7,6 +7,7 @@
 
 #include "tests/module/elf_file.h"
 #include "tests/module/fixture.h"
+#include "tests/module/rpc_command_rows.h"
 
 namespace module_test {
 namespace {
@@ -52,29 +53,6 @@ const command_row COMMANDS[] = {
     {"tarn_memdb_nl_xavp_select", 2, "xavp", true},
     {"tarn_memdb_xavp_select_best_match", 3, "xavp", true},
     {"tarn_memdb_nl_xavp_select_best_match", 3, "xavp", true},
-};
-
-struct rpc_row {
-  const char *name;
-  const char *documentation;
-};
-
-const rpc_row RPC_COMMANDS[] = {
-    {"tarn_memdb.insert", "Insert"},
-    {"tarn_memdb.delete", "Delete"},
-    {"tarn_memdb.select", "Select"},
-    {"tarn_memdb.nl_select", "Select"},
-    {"tarn_memdb.show", "Show table name"},
-    {"tarn_memdb.show_p", "tarn_memdb_rpc_show_tbl_p_doc"},
-    {"tarn_memdb.clear_all", "tarn_memdb_rpc_clear_all"},
-    {"tarn_memdb.clear_tbl", "tarn_memdb_rpc_clear_tbl_doc"},
-    {"tarn_memdb.update", "tarn_memdb_rpc_update_doc"},
-    {"tarn_memdb.show_tbl_info", "tarn_memdb_rpc_show_tbl_info_doc"},
-    {"tarn_memdb.show_tbls_lst", "tarn_memdb_rpc_show_tbls_lst_doc"},
-    {"tarn_memdb.show_cmds", "tarn_memdb_rpc_show_cmds_doc"},
-    {"tarn_memdb.show_pm_info", "tarn_memdb_rpc_show_pm_info_doc"},
-    {"tarn_memdb.reload_table", "tarn_memdb_rpc_reload_table_doc"},
-    {"tarn_memdb.sync", "Sync table name"},
 };
 
 const std::set<std::string> HOST_SYMBOLS = {
@@ -235,11 +213,11 @@ TEST_F(ShellTest, VersionFlagsAndInterfaceAreThoseThatTheLoaderCompares) {
 TEST_F(ShellTest, FifteenRpcCommandsAreRegisteredInTheirOrder) {
   start({});
   std::vector<std::string> expected;
-  for (const rpc_row &row : RPC_COMMANDS) expected.push_back(row.name);
+  for (const rpc_command_row &row : RPC_COMMANDS) expected.push_back(row.name);
   ASSERT_EQ(standin::rpc_tables().size(), 1u);
   EXPECT_EQ(standin::rpc_names(), expected);
   std::set<const void *> handlers;
-  for (const rpc_row &row : RPC_COMMANDS) {
+  for (const rpc_command_row &row : RPC_COMMANDS) {
     const rpc_export_t *const found = standin::rpc_find(row.name);
     ASSERT_NE(found, nullptr) << row.name;
     EXPECT_NE(found->function, nullptr) << row.name;
