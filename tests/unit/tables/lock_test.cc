@@ -195,7 +195,7 @@ class accesses {
     page_ = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(lock) / size * size);
     page_size_ = size;
     watching = this;
-    struct sigaction action {};
+    struct sigaction action = {};
     action.sa_flags = SA_SIGINFO;
     action.sa_sigaction = stopped_ahead;
     sigaction(SIGSEGV, &action, &before_[0]);
