@@ -1,15 +1,19 @@
 // Tables and rows: making, filling, overwriting and deleting.
 #include "memdb/memdb.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "memdb/memdb_index.h"
 
 void *(*memdb_malloc)(size_t size) = malloc;
 void *(*memdb_calloc)(size_t count, size_t size) = calloc;
 void (*memdb_free)(void *block) = free;
+void (*memdb_free_row)(memdb_row *row) = [](memdb_row *row) { memdb_free(row); };
 uint32_t (*memdb_hash_str)(const char *text) = memdb_hash1;
 void (*memdb_log_err)(const char *message) = nullptr;
 uint32_t memdb_idx_len = 512;
@@ -35,24 +39,20 @@ void free_columns(memdb_tbl *tbl) {
 }
 
 void free_rows(memdb_row *row) {
-  while (row != nullptr) {
-    memdb_row *const next = row->next;
-    memdb_free(row);
-    row = next;
-  }
+  while (row != nullptr) memdb_free_row(std::exchange(row, row->next));
 }
 
 // Writes value, cut to the column's size, into the field.
 void write_field(char *field, const memdb_col &col, const char *value) {
   const size_t len = strnlen(value, col.size);
-  memcpy(field, value, len);
+  // The last byte isn't touched: a reader without a lock finds it a terminator at any moment.
+  memcpy(field, value, std::min<size_t>(len, col.size - 1));
   if (len < col.size) {
     field[len] = '\0';
     return;
   }
   MEMDB_LOG(warn, "Value '%s' too long. It will be truncated to fit field size (%d bytes)\n", value,
             static_cast<int>(col.size - 1));
-  field[col.size - 1] = '\0';
 }
 
 }  // namespace
@@ -118,7 +118,8 @@ memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
     tbl->first->prev = row;
   else
     tbl->last = row;
-  tbl->first = row;
+  // A reader without a lock meets the row with its link set, and texts that are empty so far.
+  std::atomic_ref(tbl->first).store(row, std::memory_order_release);
 
   for (memdb_col &col : memdb_cols(tbl)) {
     const char *const value = *values++;
@@ -139,7 +140,7 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
   if (tbl->last == row) tbl->last = row->prev;
   if (row->next != nullptr) row->next->prev = row->prev;
   if (row->prev != nullptr) row->prev->next = row->next;
-  memdb_free(row);
+  memdb_free_row(row);
 }
 
 void memdb_delete_all(memdb_tbl *tbl) {

@@ -66,6 +66,9 @@ struct memdb_cursor {
 extern void *(*memdb_malloc)(size_t size);
 extern void *(*memdb_calloc)(size_t count, size_t size);
 extern void (*memdb_free)(void *block);  // accepts null
+// Gives back a row that was taken out of its table, by memdb_free if nothing else is set. For a
+// caller whose readers take no lock, and so may be on it still. Never called with null.
+extern void (*memdb_free_row)(memdb_row *row);
 extern uint32_t (*memdb_hash_str)(const char *text);
 extern void (*memdb_log_err)(const char *message);  // may be null
 extern uint32_t memdb_idx_len;                      // buckets per index of tables made from now on

@@ -1,6 +1,7 @@
 // Hash and chains of the column indexes.
 #include "memdb/memdb_index.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace {
@@ -66,6 +67,7 @@ void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
   }
   // The row is complete before a reader without a lock can meet it in the chain.
   write_link(link_of(row, col), at);
+  std::atomic_thread_fence(std::memory_order_release);
   write_link(place, row);
 }
 

@@ -86,8 +86,9 @@ void select(const rpc_call &call, bool locked) {
   rpc_query query;
   if (!open_rpc_query(call, SELECT_WORDS, OP_SELECT, &text, &query)) return;
   if (call.rpc->rpl_printf(call.ctx, "TABLE:") < 0) return;
+  read_section section;
   lock_scope lock;
-  if (locked) lock.take(query.table->lock);
+  enter_table(query.table, locked, &lock, &section);
   send_rows(call, query.in);
 }
 

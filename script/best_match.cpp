@@ -201,7 +201,7 @@ int tarn_memdb_select_best_match_cmn(sip_msg *msg, const select_params &params,
   const select_start start = start_select(&run, params);
   if (start == select_start::unread) return select_failed();
   if (start != select_start::ready) return SCRIPT_FAILED;
-  run.take_lock();
+  run.enter_table();
   prefix_search search;
   if (!read_search(&run, column_text, flags, &search)) return SCRIPT_FAILED;
   best_rows best(search);

@@ -118,8 +118,9 @@ int tarn_memdb_select_by_port_type_cmn(sip_msg *msg, const pair_slots &slots, bo
   if (!parse_query(text, OP_SELECT, WORDS, &query) || !find_table(&query) || !has_pair(query.table))
     return SCRIPT_FAILED;
   choose_column(side, &query.in);
+  read_section section;
   lock_scope lock;
-  if (locked) lock.take(query.table->lock);
+  enter_table(query.table, locked, &lock, &section);
   return deliver_matches(msg, query, side, reinterpret_cast<pvname_list_t *>(slots.avps));
 }
 

@@ -80,7 +80,7 @@ bool start_range_select(select_run *run, const select_params &select, const rang
   const select_start start = start_select(run, select);
   if (start == select_start::unread) select_failed();
   if (start != select_start::ready) return false;
-  run->take_lock();
+  run->enter_table();
   return read_range(run, params, range);
 }
 

@@ -176,7 +176,7 @@ int tarn_memdb_select_subnetmask_cmn(sip_msg *msg, const select_params &params,
       !print_request(msg, slots, &from))
     return SCRIPT_FAILED;
   LM_DBG("Start loop through Remote Subscriber Configuration Table\n");
-  run.take_lock();
+  run.enter_table();
   const memdb_row *const row = find_subscriber(&run, from);
   if (!run.delivery.prepare(run.table())) return SCRIPT_FAILED;
   LM_DBG("memdb_select_subnetmask: MATCH FOUND and Saving AVP");

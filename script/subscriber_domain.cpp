@@ -28,6 +28,8 @@ bool compose_query(const char *dn, str *text) {
 }
 
 int32_t find_domain(const query_in &in, const char *dn, std::span<char> domain) {
+  read_section section;
+  section.begin();
   memdb_cursor cursor;
   const memdb_row *const row = memdb_select(in.tbl, in.flds, &cursor);
   if (row == nullptr) {

@@ -8,6 +8,7 @@
 #include "host/log.h"
 #include "host/memory.h"
 #include "memdb/memdb.h"
+#include "tables/read_section.h"
 
 namespace {
 
@@ -56,5 +57,6 @@ void install_engine_hooks() {
   memdb_malloc = tarn_shm_malloc;
   memdb_calloc = tarn_shm_calloc;
   memdb_free = tarn_shm_free;
+  memdb_free_row = retire_row;
   memdb_log_sink = log_engine_message;
 }

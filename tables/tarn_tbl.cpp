@@ -147,6 +147,13 @@ void recover_locks() {
     if (force_unlock(table.lock)) drop_unfilled_row(table.tbl);
 }
 
+void enter_table(const tarn_tbl *table, bool locked, lock_scope *lock, read_section *section) {
+  if (locked)
+    lock->take(table->lock);
+  else
+    section->begin();
+}
+
 void destroy_tables() {
   for (tarn_tbl &table : all_tarn_tbls()) {
     const lock_scope lock(table.lock);
@@ -154,5 +161,6 @@ void destroy_tables() {
     memdb_destroy_tbl(table.tbl);
     table.tbl = nullptr;
   }
+  free_retired_rows();
   destroy_lock();
 }

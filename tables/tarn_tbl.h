@@ -11,6 +11,7 @@
 
 #include "memdb/memdb.h"
 #include "tables/lock.h"
+#include "tables/read_section.h"
 
 inline constexpr size_t TARN_NAME_SIZE = 32;  // of tables and columns, with terminator
 
@@ -46,6 +47,7 @@ struct tarn_mngt {
   char base_dir[256];
   char base_backup_dir[256];
   struct tarn_tbl *tarn_tbl;  // num_table records
+  read_sections sections;     // of all tables
 };
 
 // The one registry; null before mod_init and after mod_destroy.
@@ -86,10 +88,13 @@ int32_t init_lock();
 // Frees the locks of all tables.
 void destroy_lock();
 
+// For functions of two flavours: takes the table's lock, or begins a read section.
+void enter_table(const tarn_tbl *table, bool locked, lock_scope *lock, read_section *section);
+
 // Frees the table locks that killed processes left held, and takes out the row that such a process
 // may have been filling. Only for a process that is alone.
 void recover_locks();
 
-// Frees names, rows and engine tables, each under its table's lock, and then the locks. The
-// records stay with the registry.
+// Frees names, rows and engine tables, each under its table's lock, then the rows that were kept
+// for readers, and the locks. The records stay with the registry.
 void destroy_tables();

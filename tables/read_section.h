@@ -1,0 +1,56 @@
+// Read sections: how functions without a lock walk rows that writers take out meanwhile.
+//
+// A row that is taken out stays as it is, links included, until every section has ended that had
+// begun before. No reader waits for a writer, and no writer for a reader: rows that can't be given
+// back yet are kept until a later removal finds that they can. This is epoch-based reclamation
+// (Fraser, "Practical lock-freedom", 2004) with two counts of readers that take turns, as in the
+// sleepable RCU of Linux (McKenney, "Sleepable Read-Copy Update", 2006).
+#pragma once
+
+#include <cstdint>
+
+#include "memdb/memdb.h"
+
+inline constexpr uint32_t READER_COUNTS = 32;
+
+// Sections that are open, by the turn in which they began. Each process has one of these, or
+// shares it where there are more processes, two cache lines from the next one's, since processors
+// fetch lines in pairs.
+struct reader_count {
+  uint32_t inside[2];
+  uint32_t apart[30];
+};
+
+// In shared memory, all zero at first.
+struct read_sections {
+  uint32_t turn;           // 0 or 1: which count the sections that begin now go into
+  uint32_t readers;        // processes that have been given a count
+  uint32_t moving;         // 1 while a process moves rows on from list to list
+  memdb_row *retired;      // rows taken out; each list is linked through prev
+  memdb_row *passed_none;  // taken from there, at the end of a turn
+  memdb_row *passed_one;   // have outlived all sections of one count; the other one's are left
+  reader_count counts[READER_COUNTS];
+};
+
+// Keeps the rows that it may meet from being given back, until the end of the scope.
+class read_section {
+ public:
+  read_section() = default;
+  ~read_section();
+  read_section(const read_section &) = delete;
+  read_section &operator=(const read_section &) = delete;
+
+  // At most once, before the first row is looked at.
+  void begin();
+
+ private:
+  uint32_t *inside_ = nullptr;
+};
+
+// Gives a row's block back that no list and no chain leads to any more: at once if no section is
+// open, and else when all have ended that are open now and a later row is retired. Takes no lock
+// and no memory. The row's prev is overwritten.
+void retire_row(memdb_row *row);
+
+// Gives back all retired rows. Only for a process that is alone.
+void free_retired_rows();
