@@ -21,9 +21,9 @@ int select(sip_msg *msg, const select_params &params, const select_flavour &flav
   if (start_select(&run, params) != select_start::ready) return SCRIPT_FAILED;
   // Read without the lock: a table that is empty now would have been empty to a call just before.
   if (run.table()->row_count == 0) return SCRIPT_NO_ROW;
-  run.enter_table();
   // Here, unlike in the other selects, a lack of memory looks like an empty result.
   if (!run.delivery.prepare(run.table())) return SCRIPT_NO_ROW;
+  run.enter_table();
   bool found = false;
   if (!deliver_matches(&run, &found)) return SCRIPT_FAILED;
   return found ? SCRIPT_OK : SCRIPT_NO_ROW;

@@ -65,6 +65,28 @@ TEST_F(LocksTest, FunctionsThatTakeTheLockWaitForItsHolder) {
   expect_rows("users", {});
 }
 
+TEST_F(LocksTest, ASelectThatFindsNothingHasWaitedForTheLock) {
+  for (const std::string function : {"tarn_memdb_select", "tarn_memdb_xavp_select"}) {
+    SCOPED_TRACE(function);
+    lock_holder holder("users");
+    child_process caller(calling(function, {"users,nobody|*", "$avp(a)"}));
+    EXPECT_TRUE(caller.sleeps());
+    EXPECT_EQ(holder.let_go(), 0);
+    EXPECT_EQ(caller.result(), -2);
+  }
+}
+
+TEST_F(LocksTest, ASelectWithoutMemoryForItsXavpDoesntWait) {
+  const std::function<int()> select = calling("tarn_memdb_xavp_select", {"users,alice|*", "row"});
+  lock_holder holder("users");
+  child_process caller([&] {
+    standin::fail_at(pool::pkg, 2);
+    return select();
+  });
+  EXPECT_FALSE(caller.sleeps());
+  EXPECT_EQ(caller.result(), -2);
+}
+
 TEST_F(LocksTest, FunctionsWithoutTheLockDontWait) {
   const std::vector<std::pair<std::string, std::vector<std::string>>> calls = {
       {"tarn_memdb_nl_select", {"users,alice|*", "$avp(a)"}},
@@ -210,7 +232,7 @@ TEST_F(LocksTest, EachMessageStandsInsideOrOutsideOfTheLock) {
       {"Select xavp", false, "users", "tarn_memdb_xavp_select", {"users,alice|*", "row"}},
       {"params to explode", true, "users", "tarn_memdb_xavp_select", {"users,alice|*", "row"}},
       {"Could not allocate xavp memory",
-       true,
+       false,
        "users",
        "tarn_memdb_xavp_select",
        {"users,alice|*", "row"},
