@@ -136,6 +136,7 @@ class ModuleHost(host_server.Server):
         self.backups.mkdir(exist_ok=True)
         self.schema_path = self.directory / "schema.cfg"
         self.ranges_path = self.directory / "ranges.txt"
+        self.expected_signs = ()  # of a crash, in the log of a test that kills a worker
         if ranges is not None:
             self.ranges_path.write_text(ranges)
 

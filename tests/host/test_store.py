@@ -1,10 +1,12 @@
 """Tables on disk: stored by the timer and at shutdown, and there again after a start."""
 
+import os
+import pathlib
 import signal
 import time
 
 import pytest
-from module_host import Call, Column, Table, columns
+from module_host import Call, Column, Table, columns, host_server
 
 USERS = Table("users", columns("name", "age", "city", indexed=("name",)))
 OTHERS = Table("others", columns("id", "value"), use_index=True)
@@ -125,6 +127,47 @@ def test_a_killed_server_comes_back_with_what_was_stored_last(host):
     server.kill()
     server.start()
     assert server.call("all").values == ("alice", None, None, None)
+
+
+def busiest_worker(server):
+    """The worker that has used most of the processor."""
+    children = pathlib.Path(f"/proc/{server.process.pid}/task/{server.process.pid}/children")
+
+    def ticks(pid):
+        fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(") ")[2].split()
+        return int(fields[11]) + int(fields[12])
+
+    return int(max(children.read_text().split(), key=ticks))
+
+
+@pytest.mark.parametrize("attempt", range(3))
+def test_a_worker_killed_among_its_rows_takes_the_server_down_with_all_stored(host, attempt):
+    many = Table("many", columns("key", "text"), max_rows=30000)
+    # Nearly all of its time is the locked search of all rows.
+    search = Call(
+        'while (1) { tarn_memdb_select("many,*|none", "$avp(none)"); } $var(never) = 1',
+    )
+    server = host(
+        start=False,
+        tables=[USERS, many],
+        calls={**CALLS, "search": search},
+        params={"store_tbl_auto": 0},
+        modparams=("max_while_loops=100000000",),
+        children=3,
+        memory=64,
+    )
+    server.write_rows("many", [f"{i}|text" for i in range(20000)])
+    server.start()
+    insert(server, "alice|30|rome")
+    with server.phone() as phone:
+        with pytest.raises(host_server.host_sip.NoReply):
+            phone.request("OPTIONS", server.uri("search"), timeout=0.6)
+    server.expected_signs = (") ALERT: ",)
+    began = time.monotonic()
+    os.kill(busiest_worker(server), signal.SIGKILL)
+    assert server.process.wait(20) != 0
+    assert time.monotonic() - began < 10
+    assert server.rows("users") == ["alice|30|rome"]
 
 
 def test_a_comment_in_a_file_is_gone_after_the_next_store(host):
