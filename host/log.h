@@ -26,8 +26,8 @@ inline int host_log_level() {
 inline bool host_log_enabled(int level) { return dprint_crit == 0 && host_log_level() >= level; }
 
 // Asks the host for the debug level once for all that is logged during its life. Every entry from
-// the host opens one, so that no message inside, row loops included, costs a call into the host.
-// Scopes may nest; the outermost counts.
+// the host at start, at run time and at the end opens one, so that no message inside, row loops
+// included, costs a call into the host. Scopes may nest; the outermost counts.
 class host_log_scope {
  public:
   host_log_scope() : outer_(host_log_level_held) { host_log_level_held = host_log_level(); }

@@ -91,6 +91,7 @@ memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
     }
     col.offset = total;
     col.size = declared.len + 1;
+    col.changes = 0;
     total += col.size;
   }
   tbl->row_len = total;
@@ -165,8 +166,6 @@ memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const c
   // A reader without a lock meets no text rather than a mix of both.
   *field = '\0';
   write_field(field, target, value);
-  // Readers without a lock rely on a terminator at the end of the area whatever happens to the
-  // text.
   field[target.size - 1] = '\0';
   return row;
 }

@@ -43,6 +43,7 @@ struct memdb_col {
   memdb_row **idx;   // the buckets; null without an index
   uint32_t offset;   // of the text, from the start of the data
   uint32_t size;     // bytes of the text area: declared length and terminator
+  uint32_t changes;  // of links that lie unaligned in their rows; odd while one is being written
 };
 
 struct memdb_tbl {

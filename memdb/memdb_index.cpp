@@ -1,7 +1,10 @@
 // Hash and chains of the column indexes.
 #include "memdb/memdb_index.h"
 
+#include <emmintrin.h>
+
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -14,6 +17,40 @@ memdb_row *read_link(const void *place) {
 }
 
 void write_link(void *place, memdb_row *row) { memcpy(place, &row, sizeof(row)); }
+
+// The processor moves an aligned link as a whole, but one that isn't may be seen half written.
+bool may_tear(const void *place) {
+  return reinterpret_cast<uintptr_t>(place) % sizeof(memdb_row *) != 0;
+}
+
+// For searches, whose caller may hold no lock: reads an unaligned link until no change of one met
+// it (a sequence lock: Lameter, "Effective Synchronization on Linux/NUMA Systems", 2005).
+memdb_row *read_link_beside_writer(const void *place, const memdb_col *col) {
+  if (!may_tear(place)) return read_link(place);
+  const std::atomic_ref changes(const_cast<uint32_t &>(col->changes));
+  for (;; _mm_pause()) {
+    const uint32_t before = changes.load(std::memory_order_acquire);
+    memdb_row *const row = read_link(place);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (before % 2 == 0 && changes.load(std::memory_order_relaxed) == before) return row;
+  }
+}
+
+// For a link of a chain that readers may be in. The writer holds the table's lock.
+void write_link_beside_readers(void *place, memdb_row *row, memdb_col *col) {
+  // What the link leads to is complete before it can be met.
+  std::atomic_thread_fence(std::memory_order_release);
+  if (!may_tear(place)) {
+    write_link(place, row);
+    return;
+  }
+  const std::atomic_ref changes(col->changes);
+  const uint32_t before = changes.load(std::memory_order_relaxed);
+  changes.store(before + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  write_link(place, row);
+  changes.store(before + 2, std::memory_order_release);
+}
 
 char *link_of(memdb_row *row, const memdb_col *col) {
   return memdb_data(row) + col->offset - sizeof(memdb_row *);
@@ -32,10 +69,10 @@ memdb_row **bucket_of(const memdb_col *col, const char *key) {
 }
 
 // Takes the row out of the chain that starts at place. False if it isn't in it.
-bool unlink_from_chain(void *place, memdb_row *row, const memdb_col *col) {
+bool unlink_from_chain(void *place, memdb_row *row, memdb_col *col) {
   for (memdb_row *at = read_link(place); at != nullptr; at = read_link(place)) {
     if (at == row) {
-      write_link(place, read_link(link_of(row, col)));
+      write_link_beside_readers(place, read_link(link_of(row, col)), col);
       return true;
     }
     place = link_of(at, col);
@@ -65,10 +102,8 @@ void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
     place = link_of(at, col);
     at = read_link(place);
   }
-  // The row is complete before a reader without a lock can meet it in the chain.
   write_link(link_of(row, col), at);
-  std::atomic_thread_fence(std::memory_order_release);
-  write_link(place, row);
+  write_link_beside_readers(place, row, col);
 }
 
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
@@ -81,7 +116,8 @@ void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
 }
 
 memdb_row *memdb_idx_find(const memdb_col *col, const char *key) {
-  for (memdb_row *row = *bucket_of(col, key); row != nullptr; row = read_link(link_of(row, col))) {
+  memdb_row *row = *bucket_of(col, key);
+  for (; row != nullptr; row = read_link_beside_writer(link_of(row, col), col)) {
     const int order = strcmp(key, field_of(row, col));
     if (order == 0) return row;
     if (order < 0) return nullptr;
@@ -90,6 +126,6 @@ memdb_row *memdb_idx_find(const memdb_col *col, const char *key) {
 }
 
 memdb_row *memdb_idx_next_res(const memdb_row *row, const memdb_col *col, const char *key) {
-  memdb_row *const next = read_link(link_of(row, col));
+  memdb_row *const next = read_link_beside_writer(link_of(row, col), col);
   return next != nullptr && strcmp(key, field_of(next, col)) == 0 ? next : nullptr;
 }

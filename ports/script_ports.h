@@ -1,5 +1,6 @@
 // The script functions on ports, and the one that empties everything that holds ports. Results
-// above 0 are true for the script, below 0 false, and 0 ends it.
+// above 0 are true for the script, below 0 false, and 0 ends it. All but tarn_memdb_free_port take
+// port_map_lock for what they do to a map.
 #pragma once
 
 #include "host/abi.h"
@@ -23,5 +24,6 @@ int tarn_memdb_set_port(sip_msg *msg, char *port, char *map);
 // unprintable. Takes no lock.
 int tarn_memdb_free_port(sip_msg *msg, char *map, char *port);
 
-// Empties every table that holds ports, then all port maps, and stores. Always 1.
+// Empties every table that holds ports, then all port maps, and stores: each table's lock and
+// port_map_lock are taken one after the other. Always 1.
 int tarn_memdb_clear_pmap(sip_msg *msg, char *unused1, char *unused2);

@@ -47,8 +47,8 @@ inline const char *printable(const char *text) { return text != nullptr ? text :
 
 inline std::string_view text_of(const str &text) { return {text.s, static_cast<size_t>(text.len)}; }
 
-// The escape layer as public symbols, for other modules that build queries. Nothing in here calls
-// them: stored and substituted values go into queries as they are, by design.
+// The escape layer, most of it as public symbols for other modules that build queries. Nothing in
+// here escapes: stored and substituted values go into queries as they are, by design.
 extern "C" {
 // in without its escapes, written to out->s, which has room for tarn_memdb_unescaped_len(in) bytes;
 // sets out->len and writes no terminator.

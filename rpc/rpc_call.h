@@ -36,8 +36,10 @@ struct table_argument {
   tarn_tbl *table;
 };
 
-// Reads the one argument of a command and looks up the table that its first word names. False if
-// there is no argument, refused here, or no table, which is the caller's to refuse.
 enum class argument_state { missing, unknown, found };
+
+// Reads the one argument of a command and looks up the table that its first word names. missing,
+// refused here, if there is no argument; unknown, which is the caller's to refuse, if no table has
+// that name.
 argument_state read_table_argument(const rpc_call &call, const rpc_words &words,
                                    table_argument *argument);

@@ -86,9 +86,8 @@ void select(const rpc_call &call, bool locked) {
   rpc_query query;
   if (!open_rpc_query(call, SELECT_WORDS, OP_SELECT, &text, &query)) return;
   if (call.rpc->rpl_printf(call.ctx, "TABLE:") < 0) return;
-  read_section section;
-  lock_scope lock;
-  enter_table(query.table, locked, &lock, &section);
+  table_scope scope;
+  scope.enter(query.table, locked);
   send_rows(call, query.in);
 }
 

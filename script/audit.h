@@ -1,5 +1,7 @@
 // The lines by which an operator follows every change of a table that has a LOG_TAG. Written at
-// NOTICE; the blanks at their head, and a word, tell where the change came from.
+// NOTICE; the blanks at their head, and a word, tell where the change came from. The table's lock
+// is held, but for audit_insert from a script: nothing in that line needs it, and an operator's
+// slow log isn't to keep other workers from the table.
 #pragma once
 
 #include "host/abi.h"
@@ -29,4 +31,5 @@ void audit_statement_insert(const tarn_tbl *table, const char *first_value);
 void audit_row(const tarn_tbl *table, const audit_source &source, int32_t count, const char *action,
                const memdb_row *row);
 
+// The table's row count is told as it is after the clearing.
 void audit_clear(const tarn_tbl *table, const audit_source &source);

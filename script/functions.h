@@ -1,6 +1,6 @@
 // Every function that a routing script can call, under its exported name. Parameters are what the
 // fix-ups left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the
-// script.
+// script. Each takes the table's lock itself, unless nl is in its name, and logs why it fails.
 #pragma once
 
 #include "host/abi.h"

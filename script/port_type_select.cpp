@@ -118,9 +118,8 @@ int tarn_memdb_select_by_port_type_cmn(sip_msg *msg, const pair_slots &slots, bo
   if (!parse_query(text, OP_SELECT, WORDS, &query) || !find_table(&query) || !has_pair(query.table))
     return SCRIPT_FAILED;
   choose_column(side, &query.in);
-  read_section section;
-  lock_scope lock;
-  enter_table(query.table, locked, &lock, &section);
+  table_scope scope;
+  scope.enter(query.table, locked);
   return deliver_matches(msg, query, side, reinterpret_cast<pvname_list_t *>(slots.avps));
 }
 

@@ -24,7 +24,7 @@ struct select_params {
 // The selects speak of an insert in their parse message; log filters go by that text.
 inline constexpr query_words SELECT_WORDS{UNPRINTABLE_SELECT, "Select", "insert"};
 
-// Members are released from the last to the first: lock or section, buffer, query.
+// Members are released from the last to the first: lock, buffer, query.
 struct select_run {
   select_run(sip_msg *message, const select_flavour &flavour_) : msg(message), flavour(flavour_) {}
 
@@ -32,8 +32,7 @@ struct select_run {
   select_flavour flavour;
   script_query query;
   row_delivery delivery;
-  read_section section;
-  lock_scope lock;
+  table_scope scope;
 
   const tarn_tbl *table() const { return query.table; }
   memdb_tbl *tbl() const { return query.table->tbl; }
@@ -41,7 +40,7 @@ struct select_run {
   int32_t max_res() const { return query.in.max_res; }
 
   // Ahead of the first look at a row, until the end of the run.
-  void enter_table() { ::enter_table(query.table, flavour.locked, &lock, &section); }
+  void enter_table() { scope.enter(query.table, flavour.locked); }
   bool deliver(const memdb_row *row) const { return delivery.deliver(msg, query.table, row); }
 
   // Delivers rows that were held, in their order, with a debug line for each. The select's result:

@@ -26,8 +26,14 @@ bool nobody_inside(read_sections *all, uint32_t turn) {
   return true;
 }
 
-void free_list(memdb_row *row) {
-  while (row != nullptr) tarn_shm_free(std::exchange(row, row->prev));
+// A worker that retires a row holds a table's lock. It is kept by three times this many others at
+// the most.
+constexpr size_t MOST_AT_ONCE = 64;
+
+// Frees so many rows of a list and gives the others.
+memdb_row *free_some(memdb_row *row, size_t most) {
+  for (; row != nullptr && most > 0; most--) tarn_shm_free(std::exchange(row, row->prev));
+  return row;
 }
 
 void push_retired(read_sections *all, memdb_row *row) {
@@ -43,7 +49,8 @@ bool anything_waits(read_sections *all) {
          std::atomic_ref(all->passed_one).load(std::memory_order_relaxed) != nullptr;
 }
 
-void move_on(read_sections *all) {
+// Frees up to most rows that no reader can be on, and lets the others come nearer to that.
+void move_on(read_sections *all, size_t most) {
   // Whoever comes while another is at it leaves the rest to a later removal.
   if (std::atomic_ref(all->moving).exchange(1) != 0) return;
   const std::atomic_ref turn(all->turn);
@@ -53,9 +60,12 @@ void move_on(read_sections *all) {
   // then, but it may at rows that are retired later, under a turn that isn't its own: so a row has
   // to see both counts empty after it was retired. Three moves do that where nobody reads.
   for (int moves = 0; moves < 3 && nobody_inside(all, turn.load() ^ 1); moves++) {
-    free_list(passed_one.load(std::memory_order_relaxed));
-    passed_one.store(passed_none.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    passed_none.store(std::atomic_ref(all->retired).exchange(nullptr), std::memory_order_relaxed);
+    // A list is taken from its head before anything is done with it, so that a process that is
+    // killed here leaves no row that would be freed twice.
+    passed_one.store(free_some(passed_one.exchange(nullptr), most));
+    if (passed_one.load() != nullptr) break;
+    passed_one.store(passed_none.exchange(nullptr));
+    passed_none.store(std::atomic_ref(all->retired).exchange(nullptr));
     turn.store(turn.load() ^ 1);
   }
   std::atomic_ref(all->moving).store(0, std::memory_order_release);
@@ -66,7 +76,8 @@ void move_on(read_sections *all) {
 void read_section::begin() {
   read_sections *const all = all_sections();
   if (all == nullptr) return;
-  if (own_count == NONE) own_count = std::atomic_ref(all->readers).fetch_add(1) % READER_COUNTS;
+  const std::atomic_ref readers(all->readers);
+  if (own_count == NONE || readers.load() == 0) own_count = readers.fetch_add(1) % READER_COUNTS;
   inside_ = &all->counts[own_count].inside[std::atomic_ref(all->turn).load()];
   std::atomic_ref(*inside_).fetch_add(1);
 }
@@ -87,7 +98,12 @@ void retire_row(memdb_row *row) {
     tarn_shm_free(row);
   else
     push_retired(all, row);
-  if (anything_waits(all)) move_on(all);
+  if (anything_waits(all)) move_on(all, MOST_AT_ONCE);
+}
+
+void settle_retired_rows() {
+  read_sections *const all = all_sections();
+  if (all != nullptr && anything_waits(all)) move_on(all, SIZE_MAX);
 }
 
 void free_retired_rows() {
@@ -95,5 +111,5 @@ void free_retired_rows() {
   read_sections *const all = all_sections();
   if (all == nullptr) return;
   for (memdb_row **list : {&all->retired, &all->passed_none, &all->passed_one})
-    free_list(std::exchange(*list, nullptr));
+    free_some(std::exchange(*list, nullptr), SIZE_MAX);
 }

@@ -14,11 +14,11 @@
 inline constexpr uint32_t READER_COUNTS = 32;
 
 // Sections that are open, by the turn in which they began. Each process has one of these, or
-// shares it where there are more processes, two cache lines from the next one's, since processors
-// fetch lines in pairs.
+// shares it where there are more processes, two cache lines from anything else that is written,
+// since processors fetch lines in pairs.
 struct reader_count {
-  uint32_t inside[2];
   uint32_t apart[30];
+  uint32_t inside[2];
 };
 
 // In shared memory, all zero at first.
@@ -30,6 +30,7 @@ struct read_sections {
   memdb_row *passed_none;  // taken from there, at the end of a turn
   memdb_row *passed_one;   // have outlived all sections of one count; the other one's are left
   reader_count counts[READER_COUNTS];
+  uint32_t apart[30];
 };
 
 // Keeps the rows that it may meet from being given back, until the end of the scope.
@@ -48,9 +49,12 @@ class read_section {
 };
 
 // Gives a row's block back that no list and no chain leads to any more: at once if no section is
-// open, and else when all have ended that are open now and a later row is retired. Takes no lock
-// and no memory. The row's prev is overwritten.
+// open. Else it is kept until all have ended that are open now, and goes with a later row or with
+// settle_retired_rows. Takes no lock and no memory. The row's prev is overwritten.
 void retire_row(memdb_row *row);
+
+// Gives back what need not be kept any longer. To be called now and then with no lock held.
+void settle_retired_rows();
 
 // Gives back all retired rows. Only for a process that is alone.
 void free_retired_rows();

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "host/log.h"
 #include "host/memory.h"
@@ -75,6 +76,22 @@ class duplicate_key {
   pkg_owner<char> block_;
 };
 
+// Whatever comes of the row, a text that insert_index made ends with the call.
+class drawn_text {
+ public:
+  explicit drawn_text(query_in *in) : in_(in) {}
+  ~drawn_text() {
+    if (is_own) pkg_free(std::exchange(in_->flds[0], nullptr));
+  }
+  drawn_text(const drawn_text &) = delete;
+  drawn_text &operator=(const drawn_text &) = delete;
+
+  bool is_own = false;
+
+ private:
+  query_in *in_;
+};
+
 bool is_stored(memdb_tbl *tbl, const char *const *wanted) {
   memdb_cursor cursor;
   return memdb_select(tbl, wanted, &cursor) != nullptr;
@@ -125,10 +142,10 @@ admission admit_row(tarn_tbl *table, query_in *in, const admission_rules &rules,
   if (rules.check_duplicates && insert_check_for_duplicated_data(table, in) != 0)
     return admission::duplicate;
 
-  pkg_owner<char> index_text;
+  drawn_text text(in);
   if (table->use_index != 0) {
     const int32_t drawn = rules.make_index(table, in);
-    if (rules.make_index == insert_index) index_text.reset(in->flds[0]);
+    text.is_own = rules.make_index == insert_index;
     if (drawn != 0) return admission::no_index;
     *result = atoi(in->flds[0]);
   }

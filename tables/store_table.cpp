@@ -219,4 +219,5 @@ void store_table_mngt(unsigned int, void *) {
   for (tarn_tbl &table : all_tarn_tbls())
     if (store_table(&table) != 0)
       LM_ERR("Could not store table '%s' to file '%s'\n", table.table_name, table.file_name);
+  settle_retired_rows();
 }

@@ -147,13 +147,6 @@ void recover_locks() {
     if (force_unlock(table.lock)) drop_unfilled_row(table.tbl);
 }
 
-void enter_table(const tarn_tbl *table, bool locked, lock_scope *lock, read_section *section) {
-  if (locked)
-    lock->take(table->lock);
-  else
-    section->begin();
-}
-
 void destroy_tables() {
   for (tarn_tbl &table : all_tarn_tbls()) {
     const lock_scope lock(table.lock);

@@ -88,8 +88,22 @@ int32_t init_lock();
 // Frees the locks of all tables.
 void destroy_lock();
 
-// For functions of two flavours: takes the table's lock, or begins a read section.
-void enter_table(const tarn_tbl *table, bool locked, lock_scope *lock, read_section *section);
+// For functions of two flavours: holds the table's lock, or keeps a read section open, from enter
+// to the end of the scope.
+class table_scope {
+ public:
+  // Once, ahead of the first look at a row.
+  void enter(const tarn_tbl *table, bool locked) {
+    if (locked)
+      lock_.take(table->lock);
+    else
+      section_.begin();
+  }
+
+ private:
+  lock_scope lock_;
+  read_section section_;
+};
 
 // Frees the table locks that killed processes left held, and takes out the row that such a process
 // may have been filling. Only for a process that is alone.

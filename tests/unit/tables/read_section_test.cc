@@ -110,6 +110,53 @@ TEST_F(ReadSectionTest, ReadersThatTakeTurnsWithoutAGapKeepNoMoreThanAFewRows) {
   EXPECT_EQ(standin::live_count(pool::shm), before);
 }
 
+TEST_F(ReadSectionTest, AWorkerIsNotKeptByTheRowsOfAWholeTable) {
+  constexpr size_t MOST = 64;
+  constexpr size_t ROWS = 10 * MOST;
+  const size_t before = standin::live_count(pool::shm);
+  for (size_t i = 0; i < ROWS; i++) add_row();
+  {
+    read_section section;
+    section.begin();
+    memdb_delete_all(table()->tbl);
+  }
+  for (size_t left = ROWS; left > 0;) {
+    add_and_remove();
+    const size_t now = standin::live_count(pool::shm) - before;
+    EXPECT_GE(now + 3 * MOST, left);
+    ASSERT_LT(now, left);
+    left = now;
+  }
+}
+
+TEST_F(ReadSectionTest, TheStoreTimerGivesBackWhatIsLeft) {
+  const size_t before = standin::live_count(pool::shm);
+  for (int i = 0; i < 1000; i++) add_row();
+  {
+    read_section section;
+    section.begin();
+    memdb_delete_all(table()->tbl);
+    store_table_mngt(0, nullptr);
+    EXPECT_EQ(standin::live_count(pool::shm), before + 1000) << "not under the reader";
+  }
+  store_table_mngt(0, nullptr);
+  EXPECT_EQ(standin::live_count(pool::shm), before);
+  EXPECT_TRUE(nothing_waits());
+}
+
+TEST_F(ReadSectionTest, ASectionOfANewRegistryIsCounted) {
+  {
+    read_section section;
+    section.begin();
+  }
+  start(table_spec{});
+  memdb_row *const row = add_row();
+  read_section section;
+  section.begin();
+  remove_row(row);
+  EXPECT_TRUE(is_live(row));
+}
+
 TEST_F(ReadSectionTest, WhileAnotherProcessMovesRowsOnTheyWait) {
   memdb_row *const row = add_row();
   {
@@ -234,10 +281,49 @@ TEST_F(ReadSectionProcessesTest, MoreReadersThanCountsShareThem) {
     *go = ended;
     EXPECT_EQ(readers[static_cast<size_t>(ended - 1)]->exit_code(), 0);
   }
-  memdb_delete_row(table()->tbl, add(table(), {"7", "8", "9"}));
+  settle_retired_rows();
   EXPECT_EQ(standin::live_count(pool::shm), before);
   tarn_shm_free(inside);
   tarn_shm_free(go);
+}
+
+// The process ends where it would give back its n-th block, as one that is killed there.
+int frees_until_death;
+decltype(_shm_root.xfree) real_free;
+void free_or_die(void *pool_block, void *block, const char *file, const char *func,
+                 unsigned int line, const char *owner) {
+  if (--frees_until_death == 0) _exit(0);
+  real_free(pool_block, block, file, func, line, owner);
+}
+
+TEST_F(ReadSectionProcessesTest, AProcessThatIsKilledAmongRetiredRowsLeavesNoneToBeFreedTwice) {
+  for (int deadly = 1; deadly <= 9; deadly++) {
+    SCOPED_TRACE(deadly);
+    start(table_spec{});
+    process killed([&] {
+      {
+        read_section section;
+        section.begin();
+        for (int i = 0; i < 4; i++) memdb_delete_row(table()->tbl, add(table(), {"1", "2", "3"}));
+      }
+      real_free = std::exchange(_shm_root.xfree, free_or_die);
+      frees_until_death = deadly;
+      {
+        read_section section;
+        section.begin();
+        for (int i = 0; i < 4; i++) memdb_delete_row(table()->tbl, add(table(), {"4", "5", "6"}));
+      }
+      settle_retired_rows();
+      return 0;
+    });
+    EXPECT_EQ(killed.exit_code(), 0);
+    free_retired_rows();
+    EXPECT_THAT(standin::memory_errors(), testing::IsEmpty()) << "a block given back twice";
+  }
+  // What the killed ones had in hand is lost, and the test's end is not to complain of it.
+  for (const standin::block_info &block : standin::live_blocks(pool::shm))
+    if (block.func == "memdb_insert" || block.size == sizeof(memdb_row) + table()->tbl->row_len)
+      tarn_shm_free(const_cast<void *>(block.address));
 }
 
 TEST_F(ReadSectionProcessesTest, ReadersBesideWritersMeetOnlyTextsThatWereWritten) {
@@ -284,7 +370,7 @@ TEST_F(ReadSectionProcessesTest, ReadersBesideWritersMeetOnlyTextsThatWereWritte
     }));
   for (const std::unique_ptr<process> &worker : workers) EXPECT_EQ(worker->exit_code(), 0);
   memdb_delete_all(table()->tbl);
-  memdb_delete_row(table()->tbl, add(table(), {"7", "8", "9"}));
+  settle_retired_rows();
   EXPECT_EQ(standin::live_count(pool::shm), before);
   tarn_shm_free(done);
 }
