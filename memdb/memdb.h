@@ -96,6 +96,7 @@ void memdb_delete_all(memdb_tbl *tbl);
 // an update doesn't move.
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value);
 
+// Where the row's texts and links begin, row_len bytes that belong to the row's block.
 inline char *memdb_data(memdb_row *row) { return reinterpret_cast<char *>(row + 1); }
 inline const char *memdb_data(const memdb_row *row) {
   return reinterpret_cast<const char *>(row + 1);
@@ -120,6 +121,8 @@ inline memdb_row *memdb_select_next(memdb_cursor *cursor, const memdb_row *last)
   return memdb_select_next(cursor);
 }
 
+// The columns in their order, as long as the table lives.
 inline std::span<memdb_col> memdb_cols(const memdb_tbl *tbl) { return {tbl->cols, tbl->col_cnt}; }
 
+// True for a column with buckets, and with a link ahead of its text in every row.
 inline bool memdb_is_indexed(const memdb_col &col) { return (col.flags & MEMDB_COL_INDEXED) != 0; }

@@ -52,8 +52,7 @@ bool make_port_bytes(port_m *m) {
 
 void destroy_map(port_m *m) {
   tarn_shm_free(m->port_map);
-  for (private_range_ports *range : private_ranges(m)) tarn_shm_free(range);
-  tarn_shm_free(m->private_range);
+  free_private_ranges(m);
   tarn_shm_free(m);
 }
 

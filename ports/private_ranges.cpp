@@ -29,18 +29,13 @@ struct range_line {
   }
 };
 
-void free_ranges(port_m *m) {
-  for (private_range_ports *range : private_ranges(m)) tarn_shm_free(range);
-  tarn_shm_free(m->private_range);
-}
-
 // One place more at the end of the map's ranges, with a new record in it. Null if memory is short;
 // the count stays raised, and every reader of the ranges knows that a record may be missing.
 private_range_ports *add_range(port_m *m) {
   const int32_t count = m->private_range_count;
   auto **const ranges = static_cast<private_range_ports **>(shm_realloc(
       m->private_range, (static_cast<size_t>(count) + 1) * sizeof(private_range_ports *)));
-  if (ranges == nullptr) free_ranges(m);
+  if (ranges == nullptr) free_private_ranges(m);
   m->private_range = ranges;
   m->private_range_count = count + 1;
   if (ranges == nullptr) return nullptr;
@@ -90,6 +85,11 @@ bool read_ranges(FILE *file, char **buffer) {
 }
 
 }  // namespace
+
+void free_private_ranges(port_m *m) {
+  for (private_range_ports *range : private_ranges(m)) tarn_shm_free(range);
+  tarn_shm_free(m->private_range);
+}
 
 int vread(const char *text, const char *format, ...) {
   va_list places;

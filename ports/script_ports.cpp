@@ -25,9 +25,7 @@ constexpr size_t PORT_SIZE = 7;
 constexpr size_t PORT_TEXT_SIZE = 8;
 
 bool print(sip_msg *msg, const char *slot, std::span<char> text, const char *unprintable) {
-  if (is_printed(print_param(msg, slot, text))) return true;
-  LM_ERR("%s", unprintable);
-  return false;
+  return print_or_refuse(msg, slot, text, unprintable).s != nullptr;
 }
 
 // The map that the word names; null, logged with shown, if it names none.

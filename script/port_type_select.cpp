@@ -46,19 +46,6 @@ bool read_side(const char *selection, port_side *side) {
   return true;
 }
 
-bool print_selection(sip_msg *msg, const char *slot, std::span<char> selection) {
-  if (is_printed(print_param(msg, slot, selection))) return true;
-  LM_ERR("%s", UNPRINTABLE_SELECT);
-  return false;
-}
-
-bool print_pair_query(sip_msg *msg, const char *slot, str *text) {
-  *text = print_param(msg, slot, query_buf);
-  if (is_printed(*text)) return true;
-  LM_ERR("%s", UNPRINTABLE);
-  return false;
-}
-
 bool has_pair(const tarn_tbl *table) {
   if (table->tbl->col_cnt >= PAIR_COLUMNS) return true;
   LM_ERR("Table '%s' has no port columns\n", table->table_name);
@@ -108,11 +95,11 @@ int deliver_matches(sip_msg *msg, const script_query &query, port_side side, pvn
 int tarn_memdb_select_by_port_type_cmn(sip_msg *msg, const pair_slots &slots, bool locked) {
   const host_log_scope log;
   char selection[SELECTION_SIZE];
-  str text;
-  port_side side;
-  if (!print_selection(msg, slots.selection, selection) ||
-      !print_pair_query(msg, slots.query, &text) || !read_side(selection, &side))
+  if (print_or_refuse(msg, slots.selection, selection, UNPRINTABLE_SELECT).s == nullptr)
     return SCRIPT_FAILED;
+  const str text = print_or_refuse(msg, slots.query, query_buf, UNPRINTABLE);
+  port_side side;
+  if (text.s == nullptr || !read_side(selection, &side)) return SCRIPT_FAILED;
   LM_DBG("Select %s\n", text.s);
   script_query query;
   if (!parse_query(text, OP_SELECT, WORDS, &query) || !find_table(&query) || !has_pair(query.table))

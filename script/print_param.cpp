@@ -2,6 +2,7 @@
 #include "script/print_param.h"
 
 #include "host/imports.h"
+#include "host/log.h"
 #include "script/raw_text.h"
 
 str print_param(sip_msg *msg, const char *slot, std::span<char> buffer) {
@@ -10,4 +11,11 @@ str print_param(sip_msg *msg, const char *slot, std::span<char> buffer) {
   if (is_raw_text(slot) || pv_printf(msg, format, buffer.data(), &len) < 0 || len < 0)
     return {nullptr, 0};
   return {buffer.data(), len};
+}
+
+str print_or_refuse(sip_msg *msg, const char *slot, std::span<char> buffer, const char *refusal) {
+  const str text = print_param(msg, slot, buffer);
+  if (is_printed(text)) return text;
+  LM_ERR("%s", refusal);
+  return {nullptr, 0};
 }

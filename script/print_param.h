@@ -11,3 +11,7 @@ str print_param(sip_msg *msg, const char *slot, std::span<char> buffer);
 
 // True if something was printed.
 inline bool is_printed(const str &text) { return text.s != nullptr && text.len > 0; }
+
+// The same for a parameter that has to print something. If it doesn't, refusal is logged at ERR,
+// and the text is null.
+str print_or_refuse(sip_msg *msg, const char *slot, std::span<char> buffer, const char *refusal);

@@ -5,11 +5,8 @@
 #include "script/buffers.h"
 
 bool print_query(sip_msg *msg, const char *slot, const query_words &words, str *text) {
-  *text = print_param(msg, slot, query_buf);
-  if (!is_printed(*text)) {
-    LM_ERR("%s", words.unprintable);
-    return false;
-  }
+  *text = print_or_refuse(msg, slot, query_buf, words.unprintable);
+  if (text->s == nullptr) return false;
   LM_DBG("%s: %s\n", words.shown_as, text->s);
   return true;
 }
@@ -29,7 +26,5 @@ bool find_table(script_query *query) {
 }
 
 bool print_table_name(sip_msg *msg, const char *slot, script_query *query) {
-  if (is_printed(print_param(msg, slot, query->name))) return true;
-  LM_ERR("%s", UNPRINTABLE);
-  return false;
+  return print_or_refuse(msg, slot, query->name, UNPRINTABLE).s != nullptr;
 }

@@ -8,13 +8,8 @@
 #include "script/buffers.h"
 
 bool statement::print(sip_msg *msg, const char *slot) {
-  const str printed = print_param(msg, slot, query_buf);
-  if (!is_printed(printed)) {
-    LM_ERR("%s", UNPRINTABLE);
-    return false;
-  }
-  text_ = cursor_ = printed.s;
-  return true;
+  text_ = cursor_ = print_or_refuse(msg, slot, query_buf, UNPRINTABLE).s;
+  return text_ != nullptr;
 }
 
 bool statement::token(const char *word) {

@@ -46,10 +46,8 @@ struct user {
 };
 
 bool print_source(sip_msg *msg, const char *slot, request *from) {
-  if (!is_printed(print_param(msg, slot, from->source))) {
-    LM_ERR("Could not print the formatted pv input for src_ip_str\n");
-    return false;
-  }
+  static constexpr char REFUSAL[] = "Could not print the formatted pv input for src_ip_str\n";
+  if (print_or_refuse(msg, slot, from->source, REFUSAL).s == nullptr) return false;
   LM_DBG("Received Source IP = %s\n", from->source);
   return true;
 }

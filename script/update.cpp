@@ -14,11 +14,8 @@ constexpr query_words WORDS{UNPRINTABLE, "Select", "update"};
 constexpr update_source FROM_SCRIPT_UPDATE{FROM_SCRIPT, ""};
 
 bool print_values(sip_msg *msg, const char *slot, str *text) {
-  *text = print_param(msg, slot, update_buf);
-  if (!is_printed(*text)) {
-    LM_ERR("%s", UNPRINTABLE);
-    return false;
-  }
+  *text = print_or_refuse(msg, slot, update_buf, UNPRINTABLE);
+  if (text->s == nullptr) return false;
   LM_DBG("Update: %s\n", text->s);
   return true;
 }
