@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <thread>
 
 #include "tests/unit/memdb/engine_fixture.h"
 
@@ -129,6 +131,33 @@ TEST_F(ReadersTest, AChainLeadsFromRowToRowWhereverItsLinksLie) {
         }));
     EXPECT_EQ(table->cols[1].changes % 2, 0u);
   }
+}
+
+TEST_F(ReadersTest, ASearchWaitsForTheEndOfAChangeAndLooksAgainAfterOne) {
+  memdb_idx_len = 1;
+  const tbl_dcl columns[] = {{6, PLAIN}, {7, INDEXED}};
+  memdb_tbl *const table = memdb_create_tbl(columns, 2);
+  for (const char *key : {"a", "b", "c"}) {
+    const char *const fields[] = {"x", key};
+    memdb_insert(table, fields);
+  }
+  const std::atomic_ref changes(table->cols[1].changes);
+  const memdb_row *const last = table->first;
+  std::atomic<bool> ends = false;
+  std::thread writer([&] {
+    while (!ends) changes.fetch_add(1);
+  });
+  for (int i = 0; i < 20000; i++) ASSERT_EQ(memdb_idx_find(&table->cols[1], "c"), last);
+  ends = true;
+  writer.join();
+  changes.store(1);
+  std::thread late([&] {
+    usleep(20000);
+    changes.store(2);
+  });
+  EXPECT_EQ(memdb_idx_find(&table->cols[1], "c"), last);
+  EXPECT_EQ(changes.load(), 2u) << "it has waited";
+  late.join();
 }
 
 TEST_F(ReadersTest, OnlyLinksThatLieUnalignedAreCountedWhenTheyChange) {

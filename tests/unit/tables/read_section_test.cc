@@ -5,6 +5,7 @@
 #include <optional>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "tests/unit/tables/fixture.h"
 #include "tests/unit/tables/processes.h"
@@ -149,7 +150,7 @@ TEST_F(ReadSectionTest, ASectionOfANewRegistryIsCounted) {
     read_section section;
     section.begin();
   }
-  start(table_spec{});
+  sections() = {};
   memdb_row *const row = add_row();
   read_section section;
   section.begin();
@@ -247,6 +248,30 @@ TEST_F(ReadSectionTest, NoRowGoesUnderASectionThatWasOpenWhenItWasTakenOut) {
   open.clear();
   add_and_remove();
   EXPECT_EQ(standin::live_count(pool::shm), before);
+}
+
+TEST_F(ReadSectionTest, RowsThatManyTakeOutAtOnceAreAllKept) {
+  constexpr size_t WORKERS = 4;
+  constexpr size_t ROWS = 5000;
+  const size_t before = standin::live_count(pool::shm);
+  std::vector<memdb_row *> rows(WORKERS * ROWS);
+  for (memdb_row *&row : rows) row = add_row();
+  {
+    read_section section;
+    section.begin();
+    table()->tbl->first = table()->tbl->last = nullptr;
+    for (uint32_t i = 0; i < 512; i++)
+      table()->tbl->cols[0].idx[i] = table()->tbl->cols[2].idx[i] = nullptr;
+    std::vector<std::thread> workers;
+    for (size_t worker = 0; worker < WORKERS; worker++)
+      workers.emplace_back([&, worker] {
+        for (size_t i = 0; i < ROWS; i++) retire_row(rows[worker * ROWS + i]);
+      });
+    for (std::thread &worker : workers) worker.join();
+    EXPECT_EQ(standin::live_count(pool::shm), before + WORKERS * ROWS);
+  }
+  settle_retired_rows();
+  EXPECT_EQ(standin::live_count(pool::shm), before) << "none is lost where two meet";
 }
 
 // In shared memory, between processes.
