@@ -1,165 +1,51 @@
-// Reading tables from their files.
-#include <unistd.h>
+// Which file fills a table, and what becomes of a file that doesn't.
+#include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "host/log.h"
-#include "query/query_input.h"
-#include "tables/file_handle.h"
-#include "tables/flag_treatment.h"
 #include "tables/table_files.h"
 #include "tables/table_paths.h"
+#include "tables/table_reader.h"
 
 namespace {
 
-// The lines of a file, each as the insert query that it stands for: the table's name and a comma
-// ahead of it. One growing buffer serves the whole file.
-class query_lines {
- public:
-  query_lines(FILE *file, const char *table_name)
-      : file_(file), prefix_len_(strlen(table_name) + 1) {
-    snprintf(prefix_, sizeof(prefix_), "%s,", table_name);
-  }
-  ~query_lines() {
-    free(line_);
-    free(query_);
-  }
-  query_lines(const query_lines &) = delete;
-  query_lines &operator=(const query_lines &) = delete;
+bool is_regular_file(const char *path) {
+  struct stat status;
+  return lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
 
-  // Reads the next line, without its line feed. False at the end, or if it can't be read.
-  bool next() {
-    const ssize_t read = getline(&line_, &line_size_, file_);
-    if (read <= 0) return false;
-    len_ = static_cast<size_t>(read);
-    if (line_[len_ - 1] == '\n') line_[--len_] = '\0';
-    return true;
-  }
-
-  const char *text() const { return line_; }
-  bool is_row() const { return *line_ != '\0' && *line_ != '#'; }
-
-  // The query of the present line, or false, with errno set, if there is no memory for it.
-  bool compose(str *composed) {
-    const size_t needed = prefix_len_ + len_ + 1;
-    if (needed > query_size_) {
-      auto *const larger = static_cast<char *>(realloc(query_, 2 * needed));
-      if (larger == nullptr) return false;
-      query_ = larger;
-      query_size_ = 2 * needed;
-      memcpy(query_, prefix_, prefix_len_);
+// Frees the path of a file that can't be loaded. Its text stays on disk, for whoever mends it: it
+// may be all that is left of the table.
+void set_aside(const char *path) {
+  if (is_regular_file(path)) {
+    const refused_path refused(path);
+    if (rename(path, refused.text) == 0) {
+      LM_WARN("File '%s' can't be loaded and was renamed to '%s'\n", path, refused.text);
+      return;
     }
-    memcpy(query_ + prefix_len_, line_, len_ + 1);
-    // A zero byte ends a row, as it ends every text here.
-    *composed = {query_, static_cast<int>(strlen(query_))};
-    return true;
   }
-
- private:
-  FILE *file_;
-  char prefix_[TARN_NAME_SIZE + 1];
-  size_t prefix_len_;
-  char *line_ = nullptr;
-  size_t line_size_ = 0;
-  size_t len_ = 0;
-  char *query_ = nullptr;
-  size_t query_size_ = 0;
-};
-
-void empty_table(tarn_tbl *table) {
-  memdb_delete_all(table->tbl);
-  reset_tbl_row_count(table);
-  reset_tbl_index(table);
-}
-
-// Splits a composed line into the values of a row of that table.
-bool parse_row(const tarn_tbl *table, const str &composed, query_scope *in) {
-  char name[TARN_NAME_SIZE] = "";
-  if (tarn_memdb_parse_input(composed, OP_INSERT, in, name) == nullptr) return false;
-  // The parser finds a table by its name: of two with one name, the first, which may have fewer
-  // columns.
-  return in->tbl->col_cnt == table->tbl->col_cnt;
-}
-
-// Adds the row of one composed line. False if it is refused.
-bool load_row(tarn_tbl *table, const str &composed) {
-  query_scope in;
-  if (!parse_row(table, composed, &in)) {
-    LM_ERR("Could not parse '%s'\n", composed.s);
-    return false;
-  }
-  if (table->use_index != 0) {
-    const auto stored = static_cast<uint32_t>(atoi(in.flds[0]));
-    if (stored >= table->next_index) set_tbl_index(table, stored + 1);
-  }
-  const memdb_row *const row = memdb_insert(table->tbl, in.flds);
-  if (row == nullptr) {
-    LM_ERR("Could not insert '%s'\n", composed.s);
-    return false;
-  }
-  flag_treatment(table, &in, row, nullptr, 0, PORT_TAKE);
-  set_tbl_row_count(table, 1);
-  return true;
-}
-
-bool has_good_version(query_lines *lines, const char *path) {
-  if (!lines->next()) {
-    LM_DBG("Database empty: %s\n", path);
-    return false;
-  }
-  if (strcmp(lines->text(), TABLE_FILE_VERSION) == 0) return true;
-  LM_ERR("Wrong database version. Current DB: %s, Prensent on File: %s\n", TABLE_FILE_VERSION,
-         lines->text());
-  return false;
-}
-
-// Adds the rows of an open file. False if the file is bad and another has to serve; the end of what
-// could be read is a good end.
-bool load_rows(tarn_tbl *table, FILE *file, const char *path) {
-  query_lines lines(file, table->table_name);
-  if (!has_good_version(&lines, path)) return false;
-  int line_number = 1;
-  while (lines.next()) {
-    line_number++;
-    if (!lines.is_row()) continue;
-    str composed;
-    if (!lines.compose(&composed)) break;
-    if (!load_row(table, composed)) return false;
-  }
-  const int error = errno;
-  if (error == EINVAL || error == ENOMEM)
-    LM_ERR("Error reading '%s' line: %d err: %d\n", path, line_number, error);
-  return true;
+  remove(path);
 }
 
 bool load_file(tarn_tbl *table, const char *path) {
-  const file_handle file(fopen(path, "r"));
-  if (!file) {
-    LM_ERR("Could not open file '%s'\n", path);
-    return false;
-  }
-  return load_rows(table, file.get(), path);
+  return read_table_file(table, path, nullptr) == table_file_state::loaded;
 }
 
-bool exists(const char *path) { return access(path, F_OK) == 0; }
-
-// Fills the table from its main file, or else from the backup, and removes what is bad.
+// Fills the table from its main file, or else from the backup.
 bool load_files(tarn_tbl *table) {
   const main_path path(table);
-  if (exists(path.text) && load_file(table, path.text)) return true;
+  if (table_file_exists(path.text) && load_file(table, path.text)) return true;
 
-  if (names_file(path.text)) remove(path.text);
+  if (names_file(path.text)) set_aside(path.text);
   empty_table(table);
   const backup_path backup(table);
-  if (exists(backup.text)) {
+  if (table_file_exists(backup.text)) {
     LM_DBG("Trying to open backup file '%s'\n", backup.text);
     if (load_file(table, backup.text)) return true;
   }
 
-  remove(backup.text);
+  set_aside(backup.text);
   empty_table(table);
   return false;
 }

@@ -28,3 +28,11 @@ struct backup_path {
   }
   char text[551];
 };
+
+// Where the file at path goes if it can't be loaded: beside itself.
+struct refused_path {
+  explicit refused_path(const char *path) {
+    snprintf(text, sizeof(text), "%s%s", path, ".refused");
+  }
+  char text[sizeof(backup_path::text) + sizeof(".refused")];
+};

@@ -1,4 +1,6 @@
 // Reading tables from their files: main file, backup, and what makes either of them bad.
+#include <fcntl.h>
+
 #include <algorithm>
 
 #include "tests/unit/tables/fixture.h"
@@ -26,11 +28,57 @@ namespace {
 
 class LoadTest : public TablesTest {
  protected:
-  // Loads the first table, with the log starting there.
+  // Loads the first table, with the log starting there. Whatever becomes of its files, the text of
+  // each is on disk afterwards, and who looks for it finds its place in the log.
   void load() {
+    const int error = errno;
+    std::vector<file_before> files;
+    for (const std::string &file : {main_file(), backup_file()})
+      if (std::filesystem::is_regular_file(std::filesystem::symlink_status(file)))
+        files.push_back({file, read_unwatched(file)});
+    errno = error;
+    load_only();
+    for (const file_before &each : files) {
+      if (exists(each.file)) {
+        EXPECT_EQ(read_unwatched(each.file), each.text);
+        continue;
+      }
+      EXPECT_EQ(read_unwatched(each.file + ".refused"), each.text);
+      if (get_debug_level("test", 4) < L_WARN) continue;
+      EXPECT_TRUE(
+          logged(L_WARN, message("File '%s' can't be loaded and was renamed to '%s.refused'\n",
+                                 each.file.c_str(), each.file.c_str())));
+    }
+  }
+  void load_only() {
     standin::clear_logs();
     EXPECT_EQ(load_table(table()), 0);
     EXPECT_EQ(standin::live_count(pool::pkg), 0u);
+  }
+
+  struct file_before {
+    std::string file;
+    std::string text;
+  };
+
+  // Past the functions that the tests watch and fail.
+  static std::string read_unwatched(const std::string &file) {
+    const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) return "<none>";
+    std::string out;
+    char part[4096];
+    for (ssize_t got; (got = ::read(descriptor, part, sizeof(part))) > 0;)
+      out.append(part, static_cast<size_t>(got));
+    close(descriptor);
+    return out;
+  }
+
+  // What is told of the rows, which is apart from what became of the files.
+  static texts row_warnings() {
+    texts out;
+    for (const std::string &each : warnings())
+      if (each.find("was renamed to") == std::string::npos) out.push_back(each);
+    return out;
   }
 
   // The table came from the backup: the main file is gone, the backup stays.
@@ -43,7 +91,7 @@ class LoadTest : public TablesTest {
     EXPECT_FALSE(standin::log_contains(L_DBG, "New file"));
   }
 
-  // Neither file was of use: the table is empty and both are gone.
+  // Neither file was of use: the table is empty, and both paths are free.
   void expect_nothing_left() {
     EXPECT_EQ(rows(table()), texts{});
     EXPECT_EQ(table()->row_count, 0);
@@ -114,7 +162,7 @@ TEST_F(LoadTest, AFileOfTheVersionLineAloneIsAnEmptyTableAndKeepsTheBackup) {
   }
 }
 
-TEST_F(LoadTest, AMainFileOfZeroBytesIsRemovedAndTheBackupLoaded) {
+TEST_F(LoadTest, AMainFileOfZeroBytesIsRefusedAndTheBackupLoaded) {
   start(table_spec{});
   write(main_file(), "");
   write(backup_file(), "Version 1\n7|8|9\n");
@@ -232,7 +280,7 @@ TEST_F(LoadTest, ALoneBackslashAtALinesEndIsWarnedOf) {
   expect_nothing_left();
 }
 
-TEST_F(LoadTest, BadRowsInBothFilesLeaveNoDataOnDisk) {
+TEST_F(LoadTest, BadRowsInBothFilesLeaveAnEmptyTable) {
   start(table_spec{});
   for (const bad_row &bad : BAD_ROWS) {
     write(main_file(), "Version 1\n1|2|3\n" + bad.line + "\n");
@@ -243,7 +291,7 @@ TEST_F(LoadTest, BadRowsInBothFilesLeaveNoDataOnDisk) {
   }
 }
 
-TEST_F(LoadTest, ABadBackupIsRemovedWhereTheMainFileIsMissingOrBad) {
+TEST_F(LoadTest, ABadBackupIsRefusedWhereTheMainFileIsMissingOrBad) {
   start(table_spec{});
   struct {
     const char *backup;
@@ -270,7 +318,7 @@ TEST_F(LoadTest, ABadMainFileWithoutABackupLeavesAnEmptyTable) {
   EXPECT_FALSE(standin::log_contains(L_DBG, "Trying to open backup file"));
 }
 
-TEST_F(LoadTest, AMainFileThatCannotBeOpenedIsToldRemovedAndReplacedByTheBackup) {
+TEST_F(LoadTest, AMainFileThatCannotBeOpenedIsToldAndTheBackupLoaded) {
   start(table_spec{});
   write(main_file(), "Version 1\n1|2|3\n");
   write(backup_file(), "Version 1\n7|8|9\n");
@@ -281,7 +329,7 @@ TEST_F(LoadTest, AMainFileThatCannotBeOpenedIsToldRemovedAndReplacedByTheBackup)
   EXPECT_EQ(errors(), texts{message("Could not open file '%s'\n", main_file().c_str())});
 }
 
-TEST_F(LoadTest, ABackupThatCannotBeOpenedIsToldAndRemoved) {
+TEST_F(LoadTest, ABackupThatCannotBeOpenedIsToldAndSetAside) {
   start(table_spec{});
   write(main_file(), "Version 0\n");
   write(backup_file(), "Version 1\n7|8|9\n");
@@ -314,17 +362,61 @@ TEST_F(LoadTest, ABackupThatCannotBeSeenCountsAsMissing) {
   EXPECT_EQ(standin::file_ops("fopen"), 0);
 }
 
-TEST_F(LoadTest, RemovesThatFailChangeNothing) {
+TEST_F(LoadTest, ARefusedFileTakesThePlaceOfAnOlderOne) {
+  start(table_spec{});
+  for (const char *content : {"Version 0\nfirst\n", "Version 1\nsecond\n", ""}) {
+    write(main_file(), content);
+    write(backup_file(), std::string(content) + "b");
+    load();
+    EXPECT_EQ(read(main_file() + ".refused"), content);
+    EXPECT_EQ(read(backup_file() + ".refused"), std::string(content) + "b");
+  }
+}
+
+TEST_F(LoadTest, AGoodLoadLeavesAnOlderRefusedFileAlone) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n");
+  write(main_file() + ".refused", "kept");
+  load();
+  EXPECT_EQ(read(main_file() + ".refused"), "kept");
+}
+
+TEST_F(LoadTest, ARefusedFileThatCannotBeRenamedIsRemoved) {
   start(table_spec{});
   write(main_file(), "Version 0\n");
   write(backup_file(), "Version 0\n");
   watch();
+  standin::fail_file_ops_from("rename", 1, EACCES);
+  load_only();
+  expect_nothing_left();
+  EXPECT_EQ(standin::file_ops("rename"), 2);
+  EXPECT_FALSE(exists(main_file() + ".refused"));
+  EXPECT_FALSE(exists(backup_file() + ".refused"));
+  EXPECT_TRUE(warnings().empty());
+}
+
+TEST_F(LoadTest, RenamesAndRemovesThatFailChangeNothing) {
+  start(table_spec{});
+  write(main_file(), "Version 0\n");
+  write(backup_file(), "Version 0\n");
+  watch();
+  standin::fail_file_ops_from("rename", 1, EROFS);
   standin::fail_file_ops_from("remove", 1, EROFS);
   load();
   EXPECT_EQ(rows(table()), texts{});
-  EXPECT_EQ(read(main_file()), "Version 0\n");
-  EXPECT_EQ(read(backup_file()), "Version 0\n");
   EXPECT_EQ(standin::file_ops("remove"), 2);
+}
+
+TEST_F(LoadTest, ALinkIsRemovedAndWhatItLeadsToStays) {
+  start(table_spec{});
+  write(path("target"), "Version 0\n");
+  std::filesystem::create_symlink(path("target"), main_file());
+  std::filesystem::create_symlink(path("nowhere"), backup_file());
+  load();
+  expect_nothing_left();
+  EXPECT_EQ(read(path("target")), "Version 0\n");
+  EXPECT_FALSE(exists(main_file() + ".refused"));
+  EXPECT_FALSE(exists(backup_file() + ".refused"));
 }
 
 TEST_F(LoadTest, ACloseThatFailsChangesNothing) {
@@ -373,8 +465,8 @@ TEST_F(LoadTest, TheFilesAreTriedInOrderAndClosed) {
   for (const std::string &op : standin::file_history())
     if (op.rfind("getline", 0) != 0) history.push_back(op);
   EXPECT_EQ(history, (texts{"access " + main_file(), "fopen " + main_file(), "fclose",
-                            "remove " + main_file(), "access " + backup_file(),
-                            "fopen " + backup_file(), "fclose"}));
+                            "rename " + main_file() + " " + main_file() + ".refused",
+                            "access " + backup_file(), "fopen " + backup_file(), "fclose"}));
 }
 
 TEST_F(LoadTest, WhatTheTableHeldBeforeIsGone) {
@@ -467,7 +559,7 @@ TEST_F(LoadTest, ATextLongerThanItsColumnIsCutWithAWarning) {
             texts{"Value 'abcdef' too long. It will be truncated to fit field size (3 bytes)\n"});
 }
 
-TEST_F(LoadTest, ASchemaWithAnotherNumberOfColumnsDestroysBothFiles) {
+TEST_F(LoadTest, ASchemaWithAnotherNumberOfColumnsRefusesBothFiles) {
   table_spec spec;
   spec.columns = {{"a", 5, 1}, {"b", 5, 0}};
   start(spec);
@@ -763,9 +855,16 @@ TEST_F(LoadTest, EachFileOperationFailsOnceWithoutLeakOrOpenFile) {
     write(backup_file(), "Version 1\n7|8|9\n");
     watch();
     standin::fail_file_op("any", failing, EIO);
-    load();
+    load_only();
     all_tried = standin::file_ops("any") < failing;
     EXPECT_EQ(standin::open_streams(), 0);
+    const texts history = standin::file_history();
+    const bool rename_failed =
+        std::any_of(history.begin(), history.end(), [](const std::string &each) {
+          return each.rfind("rename", 0) == 0 && each.ends_with("(failed)");
+        });
+    for (const std::string &file : {main_file(), backup_file()})
+      EXPECT_TRUE(exists(file) || exists(file + ".refused") || rename_failed) << file;
     const texts got = rows(table());
     EXPECT_TRUE(got == texts{"7|8|9"} || got == texts{} || got == texts{"1|2|3"});
     EXPECT_EQ(table()->row_count, static_cast<int32_t>(got.size()));
