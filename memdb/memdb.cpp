@@ -42,17 +42,46 @@ void free_rows(memdb_row *row) {
   while (row != nullptr) memdb_free_row(std::exchange(row, row->next));
 }
 
-// Writes value, cut to the column's size, into the field.
+// Writes value, cut to the column's size, into the field. All that can be done ahead of the copy or
+// after it is: readers without a lock may look at the field, and a writer may be killed.
 void write_field(char *field, const memdb_col &col, const char *value) {
   const size_t len = strnlen(value, col.size);
-  // The last byte isn't touched: a reader without a lock finds it a terminator at any moment.
-  memcpy(field, value, std::min<size_t>(len, col.size - 1));
-  if (len < col.size) {
-    field[len] = '\0';
-    return;
-  }
+  const size_t kept = std::min<size_t>(len, col.size - 1);
+  memcpy(field, value, kept);
+  field[kept] = '\0';
+  if (len == kept) return;
   MEMDB_LOG(warn, "Value '%s' too long. It will be truncated to fit field size (%d bytes)\n", value,
             static_cast<int>(col.size - 1));
+}
+
+// False at the first value that is null. The columns from there on are reported as columns that the
+// row is missing in, as if it had been taken out of them.
+bool fill_row(const memdb_tbl *tbl, memdb_row *row, const char *const *values) {
+  const std::span<memdb_col> cols = memdb_cols(tbl);
+  for (size_t i = 0; i < cols.size(); i++) {
+    if (values[i] == nullptr) {
+      for (const memdb_col &col : cols.subspan(i))
+        if (memdb_is_indexed(col)) memdb_report_missing_entry();
+      return false;
+    }
+    write_field(memdb_data(row) + cols[i].offset, cols[i], values[i]);
+  }
+  return true;
+}
+
+// Puts a row that is filled at the head of the list and into the chains. Whoever is killed in
+// between leaves a list that is whole in the one direction or in both.
+void link_row(memdb_tbl *tbl, memdb_row *row) {
+  memdb_row *const older = tbl->first;
+  row->next = older;
+  // A reader without a lock meets the row with its texts and its link.
+  std::atomic_ref(tbl->first).store(row, std::memory_order_release);
+  if (older != nullptr)
+    older->prev = row;
+  else
+    tbl->last = row;
+  for (memdb_col &col : memdb_cols(tbl))
+    if (memdb_is_indexed(col)) memdb_update_col_idx(row, &col);
 }
 
 }  // namespace
@@ -92,6 +121,8 @@ memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
     col.offset = total;
     col.size = declared.len + 1;
     col.changes = 0;
+    col.changing = nullptr;
+    col.changing_to = nullptr;
     total += col.size;
   }
   tbl->row_len = total;
@@ -114,23 +145,11 @@ memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
     MEMDB_LOG(err, "Fail to allocate memory to the row\n");
     return nullptr;
   }
-  row->next = tbl->first;
-  if (tbl->first != nullptr)
-    tbl->first->prev = row;
-  else
-    tbl->last = row;
-  // A reader without a lock meets the row with its link set, and texts that are empty so far.
-  std::atomic_ref(tbl->first).store(row, std::memory_order_release);
-
-  for (memdb_col &col : memdb_cols(tbl)) {
-    const char *const value = *values++;
-    if (value == nullptr) {
-      memdb_delete_row(tbl, row);
-      return nullptr;
-    }
-    write_field(memdb_data(row) + col.offset, col, value);
-    if (memdb_is_indexed(col)) memdb_update_col_idx(row, &col);
+  if (!fill_row(tbl, row, values)) {
+    memdb_free(row);
+    return nullptr;
   }
+  link_row(tbl, row);
   return row;
 }
 
@@ -163,9 +182,8 @@ void memdb_delete_all(memdb_tbl *tbl) {
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value) {
   const memdb_col &target = tbl->cols[col];
   char *const field = memdb_data(row) + target.offset;
-  // A reader without a lock meets no text rather than a mix of both.
-  *field = '\0';
   write_field(field, target, value);
+  // Whatever may have been written beyond the text, the field ends within its size.
   field[target.size - 1] = '\0';
   return row;
 }

@@ -43,7 +43,10 @@ struct memdb_col {
   memdb_row **idx;   // the buckets; null without an index
   uint32_t offset;   // of the text, from the start of the data
   uint32_t size;     // bytes of the text area: declared length and terminator
+  // For searches beside a writer, see memdb_index.cpp.
   uint32_t changes;  // of links that lie unaligned in their rows; odd while one is being written
+  void *changing;    // the link that is or was written last
+  memdb_row *changing_to;  // what goes into it
 };
 
 struct memdb_tbl {
@@ -83,6 +86,8 @@ void memdb_destroy_tbl(memdb_tbl *tbl);
 
 // Adds a row as the newest one; values has col_cnt texts, each cut with a warning where it is
 // longer than its column. Null if memory is short or a value is null; the table is then as before.
+// Neither a reader without a lock nor whoever comes after a killed writer finds a row that isn't
+// whole.
 memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values);
 
 // Takes the row out of the list and of all indexes and frees it.
@@ -91,9 +96,10 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row);
 // Deletes every row.
 void memdb_delete_all(memdb_tbl *tbl);
 
-// Overwrites one text in place, cut as in memdb_insert. The column's index isn't touched: the row
-// stays findable through it by the old bucket only. Scripts know indexed columns to be keys that
-// an update doesn't move.
+// Overwrites one text in place, cut as in memdb_insert, by one copy: a reader without a lock may
+// meet a mix of both texts while it runs, and nothing else is done in that time. The column's index
+// isn't touched: the row stays findable through it by the old bucket only. Scripts know indexed
+// columns to be keys that an update doesn't move.
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value);
 
 // Where the row's texts and links begin, row_len bytes that belong to the row's block.

@@ -1,8 +1,6 @@
 // Hash and chains of the column indexes.
 #include "memdb/memdb_index.h"
 
-#include <emmintrin.h>
-
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -18,38 +16,52 @@ memdb_row *read_link(const void *place) {
 
 void write_link(void *place, memdb_row *row) { memcpy(place, &row, sizeof(row)); }
 
-// The processor moves an aligned link as a whole, but one that isn't may be seen half written.
+// The processor moves an aligned link as a whole, but one that isn't may be seen half written. So
+// the writer of such a link first tells the column which one it writes and what, in aligned words,
+// and counts the change when it begins and when it ends. A search that meets a change takes what
+// was told for that link and any other link as it is: it needs no end of the change, which never
+// comes if the writer has been killed. The counting is that of a sequence lock (Lameter, "Effective
+// Synchronization on Linux/NUMA Systems", 2005).
 bool may_tear(const void *place) {
   return reinterpret_cast<uintptr_t>(place) % sizeof(memdb_row *) != 0;
 }
 
-// For searches, whose caller may hold no lock: reads an unaligned link until no change of one met
-// it (a sequence lock: Lameter, "Effective Synchronization on Linux/NUMA Systems", 2005).
+// For searches, whose caller may hold no lock. Looks again only where another change has begun or
+// ended meanwhile.
 memdb_row *read_link_beside_writer(const void *place, const memdb_col *col) {
   if (!may_tear(place)) return read_link(place);
-  const std::atomic_ref changes(const_cast<uint32_t &>(col->changes));
-  for (;; _mm_pause()) {
+  auto &shared = const_cast<memdb_col &>(*col);
+  const std::atomic_ref changes(shared.changes);
+  for (;;) {
     const uint32_t before = changes.load(std::memory_order_acquire);
-    memdb_row *const row = read_link(place);
+    memdb_row *row = read_link(place);
+    if (before % 2 != 0) {
+      const void *const changing = std::atomic_ref(shared.changing).load(std::memory_order_relaxed);
+      memdb_row *const to = std::atomic_ref(shared.changing_to).load(std::memory_order_relaxed);
+      if (changing == place) row = to;
+    }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (before % 2 == 0 && changes.load(std::memory_order_relaxed) == before) return row;
+    if (changes.load(std::memory_order_relaxed) == before) return row;
   }
 }
 
 // For a link of a chain that readers may be in. The writer holds the table's lock.
 void write_link_beside_readers(void *place, memdb_row *row, memdb_col *col) {
-  // What the link leads to is complete before it can be met.
+  // What the link leads to is complete before it can be met, and the change before is over.
   std::atomic_thread_fence(std::memory_order_release);
   if (!may_tear(place)) {
     write_link(place, row);
     return;
   }
   const std::atomic_ref changes(col->changes);
-  const uint32_t before = changes.load(std::memory_order_relaxed);
-  changes.store(before + 1, std::memory_order_relaxed);
+  // A writer that was killed has left the count odd.
+  const uint32_t begun = changes.load(std::memory_order_relaxed) | 1;
+  std::atomic_ref(col->changing).store(place, std::memory_order_relaxed);
+  std::atomic_ref(col->changing_to).store(row, std::memory_order_relaxed);
+  changes.store(begun, std::memory_order_release);
   std::atomic_thread_fence(std::memory_order_release);
   write_link(place, row);
-  changes.store(before + 2, std::memory_order_release);
+  changes.store(begun + 1, std::memory_order_release);
 }
 
 char *link_of(memdb_row *row, const memdb_col *col) {
@@ -108,11 +120,15 @@ void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
 
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
   if (unlink_from_chain(bucket_of(col, field_of(row, col)), row, col)) return;
-  if (memdb_log_err != nullptr) memdb_log_err("Could not find the index entry to remove\n");
+  memdb_report_missing_entry();
   // The text was overwritten since the row was linked. No chain may lead to a block that is about
   // to be freed, so the other buckets are searched as well.
   for (uint32_t i = 0; i < col->idx_len; i++)
     if (unlink_from_chain(&col->idx[i], row, col)) return;
+}
+
+void memdb_report_missing_entry() {
+  if (memdb_log_err != nullptr) memdb_log_err("Could not find the index entry to remove\n");
 }
 
 memdb_row *memdb_idx_find(const memdb_col *col, const char *key) {

@@ -14,6 +14,9 @@ void memdb_update_col_idx(memdb_row *row, memdb_col *col);
 // its text was overwritten, is reported to memdb_log_err.
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col);
 
+// Reports an entry that isn't where its row's text leads, to memdb_log_err if that is set.
+void memdb_report_missing_entry();
+
 // First row of the key's chain whose text equals the key, or null.
 memdb_row *memdb_idx_find(const memdb_col *col, const char *key);
 

@@ -30,18 +30,6 @@ void free_field_names(tarn_tbl *table) {
   table->field_name = nullptr;
 }
 
-// An insert links its row before it fills it, and may have got no further than to make it known to
-// its neighbour. Stored, a row without any text would make the whole file unreadable.
-void drop_unfilled_row(memdb_tbl *tbl) {
-  memdb_row *row = tbl->first != nullptr ? tbl->first : tbl->last;
-  if (row == nullptr) return;
-  if (row->prev != nullptr) row = row->prev;
-  tbl->first = row;
-  for (uint32_t i = 0; i < tbl->col_cnt; i++)
-    if (*memdb_get_field(tbl, row, i) != '\0') return;
-  memdb_delete_row(tbl, row);
-}
-
 }  // namespace
 
 std::span<tarn_tbl> all_tarn_tbls() {
@@ -143,8 +131,7 @@ void destroy_lock() {
 }
 
 void recover_locks() {
-  for (tarn_tbl &table : all_tarn_tbls())
-    if (force_unlock(table.lock)) drop_unfilled_row(table.tbl);
+  for (const tarn_tbl &table : all_tarn_tbls()) force_unlock(table.lock);
 }
 
 void destroy_tables() {

@@ -105,8 +105,7 @@ class table_scope {
   read_section section_;
 };
 
-// Frees the table locks that killed processes left held, and takes out the row that such a process
-// may have been filling. Only for a process that is alone.
+// Frees the table locks that killed processes left held. Only for a process that is alone.
 void recover_locks();
 
 // Frees names, rows and engine tables, each under its table's lock, then the rows that were kept

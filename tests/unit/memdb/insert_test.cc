@@ -82,17 +82,38 @@ TEST_F(InsertTest, WithoutMemoryTheTableIsUntouched) {
   EXPECT_TRUE(seen_.reports.empty());
 }
 
-TEST_F(InsertTest, TheRowIsOnTheListBeforeItsFieldsAreFilled) {
+// The hash is taken ahead of each link, so that its hook sees the table between two steps.
+TEST_F(InsertTest, ARowIsWholeBeforeItIsOnTheListOrInAnyChain) {
   static memdb_tbl *watched;
-  static int first_was_new;
+  static texts met;
+  watched = nullptr;
+  met.clear();
   memdb_hash_str = [](const char *key) {
-    if (watched->first != nullptr && memdb_data(watched->first) + 8 == key) first_was_new++;
+    if (watched != nullptr) {
+      for (const std::string &each : listed(watched)) met.push_back(each);
+      for (const memdb_col &col : memdb_cols(watched))
+        for (uint32_t bucket = 0; bucket < col.idx_len; bucket++)
+          for (const memdb_row *row : chain(col, bucket)) met.push_back(image(watched, row));
+    }
     return memdb_hash1(key);
   };
-  first_was_new = 0;
-  watched = make({{5, INDEXED}, {5, PLAIN}});
-  insert(watched, {"a", "b"});
-  EXPECT_EQ(first_was_new, 1);
+  memdb_idx_len = 1;
+  watched = make({{5, INDEXED}, {5, PLAIN}, {5, INDEXED}, {5, PLAIN}});
+  insert(watched, {"a", "b", "c", "d"});
+  EXPECT_EQ(met, (texts{"a|b|c|d", "a|b|c|d", "a|b|c|d"}));
+  memdb_hash_str = memdb_hash1;
+}
+
+TEST_F(InsertTest, ARefusedRowIsNeverMet) {
+  static int hashed;
+  hashed = 0;
+  memdb_hash_str = [](const char *key) {
+    hashed++;
+    return memdb_hash1(key);
+  };
+  memdb_tbl *const table = make({{5, INDEXED}, {5, INDEXED}});
+  EXPECT_EQ(insert(table, {"a", ANY}), nullptr);
+  EXPECT_EQ(hashed, 0);
   memdb_hash_str = memdb_hash1;
 }
 
