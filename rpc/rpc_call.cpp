@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "host/log.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 #include "rpc/rpc_data.h"
 
 #include "host/log.h"
+#include "query/buffers.h"
 #include "query/field_strings.h"
 #include "rpc/rpc_query.h"
-#include "script/buffers.h"
 #include "script/row_writes.h"
 #include "tables/row_admission.h"
 #include "tables/row_image.h"

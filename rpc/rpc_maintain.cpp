@@ -91,10 +91,7 @@ void tarn_memdb_rpc_reload_table(rpc_t *rpc, void *ctx) {
   tarn_tbl *const table = read_table({rpc, ctx});
   if (table == nullptr) return;
   lock_scope lock(table->lock);
-  memdb_delete_all(table->tbl);
-  set_tbl_state(table, TBL_CHANGED);
-  table->row_count = 0;
-  if (load_table(table) != 0) {
+  if (reload_table(table) != 0) {
     LM_ERR("Could not load table '%s'\n", table->table_name);
     lock.release();
     rpc->fault(ctx, RPC_FAULT, "Could not load table: '%s'", table->table_name);

@@ -2,7 +2,7 @@
 #include "script/audit.h"
 
 #include "host/log.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 #include "tables/row_image.h"
 
 namespace {

@@ -9,7 +9,7 @@
 
 #include "host/log.h"
 #include "script/avp.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 #include "script/functions.h"
 #include "script/script_query.h"
 #include "tables/lock.h"

@@ -2,7 +2,7 @@
 #include "script/script_query.h"
 
 #include "host/log.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 
 bool print_query(sip_msg *msg, const char *slot, const query_words &words, str *text) {
   *text = print_or_refuse(msg, slot, query_buf, words.unprintable);

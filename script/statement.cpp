@@ -5,7 +5,7 @@
 
 #include "host/log.h"
 #include "query/statement_scanner.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 
 bool statement::print(sip_msg *msg, const char *slot) {
   text_ = cursor_ = print_or_refuse(msg, slot, query_buf, UNPRINTABLE).s;

@@ -6,7 +6,7 @@
 #include "host/log.h"
 #include "query/query_input.h"
 #include "query/text_writer.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 #include "script/script_query.h"
 
 namespace {

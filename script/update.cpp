@@ -3,7 +3,7 @@
 #include "host/memory.h"
 #include "query/field_strings.h"
 #include "query/named_params.h"
-#include "script/buffers.h"
+#include "query/buffers.h"
 #include "script/functions.h"
 #include "script/row_writes.h"
 #include "script/script_query.h"

@@ -59,3 +59,13 @@ int32_t load_table(tarn_tbl *table) {
     LM_DBG("New file '%s' will be created later when necessary\n", main_path(table).text);
   return 0;
 }
+
+int32_t reload_table(tarn_tbl *table) {
+  set_being_reloaded(table, true);
+  memdb_delete_all(table->tbl);
+  set_tbl_state(table, TBL_CHANGED);
+  table->row_count = 0;
+  const int32_t result = load_table(table);
+  set_being_reloaded(table, false);
+  return result;
+}

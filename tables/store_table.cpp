@@ -8,8 +8,11 @@
 #include <string_view>
 
 #include "host/log.h"
+#include "query/buffers.h"
 #include "query/field_strings.h"
+#include "tables/file_access.h"
 #include "tables/file_handle.h"
+#include "tables/row_image.h"
 #include "tables/table_files.h"
 #include "tables/table_paths.h"
 
@@ -141,6 +144,9 @@ bool write_rows(const memdb_tbl *tbl, block_writer *out) {
     if (line == nullptr) return false;
     out->took_up_to(copy_row(line, tbl, row));
   }
+  // The port functions show the buffer for a word that names no map; log filters know that line
+  // with what the process stored last in it.
+  if (tbl->first != nullptr) row_image(tbl, tbl->first, query_buf);
   return out->flush();
 }
 
@@ -149,9 +155,35 @@ bool write_table(const memdb_tbl *tbl, FILE *file) {
   return write_version(file) && write_rows(tbl, &out);
 }
 
+// The rights that the main file has or is to have again. Without one, those of its last text.
+file_access main_file_access(const main_path &path, const backup_path &backup) {
+  return access_of_first({path.text, backup.text, refused_path(path.text).text});
+}
+
+// clear_file, with these rights for a file that isn't there.
+int32_t clear_file_with(const char *path, const file_access &access) {
+  file_handle file(open_with_access(path, access));
+  if (!file) {
+    LM_ERR("Could not open file '%s'\n", path);
+    if (names_file(path)) remove(path);
+    return -1;
+  }
+  if (!write_version(file.get())) {
+    LM_ERR("Could not write to file '%s'\n", path);
+    file.close();
+    remove(path);
+    return -1;
+  }
+  return 0;
+}
+
 int32_t store_cleared(tarn_tbl *table) {
   LM_DBG("Table '%s' was cleared. Saving changes to file\n", table->table_name);
-  if (clear_file(main_path(table).text) != 0 || clear_file(backup_path(table).text) != 0) return -1;
+  const main_path path(table);
+  const backup_path backup(table);
+  const file_access access = main_file_access(path, backup);
+  if (clear_file_with(path.text, access) != 0 || clear_file_with(backup.text, access) != 0)
+    return -1;
   set_tbl_state(table, TBL_UNCHANGED);
   return 0;
 }
@@ -162,11 +194,12 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
   const main_path path(table);
   const backup_path backup(table);
   LM_DBG("Table '%s' was changed. Saving changes to file\n", table->table_name);
+  const file_access access = main_file_access(path, backup);
   LM_DBG("Saving backup file '%s'\n", backup.text);
   // Fails for the first store of all and between file systems; the old backup then stays.
   if (names_file(path.text)) rename(path.text, backup.text);
   LM_DBG("Saving file '%s'\n", path.text);
-  file_handle file(fopen(path.text, "w"));
+  file_handle file(open_with_access(path.text, access));
   if (!file) {
     LM_ERR("Could not open file '%s'\n", path.text);
     return -1;
@@ -183,25 +216,16 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
 
 }  // namespace
 
-int32_t clear_file(const char *path) {
-  file_handle file(fopen(path, "w"));
-  if (!file) {
-    LM_ERR("Could not open file '%s'\n", path);
-    if (names_file(path)) remove(path);
-    return -1;
-  }
-  if (!write_version(file.get())) {
-    LM_ERR("Could not write to file '%s'\n", path);
-    file.close();
-    remove(path);
-    return -1;
-  }
-  return 0;
-}
+int32_t clear_file(const char *path) { return clear_file_with(path, {}); }
 
 int32_t store_table(tarn_tbl *table) {
   LM_DBG("Storing table '%s' to file '%s'\n", table->table_name, table->file_name);
   lock_scope lock(table->lock);
+  if (is_being_reloaded(table)) {
+    LM_WARN("Table '%s' was being reloaded when the server stopped. Its files stay as they are\n",
+            table->table_name);
+    return 0;
+  }
   switch (get_tbl_state(table)) {
     case TBL_UNCHANGED:
       LM_DBG("Table '%s' was not changed\n", table->table_name);

@@ -15,10 +15,16 @@ extern int32_t g_store_tbl_auto;
 extern int32_t g_store_tbl_interval;
 
 // Empties the table and fills it from its main file, or from the backup if the main file is missing
-// or bad; a bad file is removed. Counts the rows' ports into the port maps. Always 0: a table that
-// finds no usable file starts empty. Takes no lock: the caller holds the table's, or there is one
-// process only. state stays as it is.
+// or bad. A bad file is renamed to its name with ".refused" behind it, and told at WARN; what is no
+// regular file, or can't be renamed, is removed. Counts the rows' ports into the port maps. Always
+// 0: a table that finds no usable file starts empty. Takes no lock: the caller holds the table's,
+// or there is one process only. state stays as it is.
 int32_t load_table(tarn_tbl *table);
+
+// Throws the rows away for those of the table's file, by load_table, and marks the table as
+// changed. The caller holds the table's lock. A process that ends in the midst of it leaves a table
+// that isn't stored any more. Always 0.
+int32_t reload_table(tarn_tbl *table);
 
 // Writes the table to its files if its state calls for it, and sets the state to unchanged. Takes
 // the table's lock and holds it while it writes. 0, also if there was nothing to do, or -1 with the

@@ -1,6 +1,7 @@
 // Look-up, accessors and the end of the registry.
 #include "tables/tarn_tbl.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "host/log.h"
@@ -113,6 +114,12 @@ int32_t set_tbl_index(tarn_tbl *table, uint32_t index) {
 }
 
 int32_t reset_tbl_index(tarn_tbl *table) { return set_tbl_index(table, 1); }
+
+bool is_being_reloaded(const tarn_tbl *table) { return table->being_reloaded != 0; }
+
+void set_being_reloaded(tarn_tbl *table, bool reloading) {
+  std::atomic_ref(table->being_reloaded).store(reloading ? 1 : 0);
+}
 
 int32_t init_lock() {
   for (tarn_tbl &table : all_tarn_tbls()) {

@@ -40,6 +40,7 @@ struct tarn_tbl {
   int32_t ext_port_field;
   char log_tag[16];  // empty: no audit lines
   tarn_lock *lock;
+  int32_t being_reloaded;  // 1 while rows and files don't belong together
 };
 
 struct tarn_mngt {
@@ -81,6 +82,11 @@ int32_t reset_tbl_row_count(tarn_tbl *table);
 uint32_t get_tbl_index(tarn_tbl *table);
 int32_t set_tbl_index(tarn_tbl *table, uint32_t index);
 int32_t reset_tbl_index(tarn_tbl *table);
+
+// The mark of a reload. It outlives a process that is killed, and so is to be set ahead of the
+// first change and taken back behind the last.
+bool is_being_reloaded(const tarn_tbl *table);
+void set_being_reloaded(tarn_tbl *table, bool reloading);
 
 // Makes the lock of every table. 0, or -1 when memory is short.
 int32_t init_lock();

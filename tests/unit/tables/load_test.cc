@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "tests/unit/tables/fixture.h"
+#include "tests/unit/tables/processes.h"
 
 // The linker leads realloc here; see the build file.
 extern "C" {
@@ -360,6 +361,39 @@ TEST_F(LoadTest, ABackupThatCannotBeSeenCountsAsMissing) {
   load();
   expect_nothing_left();
   EXPECT_EQ(standin::file_ops("fopen"), 0);
+}
+
+TEST_F(LoadTest, AReloadLeavesAChangedTableThatCanBeStored) {
+  start(table_spec{});
+  add(table(), {"7", "8", "9"});
+  table()->state = TBL_UNCHANGED;
+  write(main_file(), "Version 1\n1|2|3\n");
+  EXPECT_EQ(reload_table(table()), 0);
+  EXPECT_EQ(rows(table()), texts{"1|2|3"});
+  EXPECT_EQ(table()->row_count, 1);
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+  EXPECT_FALSE(is_being_reloaded(table()));
+}
+
+// Killed at its first row, with the old rows gone.
+TEST_F(LoadTest, AReloadThatIsKilledLeavesTheFilesToTheNextStart) {
+  ASSERT_TRUE(standin::use_shared_mapping(4 << 20));
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n4|5|6\n");
+  process reloading([] {
+    take_lock(table()->lock);
+    memdb_hash_str = [](const char *) -> uint32_t {
+      kill(getpid(), SIGKILL);
+      return 0;
+    };
+    return reload_table(table());
+  });
+  EXPECT_EQ(reloading.exit_code(), -1);
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+  recover_locks();
+  store_table_mngt(0, nullptr);
+  EXPECT_EQ(read(main_file()), "Version 1\n1|2|3\n4|5|6\n");
+  EXPECT_FALSE(exists(backup_file()));
 }
 
 TEST_F(LoadTest, ARefusedFileTakesThePlaceOfAnOlderOne) {

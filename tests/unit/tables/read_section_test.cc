@@ -81,19 +81,6 @@ TEST_F(ReadSectionTest, AllRowsThatGoAtOnceAreKept) {
   for (memdb_row *const row : rows) EXPECT_FALSE(is_live(row));
 }
 
-TEST_F(ReadSectionTest, AnInsertThatFailsInTheMiddleLeavesItsRowToReadersToo) {
-  const size_t before = standin::live_count(pool::shm);
-  const char *const fields[] = {"1", nullptr, "3"};
-  {
-    read_section section;
-    section.begin();
-    EXPECT_EQ(memdb_insert(table()->tbl, fields), nullptr);
-    EXPECT_EQ(standin::live_count(pool::shm), before + 1);
-  }
-  add_and_remove();
-  EXPECT_EQ(standin::live_count(pool::shm), before);
-}
-
 TEST_F(ReadSectionTest, ReadersThatTakeTurnsWithoutAGapKeepNoMoreThanAFewRows) {
   const size_t before = standin::live_count(pool::shm);
   std::optional<read_section> one, other;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "query/buffers.h"
 #include "tables/table_paths.h"
 #include "tests/unit/tables/fixture.h"
 #include "tests/unit/tables/processes.h"
@@ -124,6 +125,52 @@ TEST_F(StoreTest, EachStoreMovesTheGenerationBeforeToTheBackup) {
   EXPECT_EQ(read(main_file()), "Version 1\nX||\nY||\nZ||\n");
   EXPECT_EQ(store(), 0);
   EXPECT_EQ(read(backup_file()), "Version 1\nX||\nY||\n");
+}
+
+TEST_F(StoreTest, ATableInTheMidstOfAReloadIsNotStored) {
+  start(table_spec{});
+  write(main_file(), "Version 1\n1|2|3\n4|5|6\n");
+  add(table(), {"1", "2", "3"});
+  for (const int state : {TBL_UNCHANGED, TBL_CHANGED, TBL_CLEARED}) {
+    table()->state = state;
+    set_being_reloaded(table(), true);
+    watch();
+    EXPECT_EQ(store(), 0);
+    EXPECT_TRUE(standin::file_history().empty());
+    EXPECT_EQ(warnings(), texts{"Table 't' was being reloaded when the server stopped. Its files "
+                                "stay as they are\n"});
+    EXPECT_EQ(table()->state, state);
+  }
+  set_being_reloaded(table(), false);
+  table()->state = TBL_CHANGED;
+  EXPECT_EQ(store(), 0);
+  EXPECT_EQ(read(main_file()), "Version 1\n1|2|3\n");
+}
+
+// The port functions show what stands in the buffer.
+TEST_F(StoreTest, AStoreThatWroteRowsLeavesTheLastOnesLineInTheQueryBuffer) {
+  start(table_spec{});
+  strcpy(query_buf, "before");
+  table()->state = TBL_CHANGED;
+  EXPECT_EQ(store(), 0);
+  EXPECT_STREQ(query_buf, "before") << "without rows";
+  add(table(), {"A", "x", "1"});
+  add(table(), {"B", "y", "2"});
+  EXPECT_EQ(store(), 0);
+  EXPECT_STREQ(query_buf, "B|y|2");
+  strcpy(query_buf, "before");
+  EXPECT_EQ(store(), 0);
+  EXPECT_STREQ(query_buf, "before") << "with nothing to do";
+}
+
+TEST_F(StoreTest, ALineThatIsLongerThanTheQueryBufferIsCutInIt) {
+  table_spec spec;
+  spec.columns = {{"a", 3000, 0}, {"b", 3000, 0}};
+  start(spec);
+  const std::string a(2500, 'a'), b(2500, 'b');
+  add(table(), {a.c_str(), b.c_str()});
+  EXPECT_EQ(store(), 0);
+  EXPECT_EQ(query_buf, (a + "|" + b).substr(0, TEXT_BUFFER_SIZE - 1));
 }
 
 TEST_F(StoreTest, ATableClearedByAScriptKeepsItsRowsInTheBackup) {

@@ -1,5 +1,5 @@
 // The process's text buffers.
-#include "script/buffers.h"
+#include "query/buffers.h"
 
 char query_buf[TEXT_BUFFER_SIZE];
 char update_buf[TEXT_BUFFER_SIZE];
