@@ -132,7 +132,7 @@ int32_t count_above(select_run *run, const number_range &range) {
              number, range.lower, range.upper);
     if (number > range.lower) {
       count++;
-      if (debug) LM_DBG("ALARM REG_USERS DBG: rowCount_in %d\n", count);
+      if (debug) LM_DBG("ALARM REG_USERS DBG: rowCount_in %d", count);
     }
     row = memdb_select_next(&cursor);
   }

@@ -65,9 +65,7 @@ message alarm_entry(int number, int lower, int upper) {
   return dbg("ALARM REG_USERS DBG: entryInt=" + text(number) +
              ", lower_range_limit=" + text(lower) + ", upper_range_limit=" + text(upper) + "\n");
 }
-message alarm_count(int count) {
-  return dbg("ALARM REG_USERS DBG: rowCount_in " + text(count) + "\n");
-}
+message alarm_count(int count) { return dbg("ALARM REG_USERS DBG: rowCount_in " + text(count)); }
 message target_set(int count) {
   return dbg("ALARM REG_USERS DBG Set AVP rowCount_in = " + text(count) + " successfully\n");
 }
