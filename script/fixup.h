@@ -2,7 +2,8 @@
 //
 // Each gets a parameter's slot and its number, from 1, and gives 0 or a negative number, at which
 // the host refuses the script. They run after mod_init in the host's main process. What they leave
-// in a slot lives in that process's private memory, which the workers inherit, for good.
+// in a slot lives in that process's private memory, which the workers inherit, for good. The fix-up
+// of the XAVP selects runs in the workers as well: see script/late_param.h.
 #pragma once
 
 #include "host/abi.h"
@@ -39,7 +40,7 @@ int tarn_memdb_query_fixup_mode(void **param, int param_no);
 // 1: as above; any other: format.
 int tarn_memdb_query_fixup_mode2(void **param, int param_no);
 
-// 1: as above; 2: XAVP name; 3: number text.
+// 1: as above; 2: XAVP name; 3: number text. After the start: 1 is refused, 2 a plain text.
 int tarn_memdb_query_xavp_fixup(void **param, int param_no);
 
 // 1: format; 2: query and 3: AVP name list, each widened by the place of the other port.

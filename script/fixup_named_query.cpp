@@ -9,6 +9,7 @@
 #include "query/field_strings.h"
 #include "query/named_params.h"
 #include "script/fixup.h"
+#include "script/late_param.h"
 
 namespace {
 
@@ -88,10 +89,14 @@ int tarn_memdb_query_fixup_mode2(void **param, int param_no) {
 int tarn_memdb_query_xavp_fixup(void **param, int param_no) {
   switch (param_no) {
     case 1:
+      if (start_is_over()) return refuse_late_query(param);
       return tarn_memdb_query_fixup_mode2(param, param_no);
     case 2:
+      if (start_is_over()) return take_late_text(param);
       return fixup_spve_spve(param, param_no);
     case 3:
+      // A late one is left to the select, which refuses it with nothing lost.
+      if (start_is_over() && *param != nullptr) return 0;
       return check_number_text(param, param_no);
     default:
       return 0;

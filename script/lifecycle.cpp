@@ -8,6 +8,7 @@
 #include "host/pv_module.h"
 #include "ports/port_map.h"
 #include "rpc/rpc_commands.h"
+#include "script/late_param.h"
 #include "tables/schema.h"
 #include "tables/shared_memory.h"
 #include "tables/table_files.h"
@@ -84,6 +85,8 @@ int mod_init() {
 }
 
 int child_init(int rank) {
+  // The host's first call of this is in the main process, behind the last fix-up of the start.
+  end_start();
   LM_DBG("Initializing tarn_memdb module child [%d] pid [%d]\n", rank, getpid());
   return 0;
 }

@@ -3,12 +3,14 @@
 
 #include "host/imports.h"
 #include "host/log.h"
+#include "script/late_param.h"
 #include "script/raw_text.h"
 
 str print_param(sip_msg *msg, const char *slot, std::span<char> buffer) {
   auto *const format = reinterpret_cast<pv_elem_t *>(const_cast<char *>(slot));
   int len = static_cast<int>(buffer.size());
-  if (is_raw_text(slot) || pv_printf(msg, format, buffer.data(), &len) < 0 || len < 0)
+  if (is_raw_text(slot) || is_refused_query(slot) ||
+      pv_printf(msg, format, buffer.data(), &len) < 0 || len < 0)
     return {nullptr, 0};
   return {buffer.data(), len};
 }

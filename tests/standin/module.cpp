@@ -16,6 +16,27 @@ bool command::accepted() const {
          std::none_of(fixups.begin(), fixups.end(), [](int result) { return result < 0; });
 }
 
+int run_function(const script_function &function, const std::vector<char *> &given, sip_msg &msg) {
+  switch (given.size()) {
+    case 0:
+      return function.two(&msg, nullptr, nullptr);
+    case 1:
+      return function.two(&msg, given[0], nullptr);
+    case 2:
+      return function.two(&msg, given[0], given[1]);
+    case 3:
+      return function.three(&msg, given[0], given[1], given[2]);
+    case 4:
+      return function.four(&msg, given[0], given[1], given[2], given[3]);
+    case 5:
+      return function.five(&msg, given[0], given[1], given[2], given[3], given[4]);
+    case 6:
+      return function.six(&msg, given[0], given[1], given[2], given[3], given[4], given[5]);
+    default:
+      throw std::logic_error("more than six parameters");
+  }
+}
+
 loaded_module::loaded_module(const module_exports_t &exports) : table(&exports), image(nullptr) {}
 
 loaded_module::loaded_module(const module_exports_t &exports, void *handle, std::string path)
@@ -86,6 +107,7 @@ void loaded_module::run_fixups(command *unfixed) const {
   if (it.exported == nullptr || it.exported->fixup == nullptr) return;
   if (it.slots.empty()) it.fixups.push_back(it.exported->fixup(nullptr, 0));
   for (size_t i = 0; i < it.slots.size() && it.accepted(); ++i) {
+    if (it.slots[i] == nullptr) continue;
     it.serial = last_serial();
     it.fixups.push_back(it.exported->fixup(it.slots[i]->address(), static_cast<int>(i) + 1));
   }
@@ -93,27 +115,12 @@ void loaded_module::run_fixups(command *unfixed) const {
 
 int loaded_module::run(const command &call, sip_msg &msg) const {
   if (!call.accepted()) throw std::logic_error("a command that the host would have refused");
-  const script_function &function = call.exported->function;
   std::vector<char *> given;
-  for (const auto &slot : call.slots) given.push_back(slot->get());
-  switch (given.size()) {
-    case 0:
-      return function.two(&msg, nullptr, nullptr);
-    case 1:
-      return function.two(&msg, given[0], nullptr);
-    case 2:
-      return function.two(&msg, given[0], given[1]);
-    case 3:
-      return function.three(&msg, given[0], given[1], given[2]);
-    case 4:
-      return function.four(&msg, given[0], given[1], given[2], given[3]);
-    case 5:
-      return function.five(&msg, given[0], given[1], given[2], given[3], given[4]);
-    case 6:
-      return function.six(&msg, given[0], given[1], given[2], given[3], given[4], given[5]);
-    default:
-      throw std::logic_error("more than six parameters");
+  for (const auto &slot : call.slots) {
+    if (slot == nullptr) throw std::logic_error("a command with an expression");
+    given.push_back(slot->get());
   }
+  return run_function(call.exported->function, given, msg);
 }
 
 int loaded_module::run(const std::string &name, const std::vector<std::string> &texts,

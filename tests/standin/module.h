@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,7 @@ class command {
   // True if the host would take the script: the function exists and no fix-up failed.
   bool accepted() const;
 
-  // The n-th parameter's slot, n from 1.
+  // The n-th parameter's slot, n from 1. An expression has none.
   parameter_slot &slot(size_t n) const { return *slots.at(n - 1); }
 
  private:
@@ -38,6 +39,10 @@ class command {
   std::vector<int> fixups;
   uint64_t serial = 0;
 };
+
+// Calls the function with its parameters: at most two through the common type, else through the
+// type of their number.
+int run_function(const script_function &function, const std::vector<char *> &given, sip_msg &msg);
 
 // A module, from a file or linked into the program.
 class loaded_module {
@@ -79,10 +84,31 @@ class loaded_module {
   command unfixed(const std::string &name, const std::vector<std::string> &texts) const;
   void run_fixups(command *unfixed) const;
 
-  // Calls the function with its slots' contents: at most two parameters through the common type,
-  // else through the type of its number of parameters. Throws std::logic_error on a command that
-  // wasn't accepted.
+  // Calls the function with its slots' contents. Throws std::logic_error on a command that wasn't
+  // accepted or has expressions.
   int run(const command &call, sip_msg &msg) const;
+
+  // A call with expressions, which have no text here: the start leaves them alone, and fixes up the
+  // others.
+  command fixup_with_expressions(const std::string &name,
+                                 const std::vector<std::optional<std::string>> &texts) const;
+
+  // Runs such a call as the host does at every message: each expression's text, in their order,
+  // gets a slot for the time of the call and is fixed up; afterwards a slot that the fix-up has
+  // changed goes to the free fix-up, and what is then in the slot is freed. If a fix-up fails the
+  // function isn't run, the expressions before it are given up likewise, the failing one's text is
+  // lost, and the result is -1.
+  int run_expressions(const command &call, const std::vector<std::string> &texts,
+                      sip_msg &msg) const;
+
+  // Runs the function as KSR.x.modf of another script language does: all parameters are fixed up
+  // now. In Lua (JavaScript and Ruby are alike) every slot goes to the free fix-up, changed or not,
+  // and the texts are freed after that; what was made before a fix-up failed is lost. In Python the
+  // texts are the interpreter's own, the second of at most two is fixed up first, and what is in
+  // the slots is freed as it is. The result is -1 if a fix-up fails.
+  enum class language { lua, python };
+  int run_modf(language from, const std::string &name, const std::vector<std::string> &texts,
+               sip_msg &msg) const;
 
   // Fixes up and runs at once.
   int run(const std::string &name, const std::vector<std::string> &texts, sip_msg &msg) const;

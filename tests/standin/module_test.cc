@@ -133,6 +133,54 @@ TEST_F(ModuleTest, APreparedCallPrintsForEachMessage) {
   EXPECT_EQ(sample->run(call, msg), -1);
 }
 
+TEST_F(ModuleTest, ExpressionsAreFixedUpAtEachCallAndFreedAfterIt) {
+  const command call = sample->fixup_with_expressions("sample_join", {std::nullopt, "3"});
+  ASSERT_TRUE(call.accepted());
+  EXPECT_EQ(call.results(), std::vector<int>{0});
+  EXPECT_THROW(sample->run(call, msg), std::logic_error);
+  const size_t blocks = live_count(pool::pkg);
+  EXPECT_EQ(sample->run_expressions(call, {"ab"}, msg), 23);
+  EXPECT_EQ(sample->run_expressions(call, {"abcd"}, msg), 43);
+  EXPECT_EQ(live_count(pool::pkg), blocks);
+  EXPECT_EQ(calls("fixup_free_spve_spve"), 2);
+}
+
+TEST_F(ModuleTest, ASlotThatTheFixupLeftIsNotForTheFreeFixupOfExpressions) {
+  const command call = sample->fixup_with_expressions("sample_join", {"abc", std::nullopt});
+  const size_t blocks = live_count(pool::pkg);
+  EXPECT_EQ(sample->run_expressions(call, {"7"}, msg), 37);
+  EXPECT_EQ(live_count(pool::pkg), blocks);
+  EXPECT_EQ(calls("fixup_free_spve_spve"), 0);
+}
+
+TEST_F(ModuleTest, ARefusedExpressionFailsTheCallAndLosesItsText) {
+  const command call = sample->fixup_with_expressions("sample_join", {std::nullopt, std::nullopt});
+  EXPECT_EQ(sample->run_expressions(call, {"ab", "refuse"}, msg), -1);
+  ASSERT_EQ(live_blocks(pool::pkg).size(), 1u);
+  EXPECT_STREQ(static_cast<const char *>(live_blocks(pool::pkg)[0].address), "refuse");
+}
+
+TEST_F(ModuleTest, LuaGivesEverySlotToTheFreeFixup) {
+  using language = loaded_module::language;
+  EXPECT_EQ(sample->run_modf(language::lua, "sample_join", {"ab", "3"}, msg), 23);
+  EXPECT_EQ(live_count(pool::pkg), 0u);
+  EXPECT_EQ(calls("fixup_free_spve_spve"), 2);
+  EXPECT_EQ(sample->run_modf(language::lua, "sample_join", {"ab", "refuse"}, msg), -1);
+  EXPECT_EQ(live_count(pool::pkg), 1u);  // the record of the first
+  EXPECT_THROW(sample->run_modf(language::lua, "sample_print", {"a"}, msg), std::logic_error);
+}
+
+TEST_F(ModuleTest, PythonFreesWhatIsInTheSlots) {
+  using language = loaded_module::language;
+  EXPECT_EQ(sample->run_modf(language::python, "sample_join", {"abc"}, msg), 3);
+  EXPECT_EQ(live_count(pool::pkg), 0u);
+  EXPECT_TRUE(memory_errors().empty());
+  // A text of its own, where the fix-up has left the slot.
+  EXPECT_EQ(sample->run_modf(language::python, "sample_join", {"abc", "3"}, msg), 33);
+  EXPECT_EQ(memory_errors().size(), 1u);
+  clear_memory_errors();
+}
+
 TEST_F(ModuleTest, ALinkedInModuleIsDrivenTheSameWay) {
   const loaded_module linked(sample->exports());
   EXPECT_EQ(linked.run("sample_digits", {"4", "2"}, msg), 42);

@@ -5,12 +5,18 @@
 
 namespace standin {
 
+// A text, or none, that stays its owner's.
+struct borrowed_text {
+  char *text;
+};
+
 // The record that holds one parameter of a script function in the host's parsed script. Fix-ups are
 // given the address of its data word, and some look at the word before it. Holds a private copy of
-// the text at first (owner "core"), which a fix-up may free.
+// the text at first (owner "core"), which a fix-up may free, or a borrowed one.
 class parameter_slot {
  public:
   explicit parameter_slot(const std::string &text);
+  explicit parameter_slot(borrowed_text text);
   ~parameter_slot();
   parameter_slot(const parameter_slot &) = delete;
   parameter_slot &operator=(const parameter_slot &) = delete;

@@ -126,6 +126,19 @@ TEST_F(ParamsTest, APlainTextBecomesAStringParameter) {
   EXPECT_TRUE(misuses().empty());
 }
 
+TEST_F(ParamsTest, WhatIsNoRecordIsNotFreedAsOne) {
+  char plain[] = "x$fU";
+  str text = {plain, 4};
+  pv_elem_t *format = nullptr;
+  ASSERT_EQ(pv_parse_format(&text, &format), 0);
+  void *slot = format;
+  EXPECT_EQ(fixup_free_spve_spve(&slot, 3), -1);  // the host knows two parameters
+  EXPECT_TRUE(misuses().empty());
+  EXPECT_EQ(fixup_free_spve_spve(&slot, 1), 0);
+  EXPECT_EQ(slot, format);
+  EXPECT_EQ(misuses().size(), 1u);
+}
+
 TEST_F(ParamsTest, ATextWithAVariableIsPrintedAtEachUse) {
   parameter_slot slot("x$fU");
   ASSERT_EQ(fixup_spve_spve(slot.address(), 1), 0);

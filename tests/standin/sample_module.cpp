@@ -27,6 +27,18 @@ int fix_by_number(void **param, int param_no) {
   return 0;
 }
 
+int fix_join(void **param, int param_no) {
+  if (strcmp(static_cast<char *>(*param), "refuse") == 0) return -1;
+  return param_no == 1 ? fixup_spve_spve(param, param_no) : 0;
+}
+
+// The first text's length, and behind it the digit.
+int join(sip_msg *msg, char *text, char *digit) {
+  str first;
+  if (get_str_fparam(&first, msg, reinterpret_cast<fparam_t *>(text)) != 0) return -1;
+  return digit != nullptr ? first.len * 10 + digit[0] - '0' : first.len;
+}
+
 int print(sip_msg *msg, char *format, char *) {
   char buf[64];
   int len = sizeof(buf);
@@ -82,6 +94,8 @@ void destroy() { _ksr_slog_func = nullptr; }
 
 const cmd_export_t functions[] = {{"sample_print", print, 1, fix_format, nullptr, 239},
                                   {"sample_count", count, 0, fix_by_number, nullptr, 239},
+                                  {"sample_join", join, 1, fix_join, fixup_free_spve_spve, 239},
+                                  {"sample_join", join, 2, fix_join, fixup_free_spve_spve, 239},
                                   {"sample_digits", arity1, 1, nullptr, nullptr, 239},
                                   {"sample_digits", arity2, 2, fix_by_number, nullptr, 239},
                                   {"sample_digits", arity3, 3, fix_by_number, nullptr, 239},
