@@ -31,6 +31,9 @@ int register_timer(void (*function)(unsigned int ticks, void *param), void *para
                    unsigned int interval);
 cmd_function find_export(const char *name, int param_no, int flags);
 
+// Not 0 once the host has run all fix-ups of its start. Not every host offers it.
+extern int fixup_complete __attribute__((weak));
+
 // Preparing script parameters.
 int pv_parse_format(str *text, pv_elem_t **format);
 char *pv_parse_spec2(str *text, pv_spec_t *spec, int silent);

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "host/imports.h"
 #include "host/log.h"
 #include "host/memory.h"
 
@@ -31,7 +32,10 @@ int put_record(void **param, const str &text) {
 
 void end_start() { after_start = true; }
 
-bool start_is_over() { return after_start; }
+bool start_is_over() {
+  // Other modules may run routes in their child_init, ahead of ours.
+  return after_start || (&fixup_complete != nullptr && fixup_complete != 0);
+}
 
 int refuse_late_query(void **param) {
   LM_ERR(

@@ -104,6 +104,24 @@ def test_an_expression_without_pseudo_variables_is_a_text_by_the_start(started):
     assert server.said("ERROR") == []
 
 
+def test_a_route_that_another_module_runs_before_our_first_process_starts(host):
+    """htable runs its event route in its own child_init, which comes first if it's loaded first."""
+    script = """
+        request_route { sl_send_reply("200", "ready"); }
+        event_route[htable:mod-init] {
+            $var(q) = "%s$ua$ua|*|*";
+            tarn_memdb_xavp_select("users," + $var(q), "row");
+        }
+    """ % ("x" * 58)
+    server = host(
+        tables=[USERS],
+        script=script,
+        modules=OTHER_MODULES + ("htable.so", MODULE_NAME),
+        modparams=['modparam("htable", "htable", "a=>size=4;")'],
+    )
+    assert server.said("ERROR") == REFUSED
+
+
 def test_an_expression_names_the_xavp_and_is_taken_as_it_stands(started):
     shown = ("$xavp(row=>city)", "$cnt($xavp(row))")
     name = Call('tarn_memdb_xavp_select("users,alice|*|*", $hdr(X-Q))', show=shown)
