@@ -10,38 +10,10 @@ import time
 
 import pytest
 import reloads
-from module_host import Call, Column, Table, host_server
+from module_host import Column, Table, host_server
+from stamped_rows import FIRST_ROWS, INSERT_WITHOUT_END, STAMPED, row
 
-# An insert passes most of its time in the chains of the columns in the middle, all of which have a
-# third of the rows or so.
-LINKED = 4
-STAMPED = Table(
-    "stamped",
-    (
-        Column("stamp"),
-        *(Column(f"linked{number}", indexed=True) for number in range(LINKED)),
-        Column("text", 255),
-        Column("last"),
-    ),
-    max_rows=1_000_000,
-)
-FIRST_ROWS = 20_000
 WRITERS = 3
-
-
-def row(stamp):
-    # Behind all other texts of its chain.
-    return "|".join([stamp, *[f"~{stamp}"] * LINKED, "t" * 200 + stamp, stamp])
-
-
-INSERTS = Call(
-    f"""while (1) {{
-      $var(number) = $var(number) + 1;
-      tarn_memdb_insert("stamped,{row("$hdr(X-Q).$var(number)")}");
-    }}
-    $var(never) = 1""",
-    before="$var(number) = 0;",
-)
 
 
 def descendants(server):
@@ -73,14 +45,13 @@ def test_workers_ended_among_their_inserts_leave_whole_rows(host, attempt):
     server = host(
         start=False,
         tables=[STAMPED],
-        calls={"insert": INSERTS},
+        calls={"insert": INSERT_WITHOUT_END},
         params={"store_tbl_auto": 0},
         modparams=("max_while_loops=100000000",),
         children=WRITERS,
         memory=256,
     )
-    first = [row(f"first{number}") for number in range(FIRST_ROWS)]
-    server.write_rows("stamped", first)
+    server.write_rows("stamped", FIRST_ROWS)
     server.start()
     phones = [server.phone(f"p{writer}") for writer in range(WRITERS)]
     for writer, phone in enumerate(phones):
@@ -88,13 +59,13 @@ def test_workers_ended_among_their_inserts_leave_whole_rows(host, attempt):
             phone.request("OPTIONS", server.uri("insert"), {"X-Q": f"w{writer}"}, timeout=0.1)
     assert kill(server, busiest(server)) < 10
     stored = server.rows("stamped")
-    assert stored[:FIRST_ROWS] == first
+    assert stored[: len(FIRST_ROWS)] == FIRST_ROWS
     added = {f"w{writer}": [] for writer in range(WRITERS)}
-    for line in stored[FIRST_ROWS:]:
+    for line in stored[len(FIRST_ROWS) :]:
         added[line.partition(".")[0]].append(line)
     for writer, rows in added.items():
         assert rows == [row(f"{writer}.{number}") for number in range(1, len(rows) + 1)]
-    assert len(stored) > FIRST_ROWS
+    assert len(stored) > len(FIRST_ROWS)
 
 
 @pytest.mark.parametrize("part", [0.0, 0.3, 0.6, 0.9])
