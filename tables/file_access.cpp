@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tables/file_status.h"
+
 namespace {
 
 constexpr mode_t RIGHTS = 0777;
@@ -33,7 +35,7 @@ bool give_owner(int file, const struct stat &now, const file_access &access) {
 
 void give_access(int file, const file_access &access) {
   struct stat now;
-  if (fstat(file, &now) != 0) return;
+  if (!read_status(file, &now)) return;
   mode_t mode = access.mode;
   if (!give_owner(file, now, access)) mode = (mode & ~GROUP_RIGHTS) | (mode & OTHERS_RIGHTS) << 3;
   fchmod(file, mode);
@@ -44,7 +46,7 @@ void give_access(int file, const file_access &access) {
 file_access access_of_first(std::initializer_list<const char *> paths) {
   for (const char *const path : paths) {
     struct stat status;
-    if (stat(path, &status) == 0 && S_ISREG(status.st_mode))
+    if (read_status(path, &status) && S_ISREG(status.st_mode))
       return {true, status.st_mode & RIGHTS, status.st_uid, status.st_gid};
   }
   return {};
@@ -52,7 +54,7 @@ file_access access_of_first(std::initializer_list<const char *> paths) {
 
 FILE *open_with_access(const char *path, const file_access &access) {
   struct stat there;
-  if (!access.known || lstat(path, &there) == 0) return fopen(path, "w");
+  if (!access.known || read_link_status(path, &there)) return fopen(path, "w");
   // Whoever may not read the text may not open the file in the moment before it has its rights.
   const narrower_mask mask(RIGHTS & ~access.mode);
   FILE *const file = fopen(path, "w");

@@ -1,24 +1,25 @@
 // Which file fills a table, and what becomes of a file that doesn't.
-#include <sys/stat.h>
-
+#include <cerrno>
 #include <cstdio>
 
 #include "host/log.h"
+#include "tables/file_status.h"
 #include "tables/table_files.h"
 #include "tables/table_paths.h"
 #include "tables/table_reader.h"
 
 namespace {
 
-bool is_regular_file(const char *path) {
+// What can't be looked at may be one.
+bool may_be_regular_file(const char *path) {
   struct stat status;
-  return lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+  return read_link_status(path, &status) ? S_ISREG(status.st_mode) : errno != ENOENT;
 }
 
 // Frees the path of a file that can't be loaded. Its text stays on disk, for whoever mends it: it
 // may be all that is left of the table.
 void set_aside(const char *path) {
-  if (is_regular_file(path)) {
+  if (may_be_regular_file(path)) {
     const refused_path refused(path);
     if (rename(path, refused.text) == 0) {
       LM_WARN("File '%s' can't be loaded and was renamed to '%s'\n", path, refused.text);

@@ -157,7 +157,8 @@ bool write_table(const memdb_tbl *tbl, FILE *file) {
 
 // The rights that the main file has or is to have again. Without one, those of its last text.
 file_access main_file_access(const main_path &path, const backup_path &backup) {
-  return access_of_first({path.text, backup.text, refused_path(path.text).text});
+  return access_of_first({path.text, backup.text, refused_path(path.text).text,
+                          refused_path(backup.text).text});
 }
 
 // clear_file, with these rights for a file that isn't there.

@@ -44,29 +44,18 @@ def _start(whole, positions, backup, use_index):
             made.main_file(f"t{at}").write_bytes(whole[:at])
             if backup is not None:
                 made.backup_file(f"t{at}").write_bytes(backup)
+        all_expected = [site.Expected(made, f"t{at}") for at in positions]
         made.start()
-        complaints = []
-        for at in positions:
-            table = f"t{at}"
-            main = whole[:at]
-            expected = table_model.load(table, len(NAMES), main, backup)
-            complaints += expected.complaints
-            site.check(site.select(made, table) == expected.rows, "rows after a cut at", at)
-            files = site.files(made, table)
-            site.check(
-                files == table_model.files_after(expected, main, backup), "files, cut at", at
-            )
+        for expected in all_expected:
+            rows = expected.loaded.rows
+            site.check(site.select(made, expected.table) == rows, "rows of", expected.table)
+            expected.check_files()
             if use_index:
-                highest = max((int(row[0]) for row in expected.rows if row[0]), default=0)
-                told = rpc_host.info(made, table)["Next index"]
-                site.check(told == str(highest + 1), "cut at", at, "the next index is", told)
-        site.check(site.complaints(made) == complaints, "complaints", site.complaints(made))
+                highest = max((int(row[0]) for row in rows if row[0]), default=0)
+                told = rpc_host.info(made, expected.table)["Next index"]
+                site.check(told == str(highest + 1), expected.table, "next index", told)
+        site.Expected.check_log(made, all_expected)
         site.check(made.stop() == 0, "the stop failed")
-        for at in positions:
-            main = whole[:at]
-            expected = table_model.load(f"t{at}", len(NAMES), main, backup)
-            files = site.files(made, f"t{at}")
-            site.check(
-                files == table_model.files_after(expected, main, backup), "stopped, cut at", at
-            )
+        for expected in all_expected:
+            expected.check_files("after a stop")
         site.check_sound(made)

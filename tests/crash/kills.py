@@ -37,20 +37,16 @@ class Lane:
 
     def round(self, made):
         self.refill(made)
-        before = {table: site.files(made, table) for table in load.COLUMNS}
-        expected = {
-            table: table_model.load(table, columns, *before[table])
-            for table, columns in load.COLUMNS.items()
-        }
+        expected = {table.name: site.Expected(made, table.name) for table in load.TABLES}
         made.start()
-        complaints = [text for loaded in expected.values() for text in loaded.complaints]
-        site.check(site.complaints(made) == complaints, "complaints:", site.complaints(made))
-        for table, loaded in expected.items():
+        site.Expected.check_log(made, expected.values())
+        for table, each in expected.items():
+            each.check_files()
+            self.counts["set aside"] += len(each.warnings)
             if table != "quiet":
-                load.check_rows(made, table, loaded.rows)
-            before[table] = table_model.files_after(loaded, *before[table])
-        gen = load.loaded_gen(expected["stamps"].rows)
-        work = load.Load(made, expected["stamps"].rows, expected["journal"].rows, gen)
+                load.check_rows(made, table, each.loaded.rows)
+        stamps, journal = expected["stamps"].loaded.rows, expected["journal"].loaded.rows
+        work = load.Load(made, stamps, journal, load.loaded_gen(stamps))
         work.start()
         time.sleep(self.random.uniform(0.0, 1.4))
         made.kill()
@@ -59,7 +55,10 @@ class Lane:
         self.counts["kills"] += 1
         self.counts["stores"] += len(work.stored_gens) + len(work.stored_rows) - 2
         for judged in (Stamps(work), Journal(work)):
-            self.judge(judged, before[judged.table], site.files(made, judged.table))
+            each = expected[judged.table]
+            self.judge(judged, each.files, site.files(made, judged.table))
+            refused = site.refused(made, judged.table)
+            site.check(refused == each.refused, judged, "has another refused file")
         site.check(site.files(made, "quiet") == (load.QUIET_FILE, None), "quiet was touched")
 
     def refill(self, made):
@@ -170,7 +169,7 @@ def run(rounds, lanes):
         f" ({counts['stores']} answered stores, {counts['mid-store']} tables killed in mid-store,"
         f" {counts['loaded from main']} loads from a main file,"
         f" {counts['loaded from backup']} from a backup, {counts['loaded from none']} from none,"
-        f" {counts['tail missing']} tails missing)"
+        f" {counts['tail missing']} tails missing, {counts['set aside']} files set aside)"
     )
 
 

@@ -34,7 +34,6 @@ TABLES = (STAMPS, JOURNAL, QUIET)
 QUIET_FILE = table_model.text([("never", "changed")])
 
 INSERT = Call('tarn_memdb_insert("journal,$hdr(X-Q)")')
-COLUMNS = {"stamps": 4, "journal": 4, "quiet": 2}
 
 
 def filler(number):

@@ -147,15 +147,15 @@ def killed_without_space():
         case.fails("Could not write to file")
         case.made.kill()
         files = site.files(case.made, "space")
-        loaded = table_model.load("space", 2, *files)
+        expected = site.Expected(case.made, "space")
+        loaded = expected.loaded
         site.check(loaded.source != "none" or loaded.complaints or b"" in files, "no file left")
         case.made.start()
-        site.check(site.complaints(case.made) == loaded.complaints, site.complaints(case.made))
+        expected.check_log(case.made, [expected])
         found = site.select(case.made, "space")
         site.check(found == loaded.rows, "loaded", len(found), "expected", len(loaded.rows))
         case.end()
-        left = table_model.files_after(loaded, *files)
-        site.check(site.files(case.made, "space") == left, "an unchanged table was stored")
+        expected.check_files("though unchanged")
 
 
 def no_space_for_the_tail():
@@ -209,8 +209,58 @@ def read_only_at_a_start_with_a_bad_file():
         refusal = "Wrong database version. Current DB: Version 1, Prensent on File: Version 2\n"
         with site.read_only(case.made.files), site.read_only(case.made.backups):
             case.start([refusal])
+            site.check(site.set_aside(case.made) == [], "told that it was set aside")
         case.end()
-        site.check(case.main.read_bytes() == b"Version 2\n", "a file was touched")
+        site.check(site.files(case.made, "space") == (b"Version 2\n", text(FEW)), "files touched")
+
+
+def refused_files_place_a_directory():
+    """What can't be set aside is removed, since the table's next file needs the place."""
+    with obstacle(FEW) as case:
+        case.backup.write_bytes(text(FEW))
+        case.main.write_bytes(b"Version 2\n")
+        place = case.made.refused_file("space")
+        place.mkdir()
+        (place / "inside").touch()
+        case.start(["Wrong database version. Current DB: Version 1, Prensent on File: Version 2\n"])
+        site.check(site.set_aside(case.made) == [], "told that it was set aside")
+        site.check(not case.main.exists(), "the bad file stayed")
+        case.insert()
+        case.stores()
+        case.end()
+
+
+def refused_files_place_a_link():
+    """The link gives way, and what it leads to stays."""
+    with obstacle(FEW) as case:
+        case.backup.write_bytes(text(FEW))
+        case.main.write_bytes(b"Version 2\n")
+        target = case.made.directory / "target"
+        target.write_bytes(b"kept")
+        case.made.refused_file("space").symlink_to(target)
+        expected = site.Expected(case.made, "space")
+        case.start(expected.loaded.complaints)
+        expected.check_log(case.made, [expected])
+        site.check(target.read_bytes() == b"kept", "the link's target was written")
+        site.check(not case.made.refused_file("space").is_symlink(), "the link stayed")
+        site.check(site.refused(case.made, "space")[0] == b"Version 2\n", "not set aside")
+        case.end()
+
+
+def main_file_a_link_to_a_bad_file():
+    """A link isn't the text itself: it goes, and the text stays where it is."""
+    with obstacle(FEW) as case:
+        case.main.rename(case.backup)
+        target = case.made.directory / "target"
+        target.write_bytes(b"Version 2\n")
+        case.main.symlink_to(target)
+        case.start(["Wrong database version. Current DB: Version 1, Prensent on File: Version 2\n"])
+        site.check(not case.main.is_symlink(), "the link stayed")
+        site.check(target.read_bytes() == b"Version 2\n", "the link's target was touched")
+        site.check(site.refused(case.made, "space") == (None, None), "something was set aside")
+        case.insert()
+        case.stores()
+        case.end()
 
 
 def read_only_at_a_clear():
@@ -332,6 +382,9 @@ CASES = (
     read_only_tables,
     read_only_backups,
     read_only_at_a_start_with_a_bad_file,
+    refused_files_place_a_directory,
+    refused_files_place_a_link,
+    main_file_a_link_to_a_bad_file,
     read_only_at_a_clear,
     main_file_a_directory,
     main_file_an_empty_directory,

@@ -16,6 +16,7 @@ import site_servers as site  # noqa: E402  (found by way of the line above)
 import cuts  # noqa: E402
 import kills  # noqa: E402
 import obstacles  # noqa: E402
+import reloads_cut_off  # noqa: E402
 import stops  # noqa: E402
 
 
@@ -32,6 +33,7 @@ def main():
         told = [
             cuts.run(step=16 if options.short else 1),
             obstacles.run(lanes + 1),
+            reloads_cut_off.run(4 if options.short else 20),
             stops.run(5 if options.short else 30),
             kills.run(rounds, lanes),
         ]

@@ -133,6 +133,42 @@ def complaints(made):
     ]
 
 
+def set_aside(made):
+    """The module's lines about files that it put aside."""
+    return [text for text in made.said("WARNING") if "was renamed to" in text]
+
+
 def files(made, table):
     """The bytes of a table's main and backup file."""
-    return table_model.read(made.main_file(table)), table_model.read(made.backup_file(table))
+    return tuple(table_model.read(made.table_file(table, backup)) for backup in (False, True))
+
+
+def refused(made, table):
+    """Those of the files that a load put aside."""
+    return tuple(table_model.read(made.refused_file(table, backup)) for backup in (False, True))
+
+
+class Expected:
+    """What the next load of a table makes of its files, all of which are looked at now."""
+
+    def __init__(self, made, table):
+        self.made, self.table = made, table
+        before = files(made, table)
+        aside = refused(made, table)
+        self.loaded = table_model.load(table, len(made.tables[table].columns), *before)
+        self.files = table_model.files_after(self.loaded, *before)
+        self.refused = table_model.refused_after(self.loaded, *before, aside)
+        moved = [old is not None and new is None for old, new in zip(before, self.files)]
+        self.warnings = [made.set_aside(table, backup) for backup in (False, True) if moved[backup]]
+
+    def check_files(self, *told):
+        found = files(self.made, self.table), refused(self.made, self.table)
+        check(found == (self.files, self.refused), self.table, "has other files", *told)
+
+    @staticmethod
+    def check_log(made, expected):
+        """The complaints and warnings of a start, of all tables in the order of the schema."""
+        said = [text for each in expected for text in each.loaded.complaints]
+        check(complaints(made) == said, "complaints", complaints(made))
+        warned = [text for each in expected for text in each.warnings]
+        check(set_aside(made) == warned, "set aside", set_aside(made))

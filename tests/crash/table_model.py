@@ -49,10 +49,17 @@ def load(table, columns, main, backup):
 
 
 def files_after(loaded, main, backup):
-    """What a load leaves of the files: those that it found bad are gone."""
+    """What a load leaves of the files in their places: those that it found bad are set aside."""
     if loaded.source == "main":
         return main, backup
     return None, backup if loaded.source == "backup" else None
+
+
+def refused_after(loaded, main, backup, refused):
+    """What there is of refused files after a load: bad ones take the places of older ones."""
+    bad_main = main is not None and loaded.source != "main"
+    bad_backup = backup is not None and loaded.source == "none"
+    return main if bad_main else refused[0], backup if bad_backup else refused[1]
 
 
 def text(rows):

@@ -66,6 +66,9 @@ struct run {
   tables_rows rows;   // in memory
   std::map<std::string, std::string> files;
   bool read_files = false;
+  bool read_failed = false;
+  bool load_refused = false;
+  bool rename_failed = false;
   std::vector<point> points;  // that the act has
   rlim_t longest = 0;         // file at the end of the act
 };
@@ -148,6 +151,12 @@ void check_next_start(world *w, const run &done, const point *failing) {
     if (now == rows) continue;
     // A read that fails ends the file for that start, and the file stays as it is.
     if (done.read_files && is_start_of(rows, now)) continue;
+    // A load that wasn't made left its files as they were, good or bad.
+    if (done.load_refused) continue;
+    // So that load doesn't come to a bad row behind it.
+    if (done.read_failed && (is_start_of(rows, world::rows_at_first().at(name)) ||
+                             is_start_of(rows, world::rows_before_that().at(name))))
+      continue;
     if (failing == nullptr || !failing->loses_rows)
       deviation("rows of " + name + " are lost over a restart");
     else if (!is_cut_of(now, rows) && now != world::rows_at_first().at(name) &&
@@ -158,14 +167,32 @@ void check_next_start(world *w, const run &done, const point *failing) {
   w->close();
 }
 
-// A start that fails removes at most files that it couldn't read, and leaves each table one.
-void check_files_of_start(const std::map<std::string, std::string> &before,
-                          const std::map<std::string, std::string> &after) {
+using file_texts = std::map<std::string, std::string>;
+
+constexpr char REFUSED[] = " refused";
+
+// A load leaves each file as it is, or with its whole text beside its place. Where it can't be
+// renamed it may go.
+void check_files_of_load(const file_texts &before, const file_texts &after, bool rename_failed) {
+  for (const auto &[name, text] : before) {
+    const auto there = after.find(name);
+    const auto aside = after.find(name + REFUSED);
+    if (there != after.end() && there->second != text)
+      deviation("a load changes the file " + name);
+    else if (there == after.end() && (aside == after.end() || aside->second != text) &&
+             !rename_failed)
+      deviation("a load loses the text of the file " + name);
+  }
   for (const auto &[name, text] : after)
-    if (before.at(name) != text) deviation("a start changes the file " + name);
-  for (const auto &[name, rows] : world::rows_at_first())
-    if (after.count(name) + after.count(name + " backup") == 0)
-      deviation("a start leaves no file of " + name);
+    if (before.count(name) == 0 && !name.ends_with(REFUSED))
+      deviation("a load makes the file " + name);
+}
+
+// What was put aside stays as it is, whatever is stored and loaded later.
+void check_refused_files(const file_texts &before, const file_texts &after) {
+  for (const auto &[name, text] : before)
+    if (name.ends_with(REFUSED) && (after.count(name) == 0 || after.at(name) != text))
+      deviation("the file " + name + " doesn't stay as it is");
 }
 
 run run_once(const scenario &s, const point *failing) {
@@ -187,9 +214,16 @@ run run_once(const scenario &s, const point *failing) {
   stop_failing();
   out.points = points_since(operations, s.when);
   const std::vector<std::string> done = standin::file_history();
-  out.read_files =
-      std::any_of(done.begin() + static_cast<long>(operations), done.end(),
-                  [](const std::string &each) { return each.rfind("getline", 0) == 0; });
+  const auto did = [&](const char *operation, bool failing) {
+    return std::any_of(
+        done.begin() + static_cast<long>(operations), done.end(), [&](const std::string &each) {
+          return each.rfind(operation, 0) == 0 && (!failing || each.ends_with("(failed)"));
+        });
+  };
+  out.read_files = did("getline", false);
+  out.read_failed = did("getline", true);
+  out.rename_failed = did("rename", true);
+  out.load_refused = s.loads && is_failure(out.outcome);
   const bool failed = is_failure(out.outcome);
   if (s.when == phase::fixup) {
     // What was made of the parameters before is the host's.
@@ -204,7 +238,8 @@ run run_once(const scenario &s, const point *failing) {
     out.longest = std::max(out.longest, static_cast<rlim_t>(text.size()));
   // Fix-ups that got over the failure have made something that works.
   if (s.when == phase::fixup && !failed) out.outcome += ", " + std::to_string(w.call());
-  if (s.when == phase::start) check_files_of_start(files_before, w.files());
+  const auto files_then = w.files();
+  if (s.loads) check_files_of_load(files_before, files_then, out.rename_failed);
   if (w.started()) {
     out.rows = w.rows();
     standin::tick();
@@ -212,7 +247,10 @@ run run_once(const scenario &s, const point *failing) {
   }
   if (s.when != phase::shutdown) w.destroy();
   out.files = w.files();
-  if (s.when == phase::start && failed) check_files_of_start(files_before, out.files);
+  if (s.when == phase::start && failed)
+    check_files_of_load(files_before, out.files, out.rename_failed);
+  check_refused_files(files_then, out.files);
+  for (const std::string &each : w.files_open_to_others()) deviation(each + " is open to others");
   // The server ends then, and its shared memory with it.
   w.close(s.when == phase::start && failed);
   check_next_start(&w, out, failing);

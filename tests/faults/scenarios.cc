@@ -137,6 +137,8 @@ struct command {
   std::vector<standin::value> arguments;
   bool in_parts = false;
   bool stores = false;
+  // How the files are that the command reads, in the words of spoil.
+  const char *files = nullptr;
 };
 
 const std::vector<command> COMMANDS = {
@@ -157,8 +159,11 @@ const std::vector<command> COMMANDS = {
     {"show_tbls_lst", {}},
     {"show_cmds", {}},
     {"show_pm_info", {}},
-    {"reload_table", {"media"}, true},
-    {"reload_table", {"phones"}, true},
+    {"reload_table", {"media"}, true, false, "good"},
+    {"reload_table", {"media"}, true, false, "bad main"},
+    {"reload_table", {"phones"}, true, false, "good"},
+    {"reload_table", {"phones"}, true, false, "bad main"},
+    {"reload_table", {"phones"}, true, false, "bad"},
     {"sync", {"phones"}, false, true},
 };
 
@@ -186,6 +191,12 @@ void fill_phones(world &w) {
   }
 }
 
+// Spoils neither of a table's files ("good"), the main file ("bad main"), or both ("bad").
+void spoil(world &w, const std::string &table, const std::string &files) {
+  if (files != "good") w.spoil(table, false);
+  if (files == "bad") w.spoil(table, true);
+}
+
 std::string tick(world &) {
   standin::tick();
   return "a pass of the timer";
@@ -209,24 +220,35 @@ std::vector<scenario> all_scenarios() {
   for (const host_kind host :
        {host_kind::exported_explode, host_kind::ninth_operation, host_kind::without_explode}) {
     out.push_back({"start " + std::to_string(static_cast<int>(host)), phase::start, nothing, start,
-                   false, false, host});
+                   false, false, true, host});
   }
+  for (const char *files : {"bad main", "bad"})
+    out.push_back({std::string("start with ") + files + " files", phase::start,
+                   [files](world &w) {
+                     for (const module_test::table &each : world::tables())
+                       spoil(w, each.name, files);
+                   },
+                   start, false, false, true});
   for (const function_call &each : function_calls()) {
     out.push_back({"fix-ups of " + words_of(each), phase::fixup,
                    [each](world &w) { w.write_call(each.function, each.parameters); },
                    [](world &w) -> std::string { return w.run_fixups() ? "accepted" : "-1"; },
-                   false, false, each.host});
+                   false, false, false, each.host});
     out.push_back({words_of(each), phase::run,
                    [each](world &w) {
                      if (!w.fix(each.function, each.parameters)) deviation("fix-up refused");
                    },
-                   result_of_call, each.in_parts, each.stores, each.host});
+                   result_of_call, each.in_parts, each.stores, false, each.host});
   }
   for (const command &each : COMMANDS) {
     const std::string first = each.arguments.empty() ? "" : " " + each.arguments[0].text;
-    const auto change = std::string(each.name) == "sync" ? change_all : nothing;
-    out.push_back({std::string("tarn_memdb.") + each.name + first, phase::run, change,
-                   [each](world &) { return reply_of(each); }, each.in_parts, each.stores});
+    const bool loads = each.files != nullptr;
+    const std::string files = loads ? std::string(" of ") + each.files + " files" : "";
+    std::function<void(world &)> prepare = nothing;
+    if (loads) prepare = [each](world &w) { spoil(w, each.arguments[0].text, each.files); };
+    if (std::string(each.name) == "sync") prepare = change_all;
+    out.push_back({std::string("tarn_memdb.") + each.name + first + files, phase::run, prepare,
+                   [each](world &) { return reply_of(each); }, each.in_parts, each.stores, loads});
   }
   out.push_back({"timer with nothing changed", phase::run, nothing, tick});
   out.push_back({"timer", phase::run, change_all, tick, false, true});

@@ -28,6 +28,8 @@ struct scenario {
   bool in_parts = false;
   // Writes table files, so a device that is full is tried as well.
   bool stores = false;
+  // Reads table files, and loses the text of none.
+  bool loads = false;
   standin::host_kind host = standin::host_kind::exported_explode;
 };
 

@@ -14,6 +14,8 @@ using module_test::table;
 using standin::pool;
 
 constexpr char VERSION_LINE[] = "Version 1";
+// Less than the process's mask lets new files have.
+constexpr mode_t FILE_MODE = 0640;
 constexpr int PORTS = 10;
 // Rounds of giving all ports back, so that a port with that many holders shows.
 constexpr int HOLDERS = 3;
@@ -133,7 +135,7 @@ const tables_rows &world::rows_before_that() {
   return rows;
 }
 
-world::world(standin::host_kind host) : host_(host) {
+world::world(standin::host_kind host) : host_(host), usual_mask_(umask(022)) {
   standin::reset();
   mkdir((directory_ / "main").c_str(), 0700);
   mkdir((directory_ / "backup").c_str(), 0700);
@@ -143,6 +145,8 @@ world::world(standin::host_kind host) : host_(host) {
   for (const auto &[name, rows] : rows_before_that())
     module_test::write_file(path(name, true),
                             std::string(VERSION_LINE) + "\n" + joined(rows, "\n") + "\n");
+  for (const table &t : tables())
+    for (const bool backup : {false, true}) chmod(path(t.name, backup).c_str(), FILE_MODE);
   module_test::write_file(directory_ / "schema.cfg",
                           "BASE_DIR=" + directory_ / "main/" + "\nBASE_BACKUP_DIR=" +
                               directory_ / "backup/" + "\n" + module_test::schema_text(tables()));
@@ -154,6 +158,7 @@ world::~world() {
   if (module_ != nullptr) close();
   standin::watch_files("");
   standin::reset();
+  umask(usual_mask_);
 }
 
 std::string world::path(const std::string &table, bool backup) const {
@@ -292,9 +297,31 @@ std::map<std::string, std::string> world::files() const {
   std::map<std::string, std::string> out;
   for (const table &t : tables())
     for (const bool backup : {false, true})
-      if (module_test::file_exists(path(t.name, backup)))
-        out[t.name + (backup ? " backup" : "")] = module_test::read_file(path(t.name, backup));
+      for (const char *ending : {"", ".refused"}) {
+        const std::string file = path(t.name, backup) + ending;
+        if (module_test::file_exists(file))
+          out[t.name + (backup ? " backup" : "") + (*ending != '\0' ? " refused" : "")] =
+              module_test::read_file(file);
+      }
   return out;
+}
+
+std::vector<std::string> world::files_open_to_others() const {
+  std::vector<std::string> out;
+  for (const table &t : tables())
+    for (const bool backup : {false, true})
+      for (const char *ending : {"", ".refused"}) {
+        const std::string file = path(t.name, backup) + ending;
+        struct stat status {};
+        if (stat(file.c_str(), &status) == 0 && (status.st_mode & 0777 & ~FILE_MODE) != 0)
+          out.push_back(file);
+      }
+  return out;
+}
+
+void world::spoil(const std::string &table, bool backup) {
+  const std::string file = path(table, backup);
+  module_test::write_file(file, module_test::read_file(file) + "no row of this table\n");
 }
 
 tables_rows world::rows_in_files() const {

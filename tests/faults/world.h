@@ -2,6 +2,8 @@
 // thing fails: small tables of every kind, port maps of ten ports, and looks at all that they hold.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -47,9 +49,15 @@ class world {
   // Everything that can be told from outside, as text. Uses up all ports: to be done last.
   std::string state();
 
-  // What the files hold, by name, and what a start makes of them.
+  // Texts by the file's name: "phones", "phones backup", and "phones refused" and "phones backup
+  // refused" for what a load put aside.
   std::map<std::string, std::string> files() const;
+  // What a start makes of the files.
   tables_rows rows_in_files() const;
+  // Files that somebody may read or write who couldn't at the beginning.
+  std::vector<std::string> files_open_to_others() const;
+  // Makes a table's file one that a load refuses, behind a row that is good.
+  void spoil(const std::string &table, bool backup);
 
   static const std::vector<module_test::table> &tables();
   // Rows of main and backup files at the beginning.
@@ -65,6 +73,7 @@ class world {
 
   module_test::temporary_directory directory_;
   standin::host_kind host_;
+  mode_t usual_mask_;
   std::unique_ptr<standin::loaded_module> module_;
   standin::command prepared_;
   bool started_ = false;

@@ -256,13 +256,26 @@ class ModuleHost(host_server.Server):
     def backup_file(self, table):
         return self.backups / (self.tables[table].file_name + ".backup")
 
+    def table_file(self, table, backup=False):
+        return self.backup_file(table) if backup else self.main_file(table)
+
+    def refused_file(self, table, backup=False):
+        """Where a load puts a file that it can't read."""
+        path = self.table_file(table, backup)
+        return path.with_name(path.name + ".refused")
+
+    def set_aside(self, table, backup=False):
+        """What the module says when it puts a file there."""
+        path, refused = self.table_file(table, backup), self.refused_file(table, backup)
+        return f"File '{path}' can't be loaded and was renamed to '{refused}'\n"
+
     def write_rows(self, table, rows, backup=False):
-        path = self.backup_file(table) if backup else self.main_file(table)
+        path = self.table_file(table, backup)
         path.write_text("".join(line + "\n" for line in ("Version 1", *rows)))
 
     def rows(self, table, backup=False):
         """The rows in a table's file, oldest first; None without a file."""
-        path = self.backup_file(table) if backup else self.main_file(table)
+        path = self.table_file(table, backup)
         if not path.exists():
             return None
         first, *rows = path.read_text().split("\n")[:-1]

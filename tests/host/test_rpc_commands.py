@@ -299,13 +299,19 @@ def test_reload_table_takes_what_was_written_by_hand(server, road):
     assert server.backup_file("users").read_text() == by_hand
 
 
-def test_reload_table_of_two_bad_files_loses_them_without_a_fault(server, road):
+def test_reload_table_of_two_bad_files_sets_them_aside_without_a_fault(server, road):
     server.main_file("users").write_text("Version 2\n")
     server.backup_file("users").write_text("Version 1\nonly|two\n")
     silently(road, server, "reload_table", "users")
     assert rows(server, "users") == []
     assert not server.main_file("users").exists()
     assert not server.backup_file("users").exists()
+    assert server.refused_file("users").read_text() == "Version 2\n"
+    assert server.refused_file("users", backup=True).read_text() == "Version 1\nonly|two\n"
+    assert said_by_module(server, "WARNING") == [
+        server.set_aside("users"),
+        server.set_aside("users", backup=True),
+    ]
     assert said_by_module(server, "ERROR") == [
         "Wrong database version. Current DB: Version 1, Prensent on File: Version 2\n",
         "Size mismatch",

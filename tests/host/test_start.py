@@ -112,7 +112,9 @@ def test_a_main_file_of_another_version_gives_way_to_the_backup(host):
     assert server.said("ERROR") == [
         "Wrong database version. Current DB: Version 1, Prensent on File: Version 2\n"
     ]
+    assert server.said("WARNING") == [server.set_aside("users")]
     assert server.rows("users") is None
+    assert server.refused_file("users").read_text() == "Version 2\nnew|1|x\n"
     assert server.rows("users", backup=True) == ["old|1|x"]
 
 
@@ -124,7 +126,8 @@ def test_carriage_returns_make_a_file_of_another_version(host):
     assert server.said("ERROR") == [
         "Wrong database version. Current DB: Version 1, Prensent on File: Version 1\r\n"
     ]
-    assert server.file_states() == {}
+    assert server.said("WARNING") == [server.set_aside("users")]
+    assert list(server.file_states()) == ["tables/users.tbl.refused"]
 
 
 def test_an_empty_main_file_gives_way_to_the_backup(host):
@@ -134,7 +137,8 @@ def test_an_empty_main_file_gives_way_to_the_backup(host):
     server.start()
     assert server.call("select", "*|*|*").values == ("old", "1", "x")
     assert f"Database empty: {server.main_file('users')}\n" in server.said("DEBUG")
-    assert server.rows("users") is None
+    assert server.file_states().keys() == {"tables/users.tbl.refused", "backup/users.tbl.backup"}
+    assert server.refused_file("users").read_bytes() == b""
 
 
 def test_a_row_with_the_wrong_number_of_fields_makes_the_file_bad(host):
@@ -145,13 +149,15 @@ def test_a_row_with_the_wrong_number_of_fields_makes_the_file_bad(host):
     assert server.call("select", "*|*|*").values == ("old", "1", "x")
     assert server.said("ERROR")[-1] == "Could not parse 'users,bob|31'\n"
     assert server.said("ERROR")[0].startswith("Size mismatch")
+    assert server.said("WARNING") == [server.set_aside("users")]
     assert server.rows("users") is None
 
 
-def test_two_bad_files_leave_an_empty_table_and_no_files(host):
+def test_two_bad_files_leave_an_empty_table_and_are_set_aside(host):
     server = host(start=False, tables=[USERS], calls=SELECT)
     server.write_rows("users", ["alice|*|rome"])
     server.write_rows("users", ["|||"], backup=True)
+    texts = [server.table_file("users", backup).read_text() for backup in (False, True)]
     server.start()
     assert server.call("select", "*|*|*").rc == -2
     said = server.said("ERROR")
@@ -160,7 +166,12 @@ def test_two_bad_files_leave_an_empty_table_and_no_files(host):
         "Could not parse 'users,alice|*|rome'\n",
     ]
     assert said[-1] == "Could not parse 'users,|||'\n"
-    assert server.file_states() == {}
+    assert server.said("WARNING") == [server.set_aside("users"), server.set_aside("users", True)]
+    assert server.file_states().keys() == {
+        "tables/users.tbl.refused",
+        "backup/users.tbl.backup.refused",
+    }
+    assert [server.refused_file("users", backup).read_text() for backup in (False, True)] == texts
 
 
 def test_more_rows_than_the_limit_load_and_further_ones_are_taken(host):

@@ -3,7 +3,8 @@
 import concurrent.futures
 
 import pytest
-from module_host import Call, Table, columns
+from module_host import Call, Table, columns, host_server
+from stamped_rows import FIRST_ROWS, INSERT_WITHOUT_END, STAMPED
 
 WORKERS = 4
 PHONES = 8
@@ -103,6 +104,41 @@ def test_a_reader_with_a_lock_sees_whole_rows_only(host, reader):
     rows = [row.split("|") for row in server.rows("calls")]
     assert [row[5] for row in rows] == [str(number) for number in range(len(ROWS))]
     assert len({(row[3], row[4]) for row in rows}) == 1
+
+
+# The newest row, again and again.
+LOOK_AT_NEWEST = Call(
+    """while ($var(seen) < 200 && $var(reads) < 5000000) {
+      $(avp(stamp)[*]) = $null;
+      $(avp(last)[*]) = $null;
+      tarn_memdb_nl_select("stamped,*|*|*|*|*|*|*,1", "$avp(stamp)||||||$avp(last)");
+      if ($avp(stamp) != $avp(last)) $var(half) = $var(half) + 1;
+      if ($avp(stamp) != $var(newest)) $var(seen) = $var(seen) + 1;
+      $var(newest) = $avp(stamp);
+      $var(reads) = $var(reads) + 1;
+    }
+    $var(end) = 1""",
+    before="$var(reads) = 0; $var(half) = 0; $var(seen) = 0; $var(newest) = \"\";",
+    show=("$var(half)", "$var(seen)"),
+)
+
+
+def test_a_reader_without_a_lock_meets_no_row_that_is_half_filled(host):
+    server = host(
+        start=False,
+        tables=[STAMPED],
+        calls={"insert": INSERT_WITHOUT_END, "look": LOOK_AT_NEWEST},
+        modparams=("max_while_loops=100000000",),
+        children=2,
+        memory=256,
+    )
+    server.write_rows("stamped", FIRST_ROWS)
+    server.start()
+    with server.phone() as writer, pytest.raises(host_server.host_sip.NoReply):
+        writer.request("OPTIONS", server.uri("insert"), {"X-Q": "w"}, timeout=0.1)
+    half, seen = server.call("look", timeout=20.0).values
+    assert int(seen) == 200
+    assert half == "0"
 
 
 GET = {

@@ -75,6 +75,24 @@ std::vector<std::string> elf_file::needed() const {
   return out;
 }
 
+std::vector<std::string> elf_file::needed_versions() const {
+  const std::string records = section(".gnu.version_r");
+  const std::string texts = section(".dynstr");
+  std::vector<std::string> out;
+  for (size_t at = 0; at < records.size();) {
+    const auto library = record_at<Elf64_Verneed>(records, at);
+    size_t version_at = at + library.vn_aux;
+    for (size_t i = 0; i < library.vn_cnt; i++) {
+      const auto version = record_at<Elf64_Vernaux>(records, version_at);
+      out.push_back(text_at(texts, version.vna_name));
+      version_at += version.vna_next;
+    }
+    if (library.vn_next == 0) break;
+    at += library.vn_next;
+  }
+  return out;
+}
+
 size_t elf_file::constructors() const { return section(".init_array").size() / sizeof(void *); }
 
 }  // namespace module_test

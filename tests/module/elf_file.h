@@ -23,6 +23,8 @@ class elf_file {
   std::vector<elf_symbol> all_symbols() const;
   // The libraries that the loader opens with the file.
   std::vector<std::string> needed() const;
+  // The versions of those libraries' symbols that the loader insists on.
+  std::vector<std::string> needed_versions() const;
   // Number of functions that the loader runs when it opens the file.
   size_t constructors() const;
 

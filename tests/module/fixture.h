@@ -159,6 +159,11 @@ class ModuleTest : public testing::Test {
   // Files. The paths are those of the table's main and backup file.
   std::string main_file(const std::string &table_name) const;
   std::string backup_file(const std::string &table_name) const;
+  // Where a file goes that a load refuses, and what is said of it then.
+  static std::string refused(const std::string &path) { return path + ".refused"; }
+  static std::string set_aside(const std::string &path) {
+    return "File '" + path + "' can't be loaded and was renamed to '" + refused(path) + "'\n";
+  }
   std::string schema_file() const { return directory_ / "schema.cfg"; }
   std::string ranges_file() const { return directory_ / "ranges.txt"; }
   std::string base_directory() const { return directory_ / "main/"; }

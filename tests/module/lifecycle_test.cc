@@ -304,10 +304,11 @@ TEST_F(StarvedStartTest, EachSharedAllocationFailsWithItsMessage) {
             {err("Fail to allocate memory to the " + part + "\n"), refused},
             "Could not allocate memory for tbl!\n"};
   };
-  const auto no_row = [&](const std::string &composed) -> starved {
+  const auto no_row = [&](const std::string &name, const std::string &values) -> starved {
     return {0,
             {err("Fail to allocate memory to the row\n"),
-             err("Could not insert '" + composed + "'\n")}};
+             err("Could not insert '" + name + "," + values + "'\n"),
+             warn(set_aside(main_file(name)))}};
   };
   const starved no_lock = {-1,
                            {err("Could not allocate the lock\n"), err("Could not init lock\n")}};
@@ -337,8 +338,8 @@ TEST_F(StarvedStartTest, EachSharedAllocationFailsWithItsMessage) {
       no_name,
       no_table("table"),
       no_table("columns"),
-      no_row("first,k|v"),
-      no_row("second,x"),
+      no_row("first", "k|v"),
+      no_row("second", "x"),
       no_lock,
       no_lock,
   };
@@ -349,14 +350,15 @@ TEST_F(StarvedStartTest, EachSharedAllocationFailsWithItsMessage) {
 TEST_F(StarvedStartTest, EachPrivateAllocationFailsWithItsMessage) {
   const starved no_declaration = {
       -1, {refused_schema()}, "Could not allocate memory for tbl_dcl!\n"};
-  const auto no_fields = [](const std::string &composed) -> starved {
+  const auto no_fields = [this](const std::string &name, const std::string &values) -> starved {
+    const std::string composed = name + "," + values;
     return {0,
             {crit("no more pkg memory\n"),
              err("Wrong number of fields in field list: " + composed + " | (null)\n"),
-             err("Could not parse '" + composed + "'\n")}};
+             err("Could not parse '" + composed + "'\n"), warn(set_aside(main_file(name)))}};
   };
-  const std::vector<starved> expected = {no_declaration, no_declaration, no_fields("first,k|v"),
-                                         no_fields("second,x")};
+  const std::vector<starved> expected = {no_declaration, no_declaration, no_fields("first", "k|v"),
+                                         no_fields("second", "x")};
   fail_each(pool::pkg, expected, [](size_t) { return 0u; });
 }
 
@@ -367,6 +369,7 @@ TEST_F(StarvedStartTest, ARowThatFindsNoMemoryGivesWayToTheBackup) {
   start_configured();
   expect_rows("first", {{"old", "v"}});
   EXPECT_FALSE(file_exists(main_file("first")));
+  EXPECT_EQ(read_file(refused(main_file("first"))), table_text({"k|v"}));
 }
 
 TEST_F(StarvedStartTest, AColumnWhoseNameFindsNoMemoryIsThereAndNameless) {

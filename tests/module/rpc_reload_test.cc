@@ -90,7 +90,7 @@ TEST_F(RpcReloadTest, WithoutAMainFileTheBackupServes) {
   EXPECT_EQ(both_files("users"), "none / Version 1\nbob|31|oslo\n");
 }
 
-TEST_F(RpcReloadTest, ABadMainFileIsRemovedAndTheBackupServes) {
+TEST_F(RpcReloadTest, ABadMainFileIsSetAsideAndTheBackupServes) {
   open({USERS});
   write_rows("users", {"carol|32|bern", "only two|fields"});
   write_backup("users", {"bob|31|oslo"});
@@ -99,13 +99,14 @@ TEST_F(RpcReloadTest, ABadMainFileIsRemovedAndTheBackupServes) {
       ElementsAre("scan s", "{users} err Size mismatch",
                   "{users} err Wrong number of fields in field list: users,only two|fields | "
                   "(null)\n",
-                  "{users} err Could not parse 'users,only two|fields'\n"));
+                  "{users} err Could not parse 'users,only two|fields'\n",
+                  "{users} warn " + set_aside(main_file("users"))));
   EXPECT_THAT(reply.faults, IsEmpty());
   expect_rows("users", {{"bob", "31", "oslo"}});
   EXPECT_EQ(both_files("users"), "none / Version 1\nbob|31|oslo\n");
 }
 
-TEST_F(RpcReloadTest, TwoBadFilesAreLostWithoutAFault) {
+TEST_F(RpcReloadTest, TwoBadFilesAreSetAsideWithoutAFault) {
   open({USERS});
   insert("users,alice|30|rome");
   write_file(main_file("users"), "Version 2\nbob|31|oslo\n");
@@ -113,20 +114,25 @@ TEST_F(RpcReloadTest, TwoBadFilesAreLostWithoutAFault) {
   EXPECT_THAT(trace(RELOAD, {"users"}),
               ElementsAre("scan s",
                           "{users} err Wrong database version. Current DB: Version 1, Prensent on "
-                          "File: Version 2\n"));
+                          "File: Version 2\n",
+                          "{users} warn " + set_aside(main_file("users")),
+                          "{users} warn " + set_aside(backup_file("users"))));
   EXPECT_THAT(reply.faults, IsEmpty());
   EXPECT_THAT(reply.lines, IsEmpty());
   expect_rows("users", {});
   EXPECT_EQ(both_files("users"), "none / none");
+  EXPECT_EQ(read_file(refused(main_file("users"))), "Version 2\nbob|31|oslo\n");
+  EXPECT_EQ(read_file(refused(backup_file("users"))), "");
 }
 
-TEST_F(RpcReloadTest, AValueThatItsFileCannotCarryLosesTheTable) {
+TEST_F(RpcReloadTest, AValueThatItsFileCannotCarryHasTheFileSetAside) {
   open({USERS});
   insert("users,alice\\|x|30|rome");
   standin::tick();
   trace(RELOAD, {"users"});
   expect_rows("users", {});
   EXPECT_EQ(both_files("users"), "none / none");
+  EXPECT_EQ(read_file(refused(main_file("users"))), table_text({"alice|x|30|rome"}));
 }
 
 TEST_F(RpcReloadTest, NeitherRowLimitNorDuplicatesAreCheckedInALoad) {
@@ -252,6 +258,7 @@ TEST_F(RpcReloadTest, EachAllocationFailingInTurnIsABadFile) {
                                failed + "'\n"));
     expect_rows("users", {{"dan", "33", "kyiv"}});
     EXPECT_FALSE(file_exists(main_file("users")));
+    EXPECT_EQ(read_file(refused(main_file("users"))), table_text(stored));
   }
 }
 
@@ -260,8 +267,10 @@ TEST_F(RpcReloadTest, AFileThatCannotBeOpenedIsABadOne) {
   write_rows("users", {"bob|31|oslo"});
   write_backup("users", {"dan|33|kyiv"});
   standin::fail_file_op("fopen", 1, EACCES);
-  EXPECT_THAT(trace(RELOAD, {"users"}), ElementsAre("scan s", "{users} err Could not open file '" +
-                                                                  main_file("users") + "'\n"));
+  EXPECT_THAT(
+      trace(RELOAD, {"users"}),
+      ElementsAre("scan s", "{users} err Could not open file '" + main_file("users") + "'\n",
+                  "{users} warn " + set_aside(main_file("users"))));
   expect_rows("users", {{"dan", "33", "kyiv"}});
   EXPECT_EQ(both_files("users"), "none / Version 1\ndan|33|kyiv\n");
 }

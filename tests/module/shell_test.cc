@@ -14,6 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 using testing::UnorderedElementsAre;
 
 struct command_row {
@@ -259,6 +260,17 @@ TEST_F(ShellTest, TheFileAsksForNothingBeyondTheHostAndTheCLibrary) {
 #ifndef TARN_INSTRUMENTED
 TEST_F(ShellTest, TheCLibraryIsTheOnlyLibraryNeeded) {
   EXPECT_THAT(elf_file(TARN_MODULE_FILE).needed(), ElementsAre("libc.so.6"));
+}
+
+// A module that is built on a new system runs on older ones, as does its host.
+TEST_F(ShellTest, ACLibraryOf2011WillDo) {
+  const std::vector<std::string> versions = elf_file(TARN_MODULE_FILE).needed_versions();
+  EXPECT_THAT(versions, Not(IsEmpty()));
+  for (const std::string &version : versions) {
+    int minor = 0;
+    EXPECT_EQ(sscanf(version.c_str(), "GLIBC_2.%d", &minor), 1) << version;
+    EXPECT_LE(minor, 14) << version;
+  }
 }
 
 // One entry is the compiler's own, in every shared object.

@@ -5,6 +5,7 @@
 
 #include <dlfcn.h>
 #include <stdio_ext.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -88,6 +89,10 @@ bool must_fail(const char *op, const char *path = nullptr, const char *other = n
   inside = false;
   if (failing) errno = error;
   return failing;
+}
+
+bool file_fails(const char *op, int descriptor) {
+  return active() && watching->streams.count(descriptor) != 0 && must_fail(op);
 }
 
 bool stream_fails(const char *op, FILE *stream) {
@@ -183,10 +188,12 @@ size_t faulty_fwrite_unlocked(const void *data, size_t size, size_t count, FILE 
     LABEL(fwrite_unlocked);
 int faulty_fflush(FILE *stream) LABEL(fflush);
 int faulty_fsync(int descriptor) LABEL(fsync);
+int faulty_fchmod(int descriptor, mode_t mode) LABEL(fchmod);
 int faulty_rename(const char *from, const char *to) LABEL(rename);
 int faulty_remove(const char *path) LABEL(remove);
 int faulty_unlink(const char *path) LABEL(unlink);
 int faulty_access(const char *path, int mode) LABEL(access);
+long faulty_syscall(long number, long a, long b, long c, long d, long e, long f) LABEL(syscall);
 
 FILE *faulty_fopen(const char *path, const char *mode) {
   static const auto real = standin::next<FILE *(*)(const char *, const char *)>("fopen");
@@ -288,9 +295,13 @@ int faulty_fflush(FILE *stream) {
 }
 
 int faulty_fsync(int descriptor) {
-  if (standin::active() && standin::watching->streams.count(descriptor) != 0 && must_fail("fsync"))
-    return -1;
+  if (standin::file_fails("fsync", descriptor)) return -1;
   FORWARD(int (*)(int), "fsync", descriptor);
+}
+
+int faulty_fchmod(int descriptor, mode_t mode) {
+  if (standin::file_fails("fchmod", descriptor)) return -1;
+  FORWARD(int (*)(int, mode_t), "fchmod", descriptor, mode);
 }
 
 int faulty_rename(const char *from, const char *to) {
@@ -311,5 +322,13 @@ int faulty_unlink(const char *path) {
 int faulty_access(const char *path, int mode) {
   if (watched(path) && must_fail("access", path)) return -1;
   FORWARD(int (*)(const char *, int), "access", path, mode);
+}
+
+// Whatever a call has no use for is passed on as it stands.
+long faulty_syscall(long number, long a, long b, long c, long d, long e, long f) {
+  const auto *const path = reinterpret_cast<const char *>(b);
+  if (number == SYS_newfstatat && watched(path) && must_fail("stat", path)) return -1;
+  if (number == SYS_fstat && standin::file_fails("fstat", static_cast<int>(a))) return -1;
+  FORWARD(long (*)(long, long, long, long, long, long, long), "syscall", number, a, b, c, d, e, f);
 }
 }

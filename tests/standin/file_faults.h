@@ -9,9 +9,10 @@
 namespace standin {
 
 // Operations: "fopen", "fclose", "getline", "fgets", "fread", "fprintf", "fputs", "fputc",
-// "fwrite", "fflush", "fsync", "rename", "remove", "unlink", "access". getline stands for getdelim
-// too, fprintf for vfprintf, fopen for freopen's failure-free sibling fopen64. "any" stands for all
-// of them.
+// "fwrite", "fflush", "fsync", "fchmod", "fstat", "rename", "remove", "unlink", "access", "stat".
+// getline stands for getdelim too, fprintf for vfprintf, fopen for freopen's failure-free sibling
+// fopen64. stat and fstat are the kernel's calls by way of syscall: tests look by the C library's
+// functions and aren't counted. "any" stands for all of them.
 //
 // Compilers turn some calls into others (fprintf of a plain text into fputs or fwrite, fputs of one
 // character into fputc), so tests that mean "a write" should use "write", which stands for fprintf,
@@ -23,7 +24,7 @@ namespace standin {
 //   getline, fgets, fread    end of data with the stream's error mark set
 //   writes     nothing goes into the stream; the error mark is set
 //   fflush     EOF with the error mark set; the text stays in the buffer
-//   fsync, rename, remove, unlink, access    -1; nothing is done
+//   fsync, fchmod, fstat, rename, remove, unlink, access, stat    -1; nothing is done
 
 // Watches all paths that begin with the prefix, and counts from zero. An empty prefix stops it.
 // A test's own operations count too, std::fstream's among them: read counts before looking into

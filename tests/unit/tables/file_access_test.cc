@@ -166,6 +166,14 @@ TEST_F(FileAccessTest, WithoutAMainFileTheRightsOfItsLastTextCount) {
   load_table(table());
   store_change();
   EXPECT_EQ(mode_of(main_file()), 0640u) << "as the file that was set aside";
+
+  for (const std::string &file : {main_file(), main_file() + ".refused"})
+    std::filesystem::remove(file);
+  write(backup_file(), "Version 0\n");
+  chmod(backup_file().c_str(), 0604);
+  load_table(table());
+  store_change();
+  EXPECT_EQ(mode_of(main_file()), 0604u) << "as the backup that was set aside";
 }
 
 TEST_F(FileAccessTest, AClearedTablesFilesKeepTheirRightsAndNewOnesGetThem) {

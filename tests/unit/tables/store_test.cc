@@ -599,8 +599,10 @@ TEST_F(StoreTest, TheStepsComeInOrder) {
   watch();
   EXPECT_EQ(store(), 0);
   const texts history = standin::file_history();
-  EXPECT_EQ(history[0], "rename " + main_file() + " " + backup_file());
-  EXPECT_EQ(history[1], "fopen " + main_file());
+  EXPECT_EQ(history[0], "stat " + main_file()) << "whose rights the new file gets";
+  EXPECT_EQ(history[1], "rename " + main_file() + " " + backup_file());
+  EXPECT_EQ(history[2], "stat " + main_file()) << "which the rename may have left there";
+  EXPECT_EQ(history[3], "fopen " + main_file());
   EXPECT_EQ(history.back(), "fclose");
 }
 
