@@ -13,11 +13,16 @@
 // unequal: such rows pass the check, and callers count on their being let in.
 class duplicate_key {
  public:
+  static constexpr size_t SLOT = 32;
+
   // The query outlives the key.
   duplicate_key(const tarn_tbl *table, const query_in *in);
 
   // False if memory is short.
   explicit operator bool() const { return wanted_ != nullptr; }
+
+  // True for the columns that count.
+  static bool compares(const tarn_tbl *table, uint32_t col);
 
   // One text for each column, null where it isn't compared; what memdb_select takes.
   const char *const *wanted() const { return wanted_; }
