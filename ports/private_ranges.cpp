@@ -1,6 +1,7 @@
 // The private range file.
 #include "ports/private_ranges.h"
 
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -14,20 +15,6 @@
 const char *private_ranges_file_path = "/var/lib/sipserver/gw_private_range.txt";
 
 namespace {
-
-// What a line says. A line that gives no word repeats the one before.
-struct range_line {
-  char word[32] = "";
-  int32_t port[PRIVATE_RANGE_PORTS];
-  int ports = 0;
-
-  void scan(const char *text) {
-    const int items =
-        vread(text, "%31s %d %d %d %d %d %d %d %d %d %d", word, &port[0], &port[1], &port[2],
-              &port[3], &port[4], &port[5], &port[6], &port[7], &port[8], &port[9]);
-    ports = items > 0 ? items - 1 : 0;
-  }
-};
 
 // One place more at the end of the map's ranges, with a new record in it. Null if memory is short;
 // the count stays raised, and every reader of the ranges knows that a record may be missing.
@@ -49,9 +36,10 @@ void fill_range(port_m *m, private_range_ports *range, const range_line &line) {
       range->port[i] = NO_PORT;
       continue;
     }
-    range->port[i] = line.port[i];
-    if (is_port_in_range(m, line.port[i])) *port_entry(m, line.port[i]) |= PORT_PRIVATE;
-    LM_DBG("Port %d was reserved to a private range for %s!\n", line.port[i], line.word);
+    const range_port port = judge_range_port(m, line, i);
+    range->port[i] = port.number;
+    if (port.is_marked) *port_entry(m, port.number) |= PORT_PRIVATE;
+    LM_DBG("Port %d was reserved to a private range for %s!\n", port.number, line.word);
   }
 }
 
@@ -85,6 +73,23 @@ bool read_ranges(FILE *file, char **buffer) {
 }
 
 }  // namespace
+
+bool range_line::scan(const char *text) {
+  ports = 0;
+  int used = 0;
+  const bool has_word = vread(text, "%31s%n", word, &used) == 1;
+  rest = text + used;
+  // What is left of a word that has no room isn't the first number.
+  while (has_word && *rest != '\0' && isspace(static_cast<unsigned char>(*rest)) == 0) rest++;
+  for (; ports < PRIVATE_RANGE_PORTS && vread(rest, "%d%n", &port[ports], &used) == 1; ports++)
+    rest += used;
+  return has_word;
+}
+
+range_port judge_range_port(const port_m *m, const range_line &line, int place) {
+  const int32_t number = line.port[place];
+  return {number, is_port_in_range(m, number), place > 0 && number == NO_PORT};
+}
 
 void free_private_ranges(port_m *m) {
   for (private_range_ports *range : private_ranges(m)) tarn_shm_free(range);

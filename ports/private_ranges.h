@@ -5,6 +5,27 @@
 
 #include "ports/port_map.h"
 
+// A line of the file, scanned: the word of a map, then up to ten ports.
+struct range_line {
+  // Scans text. False if it has no word: the word of the line before then stays, without ports.
+  bool scan(const char *text);
+
+  char word[32] = "";  // cut to its room; no map has so long a word
+  int32_t port[PRIVATE_RANGE_PORTS] = {};
+  int ports = 0;
+  const char *rest = "";  // of the text: what is passed over
+};
+
+// What the place of a port in a scanned line makes of it.
+struct range_port {
+  int32_t number;
+  bool is_marked;   // lies in the map, where ordinary allocation then skips it
+  bool ends_range;  // this and what follows isn't given out
+};
+
+// Judges the port at a place of the line, from 0 to line.ports - 1, in the range's map.
+range_port judge_range_port(const port_m *m, const range_line &line, int place);
+
 // Adds the ranges of private_ranges_file_path to their maps and marks their ports. 0, or -1 when
 // there is no file, which is no fault, or no memory. Runs before the host forks.
 int32_t load_port_range();

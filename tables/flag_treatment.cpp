@@ -11,7 +11,7 @@
 namespace {
 
 void take(const tarn_tbl *table, const port_claim &claim) {
-  const int32_t port = claim.text != nullptr ? atoi(claim.text) : claim.map->next_free_port;
+  const int32_t port = claimed_port(claim);
   if (set_port(claim.map, port) == 1)
     increment_port_count(claim.map, port);
   else

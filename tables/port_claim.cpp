@@ -32,23 +32,35 @@ class row_values {
 
 int number_in(const char *text) { return text != nullptr ? atoi(text) : 0; }
 
+bool is_dynamic(const tarn_tbl &table) { return strcmp(table.range, "dynamic") == 0; }
+
 }  // namespace
+
+port_columns port_columns_of(const tarn_tbl &table) {
+  return {LOCATION_COL, is_dynamic(table) ? DYNAMIC_TYPE_COL : STATIC_TYPE_COL,
+          table.int_port_field, table.ext_port_field};
+}
+
+port_m *claimed_map(const tarn_tbl &table, bool internal) {
+  if (internal) return is_dynamic(table) ? port_m_int : port_m_static_int;
+  return is_dynamic(table) ? port_m_ext : port_m_static_ext;
+}
 
 bool find_port_claim(const tarn_tbl *table, const query_in *in, const memdb_row *row,
                      port_claim *claim) {
   const row_values values(table, in, row);
-  const bool dynamic = strcmp(table->range, "dynamic") == 0;
-  const int32_t type_col = dynamic ? DYNAMIC_TYPE_COL : STATIC_TYPE_COL;
-  if (!values.has(LOCATION_COL) || !values.has(type_col)) return false;
-  const char *const location = values[LOCATION_COL];
-  const bool internal = (location != nullptr && strcmp(location, "WAN") == 0) ||
-                        number_in(values[type_col]) == INTERNAL_TYPE;
-  claim->col = internal ? table->int_port_field : table->ext_port_field;
+  const port_columns cols = port_columns_of(*table);
+  if (!values.has(cols.location) || !values.has(cols.type)) return false;
+  const char *const location = values[cols.location];
+  const bool internal = (location != nullptr && strcmp(location, INTERNAL_LOCATION) == 0) ||
+                        number_in(values[cols.type]) == INTERNAL_TYPE;
+  claim->col = internal ? cols.int_port : cols.ext_port;
   if (!values.has(claim->col)) return false;
   claim->text = values[claim->col];
-  if (internal)
-    claim->map = dynamic ? port_m_int : port_m_static_int;
-  else
-    claim->map = dynamic ? port_m_ext : port_m_static_ext;
+  claim->map = claimed_map(*table, internal);
   return true;
+}
+
+int32_t claimed_port(const port_claim &claim) {
+  return claim.text != nullptr ? atoi(claim.text) : claim.map->next_free_port;
 }

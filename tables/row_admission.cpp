@@ -1,14 +1,13 @@
 // Row limit, duplicate check, generated index.
 #include "tables/row_admission.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "host/log.h"
 #include "host/memory.h"
+#include "tables/duplicate_key.h"
 #include "tables/flag_treatment.h"
 
 namespace {
@@ -31,50 +30,6 @@ bool write_index(tarn_tbl *table, query_in *in) {
   snprintf(in->flds[0], INDEX_TEXT_SIZE, "%u", index);
   return true;
 }
-
-// The wanted values of a check that leaves columns out, copied into slots of 32 bytes. Slots are
-// filled in ascending order, so that a value of 32 bytes or more is spoilt by the next one and
-// compares unequal: such rows pass the check, and callers count on their being let in.
-class duplicate_key {
- public:
-  duplicate_key(const tarn_tbl *table, const query_in *in)
-      : count_(table->tbl->col_cnt),
-        size_(size_t{count_} * BLOCK_PER_COLUMN),
-        block_(pkg_array<char>(size_)) {
-    if (!block_) return;
-    for (uint32_t i = 0; i < count_; i++) {
-      if (is_compared(table, i) && in->flds[i] != nullptr)
-        copy(i, in->flds[i]);
-      else
-        wanted()[i] = nullptr;
-    }
-  }
-
-  explicit operator bool() const { return static_cast<bool>(block_); }
-  char **wanted() const { return reinterpret_cast<char **>(block_.get()); }
-
- private:
-  static constexpr size_t BLOCK_PER_COLUMN = 264;
-  static constexpr size_t TEXTS_PER_COLUMN = 64;  // the texts begin at column count times this
-  static constexpr size_t SLOT = 32;
-
-  static bool is_compared(const tarn_tbl *table, uint32_t col) {
-    return holds_ports(*table) ? col >= 1 && col <= 3 : col != 0;
-  }
-
-  void copy(uint32_t col, const char *value) {
-    const size_t start = size_t{count_} * TEXTS_PER_COLUMN + col * SLOT;
-    char *const slot = block_.get() + start;
-    const size_t len = strnlen(value, size_ - start - 1);
-    memcpy(slot, value, len);
-    slot[len] = '\0';
-    wanted()[col] = slot;
-  }
-
-  uint32_t count_;
-  size_t size_;
-  pkg_owner<char> block_;
-};
 
 // Whatever comes of the row, a text that insert_index made ends with the call.
 class drawn_text {
@@ -116,18 +71,12 @@ int32_t insert_index_no_alloc(tarn_tbl *table, query_in *in) {
 
 int32_t insert_check_for_duplicated_data(tarn_tbl *table, query_in *in) {
   if (!are_given(table, in)) return -1;
-  bool found;
-  if (!holds_ports(*table) && table->use_index == 0) {
-    found = is_stored(table->tbl, in->flds);
-  } else {
-    const duplicate_key key(table, in);
-    if (!key) {
-      LM_ERR("Could not allocate memory for fields_in\n");
-      return -1;
-    }
-    found = is_stored(table->tbl, key.wanted());
+  const duplicate_key key(table, in);
+  if (!key) {
+    LM_ERR("Could not allocate memory for fields_in\n");
+    return -1;
   }
-  if (!found) {
+  if (!is_stored(table->tbl, key.wanted())) {
     LM_DBG("Did not find a match\n");
     return 0;
   }

@@ -96,7 +96,13 @@ int32_t create_table() {
     LM_ERR("Could not open file '%s' with table(s) description\n", cfg_file_path);
     return -1;
   }
-  schema_reader schema(file.get());
+  if (create_tables_from(file.get()) != 0) return -1;
+  LM_INFO("Reading cfg file '%s' OK!\n", cfg_file_path);
+  return 0;
+}
+
+int32_t create_tables_from(FILE *file) {
+  schema_reader schema(file);
   tarn_mngt &registry = *tarn_tbl_mngt;
   schema.text("BASE_DIR=", registry.base_dir);
   schema.text("BASE_BACKUP_DIR=", registry.base_backup_dir);
@@ -117,6 +123,5 @@ int32_t create_table() {
   registry.num_table = num_table;
   for (tarn_tbl &table : all_tarn_tbls())
     if (!read_table(&schema, &table)) return -1;
-  LM_INFO("Reading cfg file '%s' OK!\n", cfg_file_path);
   return 0;
 }

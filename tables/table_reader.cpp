@@ -93,7 +93,7 @@ bool load_row(tarn_tbl *table, const str &composed, int line_number, load_watch 
     return false;
   }
   if (table->use_index != 0) {
-    const auto stored = static_cast<uint32_t>(atoi(in.flds[0]));
+    const uint32_t stored = stored_index(in.flds[0]);
     if (stored >= table->next_index) set_tbl_index(table, stored + 1);
   }
   const memdb_row *const row = memdb_insert(table->tbl, in.flds);
@@ -142,6 +142,8 @@ void empty_table(tarn_tbl *table) {
   reset_tbl_row_count(table);
   reset_tbl_index(table);
 }
+
+uint32_t stored_index(const char *text) { return static_cast<uint32_t>(atoi(text)); }
 
 bool table_file_exists(const char *path) { return access(path, F_OK) == 0; }
 

@@ -30,6 +30,9 @@ void empty_table(tarn_tbl *table);
 // False if nothing is at path, or nothing that can be seen.
 bool table_file_exists(const char *path);
 
+// The number that a row with a generated index has by its first text.
+uint32_t stored_index(const char *text);
+
 // Adds the rows of the file at path to the table, counts them and their ports, and moves the next
 // index behind theirs. watch may be null. The lock as in empty_table.
 table_file_state read_table_file(tarn_tbl *table, const char *path, load_watch *watch);

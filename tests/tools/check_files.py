@@ -5,6 +5,7 @@ import hashlib
 import json
 import os
 import re
+import resource
 import subprocess
 
 CHECK = os.environ.get("TARN_CHECK", "")
@@ -78,11 +79,12 @@ class CheckFiles:
             found[str(path)] = (content, status.st_mtime_ns, status.st_ino, status.st_mode)
         return found
 
-    def check(self, *arguments, ranges=False, options=()):
+    def check(self, *arguments, ranges=False, options=(), **how):
         """Runs the tool, and sees to it that it changes nothing."""
         files = arguments or ("schema.cfg", *(["ranges.txt"] if ranges else []))
         before = self.state()
-        ran = run(*options, *(str(self.directory / name) for name in files), cwd=self.directory)
+        names = [str(self.directory / name) for name in files]
+        ran = run(*options, *names, cwd=self.directory, **how)
         assert self.state() == before, "the tool changed something"
         return Outcome(ran.returncode, ran.stdout, ran.stderr, tuple(self.findings(ran.stdout)))
 
@@ -118,10 +120,30 @@ class CheckFiles:
         return tables
 
 
-def run(*arguments, cwd=None):
-    ran = subprocess.run([CHECK, *arguments], capture_output=True, timeout=60, cwd=cwd)
-    out, err = (text.decode("utf-8", "replace") for text in (ran.stdout, ran.stderr))
+def run(*arguments, cwd=None, prefix=(), most_memory=None, **options):
+    def limit():
+        if most_memory:
+            resource.setrlimit(resource.RLIMIT_AS, (most_memory, most_memory))
+
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+    command = [*prefix, CHECK, *arguments]
+    ran = subprocess.run(command, timeout=60, cwd=cwd, preexec_fn=limit, **options)
+    out, err = ((text or b"").decode("utf-8", "replace") for text in (ran.stdout, ran.stderr))
     return subprocess.CompletedProcess(ran.args, ran.returncode, out, err)
+
+
+def expect(outcome, file, line, severity, part):
+    assert outcome.status == 1, outcome.out
+    assert outcome.has(file, line, severity, part), outcome.out
+
+
+def expect_clean(outcome):
+    assert (outcome.status, outcome.out, outcome.err) == (0, "clean\n", "")
+
+
+def rows_of(files):
+    (only,) = files.start()
+    return only.rows
 
 
 def table(name="t", columns=("a 31 1", "b 31 0"), ports=None, **keys):

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -20,23 +19,25 @@ struct finding {
 
 class findings {
  public:
+  // With errors_only, warnings are counted and not kept.
+  explicit findings(bool errors_only = false) : errors_only_(errors_only) {}
+
+  void add(const finding &one);
   void warn(const std::string &file, size_t line, const std::string &text);
   void error(const std::string &file, size_t line, const std::string &text);
 
-  // A file, or a part of it, that nothing can be said of.
-  void unreadable(const std::string &file);
+  // A file, or a part of it, that nothing can be said of, and why.
+  void unreadable(const std::string &file, size_t line, const std::string &why);
 
   bool any_unreadable() const { return any_unreadable_; }
-  bool empty() const { return all_.empty(); }
-  size_t size() const { return all_.size(); }
-
-  // One line each: FILE:LINE: WEIGHT: TEXT.
-  void print(std::ostream &out) const;
-
-  // An object with the list of findings and whether there are none.
-  void print_json(std::ostream &out) const;
+  size_t errors() const { return errors_; }
+  size_t warnings() const { return warnings_; }
+  const std::vector<finding> &kept() const { return kept_; }
 
  private:
+  bool errors_only_;
   bool any_unreadable_ = false;
-  std::vector<finding> all_;
+  size_t errors_ = 0;
+  size_t warnings_ = 0;
+  std::vector<finding> kept_;
 };

@@ -2,12 +2,18 @@
 #include "tools/check/host_services.h"
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 
 #include "host/imports.h"
+#include "tools/check/shared_pool.h"
 
 namespace {
+
+// A mistyped number of columns mustn't take the machine's memory; no process of a server has so
+// much.
+constexpr size_t MOST_PRIVATE = size_t{1} << 30;
 
 std::vector<std::string> messages;
 
@@ -25,16 +31,39 @@ void keep_message(ksr_logdata_t *, const char *fmt, ...) {
 }
 
 void *allocate(void *, size_t size, const char *, const char *, unsigned int, const char *) {
-  return malloc(size);
+  return size <= MOST_PRIVATE ? malloc(size) : nullptr;
 }
 
 void *reallocate(void *, void *block, size_t size, const char *, const char *, unsigned int,
                  const char *) {
-  return realloc(block, size);
+  return size <= MOST_PRIVATE ? realloc(block, size) : nullptr;
 }
 
 void release(void *, void *block, const char *, const char *, unsigned int, const char *) {
   free(block);
+}
+
+// Shared blocks remember their size, for the day on which they are given back.
+union shared_block {
+  size_t size;
+  max_align_t behind;
+};
+
+void *allocate_shared(void *, size_t size, const char *, const char *, unsigned int, const char *) {
+  if (!server_memory.take(size)) return nullptr;
+  auto *const block = static_cast<shared_block *>(malloc(sizeof(shared_block) + size));
+  if (block == nullptr) {
+    server_memory.give_back(size);
+    return nullptr;
+  }
+  block->size = size;
+  return block + 1;
+}
+
+void release_shared(void *, void *block, const char *, const char *, unsigned int, const char *) {
+  auto *const whole = static_cast<shared_block *>(block) - 1;
+  server_memory.give_back(whole->size);
+  free(whole);
 }
 
 }  // namespace
@@ -59,7 +88,7 @@ sr_pkg_api_t _pkg_root = {
     .mem_pool = nullptr,
     .mem_block = nullptr,
     .xmalloc = allocate,
-    .xmallocxz = allocate,
+    .xmallocxz = nullptr,
     .xrealloc = reallocate,
     .xreallocxf = nullptr,
     .xfree = release,
@@ -70,13 +99,13 @@ sr_shm_api_t _shm_root = {
     .mname = nullptr,
     .mem_pool = nullptr,
     .mem_block = nullptr,
-    .xmalloc = allocate,
-    .xmallocxz = allocate,
+    .xmalloc = allocate_shared,
+    .xmallocxz = nullptr,
     .xmalloc_unsafe = nullptr,
-    .xrealloc = reallocate,
+    .xrealloc = nullptr,
     .xreallocxf = nullptr,
     .xresize = nullptr,
-    .xfree = release,
+    .xfree = release_shared,
     .xfree_unsafe = nullptr,
     .unused = {},
 };
@@ -94,11 +123,11 @@ std::vector<std::string> take_messages() {
   return out;
 }
 
-std::string take_reason() {
-  std::string reason;
-  for (const std::string &message : take_messages()) {
-    if (!reason.empty()) reason += "; ";
-    reason += message;
+std::string joined(const std::vector<std::string> &texts) {
+  std::string out;
+  for (const std::string &text : texts) {
+    if (!out.empty()) out += "; ";
+    out += text;
   }
-  return reason;
+  return out;
 }

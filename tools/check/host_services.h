@@ -7,5 +7,5 @@
 // Messages of the module's code at WARN and ERR since the last call, without their line ends.
 std::vector<std::string> take_messages();
 
-// The same, joined into one text.
-std::string take_reason();
+// Messages as one text.
+std::string joined(const std::vector<std::string> &texts);

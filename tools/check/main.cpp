@@ -1,154 +1,106 @@
 // tarn-memdb-check: what the module would make of a schema and its files at its next start. Reads
 // with the module's own code and changes nothing.
-#include <getopt.h>
-
-#include <cstdio>
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <string>
 
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
+#include "tables/file_handle.h"
 #include "tables/schema.h"
 #include "tables/shared_memory.h"
 #include "tables/tarn_tbl.h"
 #include "tools/check/findings.h"
 #include "tools/check/host_services.h"
+#include "tools/check/input_text.h"
+#include "tools/check/memory_check.h"
+#include "tools/check/options.h"
+#include "tools/check/place_check.h"
 #include "tools/check/range_check.h"
+#include "tools/check/report.h"
 #include "tools/check/schema_check.h"
-#include "tools/check/table_check.h"
+#include "tools/check/shared_pool.h"
+#include "tools/check/table_start.h"
 
 namespace {
 
-enum exit_status { CLEAN = 0, FINDINGS = 1, UNREADABLE = 2 };
-
-constexpr char USAGE[] =
-    "usage: tarn-memdb-check [options] SCHEMA [PRIVATE_RANGES]\n"
-    "\n"
-    "Tells, line by line, what tarn_memdb would silently take for zero, refuse, lose or misread\n"
-    "at its next start. Reads the schema, the table files and backups that it names, and the\n"
-    "private range file, and changes nothing. File names are taken as the server takes them, from\n"
-    "the directory that it runs in.\n"
-    "\n"
-    "  --json                         an object for programs instead of lines\n"
-    "  --int-ports MIN-MAX            bounds of the port maps, where the server's configuration\n"
-    "  --ext-ports MIN-MAX            sets other ones than the module's own\n"
-    "  --static-int-ports MIN-MAX\n"
-    "  --static-ext-ports MIN-MAX\n"
-    "  --help\n"
-    "\n"
-    "Exit status: 0 clean, 1 findings, 2 something can't be read.\n";
-
-struct options {
-  bool json = false;
-  std::string schema;
-  std::string private_ranges;
-};
-
-[[noreturn]] void refuse(const std::string &why) {
-  std::cerr << "tarn-memdb-check: " << why << "\n" << USAGE;
-  exit(UNREADABLE);
-}
-
-void set_bounds(const char *text, int32_t *min, int32_t *max) {
-  char rest;
-  if (sscanf(text, "%d-%d%c", min, max, &rest) != 2 || *max < *min)
-    refuse("'" + std::string(text) + "' isn't MIN-MAX");
-}
-
-options read_options(int argc, char **argv) {
-  static const option known[] = {
-      {"json", no_argument, nullptr, 'j'},
-      {"int-ports", required_argument, nullptr, 'i'},
-      {"ext-ports", required_argument, nullptr, 'e'},
-      {"static-int-ports", required_argument, nullptr, 'I'},
-      {"static-ext-ports", required_argument, nullptr, 'E'},
-      {"help", no_argument, nullptr, 'h'},
-      {},
-  };
-  options out;
-  for (int c; (c = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
-    switch (c) {
-      case 'j':
-        out.json = true;
-        break;
-      case 'i':
-        set_bounds(optarg, &g_min_int_port, &g_max_int_port);
-        break;
-      case 'e':
-        set_bounds(optarg, &g_min_ext_port, &g_max_ext_port);
-        break;
-      case 'I':
-        set_bounds(optarg, &g_min_static_int_port, &g_max_static_int_port);
-        break;
-      case 'E':
-        set_bounds(optarg, &g_min_static_ext_port, &g_max_static_ext_port);
-        break;
-      case 'h':
-        std::cout << USAGE;
-        exit(CLEAN);
-      default:
-        refuse("option not understood");
-    }
-  }
-  if (optind >= argc || argc - optind > 2) refuse("one schema and at most one private range file");
-  out.schema = argv[optind];
-  if (argc - optind == 2) out.private_ranges = argv[optind + 1];
-  return out;
-}
-
 // Makes registry and maps as a start does, with private ranges left to their own check.
-void start_module() {
+bool start_module() {
   private_ranges_file_path = "";
   install_engine_hooks();
   tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-  if (tarn_tbl_mngt != nullptr && init_port_map() == 0) return;
-  std::cerr << "tarn-memdb-check: no memory for the port maps\n";
-  exit(UNREADABLE);
+  return tarn_tbl_mngt != nullptr && init_port_map() == 0;
 }
 
-// Makes the tables and looks through the files of each. A schema at which the start fails has no
-// tables to look at.
-void check_tables(const std::string &schema, findings *out) {
-  cfg_file_path = schema.c_str();
-  if (create_table() != 0) {
-    const std::string reason = take_reason();
-    out->error(schema, 0,
-               "the start fails: " +
-                   (reason.empty() ? "a table can't be made with such numbers" : reason));
+// Makes the tables of the schema. False if the start fails at that.
+bool create_tables(const std::string &schema, std::string text, findings *out) {
+  const file_handle file(fmemopen(text.data(), text.size(), "r"));
+  server_memory.was_short();
+  if (file && create_tables_from(file.get()) == 0 && init_lock() == 0) return true;
+  std::string reason = joined(take_messages());
+  if (server_memory.was_short()) reason = "the server has too little shared memory for the tables";
+  if (reason.empty()) reason = "a table can't be made with such numbers";
+  out->error(schema, 0, "the start fails: " + reason);
+  return false;
+}
+
+void load_tables(start_forecast *start, findings *out) {
+  table_starts starts(out);
+  const size_t without_rows = server_memory.used();
+  start->start = start_outcome::works;
+  for (tarn_tbl &table : all_tarn_tbls()) start->tables.push_back(starts.start(&table));
+  start->put_away = starts.files_put_away();
+  if (starts.hangs()) start->start = start_outcome::hangs;
+  start->memory.at_start = without_rows + starts.row_memory().at_start;
+  start->memory.when_full = without_rows + starts.row_memory().when_full;
+}
+
+void check_tables(const options &given, const std::string &schema_text, start_forecast *start,
+                  findings *out) {
+  const schema_places places = check_schema(given.schema, schema_text, out);
+  if (places.is_absurd) return;
+  if (!create_tables(given.schema, schema_text, out)) {
+    start->start = start_outcome::fails;
     return;
   }
-  port_claims claims;
-  for (tarn_tbl &table : all_tarn_tbls()) check_table(&table, &claims, out);
+  check_places({given.schema, given.private_ranges}, places, out);
+  load_tables(start, out);
+  check_memory(given.schema, start->memory, given.memory_mb, out);
 }
 
-exit_status check(const options &given, findings *out) {
-  if (!check_schema(given.schema, out)) {
-    out->unreadable(given.schema);
-    return UNREADABLE;
-  }
-  start_module();
-  check_tables(given.schema, out);
-  if (!given.private_ranges.empty() && !check_private_ranges(given.private_ranges, out))
-    out->unreadable(given.private_ranges);
-  destroy_tables();
-  tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
-  tarn_shm_free(tarn_tbl_mngt);
-  destroy_port_maps();
-  if (out->any_unreadable()) return UNREADABLE;
-  return out->empty() ? CLEAN : FINDINGS;
+void check(const options &given, start_forecast *start, findings *out) {
+  std::string why;
+  if (!start_module())
+    out->unreadable(given.schema, 0, "the server has too little shared memory for the port maps");
+  else if (const auto text = input_text(given.schema, &why))
+    check_tables(given, *text, start, out);
+  else
+    out->unreadable(given.schema, 0, why);
+  if (given.private_ranges.empty()) return;
+  if (const auto text = input_text(given.private_ranges, &why))
+    check_private_ranges(given.private_ranges, *text, out);
+  else
+    out->unreadable(given.private_ranges, 0, why);
+}
+
+exit_status status_of(const findings &found, const options &given) {
+  if (found.any_unreadable()) return UNREADABLE;
+  return found.errors() + (given.errors_only ? 0 : found.warnings()) == 0 ? CLEAN : FINDINGS;
 }
 
 }  // namespace
 
+// The tables aren't taken apart at the end: the rows of a large one would take their time, and the
+// process gives all back.
 int main(int argc, char **argv) {
   const options given = read_options(argc, argv);
-  findings out;
-  const exit_status status = check(given, &out);
-  if (given.json)
-    out.print_json(std::cout);
-  else
-    out.print(std::cout);
-  if (!given.json && status == CLEAN) std::cout << "clean\n";
-  return status;
+  set_server_memory(given.memory_mb);
+  findings found(given.errors_only);
+  start_forecast start;
+  check(given, &start, &found);
+  (given.json ? print_json : print_lines)(std::cout, found, start, given);
+  if (std::cout.flush()) return status_of(found, given);
+  std::cerr << "tarn-memdb-check: the report can't be written: " << strerror(errno) << "\n";
+  return UNREADABLE;
 }

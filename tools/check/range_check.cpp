@@ -2,17 +2,14 @@
 #include "tools/check/range_check.h"
 
 #include <map>
-#include <optional>
 #include <set>
 #include <sstream>
 
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
-#include "tools/check/whole_file.h"
+#include "tools/check/visible_text.h"
 
 namespace {
-
-std::string quoted(const std::string &text) { return "'" + text + "'"; }
 
 class range_walk {
  public:
@@ -30,25 +27,24 @@ class range_walk {
  private:
   void warn(const std::string &text) { out_->warn(path_, number_, text); }
 
-  void range(const std::string &line) {
-    char word[32] = "";
-    int port[PRIVATE_RANGE_PORTS + 1];
-    const int items =
-        vread(line.c_str(), "%31s %d %d %d %d %d %d %d %d %d %d", word, &port[0], &port[1],
-              &port[2], &port[3], &port[4], &port[5], &port[6], &port[7], &port[8], &port[9]);
-    if (items < 1) {
+  void range(const std::string &text) {
+    if (text.find('\0') != text.npos) warn("holds a zero byte: what stands behind it is lost");
+    if (!line_.scan(text.c_str())) {
       empty_line();
       return;
     }
-    const port_m *const named = port_map_by_word(word);
+    const port_m *const named = port_map_by_word(line_.word);
+    // The word itself, which may be longer than what is kept of it.
+    std::string word;
+    std::istringstream(text.c_str()) >> word;
     if (named != nullptr)
       map_ = named;
     else if (map_ == nullptr)
       warn(quoted(word) + " names no port map, nor did a line before: the line is skipped");
     else
       warn(quoted(word) + " names no port map: the range goes to the map of the line before");
-    rest(line, items - 1);
-    if (map_ != nullptr) ports(port, items - 1);
+    rest();
+    if (map_ != nullptr) ports();
   }
 
   void empty_line() {
@@ -59,45 +55,45 @@ class range_walk {
   }
 
   // What the scan left of the line.
-  void rest(const std::string &line, int count) {
-    std::istringstream items(line);
+  void rest() {
     std::string item;
-    for (int i = 0; i <= count; i++) items >> item;
-    if (items >> item)
-      warn(quoted(item) + (count == PRIVATE_RANGE_PORTS
+    if (std::istringstream(line_.rest) >> item)
+      warn(quoted(item) + (line_.ports == PRIVATE_RANGE_PORTS
                                ? " and what follows is passed over: a range has ten ports at most"
                                : " is no port: it and what follows is passed over"));
-    if (count == 0) warn("names no port: the range is empty");
-    if (count == 1) warn("names a base port alone: the range has no port to give out");
+    if (line_.ports == 0) warn("names no port: the range is empty");
+    if (line_.ports == 1) warn("names a base port alone: the range has no port to give out");
   }
 
-  void ports(const int *port, int count) {
+  void ports() {
     std::set<int> in_range;
-    for (int i = 0; i < count; i++) {
-      const std::string shown = std::to_string(port[i]);
-      if (port[i] == NO_PORT && i > 0) warn("-1 ends the range: what follows isn't given out");
-      if (!is_port_in_range(map_, port[i])) {
-        warn("port " + shown + " lies outside its map, " + std::to_string(map_->min_port) + " to " +
-             std::to_string(map_->max_port));
-        continue;
-      }
-      if (!in_range.insert(port[i]).second) warn("port " + shown + " stands in this range twice");
-      const auto [first, is_new] = seen_.emplace(std::pair(map_, port[i]), number_);
-      if (!is_new && first->second != number_)
-        warn("port " + shown + " stands in the range of line " + std::to_string(first->second) +
-             " as well");
-      if (port[i] == map_->min_port)
-        warn("port " + shown +
-             " is the map's lowest: ordinary allocation hands it out first, "
-             "private or not");
+    for (int i = 0; i < line_.ports; i++) {
+      const range_port port = judge_range_port(map_, line_, i);
+      if (port.ends_range) warn("-1 ends the range: what follows isn't given out");
+      if (port.is_marked)
+        marked(port.number, &in_range);
+      else
+        warn("port " + std::to_string(port.number) + " lies outside its map, " +
+             std::to_string(map_->min_port) + " to " + std::to_string(map_->max_port));
     }
-    if (count > 0 && !bases_.emplace(map_, port[0]).second)
-      warn("the base port " + std::to_string(port[0]) +
+    if (line_.ports > 0 && !bases_.emplace(map_, line_.port[0]).second)
+      warn("the base port " + std::to_string(line_.port[0]) +
            " is that of an earlier range: this range is never found");
+  }
+
+  void marked(int32_t number, std::set<int> *in_range) {
+    const std::string port = "port " + std::to_string(number);
+    if (!in_range->insert(number).second) warn(port + " stands in this range twice");
+    const auto [first, is_new] = seen_.emplace(std::pair(map_, number), number_);
+    if (!is_new && first->second != number_)
+      warn(port + " stands in the range of line " + std::to_string(first->second) + " as well");
+    if (number == map_->min_port)
+      warn(port + " is the map's lowest: ordinary allocation hands it out first, private or not");
   }
 
   std::string path_;
   findings *out_;
+  range_line line_;
   size_t number_ = 0;
   const port_m *map_ = nullptr;
   std::map<std::pair<const port_m *, int>, size_t> seen_;
@@ -106,9 +102,6 @@ class range_walk {
 
 }  // namespace
 
-bool check_private_ranges(const std::string &path, findings *out) {
-  const std::optional<std::string> text = whole_file(path);
-  if (!text) return false;
-  range_walk(path, out).run(*text);
-  return true;
+void check_private_ranges(const std::string &path, const std::string &text, findings *out) {
+  range_walk(path, out).run(text);
 }

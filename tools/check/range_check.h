@@ -5,6 +5,6 @@
 
 #include "tools/check/findings.h"
 
-// Tells what the module would pass over or misread. The port maps have to stand. False if the file
-// can't be read.
-bool check_private_ranges(const std::string &path, findings *out);
+// Tells what the module would pass over or misread in a file of that text. The port maps have to
+// stand.
+void check_private_ranges(const std::string &path, const std::string &text, findings *out);

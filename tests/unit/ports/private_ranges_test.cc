@@ -2,6 +2,7 @@
 #include "ports/private_ranges.h"
 
 #include <cerrno>
+#include <tuple>
 
 #include "ports/port_allocation.h"
 #include "tests/unit/ports/port_fixture.h"
@@ -158,8 +159,20 @@ TEST_F(PrivateRangesTest, MinusOneInTheFileEndsTheRange) {
 TEST_F(PrivateRangesTest, WordLongerThanItsRoomIsAnUnknownWord) {
   start("INT 101\n" + std::string(5000, 'W') + " 102 103\nEXT 104\nINT" + std::string(40, 'x') +
         " 105\n");
-  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101}), padded({})));
-  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({104}), padded({})));
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101}), padded({102, 103})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({104}), padded({105})));
+}
+
+TEST_F(PrivateRangesTest, RestOfALongWordIsNoNumber) {
+  start("INT 101\n" + std::string(31, 'W') + "115 102\n" + std::string(60, '7') + " 103\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({101}), padded({102}), padded({103})));
+  EXPECT_THAT(marked(port_m_int), ElementsAre(101, 102, 103));
+}
+
+TEST_F(PrivateRangesTest, MapsWordIsReadToItsEnd) {
+  start("EXT 101\nINT" + std::string(28, ' ') + "102\nEXT" + std::string(28, 'x') + " 103\n");
+  EXPECT_THAT(ranges(port_m_int), ElementsAre(padded({102}), padded({103})));
+  EXPECT_THAT(ranges(port_m_ext), ElementsAre(padded({101})));
 }
 
 TEST_F(PrivateRangesTest, LinesBeforeTheFirstKnownWordAreSkippedWithAWarningEach) {
@@ -339,6 +352,45 @@ TEST_F(PrivateRangesTest, ReadingNeedsNoPrivateMemoryOfTheHost) {
   ASSERT_EQ(init_port_map(), 0);
   EXPECT_EQ(standin::allocation_count(pool::pkg), 0u);
   EXPECT_EQ(standin::allocation_count(pool::shm), 13u);
+}
+
+TEST_F(PrivateRangesTest, ScanTellsWordPortsAndWhatIsPassedOver) {
+  range_line line;
+  EXPECT_TRUE(line.scan("  EXT 7 -8 x 9\n"));
+  EXPECT_STREQ(line.word, "EXT");
+  EXPECT_EQ(ports(line.port, line.port + line.ports), (ports{7, -8}));
+  EXPECT_STREQ(line.rest, " x 9\n");
+  EXPECT_TRUE(line.scan("INT 1 2 3 4 5 6 7 8 9 10 11"));
+  EXPECT_EQ(line.ports, PRIVATE_RANGE_PORTS);
+  EXPECT_STREQ(line.rest, " 11");
+  EXPECT_TRUE(line.scan("STATIC_INT"));
+  EXPECT_EQ(line.ports, 0);
+  EXPECT_STREQ(line.rest, "");
+}
+
+TEST_F(PrivateRangesTest, ScanOfALineWithoutAWordKeepsTheWordBefore) {
+  range_line line;
+  EXPECT_FALSE(line.scan(" \n"));
+  EXPECT_STREQ(line.word, "");
+  EXPECT_TRUE(line.scan("EXT 7"));
+  EXPECT_FALSE(line.scan("\t\n"));
+  EXPECT_STREQ(line.word, "EXT");
+  EXPECT_EQ(line.ports, 0);
+}
+
+TEST_F(PrivateRangesTest, PortOfALineIsMarkedInsideItsMapAndEndsTheRangeAsMinusOne) {
+  start();
+  range_line line;
+  line.scan("INT -1 100 -1 115 116");
+  const auto judged = [&line](int i) {
+    const range_port port = judge_range_port(port_m_int, line, i);
+    return std::tuple(port.number, port.is_marked, port.ends_range);
+  };
+  EXPECT_EQ(judged(0), std::tuple(-1, false, false)) << "a base port is found, whatever it is";
+  EXPECT_EQ(judged(1), std::tuple(100, true, false));
+  EXPECT_EQ(judged(2), std::tuple(-1, false, true));
+  EXPECT_EQ(judged(3), std::tuple(115, true, false));
+  EXPECT_EQ(judged(4), std::tuple(116, false, false));
 }
 
 TEST_F(PrivateRangesTest, VreadPassesTheScanOn) {

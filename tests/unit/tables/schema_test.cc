@@ -794,6 +794,17 @@ TEST_F(SchemaTest, WithoutMemoryFromAnyPointOnTheStartFailsAndAllIsFreed) {
   FAIL() << "the start never had enough memory";
 }
 
+TEST_F(SchemaTest, TablesAreMadeFromAnOpenFileThatStaysOpen) {
+  make_registry();
+  std::string schema = good_schema();
+  FILE *const file = fmemopen(schema.data(), schema.size(), "r");
+  EXPECT_EQ(create_tables_from(file), 0);
+  EXPECT_EQ(getc(file), EOF) << "read to its end";
+  EXPECT_EQ(fclose(file), 0);
+  EXPECT_EQ(all_tarn_tbls().size(), 2u);
+  EXPECT_STREQ(all_tarn_tbls()[1].file_name, "routes.txt");
+}
+
 TEST_F(SchemaTest, AFailureInALaterTableLeavesTheEarlierOnesToTheEnd) {
   lines bad = plain_block();
   bad.back() = "NO_FILE_NAME=x";

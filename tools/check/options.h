@@ -1,0 +1,20 @@
+// The command line.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+enum exit_status { CLEAN = 0, FINDINGS = 1, UNREADABLE = 2 };
+
+struct options {
+  bool json = false;
+  bool errors_only = false;
+  size_t memory_mb = 0;  // 0 if it isn't told
+  std::string schema;
+  std::string private_ranges;  // may be empty
+};
+
+// Reads the arguments; bounds of port maps and the allocator go to where the module and
+// server_memory have them. Ends the program after --help and --version, and for what isn't
+// understood.
+options read_options(int argc, char **argv);
