@@ -96,7 +96,7 @@ void mod_destroy() {
   LM_DBG("Destroy tarn_memdb module\n");
   // The host's workers end wherever a signal meets them, with a lock in their hands at times, and
   // all have ended by now. Without this such a stop would hang here and store nothing.
-  recover_locks();
+  recover_tables();
   force_unlock(port_map_lock);
   store_table_mngt(0, nullptr);
   if (tarn_tbl_mngt != nullptr) {

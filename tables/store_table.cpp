@@ -157,8 +157,8 @@ bool write_table(const memdb_tbl *tbl, FILE *file) {
 
 // The rights that the main file has or is to have again. Without one, those of its last text.
 file_access main_file_access(const main_path &path, const backup_path &backup) {
-  return access_of_first({path.text, backup.text, refused_path(path.text).text,
-                          refused_path(backup.text).text});
+  return access_of_first(
+      {path.text, backup.text, refused_path(path.text).text, refused_path(backup.text).text});
 }
 
 // clear_file, with these rights for a file that isn't there.
@@ -196,6 +196,7 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
   const backup_path backup(table);
   LM_DBG("Table '%s' was changed. Saving changes to file\n", table->table_name);
   const file_access access = main_file_access(path, backup);
+  const open_store store(table);
   LM_DBG("Saving backup file '%s'\n", backup.text);
   // Fails for the first store of all and between file systems; the old backup then stays.
   if (names_file(path.text)) rename(path.text, backup.text);

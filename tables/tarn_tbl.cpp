@@ -121,6 +121,12 @@ void set_being_reloaded(tarn_tbl *table, bool reloading) {
   std::atomic_ref(table->being_reloaded).store(reloading ? 1 : 0);
 }
 
+open_store::open_store(tarn_tbl *table) : table_(table) {
+  std::atomic_ref(table->open_stores).fetch_add(1);
+}
+
+open_store::~open_store() { std::atomic_ref(table_->open_stores).fetch_sub(1); }
+
 int32_t init_lock() {
   for (tarn_tbl &table : all_tarn_tbls()) {
     LM_DBG("Creating lock for table '%s'\n", table.table_name);
@@ -137,8 +143,12 @@ void destroy_lock() {
   }
 }
 
-void recover_locks() {
-  for (const tarn_tbl &table : all_tarn_tbls()) force_unlock(table.lock);
+void recover_tables() {
+  for (tarn_tbl &table : all_tarn_tbls()) {
+    force_unlock(table.lock);
+    if (table.open_stores != 0 && table.state == TBL_UNCHANGED) set_tbl_state(&table, TBL_CHANGED);
+    table.open_stores = 0;
+  }
 }
 
 void destroy_tables() {

@@ -41,6 +41,7 @@ struct tarn_tbl {
   char log_tag[16];  // empty: no audit lines
   tarn_lock *lock;
   int32_t being_reloaded;  // 1 while rows and files don't belong together
+  int32_t open_stores;     // that haven't closed their file
 };
 
 struct tarn_mngt {
@@ -88,6 +89,20 @@ int32_t reset_tbl_index(tarn_tbl *table);
 bool is_being_reloaded(const tarn_tbl *table);
 void set_being_reloaded(tarn_tbl *table, bool reloading);
 
+// A store of the table, until the end of the scope. The table counts as unchanged when its lock is
+// given back, and the last bytes go to the file after that: a process that ends in between leaves
+// its store open.
+class open_store {
+ public:
+  explicit open_store(tarn_tbl *table);
+  ~open_store();
+  open_store(const open_store &) = delete;
+  open_store &operator=(const open_store &) = delete;
+
+ private:
+  tarn_tbl *table_;
+};
+
 // Makes the lock of every table. 0, or -1 when memory is short.
 int32_t init_lock();
 
@@ -111,8 +126,10 @@ class table_scope {
   read_section section_;
 };
 
-// Frees the table locks that killed processes left held. Only for a process that is alone.
-void recover_locks();
+// Takes over what processes left that have ended amid their work: frees the table locks that they
+// held, and marks the tables as changed whose stores they left open. Only for a process that is
+// alone.
+void recover_tables();
 
 // Frees names, rows and engine tables, each under its table's lock, then the rows that were kept
 // for readers, and the locks. The records stay with the registry.

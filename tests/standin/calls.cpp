@@ -22,6 +22,8 @@ call_plan &plan_of(const char *name) {
   return found != plans().end() ? found->second : plans()[name];
 }
 
+void (*on_step)();
+
 std::vector<std::string> &misuse_list() {
   static auto &only = *new std::vector<std::string>;
   return only;
@@ -45,9 +47,18 @@ void stop_failing_calls() {
   for (auto &entry : plans()) entry.second.once = entry.second.from = 0;
 }
 
-void reset_calls() { plans().clear(); }
+void reset_calls() {
+  plans().clear();
+  on_step = nullptr;
+}
+
+void call_ahead_of_steps(void (*step)()) { on_step = step; }
+void ahead_of_step() {
+  if (on_step != nullptr) on_step();
+}
 
 bool call_fails(const char *name) {
+  ahead_of_step();
   call_plan &plan = plan_of(name);
   ++plan.count;
   if (plan.once == plan.count) {

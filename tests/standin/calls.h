@@ -35,6 +35,12 @@ void reset_calls();
 // Counts one call; true if it has to fail. For the stand-in's own functions.
 bool call_fails(const char *name);
 
+// Has a function called ahead of each step that the stand-in sees: each call of the module's into
+// the host, allocations and releases among them, and each watched file operation. For tests that
+// look at what is done between two of them, or end the process there. Null, as at first, for none.
+void call_ahead_of_steps(void (*step)());
+void ahead_of_step();
+
 // Calls made in a way that a real host doesn't survive or doesn't allow, in words: a fix-up slot
 // that isn't part of a parameter record, an operation of the pv record that the module may not
 // use, negative lengths. Tests of the module expect none.

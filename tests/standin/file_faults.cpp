@@ -14,6 +14,8 @@
 #include <cstring>
 #include <map>
 
+#include "tests/standin/calls.h"
+
 namespace standin {
 namespace {
 
@@ -77,6 +79,7 @@ bool is_write(const char *op) {
 
 // Counts the operation; true, with errno set, if it has to fail.
 bool must_fail(const char *op, const char *path = nullptr, const char *other = nullptr) {
+  ahead_of_step();
   inside = true;
   int error = 0;
   bool failing = counted_out(op, &error);

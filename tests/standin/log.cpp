@@ -42,6 +42,7 @@ log_state &state() {
 std::string text_or_empty(const char *text) { return text != nullptr ? text : ""; }
 
 void catch_structured(ksr_logdata_t *data, const char *format, ...) {
+  ahead_of_step();
   va_list arguments;
   va_start(arguments, format);
   const std::string text = print_text(format, arguments);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "host/imports.h"
+#include "tests/standin/calls.h"
 
 namespace standin {
 
@@ -51,6 +52,7 @@ bool counted_out(failure_plan &plan) {
 }
 
 bool must_fail(pool which) {
+  ahead_of_step();
   memory_state &s = memory();
   const bool own = counted_out(s.plans[index_of(which)]);
   const bool both = counted_out(s.plans[index_of(pool::both)]);
@@ -93,6 +95,7 @@ void *make_block(pool which, size_t size, const char *file, const char *func, un
 }
 
 void drop_block(pool which, void *block, const char *file, const char *func, unsigned int line) {
+  ahead_of_step();
   memory_state &s = memory();
   if (in_mapping(which) && mapping_owns(block)) {
     mapping_free(block, file, func, line);

@@ -390,7 +390,7 @@ TEST_F(LoadTest, AReloadThatIsKilledLeavesTheFilesToTheNextStart) {
   });
   EXPECT_EQ(reloading.exit_code(), -1);
   EXPECT_EQ(table()->state, TBL_CHANGED);
-  recover_locks();
+  recover_tables();
   store_table_mngt(0, nullptr);
   EXPECT_EQ(read(main_file()), "Version 1\n1|2|3\n4|5|6\n");
   EXPECT_FALSE(exists(backup_file()));

@@ -285,13 +285,13 @@ TEST_F(RegistryTest, AQuerysTableNameIsNotCutToOneThatExists) {
   }
 }
 
-// Locks that killed processes left held, and the row that such a process was adding.
+// What killed processes left: locks, a row that was being added, a store that wasn't closed.
 
 class RecoveryTest : public RegistryTest {
  protected:
   // The rows that stand after recovery, a store and a load.
   texts recovered() {
-    recover_locks();
+    recover_tables();
     EXPECT_EQ(*table()->lock, 0u);
     table()->state = TBL_CHANGED;
     store_table_mngt(0, nullptr);
@@ -328,12 +328,29 @@ TEST_F(RecoveryTest, ARowWhoseWriterWasKilledIsWholeAndCostsNoOtherRow) {
   EXPECT_EQ(recovered(), (texts{"a|b|c", "1|2|3"}));
 }
 
+TEST_F(RecoveryTest, ATableWhoseStoreWasLeftOpenCountsAsChanged) {
+  start(table_spec{});
+  add(table(), {"1", "2", "3"});
+  EXPECT_EQ(store_table(table()), 0);
+  EXPECT_EQ(table()->open_stores, 0);
+  recover_tables();
+  EXPECT_EQ(table()->state, TBL_UNCHANGED);
+  table()->open_stores = 1;
+  recover_tables();
+  EXPECT_EQ(table()->state, TBL_CHANGED);
+  EXPECT_EQ(table()->open_stores, 0);
+  table()->state = TBL_CLEARED;
+  table()->open_stores = 1;
+  recover_tables();
+  EXPECT_EQ(table()->state, TBL_CLEARED) << "which stores more";
+}
+
 TEST_F(RecoveryTest, WithoutRegistryTablesOrLocksThereIsNothingToDo) {
-  recover_locks();
+  recover_tables();
   make_registry();
-  recover_locks();
+  recover_tables();
   EXPECT_EQ(create("NUM_TABLE=2\n" + table_spec{}.text()), 0);
-  recover_locks();
+  recover_tables();
   EXPECT_EQ(table()->lock, nullptr);
 }
 
