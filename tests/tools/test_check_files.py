@@ -133,7 +133,7 @@ def test_a_directory_with_something_in_it_stays_in_the_main_files_place(files):
     (files.directory / "tables/t.tbl").mkdir()
     files.write("tables/t.tbl/inside", "")
     told = files.check()
-    expect(told, "tables/t.tbl", 0, "error", "stays where it is, and can't be put away")
+    expect(told, "tables/t.tbl", 0, "error", "stays where it is, in the way of the next stores")
     files.start()
     assert (files.directory / "tables/t.tbl/inside").exists()
 

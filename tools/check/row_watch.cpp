@@ -11,6 +11,31 @@
 #include "tools/check/host_services.h"
 #include "tools/check/visible_text.h"
 
+namespace {
+
+// What a load makes of a row that is stored as it is.
+enum next_fate : uint32_t { KEPT, PASSED_OVER, COMMENT_TAKEN, FILE_REFUSED, MISREAD };
+constexpr const char *FATES[] = {"keeps", "passes over", "takes for a comment",
+                                 "refuses, and the whole file with it", "reads as something else"};
+
+next_fate fate_of(const memdb_tbl &tbl, const memdb_row *row, const std::string &line) {
+  if (line.empty()) return PASSED_OVER;
+  if (line.front() == '#') return COMMENT_TAKEN;
+  if (line.back() == FIELD_ESCAPE) return FILE_REFUSED;
+  bool is_empty = true;
+  bool has_escape = false;
+  for (uint32_t i = 0; i < tbl.col_cnt; i++) {
+    const std::string_view field = memdb_get_field(&tbl, row, i);
+    if (field == WILDCARD || field.find(FIELD_SEPARATOR) != field.npos) return FILE_REFUSED;
+    is_empty = is_empty && field.empty();
+    has_escape = has_escape || field.find(FIELD_ESCAPE) != field.npos;
+  }
+  if (is_empty) return FILE_REFUSED;
+  return has_escape ? MISREAD : KEPT;
+}
+
+}  // namespace
+
 row_watch::row_watch(tarn_tbl *table, const std::string &path, const port_holders &held,
                      size_t size, findings *out)
     : load_watch{on_line, on_row},
@@ -109,25 +134,11 @@ bool row_watch::changes(const query_in &in, const memdb_row *row) {
 
 // A row that was changed is stored as it is now, and that may be what no load takes.
 void row_watch::next_load(const memdb_row *row) {
-  const memdb_tbl *const tbl = table_->tbl;
-  bool is_refused = true;  // as long as all fields are empty
-  for (uint32_t i = 0; i < tbl->col_cnt; i++)
-    is_refused = is_refused && *memdb_get_field(tbl, row, i) == '\0';
-  for (uint32_t i = 0; i < tbl->col_cnt; i++) {
-    const std::string_view field = memdb_get_field(tbl, row, i);
-    is_refused = is_refused || field == WILDCARD || field.find(FIELD_SEPARATOR) != field.npos;
-  }
-  const std::string stored = image(row);
-  const bool is_last_escape = stored.ends_with(FIELD_ESCAPE);
-  const bool is_comment = stored.starts_with('#');
-  const bool is_unescaped = stored.find(FIELD_ESCAPE) != stored.npos;
-  if (!is_refused && !is_comment && !is_unescaped) return;
-  note(severity::error, LOADS_ONCE, 0, line_, [&] {
-    return "the row can't be kept: the next store writes " + quoted(stored) +
-           ", which the start after it " +
-           (is_comment                     ? "takes for a comment"
-            : is_refused || is_last_escape ? "refuses, and the whole file with it"
-                                           : "reads as something else");
+  const next_fate fate = fate_of(*table_->tbl, row, image(row));
+  if (fate == KEPT) return;
+  note(severity::error, LOADS_ONCE, fate, line_, [&] {
+    return "the row can't be kept: the next store writes " + quoted(image(row)) +
+           ", which the start after it " + FATES[fate];
   });
 }
 

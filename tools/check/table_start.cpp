@@ -65,7 +65,7 @@ bool table_starts::odd_entry(const std::string &path, reading *outcome, findings
     case entry_kind::pipe:
       out->error(path, 0, is + ": the start waits for ever for somebody to write to it");
       *outcome = reading::unknown;
-      hangs_ = true;
+      outcome_ = start_outcome::hangs;
       return true;
     case entry_kind::device:
       out->error(path, 0, is + ": it isn't read here, and what the start makes of it isn't told");
@@ -148,7 +148,7 @@ std::string table_starts::put_away(const std::string &path) {
       put_away_.push_back({path, {}});
       return "is removed" + (why.empty() ? "" : ", since " + why);
     case removal::stays:
-      return "stays where it is, and can't be put away";
+      return "stays where it is, in the way of the next stores";
     case removal::nothing:
       break;
   }
@@ -171,7 +171,10 @@ table_forecast table_starts::start(tarn_tbl *table) {
 table_forecast table_starts::start_with_files(tarn_tbl *table) {
   table_forecast told{table->table_name, main_path(table).text, backup_path(table).text, {}, {}};
   const reading main = names_file(told.main) ? read(table, told.main, out_) : reading::absent;
-  if (main == reading::unknown) return told;
+  if (main == reading::unknown) {
+    if (outcome_ == start_outcome::works) outcome_ = start_outcome::unknown;
+    return told;
+  }
   if (main != reading::loaded) {
     start_without_main(table, main, &told);
     return told;
@@ -188,6 +191,7 @@ void table_starts::start_without_main(tarn_tbl *table, reading main, table_forec
   const std::string rows = "table " + quoted(table->table_name);
   const reading backup = read(table, told->backup, out_);
   if (backup == reading::unknown) {
+    if (outcome_ == start_outcome::works) outcome_ = start_outcome::unknown;
     if (is_there) out_->error(told->main, 0, fate);
     return;
   }
