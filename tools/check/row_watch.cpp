@@ -13,6 +13,21 @@
 
 namespace {
 
+// Fields as the query language cuts them.
+uint32_t count_fields(std::string *text) {
+  const str list{text->data(), static_cast<int>(text->size())};
+  uint32_t count = 0;
+  str field;
+  for (char *cursor = list.s; cursor != nullptr; count++)
+    tarn_memdb_get_next_field(list, FIELD_SEPARATOR, &cursor, &field);
+  take_messages();
+  return count;
+}
+
+std::string counted(uint32_t number, const char *thing) {
+  return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+}
+
 // What a load makes of a row that is stored as it is.
 enum next_fate : uint32_t { KEPT, PASSED_OVER, COMMENT_TAKEN, FILE_REFUSED, MISREAD };
 constexpr const char *FATES[] = {"keeps", "passes over", "takes for a comment",
@@ -214,11 +229,11 @@ void row_watch::port(const memdb_row *row) {
   own_ports_.add(claim.map, port, path_, line_);
 }
 
-void row_watch::finish(table_file_state state, const std::string &reason) {
+void row_watch::finish(table_file_state state, const std::vector<std::string> &messages) {
   equal_rows_found();
   odd_.tell(path_, static_cast<size_t>(table_->row_count), out_);
   if (state == table_file_state::refused) {
-    refusal(reason);
+    refusal(messages);
     return;
   }
   if (is_row_ || bytes_ < size_)
@@ -231,7 +246,7 @@ void row_watch::finish(table_file_state state, const std::string &reason) {
                    ", is beyond 31 bits: scripts get a negative number for the row");
 }
 
-void row_watch::refusal(const std::string &reason) {
+void row_watch::refusal(const std::vector<std::string> &messages) {
   const auto line = static_cast<size_t>(line_);
   if (line_ == 0)
     out_->error(path_, 0,
@@ -241,5 +256,28 @@ void row_watch::refusal(const std::string &reason) {
                 "is " + quoted(text_) + " and not " + quoted(TABLE_FILE_VERSION) +
                     (text_.ends_with('\r') ? ": lines end in a carriage return" : ""));
   else
-    out_->error(path_, line, "the row is refused (" + reason + "): " + quoted(text_));
+    out_->error(path_, line, "the row is refused" + why_refused(messages) + ": " + quoted(text_));
+}
+
+// The module's reasons, but for its count of fields, which doesn't tell the numbers, and for its
+// last line, which only says that the row was refused.
+std::string row_watch::why_refused(const std::vector<std::string> &messages) {
+  std::vector<std::string> reasons;
+  bool is_miscounted = messages.size() == 1;
+  for (const std::string &message : messages) {
+    if (message.starts_with("Size mismatch") || message.starts_with("Wrong number of fields"))
+      is_miscounted = true;
+    else if (&message != &messages.back())
+      reasons.push_back(message);
+  }
+  std::string out;
+  if (is_miscounted) {
+    const uint32_t fields = count_fields(&text_);
+    const uint32_t columns = table_->tbl->col_cnt;
+    out = fields != columns
+              ? ", with " + counted(fields, "field") + " for " + counted(columns, "column")
+              : ", since the first table of the name " + quoted(table_->table_name) +
+                    " has another number of columns";
+  }
+  return reasons.empty() ? out : out + " (" + joined(reasons) + ")";
 }

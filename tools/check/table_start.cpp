@@ -36,12 +36,6 @@ size_t count_rows(const std::string &path) {
   return rows;
 }
 
-// Why a file is refused. The last message only says that it was.
-std::string refusal_in(std::vector<std::string> messages) {
-  if (messages.size() > 1) messages.pop_back();
-  return joined(messages);
-}
-
 size_t row_cost(const tarn_tbl *table) {
   return server_memory.cost(sizeof(memdb_row) + table->tbl->row_len);
 }
@@ -95,7 +89,7 @@ table_starts::reading table_starts::watched_read(tarn_tbl *table, const std::str
   row_watch watch(table, paths_.back(), ports_, size_of(text), out);
   server_memory.was_short();
   const table_file_state state = read_table_file(table, text.c_str(), &watch);
-  watch.finish(state, refusal_in(take_messages()));
+  watch.finish(state, take_messages());
   if (server_memory.was_short())
     rows_wanted_ = std::max(rows_wanted_, count_rows(text));
   else if (state == table_file_state::loaded)
