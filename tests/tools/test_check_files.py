@@ -9,12 +9,16 @@ from check_files import as_json, expect, expect_clean, rows_of, table
 
 
 BAD_FILES = {
-    "a field too few": ("Version 1\nx|y\nx\n", 3, "the row is refused"),
-    "a field too many": ("Version 1\nx|y|z\n", 2, "the row is refused"),
-    "a wildcard": ("Version 1\n*|y\n", 2, "Wildcard are not allowed"),
-    "no value at all": ("Version 1\n|\n", 2, "Empty fields are not allowed"),
-    "an escaped separator": ("Version 1\nx\\|y\n", 2, "the row is refused"),
-    "an escape at the end": ("Version 1\nx|y\\\n", 2, "Bad escape detected"),
+    "a field too few": (
+        "Version 1\nx|y\nx\n",
+        3,
+        "the row is refused, with 1 field for 2 columns: 'x'",
+    ),
+    "a field too many": ("Version 1\nx|y|z\n", 2, "with 3 fields for 2 columns: 'x|y|z'"),
+    "a wildcard": ("Version 1\n*|y\n", 2, "the row is refused (Wildcard are not allowed"),
+    "no value at all": ("Version 1\n|\n", 2, "the row is refused (Empty fields are not allowed"),
+    "an escaped separator": ("Version 1\nx\\|y\n", 2, "with 1 field for 2 columns"),
+    "an escape at the end": ("Version 1\nx|y\\\n", 2, "is refused (Bad escape detected; "),
     "another version": ("Version 2\nx|y\n", 1, "is 'Version 2' and not 'Version 1'"),
     "carriage returns": (
         "Version 1\r\nx|y\r\n",
@@ -133,7 +137,7 @@ def test_a_directory_with_something_in_it_stays_in_the_main_files_place(files):
     (files.directory / "tables/t.tbl").mkdir()
     files.write("tables/t.tbl/inside", "")
     told = files.check()
-    expect(told, "tables/t.tbl", 0, "error", "stays where it is, and can't be put away")
+    expect(told, "tables/t.tbl", 0, "error", "stays where it is, in the way of the next stores")
     files.start()
     assert (files.directory / "tables/t.tbl/inside").exists()
 
@@ -260,7 +264,8 @@ def test_rows_of_the_second_table_of_a_name_are_refused_if_it_has_other_columns(
     for file, columns in (("a", first), ("b", second)):
         files.rows(file, "|".join("xyz"[:columns]))
     told = files.check()
-    expect(told, "tables/b.tbl", 2, "error", "the row is refused")
+    part = "the row is refused, since the first table of the name 't' has another number of columns"
+    expect(told, "tables/b.tbl", 2, "error", part)
     expect(told, "tables/b.tbl", 0, "error", "is set aside as")
     assert [one.rows for one in files.start()] == [[b"|".join([b"x", b"y", b"z"][:first])], []]
 

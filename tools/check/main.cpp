@@ -48,10 +48,9 @@ bool create_tables(const std::string &schema, std::string text, findings *out) {
 void load_tables(start_forecast *start, findings *out) {
   table_starts starts(out);
   const size_t without_rows = server_memory.used();
-  start->start = start_outcome::works;
   for (tarn_tbl &table : all_tarn_tbls()) start->tables.push_back(starts.start(&table));
   start->put_away = starts.files_put_away();
-  if (starts.hangs()) start->start = start_outcome::hangs;
+  start->start = starts.outcome();
   start->memory.at_start = without_rows + starts.row_memory().at_start;
   start->memory.when_full = without_rows + starts.row_memory().when_full;
 }

@@ -16,12 +16,16 @@ constexpr size_t USUAL_MB = 64;
 // what its calls take.
 constexpr size_t SERVER_SHARE = 4 * MB;
 
-}  // namespace
-
-std::string in_mb(size_t bytes) {
-  const size_t tenths = (bytes * 10 + MB - 1) / MB;
+std::string shown(size_t tenths) {
   return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " MB";
 }
+
+// Rounded down, as what is needed is rounded up.
+std::string left_in_mb(size_t bytes) { return shown(bytes * 10 / MB); }
+
+}  // namespace
+
+std::string in_mb(size_t bytes) { return shown((bytes * 10 + MB - 1) / MB); }
 
 void set_server_memory(size_t limit_mb) {
   const auto pages = static_cast<size_t>(sysconf(_SC_PHYS_PAGES));
@@ -51,7 +55,7 @@ void check_memory(const std::string &schema, const memory_forecast &need, size_t
                    " of shared memory, and the server has " + have + ": not all rows are loaded");
   else if (need.at_start + SERVER_SHARE > limit)
     out->warn(schema, 0,
-              "the tables leave " + in_mb(limit - need.at_start) + " of " + have +
+              "the tables leave " + left_in_mb(limit - need.at_start) + " of " + have +
                   " to the server and its other modules, which take some " +
                   std::to_string(SERVER_SHARE / MB) + " MB themselves");
   else if (need.when_full + SERVER_SHARE > limit)

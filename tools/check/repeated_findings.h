@@ -15,7 +15,7 @@
 class repeated_findings {
  public:
   // Most findings of one kind that are told one by one.
-  static constexpr size_t MOST = 100;
+  static constexpr size_t MOST = 20;
 
   // What goes together. Lines that are no rows are of a kind of their own.
   struct kind {

@@ -11,6 +11,46 @@
 #include "tools/check/host_services.h"
 #include "tools/check/visible_text.h"
 
+namespace {
+
+// Fields as the query language cuts them.
+uint32_t count_fields(std::string *text) {
+  const str list{text->data(), static_cast<int>(text->size())};
+  uint32_t count = 0;
+  str field;
+  for (char *cursor = list.s; cursor != nullptr; count++)
+    tarn_memdb_get_next_field(list, FIELD_SEPARATOR, &cursor, &field);
+  take_messages();
+  return count;
+}
+
+std::string counted(uint32_t number, const char *thing) {
+  return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+}
+
+// What a load makes of a row that is stored as it is.
+enum next_fate : uint32_t { KEPT, PASSED_OVER, COMMENT_TAKEN, FILE_REFUSED, MISREAD };
+constexpr const char *FATES[] = {"keeps", "passes over", "takes for a comment",
+                                 "refuses, and the whole file with it", "reads as something else"};
+
+next_fate fate_of(const memdb_tbl &tbl, const memdb_row *row, const std::string &line) {
+  if (line.empty()) return PASSED_OVER;
+  if (line.front() == '#') return COMMENT_TAKEN;
+  if (line.back() == FIELD_ESCAPE) return FILE_REFUSED;
+  bool is_empty = true;
+  bool has_escape = false;
+  for (uint32_t i = 0; i < tbl.col_cnt; i++) {
+    const std::string_view field = memdb_get_field(&tbl, row, i);
+    if (field == WILDCARD || field.find(FIELD_SEPARATOR) != field.npos) return FILE_REFUSED;
+    is_empty = is_empty && field.empty();
+    has_escape = has_escape || field.find(FIELD_ESCAPE) != field.npos;
+  }
+  if (is_empty) return FILE_REFUSED;
+  return has_escape ? MISREAD : KEPT;
+}
+
+}  // namespace
+
 row_watch::row_watch(tarn_tbl *table, const std::string &path, const port_holders &held,
                      size_t size, findings *out)
     : load_watch{on_line, on_row},
@@ -109,25 +149,11 @@ bool row_watch::changes(const query_in &in, const memdb_row *row) {
 
 // A row that was changed is stored as it is now, and that may be what no load takes.
 void row_watch::next_load(const memdb_row *row) {
-  const memdb_tbl *const tbl = table_->tbl;
-  bool is_refused = true;  // as long as all fields are empty
-  for (uint32_t i = 0; i < tbl->col_cnt; i++)
-    is_refused = is_refused && *memdb_get_field(tbl, row, i) == '\0';
-  for (uint32_t i = 0; i < tbl->col_cnt; i++) {
-    const std::string_view field = memdb_get_field(tbl, row, i);
-    is_refused = is_refused || field == WILDCARD || field.find(FIELD_SEPARATOR) != field.npos;
-  }
-  const std::string stored = image(row);
-  const bool is_last_escape = stored.ends_with(FIELD_ESCAPE);
-  const bool is_comment = stored.starts_with('#');
-  const bool is_unescaped = stored.find(FIELD_ESCAPE) != stored.npos;
-  if (!is_refused && !is_comment && !is_unescaped) return;
-  note(severity::error, LOADS_ONCE, 0, line_, [&] {
-    return "the row can't be kept: the next store writes " + quoted(stored) +
-           ", which the start after it " +
-           (is_comment                     ? "takes for a comment"
-            : is_refused || is_last_escape ? "refuses, and the whole file with it"
-                                           : "reads as something else");
+  const next_fate fate = fate_of(*table_->tbl, row, image(row));
+  if (fate == KEPT) return;
+  note(severity::error, LOADS_ONCE, fate, line_, [&] {
+    return "the row can't be kept: the next store writes " + quoted(image(row)) +
+           ", which the start after it " + FATES[fate];
   });
 }
 
@@ -203,11 +229,11 @@ void row_watch::port(const memdb_row *row) {
   own_ports_.add(claim.map, port, path_, line_);
 }
 
-void row_watch::finish(table_file_state state, const std::string &reason) {
+void row_watch::finish(table_file_state state, const std::vector<std::string> &messages) {
   equal_rows_found();
   odd_.tell(path_, static_cast<size_t>(table_->row_count), out_);
   if (state == table_file_state::refused) {
-    refusal(reason);
+    refusal(messages);
     return;
   }
   if (is_row_ || bytes_ < size_)
@@ -220,7 +246,7 @@ void row_watch::finish(table_file_state state, const std::string &reason) {
                    ", is beyond 31 bits: scripts get a negative number for the row");
 }
 
-void row_watch::refusal(const std::string &reason) {
+void row_watch::refusal(const std::vector<std::string> &messages) {
   const auto line = static_cast<size_t>(line_);
   if (line_ == 0)
     out_->error(path_, 0,
@@ -230,5 +256,28 @@ void row_watch::refusal(const std::string &reason) {
                 "is " + quoted(text_) + " and not " + quoted(TABLE_FILE_VERSION) +
                     (text_.ends_with('\r') ? ": lines end in a carriage return" : ""));
   else
-    out_->error(path_, line, "the row is refused (" + reason + "): " + quoted(text_));
+    out_->error(path_, line, "the row is refused" + why_refused(messages) + ": " + quoted(text_));
+}
+
+// The module's reasons, but for its count of fields, which doesn't tell the numbers, and for its
+// last line, which only says that the row was refused.
+std::string row_watch::why_refused(const std::vector<std::string> &messages) {
+  std::vector<std::string> reasons;
+  bool is_miscounted = messages.size() == 1;
+  for (const std::string &message : messages) {
+    if (message.starts_with("Size mismatch") || message.starts_with("Wrong number of fields"))
+      is_miscounted = true;
+    else if (&message != &messages.back())
+      reasons.push_back(message);
+  }
+  std::string out;
+  if (is_miscounted) {
+    const uint32_t fields = count_fields(&text_);
+    const uint32_t columns = table_->tbl->col_cnt;
+    out = fields != columns
+              ? ", with " + counted(fields, "field") + " for " + counted(columns, "column")
+              : ", since the first table of the name " + quoted(table_->table_name) +
+                    " has another number of columns";
+  }
+  return reasons.empty() ? out : out + " (" + joined(reasons) + ")";
 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 #include "tables/table_reader.h"
 #include "tools/check/equal_rows.h"
@@ -17,8 +18,8 @@ class row_watch : public load_watch {
   row_watch(tarn_tbl *table, const std::string &path, const port_holders &held, size_t size,
             findings *out);
 
-  // Tells all of a file that the load has read, or refused for that reason.
-  void finish(table_file_state state, const std::string &reason);
+  // Tells all of a file that the load has read, or refused with these messages.
+  void finish(table_file_state state, const std::vector<std::string> &messages);
 
   // Ports that the file's rows have taken.
   const port_holders &own_ports() const { return own_ports_; }
@@ -71,7 +72,8 @@ class row_watch : public load_watch {
   void limit();
   void port(const memdb_row *row);
   std::string image(const memdb_row *row) const;
-  void refusal(const std::string &reason);
+  void refusal(const std::vector<std::string> &messages);
+  std::string why_refused(const std::vector<std::string> &messages);
 
   tarn_tbl *table_;
   const std::string &path_;

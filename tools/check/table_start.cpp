@@ -36,12 +36,6 @@ size_t count_rows(const std::string &path) {
   return rows;
 }
 
-// Why a file is refused. The last message only says that it was.
-std::string refusal_in(std::vector<std::string> messages) {
-  if (messages.size() > 1) messages.pop_back();
-  return joined(messages);
-}
-
 size_t row_cost(const tarn_tbl *table) {
   return server_memory.cost(sizeof(memdb_row) + table->tbl->row_len);
 }
@@ -65,7 +59,7 @@ bool table_starts::odd_entry(const std::string &path, reading *outcome, findings
     case entry_kind::pipe:
       out->error(path, 0, is + ": the start waits for ever for somebody to write to it");
       *outcome = reading::unknown;
-      hangs_ = true;
+      outcome_ = start_outcome::hangs;
       return true;
     case entry_kind::device:
       out->error(path, 0, is + ": it isn't read here, and what the start makes of it isn't told");
@@ -95,7 +89,7 @@ table_starts::reading table_starts::watched_read(tarn_tbl *table, const std::str
   row_watch watch(table, paths_.back(), ports_, size_of(text), out);
   server_memory.was_short();
   const table_file_state state = read_table_file(table, text.c_str(), &watch);
-  watch.finish(state, refusal_in(take_messages()));
+  watch.finish(state, take_messages());
   if (server_memory.was_short())
     rows_wanted_ = std::max(rows_wanted_, count_rows(text));
   else if (state == table_file_state::loaded)
@@ -148,7 +142,7 @@ std::string table_starts::put_away(const std::string &path) {
       put_away_.push_back({path, {}});
       return "is removed" + (why.empty() ? "" : ", since " + why);
     case removal::stays:
-      return "stays where it is, and can't be put away";
+      return "stays where it is, in the way of the next stores";
     case removal::nothing:
       break;
   }
@@ -171,7 +165,10 @@ table_forecast table_starts::start(tarn_tbl *table) {
 table_forecast table_starts::start_with_files(tarn_tbl *table) {
   table_forecast told{table->table_name, main_path(table).text, backup_path(table).text, {}, {}};
   const reading main = names_file(told.main) ? read(table, told.main, out_) : reading::absent;
-  if (main == reading::unknown) return told;
+  if (main == reading::unknown) {
+    if (outcome_ == start_outcome::works) outcome_ = start_outcome::unknown;
+    return told;
+  }
   if (main != reading::loaded) {
     start_without_main(table, main, &told);
     return told;
@@ -188,6 +185,7 @@ void table_starts::start_without_main(tarn_tbl *table, reading main, table_forec
   const std::string rows = "table " + quoted(table->table_name);
   const reading backup = read(table, told->backup, out_);
   if (backup == reading::unknown) {
+    if (outcome_ == start_outcome::works) outcome_ = start_outcome::unknown;
     if (is_there) out_->error(told->main, 0, fate);
     return;
   }

@@ -28,8 +28,8 @@ class table_starts {
   // What the start has put away so far.
   const std::vector<put_away_file> &files_put_away() const { return put_away_; }
 
-  // True if the start waits for ever at a table's file.
-  bool hangs() const { return hangs_; }
+  // works, or hangs at a table's file, or unknown since one of them can't be looked into.
+  start_outcome outcome() const { return outcome_; }
 
  private:
   enum class reading { absent, loaded, refused, unknown };
@@ -52,5 +52,5 @@ class table_starts {
   std::vector<put_away_file> put_away_;
   memory_forecast row_memory_;
   size_t rows_wanted_ = 0;  // by the present table, as far as they are known
-  bool hangs_ = false;
+  start_outcome outcome_ = start_outcome::works;
 };

@@ -1,0 +1,146 @@
+"""What tarn-memdb-check tells of the server's shared memory, against a server's own figures."""
+
+import pathlib
+import shutil
+import sys
+import tempfile
+
+import pytest
+
+from check_files import as_json, expect, expect_clean, table
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests/host")]
+
+import host_server  # noqa: E402  (found by way of the line above)
+import module_host  # noqa: E402
+
+MB = 1 << 20
+ALLOCATORS = ("qm", "fm", "tlsf")
+# What the server takes besides, and more than it takes while the tables are loaded.
+SERVER = 450_000
+# tlsf's own sum counts these for each block, and doesn't take them.
+COUNTED_IN_VAIN = {"qm": 0, "fm": 0, "tlsf": 16}
+
+
+def memory_of(files, allocator, memory=64):
+    told = files.check(options=["--json", "--memory", str(memory), "--allocator", allocator])
+    return as_json(told.out)["memory"]
+
+
+def rows(count):
+    return ["v|w"] * count
+
+
+def server_with(files, allocator, memory):
+    """A server on the files, with that allocator and so many MB."""
+    directory = pathlib.Path(tempfile.mkdtemp(prefix="tarn-mem-"))
+    program = directory / "server"
+    command = f'exec "{host_server.TOOLS}/host-kamailio" -x {allocator} "$@"'
+    program.write_text(f"#!/bin/sh\n{command}\n")
+    program.chmod(0o755)
+    params = {"cfg_file_path": str(files.directory / "schema.cfg")}
+    return module_host.ModuleHost(directory, kamailio=program, memory=memory, params=params)
+
+
+def start(files, allocator, memory=64):
+    """The server's own figures after a start."""
+    server = server_with(files, allocator, memory)
+    try:
+        server.start()
+        return server.jsonrpc("core.shmmem")["result"]
+    finally:
+        server.kill()
+        shutil.rmtree(server.directory)
+
+
+@pytest.mark.parametrize("allocator", ALLOCATORS)
+@pytest.mark.parametrize("columns", [("a 3 0", "b 3 0"), ("a 30 1", "b 57 0", "c 9 1")])
+def test_a_row_takes_what_the_server_says_it_takes(files, allocator, columns):
+    files.schema(table(columns=columns, MAX_ROWS=10**6))
+    values = "|".join("v" * len(columns))
+    told, seen = [], []
+    for count in (0, 3000):
+        files.rows("t", *[values] * count)
+        told.append(memory_of(files, allocator)["bytes_at_start"])
+        seen.append(start(files, allocator)["real_used"])
+    counted = COUNTED_IN_VAIN[allocator] * 3000
+    assert told[1] - told[0] == seen[1] - seen[0] - counted
+
+
+@pytest.mark.parametrize("allocator", ALLOCATORS)
+def test_rows_that_are_told_to_fit_fit_and_others_do_not(files, allocator):
+    files.schema(table(columns=("a 23 0", "b 31 0"), MAX_ROWS=10**6)).rows("t")
+    base = memory_of(files, allocator, 2)["bytes_at_start"]
+    files.rows("t", "v|w")
+    row = memory_of(files, allocator, 2)["bytes_at_start"] - base
+    fitting = (2 * MB - SERVER - base) // row
+    files.rows("t", *rows(fitting))
+    assert files.check(options=["--memory", "2", "--allocator", allocator]).status == 1
+    start(files, allocator, 2)
+    assert not (files.directory / "tables/t.tbl.refused").exists()
+    files.rows("t", *rows((2 * MB - base) // row + 1))
+    told = files.check(options=["--memory", "2", "--allocator", allocator])
+    expect(told, "schema.cfg", 0, "error", "and the server has 2 MB: not all rows are loaded")
+    expect(told, "tables/t.tbl", 0, "error", "is set aside as")
+    start(files, allocator, 2)
+    assert (files.directory / "tables/t.tbl.refused").exists()
+
+
+def test_memory_for_the_tables_is_told_with_how_much_it_will_be(files):
+    files.schema(table(MAX_ROWS=1000)).rows("t", *rows(100))
+    told = files.check(options=["--memory", "64"])
+    assert told.status == 0
+    assert told.out == "shared memory: 0.3 MB of 64 MB for the tables, 0.5 MB when they are full\nclean\n"
+    memory = memory_of(files, "qm")
+    assert memory["allocator"] == "qm" and memory["bytes"] == 64 * MB
+    assert memory["bytes_when_full"] - memory["bytes_at_start"] == 900 * (96 + 112)
+    assert "memory" not in as_json(files.check(options=["--json"]).out)
+
+
+def test_tables_that_leave_the_server_too_little_are_told(files):
+    files.schema(table(MAX_ROWS=40000)).rows("t", *rows(40000))
+    part = "the tables leave 1.7 MB of 10 MB to the server"
+    expect(files.check(options=["--memory", "10"]), "schema.cfg", 0, "warning", part)
+
+
+def test_tables_that_will_not_fit_when_they_are_full_are_told(files):
+    files.schema(table(MAX_ROWS=10**6)).rows("t", *rows(10))
+    told = files.check(options=["--memory", "64"])
+    part = "with as many rows as MAX_ROWS lets in the tables take 198.7 MB, and the server has 64"
+    expect(told, "schema.cfg", 0, "warning", part)
+    assert len(told.findings) == 1
+
+
+def test_tables_beyond_what_a_server_has_without_a_word_are_told(files):
+    files.schema(table(columns=("a 60000 0", "b 31 0"), MAX_ROWS=2000)).rows("t", *rows(1000))
+    expect_clean(files.check())
+    files.rows("t", *rows(1200))
+    told = files.check()
+    expect(told, "schema.cfg", 0, "warning", "a server has 64 MB unless its option -m says more")
+    assert files.check(options=["--memory", "100"]).status == 1
+
+
+def test_a_schema_that_takes_all_memory_fails_the_start(files):
+    files.schema(*(table(f"t{i}", tuple(f"c{j} 31 1" for j in range(40))) for i in range(20)))
+    told = files.check(options=["--memory", "3"])
+    expect(told, "schema.cfg", 0, "error", "the start fails: the server has too little shared")
+    server = server_with(files, "qm", 3)
+    with pytest.raises(host_server.StartFailed):
+        server.start()
+    shutil.rmtree(server.directory)
+
+
+def test_a_backup_behind_a_good_main_file_takes_no_memory(files):
+    files.schema(table("t", MAX_ROWS=2000), table("u")).rows("t", *rows(1000))
+    without = memory_of(files, "qm")
+    files.rows("t", *rows(1500), backup=True)
+    assert memory_of(files, "qm") == without
+
+
+def test_maps_count_with_their_ports(files):
+    files.schema(table())
+    narrow = memory_of(files, "qm")["bytes_at_start"]
+    wide = files.check(options=["--json", "--memory", "64", "--int-ports", "1-100000"])
+    grown = as_json(wide.out)["memory"]["bytes_at_start"] - narrow
+    assert abs(grown - 100000 + 256) < 32
