@@ -6,8 +6,8 @@
 
 #include "host/log.h"
 #include "ports/port_allocation.h"
-#include "script/avp.h"
 #include "query/buffers.h"
+#include "script/avp.h"
 #include "script/row_writes.h"
 #include "script/script_query.h"
 #include "tables/table_files.h"

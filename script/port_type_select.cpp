@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "host/log.h"
-#include "script/avp.h"
 #include "query/buffers.h"
+#include "script/avp.h"
 #include "script/functions.h"
 #include "script/script_query.h"
 #include "tables/lock.h"

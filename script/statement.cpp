@@ -4,8 +4,8 @@
 #include <cstdio>
 
 #include "host/log.h"
-#include "query/statement_scanner.h"
 #include "query/buffers.h"
+#include "query/statement_scanner.h"
 
 bool statement::print(sip_msg *msg, const char *slot) {
   text_ = cursor_ = print_or_refuse(msg, slot, query_buf, UNPRINTABLE).s;

@@ -4,9 +4,9 @@
 #include <cstdio>
 
 #include "host/log.h"
+#include "query/buffers.h"
 #include "query/query_input.h"
 #include "query/text_writer.h"
-#include "query/buffers.h"
 #include "script/script_query.h"
 
 namespace {

@@ -1,9 +1,9 @@
 // tarn_memdb_update: overwrites columns of the rows that match.
 #include "host/log.h"
 #include "host/memory.h"
+#include "query/buffers.h"
 #include "query/field_strings.h"
 #include "query/named_params.h"
-#include "query/buffers.h"
 #include "script/functions.h"
 #include "script/row_writes.h"
 #include "script/script_query.h"

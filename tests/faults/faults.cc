@@ -214,10 +214,10 @@ run run_once(const scenario &s, const point *failing) {
   stop_failing();
   out.points = points_since(operations, s.when);
   const std::vector<std::string> done = standin::file_history();
-  const auto did = [&](const char *operation, bool failing) {
+  const auto did = [&](const char *operation, bool having_failed) {
     return std::any_of(
         done.begin() + static_cast<long>(operations), done.end(), [&](const std::string &each) {
-          return each.rfind(operation, 0) == 0 && (!failing || each.ends_with("(failed)"));
+          return each.rfind(operation, 0) == 0 && (!having_failed || each.ends_with("(failed)"));
         });
   };
   out.read_files = did("getline", false);
