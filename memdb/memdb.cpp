@@ -179,6 +179,15 @@ void memdb_delete_all(memdb_tbl *tbl) {
   free_rows(rows);
 }
 
+void memdb_mend_list(memdb_tbl *tbl) {
+  memdb_row *newer = nullptr;
+  for (memdb_row *row = tbl->first; row != nullptr; row = row->next) {
+    row->prev = newer;
+    newer = row;
+  }
+  tbl->last = newer;
+}
+
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value) {
   const memdb_col &target = tbl->cols[col];
   char *const field = memdb_data(row) + target.offset;

@@ -96,6 +96,10 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row);
 // Deletes every row.
 void memdb_delete_all(memdb_tbl *tbl);
 
+// Makes the list whole again after a process was ended amid a change of the table: it counts as it
+// runs from the newest row to the oldest. Chains aren't looked at. Nobody else may be at the table.
+void memdb_mend_list(memdb_tbl *tbl);
+
 // Overwrites one text in place, cut as in memdb_insert, by one copy: a reader without a lock may
 // meet a mix of both texts while it runs, and nothing else is done in that time. The column's index
 // isn't touched: the row stays findable through it by the old bucket only. Scripts know indexed

@@ -54,8 +54,13 @@ void write_link_beside_readers(void *place, memdb_row *row, memdb_col *col) {
     return;
   }
   const std::atomic_ref changes(col->changes);
-  // A writer that was killed has left the count odd.
-  const uint32_t begun = changes.load(std::memory_order_relaxed) | 1;
+  uint32_t begun = changes.load(std::memory_order_relaxed) + 1;
+  // A writer that was killed has left the count odd: its change ends here, ahead of the next one.
+  if (begun % 2 == 0) {
+    changes.store(begun, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    begun++;
+  }
   std::atomic_ref(col->changing).store(place, std::memory_order_relaxed);
   std::atomic_ref(col->changing_to).store(row, std::memory_order_relaxed);
   changes.store(begun, std::memory_order_release);

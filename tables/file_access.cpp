@@ -9,6 +9,7 @@
 namespace {
 
 constexpr mode_t RIGHTS = 0777;
+constexpr mode_t OWNER_RIGHTS = 0700;
 constexpr mode_t GROUP_RIGHTS = 070;
 constexpr mode_t OTHERS_RIGHTS = 07;
 constexpr uid_t OWNER_AS_IT_IS = static_cast<uid_t>(-1);
@@ -17,7 +18,9 @@ constexpr uid_t OWNER_AS_IT_IS = static_cast<uid_t>(-1);
 // from them anyway.
 class narrower_mask {
  public:
-  explicit narrower_mask(mode_t kept_off) : usual_(umask(RIGHTS)) { umask(usual_ | kept_off); }
+  explicit narrower_mask(mode_t kept_off) : usual_(umask(RIGHTS & ~OWNER_RIGHTS)) {
+    umask(usual_ | kept_off);
+  }
   ~narrower_mask() { umask(usual_); }
   narrower_mask(const narrower_mask &) = delete;
   narrower_mask &operator=(const narrower_mask &) = delete;
@@ -55,8 +58,9 @@ file_access access_of_first(std::initializer_list<const char *> paths) {
 FILE *open_with_access(const char *path, const file_access &access) {
   struct stat there;
   if (!access.known || read_link_status(path, &there)) return fopen(path, "w");
-  // Whoever may not read the text may not open the file in the moment before it has its rights.
-  const narrower_mask mask(RIGHTS & ~access.mode);
+  // Whoever may not read the text may not open the file in the moment before it has its group and
+  // its rights: until then it is its owner's alone.
+  const narrower_mask mask(RIGHTS & ~(access.mode & OWNER_RIGHTS));
   FILE *const file = fopen(path, "w");
   if (file != nullptr) give_access(fileno(file), access);
   return file;

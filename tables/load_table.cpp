@@ -25,6 +25,10 @@ void set_aside(const char *path) {
       LM_WARN("File '%s' can't be loaded and was renamed to '%s'\n", path, refused.text);
       return;
     }
+    if (remove(path) == 0)
+      LM_ERR("File '%s' can't be loaded, nor renamed to '%s', and was removed\n", path,
+             refused.text);
+    return;
   }
   remove(path);
 }

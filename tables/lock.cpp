@@ -58,6 +58,6 @@ void release_lock(tarn_lock *lock) {
   if (lock->exchange(LOCK_FREE, std::memory_order_release) == LOCK_AWAITED) futex_wake_one(lock);
 }
 
-void force_unlock(tarn_lock *lock) {
-  if (lock != nullptr) lock->store(LOCK_FREE);
+bool force_unlock(tarn_lock *lock) {
+  return lock != nullptr && lock->exchange(LOCK_FREE, std::memory_order_acquire) != LOCK_FREE;
 }

@@ -19,9 +19,9 @@ void take_lock(tarn_lock *lock);
 // Gives the lock back and wakes one process that waits for it. Null is ignored.
 void release_lock(tarn_lock *lock);
 
-// Frees a lock that a process which no longer exists may have left held. Only for a process that is
-// alone. Null is ignored.
-void force_unlock(tarn_lock *lock);
+// Frees a lock that a process which no longer exists may have left held, and tells whether it was.
+// Only for a process that is alone. Null is ignored.
+bool force_unlock(tarn_lock *lock);
 
 // Holds a lock until the end of the scope or until release, whichever comes first.
 class lock_scope {

@@ -196,10 +196,11 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
   const backup_path backup(table);
   LM_DBG("Table '%s' was changed. Saving changes to file\n", table->table_name);
   const file_access access = main_file_access(path, backup);
-  const open_store store(table);
   LM_DBG("Saving backup file '%s'\n", backup.text);
-  // Fails for the first store of all and between file systems; the old backup then stays.
-  if (names_file(path.text)) rename(path.text, backup.text);
+  // Fails for the first store of all and between file systems; the old backup then stays. It also
+  // stays where the main file was cut off by a process's end: it is the last whole text then.
+  if (names_file(path.text) && table->main_file_cut == 0) rename(path.text, backup.text);
+  const open_store store(table);
   LM_DBG("Saving file '%s'\n", path.text);
   file_handle file(open_with_access(path.text, access));
   if (!file) {
@@ -207,10 +208,12 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
     return -1;
   }
   const bool written = write_table(table->tbl, file.get());
-  if (written)
+  if (written) {
     set_tbl_state(table, TBL_UNCHANGED);
-  else
+    table->main_file_cut = 0;
+  } else {
     LM_ERR("Could not write to file '%s'\n", path.text);
+  }
   lock->release();
   file.close();
   return written ? 0 : -1;

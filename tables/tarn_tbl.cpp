@@ -31,6 +31,22 @@ void free_field_names(tarn_tbl *table) {
   table->field_name = nullptr;
 }
 
+bool has_text(const memdb_tbl *tbl, const memdb_row *row) {
+  for (uint32_t i = 0; i < tbl->col_cnt; i++)
+    if (*memdb_get_field(tbl, row, i) != '\0') return true;
+  return false;
+}
+
+// An update empties a row ahead of taking it out. Stored, a row without any text would make the
+// whole file unreadable.
+void delete_rows_without_text(memdb_tbl *tbl) {
+  for (memdb_row *row = tbl->first; row != nullptr;) {
+    memdb_row *const next = row->next;
+    if (!has_text(tbl, row)) memdb_delete_row(tbl, row);
+    row = next;
+  }
+}
+
 }  // namespace
 
 std::span<tarn_tbl> all_tarn_tbls() {
@@ -145,9 +161,14 @@ void destroy_lock() {
 
 void recover_tables() {
   for (tarn_tbl &table : all_tarn_tbls()) {
-    force_unlock(table.lock);
-    if (table.open_stores != 0 && table.state == TBL_UNCHANGED) set_tbl_state(&table, TBL_CHANGED);
+    if (force_unlock(table.lock) && table.tbl != nullptr) {
+      memdb_mend_list(table.tbl);
+      delete_rows_without_text(table.tbl);
+    }
+    if (table.open_stores == 0) continue;
     table.open_stores = 0;
+    table.main_file_cut = 1;
+    if (table.state == TBL_UNCHANGED) set_tbl_state(&table, TBL_CHANGED);
   }
 }
 

@@ -41,7 +41,9 @@ struct tarn_tbl {
   char log_tag[16];  // empty: no audit lines
   tarn_lock *lock;
   int32_t being_reloaded;  // 1 while rows and files don't belong together
-  int32_t open_stores;     // that haven't closed their file
+  int32_t open_stores;     // that haven't closed the main file
+  int32_t
+      main_file_cut;  // 1 where the main file isn't whole, so that it must not become the backup
 };
 
 struct tarn_mngt {
@@ -89,9 +91,9 @@ int32_t reset_tbl_index(tarn_tbl *table);
 bool is_being_reloaded(const tarn_tbl *table);
 void set_being_reloaded(tarn_tbl *table, bool reloading);
 
-// A store of the table, until the end of the scope. The table counts as unchanged when its lock is
-// given back, and the last bytes go to the file after that: a process that ends in between leaves
-// its store open.
+// A store at work on the table's main file, until the end of the scope. The table counts as
+// unchanged when its lock is given back, and the last bytes go to the file after that: a process
+// that ends in between leaves its store open.
 class open_store {
  public:
   explicit open_store(tarn_tbl *table);
@@ -127,8 +129,8 @@ class table_scope {
 };
 
 // Takes over what processes left that have ended amid their work: frees the table locks that they
-// held, and marks the tables as changed whose stores they left open. Only for a process that is
-// alone.
+// held, makes those tables' lists whole, takes out rows that an update was about to take out, and
+// marks the tables as changed whose stores they left open. Only for a process that is alone.
 void recover_tables();
 
 // Frees names, rows and engine tables, each under its table's lock, then the rows that were kept

@@ -8,36 +8,45 @@ from module_host import Table, columns
 
 ROWS = 100_000
 MANY = Table("many", columns("key", "text"), max_rows=2 * ROWS)
-# Of the stops that are meant for a reload, this part has to meet it.
-MET = 0.75
+# A stop that comes late is tried again.
+TRIES = 6
 
 
 def run(moments):
     with site.server(tables=[MANY], memory=64) as made:
         ahead, lasts = _measure(made)
         size = made.main_file("many").stat().st_size
-        met = 0
+        missed = 0
         for number in range(moments):
             part = (number + 0.5) / moments
-            _write_files(made)
-            before = made.file_states()
-            made.start()
-            reload = reloads.Reload(made, "many")
-            # The rows that were there are thrown away ahead of the first read.
-            if part * lasts < ahead:
-                time.sleep(part * lasts)
-            else:
-                reload.wait_until_read((part * lasts - ahead) / (lasts - ahead) * size)
-            site.check(made.stop() == 0, "the stop failed")
-            site.check_sound(made)
-            if _was_met(made):
-                met += 1
-                site.check(made.file_states() == before, "a stop at", part, "touched a file")
-            else:
-                rows = made.rows("many")
-                site.check(rows == _rows("row"), "a stop at", part, "left", len(rows), "rows")
-    site.check(met >= MET * moments, met, "of", moments, "stops met the reload")
-    return f"{met} of {moments} stops met a reload of {lasts:.2f} s, 0 files touched"
+            while not _stop_at(made, part, ahead, lasts, size):
+                missed += 1
+                site.check(missed < TRIES * moments, missed, "stops missed their reload")
+    return (
+        f"{moments} stops met a reload of {lasts:.2f} s, 0 files touched"
+        f" ({missed} came when it was over)"
+    )
+
+
+def _stop_at(made, part, ahead, lasts, size):
+    """True if the stop met the reload; the files are as they have to be in either case."""
+    _write_files(made)
+    before = made.file_states()
+    made.start()
+    reload = reloads.Reload(made, "many")
+    # The rows that were there are thrown away ahead of the first read.
+    if part * lasts < ahead:
+        time.sleep(part * lasts)
+    else:
+        reload.wait_until_read((part * lasts - ahead) / (lasts - ahead) * size)
+    site.check(made.stop() == 0, "the stop failed")
+    site.check_sound(made)
+    if _was_met(made):
+        site.check(made.file_states() == before, "a stop at", part, "touched a file")
+        return True
+    rows = made.rows("many")
+    site.check(rows == _rows("row"), "a stop at", part, "left", len(rows), "rows")
+    return False
 
 
 def _rows(word):

@@ -15,8 +15,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import site_servers as site  # noqa: E402  (found by way of the line above)
 import cuts  # noqa: E402
 import kills  # noqa: E402
+import lost_processes  # noqa: E402
 import obstacles  # noqa: E402
 import reloads_cut_off  # noqa: E402
+import short_memory  # noqa: E402
 import stops  # noqa: E402
 
 
@@ -34,6 +36,8 @@ def main():
             cuts.run(step=16 if options.short else 1),
             obstacles.run(lanes + 1),
             reloads_cut_off.run(4 if options.short else 20),
+            short_memory.run(2 if options.short else 12),
+            lost_processes.run(1 if options.short else 12),
             stops.run(5 if options.short else 30),
             kills.run(rounds, lanes),
         ]

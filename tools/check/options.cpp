@@ -48,7 +48,7 @@ constexpr char USAGE[] =
 
 void set_bounds(const char *text, int32_t *min, int32_t *max) {
   char rest;
-  if (sscanf(text, "%d-%d%c", min, max, &rest) != 2 || *max < *min)
+  if (sscanf(text, "%d-%d%c", min, max, &rest) != 2 || int64_t{*max} < int64_t{*min} - 1)
     refuse("'" + std::string(text) + "' isn't MIN-MAX");
 }
 

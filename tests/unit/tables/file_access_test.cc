@@ -19,11 +19,15 @@ struct asked_owner {
 };
 
 std::vector<asked_owner> asked;
+mode_t mode_when_asked;   // of the file
 size_t chowns_that_fail;  // of those to come
 
 }  // namespace
 
-int noted_fchown(int, uid_t owner, gid_t group) {
+int noted_fchown(int file, uid_t owner, gid_t group) {
+  struct stat status {};
+  fstat(file, &status);
+  mode_when_asked = status.st_mode & 07777;
   asked.push_back({owner, group});
   if (chowns_that_fail == 0) return 0;
   chowns_that_fail--;
@@ -98,6 +102,7 @@ TEST_F(FileAccessTest, AFileThatIsThereIsCutAndKeepsItsRights) {
 TEST_F(FileAccessTest, OwnerAndGroupAreGivenWhereTheyDiffer) {
   EXPECT_EQ(made_with({true, 0640, geteuid(), OTHER_GROUP}), 0640u);
   EXPECT_EQ(asked, (std::vector<asked_owner>{{geteuid(), OTHER_GROUP}}));
+  EXPECT_EQ(mode_when_asked, 0600u) << "nobody else may open it before it has its group";
 }
 
 TEST_F(FileAccessTest, WhereTheOwnerCannotBeGivenTheGroupIs) {

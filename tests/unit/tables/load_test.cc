@@ -427,6 +427,10 @@ TEST_F(LoadTest, ARefusedFileThatCannotBeRenamedIsRemoved) {
   EXPECT_FALSE(exists(main_file() + ".refused"));
   EXPECT_FALSE(exists(backup_file() + ".refused"));
   EXPECT_TRUE(warnings().empty());
+  EXPECT_TRUE(
+      logged(L_ERR, message("File '%s' can't be loaded, nor renamed to '%s.refused', and was "
+                            "removed\n",
+                            main_file().c_str(), main_file().c_str())));
 }
 
 TEST_F(LoadTest, RenamesAndRemovesThatFailChangeNothing) {

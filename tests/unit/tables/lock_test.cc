@@ -67,11 +67,11 @@ TEST_F(LockTest, NullIsIgnored) {
   nothing.release();
 }
 
-TEST_F(LockTest, AForcedUnlockFreesWhatIsHeld) {
-  force_unlock(nullptr);
+TEST_F(LockTest, AForcedUnlockFreesWhatIsHeldAndTellsSo) {
+  EXPECT_FALSE(force_unlock(nullptr));
   for (const uint32_t state : {0u, 1u, 2u}) {
     *shared->lock = state;
-    force_unlock(shared->lock);
+    EXPECT_EQ(force_unlock(shared->lock), state != 0);
     EXPECT_EQ(*shared->lock, 0u);
   }
   take_lock(shared->lock);
@@ -89,7 +89,7 @@ TEST_F(LockTest, ALockIsTakenAfterItsHolderWasKilled) {
   kill(holder.pid(), SIGKILL);
   EXPECT_EQ(holder.exit_code(), -1);
   EXPECT_EQ(*shared->lock, 1u);
-  force_unlock(shared->lock);
+  EXPECT_TRUE(force_unlock(shared->lock));
   const lock_scope held(shared->lock);
   EXPECT_EQ(*shared->lock, 1u);
 }

@@ -1,0 +1,46 @@
+"""Starts and reloads with too little shared memory for their rows, and stops in the midst of these."""
+
+import random
+import time
+
+import reloads
+import site_servers as site
+from module_host import Table, columns
+
+ROWS = 60_000
+MANY = Table("many", columns("key", "text", "more", indexed=("key",)), max_rows=2 * ROWS)
+LEAST, MOST = 8, 24  # MB: too little for any row up to nearly all rows
+
+
+def run(rounds):
+    for _ in range(rounds):
+        _round(random.randint(LEAST, MOST))
+    return f"{rounds} servers without the memory for their rows, 0 texts lost"
+
+
+def _round(memory):
+    with site.server(tables=[MANY], memory=memory) as made:
+        made.write_rows("many", (f"{number}|new|{number}" for number in range(ROWS)))
+        made.write_rows("many", (f"{number}|old|{number}" for number in range(ROWS)), backup=True)
+        texts = {backup: made.table_file("many", backup).read_bytes() for backup in (False, True)}
+        made.start()
+        _check(made, texts, "a start with", memory, "MB")
+        for backup in (False, True):
+            if made.refused_file("many", backup).exists():
+                made.refused_file("many", backup).rename(made.table_file("many", backup))
+        reloads.Reload(made, "many")
+        time.sleep(random.uniform(0.0, 0.5))
+        site.check(made.stop() == 0, "the stop failed")
+        site.check_sound(made)
+        _check(made, texts, "a stop in a reload with", memory, "MB")
+
+
+def _check(made, texts, *when):
+    for backup, text in texts.items():
+        places = (made.table_file("many", backup), made.refused_file("many", backup))
+        # A store after a reload that was refused makes a new main file, which a table without rows
+        # leaves empty; one that was loaded becomes the backup.
+        if not backup:
+            places += (made.table_file("many", True),)
+        found = [place for place in places if place.exists() and place.read_bytes() == text]
+        site.check(found, "after", *when, "a text is gone, of the backup:", backup)
