@@ -76,19 +76,10 @@ class query_lines {
   size_t query_size_ = 0;
 };
 
-// Splits a composed line into the values of a row of that table.
-bool parse_row(const tarn_tbl *table, const str &composed, query_scope *in) {
-  char name[TARN_NAME_SIZE] = "";
-  if (tarn_memdb_parse_input(composed, OP_INSERT, in, name) == nullptr) return false;
-  // The parser finds a table by its name: of two with one name, the first, which may have fewer
-  // columns.
-  return in->tbl->col_cnt == table->tbl->col_cnt;
-}
-
 // Adds the row of one composed line. False if it is refused.
 bool load_row(tarn_tbl *table, const str &composed, int line_number, load_watch *watch) {
   query_scope in;
-  if (!parse_row(table, composed, &in)) {
+  if (!parse_table_row(table, composed, &in)) {
     LM_ERR("Could not parse '%s'\n", composed.s);
     return false;
   }
@@ -141,6 +132,14 @@ void empty_table(tarn_tbl *table) {
   memdb_delete_all(table->tbl);
   reset_tbl_row_count(table);
   reset_tbl_index(table);
+}
+
+bool parse_table_row(const tarn_tbl *table, const str &composed, query_in *in) {
+  char name[TARN_NAME_SIZE] = "";
+  if (tarn_memdb_parse_input(composed, OP_INSERT, in, name) == nullptr) return false;
+  // The parser finds a table by its name: of two with one name, the first, which may have fewer
+  // columns.
+  return in->tbl->col_cnt == table->tbl->col_cnt;
 }
 
 uint32_t stored_index(const char *text) { return static_cast<uint32_t>(atoi(text)); }

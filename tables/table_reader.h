@@ -30,6 +30,10 @@ void empty_table(tarn_tbl *table);
 // False if nothing is at path, or nothing that can be seen.
 bool table_file_exists(const char *path);
 
+// Splits the insert query that a line stands for, the table's name and a comma ahead of it, into
+// the values of a row of that table. False if the row is refused; in may own fields all the same.
+bool parse_table_row(const tarn_tbl *table, const str &composed, query_in *in);
+
 // The number that a row with a generated index has by its first text.
 uint32_t stored_index(const char *text);
 

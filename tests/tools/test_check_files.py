@@ -294,6 +294,15 @@ def test_what_an_earlier_table_sets_aside_is_gone_for_a_later_one(files):
     assert [one.rows for one in files.start()] == [[], []]
 
 
+def test_what_an_earlier_table_removes_is_gone_for_a_later_one(files):
+    files.schema(table("t", FILE_NAME="p.tbl"), table("u", ("a 31 0",), FILE_NAME="./p.tbl"))
+    files.write("elsewhere", "Version 1\nx\n")
+    (files.directory / "tables/p.tbl").symlink_to("../elsewhere")
+    report = as_json(files.check(options=["--json"]).out)
+    assert [one["rows"] for one in report["tables"]] == [0, 0]
+    assert [one.rows for one in files.start()] == [[], []]
+
+
 def test_what_an_earlier_table_sets_aside_a_later_one_may_find(files):
     files.schema(
         table("t", FILE_NAME="p.tbl"), table("u", ("a 31 0",), FILE_NAME="p.tbl.refused")

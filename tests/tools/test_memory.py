@@ -138,6 +138,16 @@ def test_a_backup_behind_a_good_main_file_takes_no_memory(files):
     assert memory_of(files, "qm") == without
 
 
+def test_the_rows_of_a_table_leave_the_next_one_less_whether_it_has_a_backup_or_not(files):
+    files.schema(table("t", MAX_ROWS=9000), table("u", MAX_ROWS=9000))
+    files.rows("t", *rows(5000)).rows("t", backup=True).rows("u", *rows(5000))
+    for _ in ("with a backup", "without"):
+        told = files.check(options=["--memory", "2"])
+        expect(told, "tables/u.tbl", 0, "error", "is set aside as")
+        assert not told.has("tables/t.tbl", 0, "error", "")
+        (files.directory / "backup/t.tbl.backup").unlink(missing_ok=True)
+
+
 def test_maps_count_with_their_ports(files):
     files.schema(table())
     narrow = memory_of(files, "qm")["bytes_at_start"]

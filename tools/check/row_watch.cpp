@@ -33,20 +33,17 @@ enum next_fate : uint32_t { KEPT, PASSED_OVER, COMMENT_TAKEN, FILE_REFUSED, MISR
 constexpr const char *FATES[] = {"keeps", "passes over", "takes for a comment",
                                  "refuses, and the whole file with it", "reads as something else"};
 
-next_fate fate_of(const memdb_tbl &tbl, const memdb_row *row, const std::string &line) {
+next_fate fate_of(const tarn_tbl *table, const memdb_row *row, const std::string &line) {
   if (line.empty()) return PASSED_OVER;
   if (line.front() == '#') return COMMENT_TAKEN;
-  if (line.back() == FIELD_ESCAPE) return FILE_REFUSED;
-  bool is_empty = true;
-  bool has_escape = false;
-  for (uint32_t i = 0; i < tbl.col_cnt; i++) {
-    const std::string_view field = memdb_get_field(&tbl, row, i);
-    if (field == WILDCARD || field.find(FIELD_SEPARATOR) != field.npos) return FILE_REFUSED;
-    is_empty = is_empty && field.empty();
-    has_escape = has_escape || field.find(FIELD_ESCAPE) != field.npos;
-  }
-  if (is_empty) return FILE_REFUSED;
-  return has_escape ? MISREAD : KEPT;
+  std::string query = std::string(table->table_name) + "," + line;
+  query_scope in;
+  const bool is_read = parse_table_row(table, {query.data(), static_cast<int>(query.size())}, &in);
+  take_messages();
+  if (!is_read) return FILE_REFUSED;
+  for (uint32_t i = 0; i < table->tbl->col_cnt; i++)
+    if (strcmp(in.flds[i], memdb_get_field(table->tbl, row, i)) != 0) return MISREAD;
+  return KEPT;
 }
 
 }  // namespace
@@ -149,7 +146,7 @@ bool row_watch::changes(const query_in &in, const memdb_row *row) {
 
 // A row that was changed is stored as it is now, and that may be what no load takes.
 void row_watch::next_load(const memdb_row *row) {
-  const next_fate fate = fate_of(*table_->tbl, row, image(row));
+  const next_fate fate = fate_of(table_, row, image(row));
   if (fate == KEPT) return;
   note(severity::error, LOADS_ONCE, fate, line_, [&] {
     return "the row can't be kept: the next store writes " + quoted(image(row)) +

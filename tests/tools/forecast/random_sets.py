@@ -7,9 +7,11 @@ import random
 import re
 import shutil
 
-WORDS = ["", "a", "abc", "x y", "*", "#x", "\\a", "a\\", "\\*", "\\#a", "\\|", "*x", "|", "WAN", "6"]
-WORDS += ["21005", "9", "\xe4", "\0", "a\r", "b" * 31, "c" * 32, "d" * 300]
 TAME = ["", "a", "1", "7", "WAN", "21005", "some text"]
+# What loads as something else, can't be kept, or looks as if it couldn't.
+CHANGING = ["#x", "\\a", "\\*", "\\#a", "\\|", "\\\\", "*x", "\0", "a\r", "x y", "\xe4"]
+CHANGING += ["b" * 31, "c" * 32, "c" * 41, "d" * 300]
+REFUSED = ["*", "|", "a\\"]
 ANOTHER_FILE_SYSTEM = pathlib.Path("/dev/shm")
 
 
@@ -141,7 +143,7 @@ class RandomSet:
         rng = self.rng
         for path, chance in ((self.main(table), 0.9), (self.backup(table), 0.5)):
             if rng.random() < chance:
-                path.write_bytes(self.text(table, is_plain or rng.random() < 0.5))
+                path.write_bytes(self.text(table, is_plain or rng.random() < 0.4))
 
     def text(self, table, is_plain, count=None):
         """A table file's text; a plain one is clean as long as the table has room for it."""
@@ -150,7 +152,7 @@ class RandomSet:
         if not is_plain:
             first = rng.choice([first] * 15 + ["Version 1\r", "", "Version 1\0x"])
             end = rng.choice(["\n"] * 15 + [""])
-        count = rng.randrange(4) if count is None else count
+        count = rng.randrange(7) if count is None else count
         rows = [self._row(table, number, is_plain) for number in range(count)]
         text = "\n".join([first, *rows]) + end
         return (text if is_plain or rng.random() < 0.97 else "").encode("latin-1")
@@ -166,14 +168,17 @@ class RandomSet:
                 # Each table has ports of its own.
                 fields[3] = str(21000 + number + 20 * int(table.name[1:]))
         else:
-            width = len(table.lengths) if rng.random() < 0.97 else rng.randrange(1, 12)
-            words = TAME if rng.random() < 0.6 else WORDS
-            fields = [
-                rng.choice(words) if rng.random() < 0.4 else f"v{number % 3}" for _ in range(width)
-            ]
+            width = len(table.lengths) if rng.random() < 0.98 else rng.randrange(1, 12)
+            fields = [self._field(number) for _ in range(width)]
         if table.use_index and (is_plain or rng.random() < 0.9):
             fields[0] = str(number + 1)
         return "|".join(fields)
+
+    def _field(self, number):
+        (words,) = self.rng.choices(
+            [[f"v{number % 3}"], TAME, CHANGING, REFUSED], weights=[60, 20, 19, 1]
+        )
+        return self.rng.choice(words)
 
     def _write_ranges(self, is_plain):
         rng = self.rng

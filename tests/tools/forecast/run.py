@@ -44,16 +44,15 @@ def try_set(number):
                 kinds.append(forecast.follow(made)[0] + " after a store")
         return kinds
     except Exception as trouble:
-        kept = tempfile.mkdtemp(prefix="tarn-fc-kept-")
-        ignored = shutil.ignore_patterns("*.sock", "json.*")
-        shutil.copytree(directory, kept, dirs_exist_ok=True, symlinks=True, ignore=ignored)
+        kept, directory = directory, None
         oddities = ", ".join(made.oddities) if made else "not made"
         said = f"set {number} ({oddities}): {trouble!r}; its files are in {kept}"
         raise forecast.Deviation(said) from trouble
     finally:
         if made:
             made.remove()
-        shutil.rmtree(directory)
+        if directory:
+            shutil.rmtree(directory)
 
 
 def expect_losses(made, told, seen, again):
