@@ -90,7 +90,7 @@ class Lane:
 
         if holds(main, last):
             # The generation before stays; of it, the writer's tail may be missing.
-            previous = judged.stored[-2] if len(judged.stored) > 1 else judged.stored[0]
+            previous = judged.stored_before(main)
             site.check(
                 backup in before or holds(backup, previous, TAIL), judged, "lost its backup"
             )
@@ -121,6 +121,10 @@ class Stamps:
         fields = raw[len(table_model.HEAD) :].split(b"|", 3)
         return int(fields[2]) if len(fields) == 4 else None
 
+    def stored_before(self, _):
+        """What was stored last before the main file was: a sync follows each update."""
+        return self.stored[-2] if len(self.stored) > 1 else self.stored[0]
+
     def can_write(self, raw):
         gen = self._gen(raw)
         if gen is None:
@@ -148,6 +152,12 @@ class Journal:
 
     def __str__(self):
         return f"journal (stored {self.stored[-2:]})"
+
+    def stored_before(self, main):
+        """What was stored last before the main file was: a sync without an insert ahead stores
+        nothing. Of the rows that a sync stores, one at most is not yet answered."""
+        rows = main.count(b"\n") - 1
+        return max((number for number in self.stored if number + 1 < rows), default=self.stored[0])
 
     def can_write(self, raw):
         return self.work.journal_text(len(self.work.journal)).startswith(raw)
