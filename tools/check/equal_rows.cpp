@@ -112,11 +112,14 @@ void equal_rows::with_wanted(const entry &asking, Use use) const {
 // What the check sees instead of the row's values may be another row all the same.
 void equal_rows::compare_spoilt(const entry &asking, std::vector<pair> *found) const {
   with_wanted(asking, [&](const char *const *wanted, uint32_t hash) {
-    for (const entry &one : std::ranges::equal_range(entries_, hash, {}, &entry::hash)) {
-      if (std::abs(one.line) >= asking.line ||
-          memdb_row_match(table_->tbl, one.row, MEMDB_NO_COL, wanted) == 0)
+    const auto by_hash = [](const entry &a, const entry &b) { return a.hash < b.hash; };
+    const auto [first, end] =
+        std::equal_range(entries_.begin(), entries_.end(), entry{hash, 0, nullptr}, by_hash);
+    for (auto one = first; one != end; one++) {
+      if (std::abs(one->line) >= asking.line ||
+          memdb_row_match(table_->tbl, one->row, MEMDB_NO_COL, wanted) == 0)
         continue;
-      found->push_back({asking.line, std::abs(one.line)});
+      found->push_back({asking.line, std::abs(one->line)});
       return;
     }
   });
