@@ -14,9 +14,9 @@
 #include "bench/rows.h"
 #include "bench/started_module.h"
 #include "host/log.h"
-#include "tables/shared_memory.h"
-#include "tables/table_files.h"
-#include "tables/table_paths.h"
+#include "tables/files/table_files.h"
+#include "tables/files/table_paths.h"
+#include "tables/shared/shared_memory.h"
 
 namespace bench {
 namespace {

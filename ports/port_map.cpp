@@ -6,7 +6,7 @@
 
 #include "host/log.h"
 #include "ports/private_ranges.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/shared_memory.h"
 
 int32_t g_min_int_port = 21000;
 int32_t g_max_int_port = 21255;

@@ -14,7 +14,7 @@
 #include <span>
 #include <string_view>
 
-#include "tables/lock.h"
+#include "tables/shared/lock.h"
 
 inline constexpr int32_t NO_PORT = -1;
 inline constexpr int PRIVATE_RANGE_PORTS = 10;

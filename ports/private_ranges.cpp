@@ -9,8 +9,8 @@
 #include "host/log.h"
 #include "host/memory.h"
 #include "ports/port_map.h"
-#include "tables/file_handle.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/file_handle.h"
+#include "tables/shared/shared_memory.h"
 
 const char *private_ranges_file_path = "/var/lib/sipserver/gw_private_range.txt";
 

@@ -6,8 +6,8 @@
 
 #include "host/log.h"
 #include "host/memory.h"
-#include "query/field_strings.h"
-#include "query/text_writer.h"
+#include "query/text/field_strings.h"
+#include "query/text/text_writer.h"
 
 namespace {
 

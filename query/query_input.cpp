@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "host/log.h"
-#include "query/field_strings.h"
+#include "query/text/field_strings.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "host/log.h"
-#include "tables/row_admission.h"
+#include "tables/rows/row_admission.h"
 
 namespace {
 

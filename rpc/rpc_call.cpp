@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "host/log.h"
-#include "query/buffers.h"
+#include "query/text/buffers.h"
 
 namespace {
 

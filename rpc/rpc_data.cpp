@@ -2,13 +2,13 @@
 #include "rpc/rpc_data.h"
 
 #include "host/log.h"
-#include "query/buffers.h"
-#include "query/field_strings.h"
+#include "query/text/buffers.h"
+#include "query/text/field_strings.h"
 #include "rpc/rpc_query.h"
-#include "script/row_writes.h"
-#include "tables/row_admission.h"
-#include "tables/row_image.h"
-#include "tables/table_files.h"
+#include "tables/files/table_files.h"
+#include "tables/rows/row_admission.h"
+#include "tables/rows/row_image.h"
+#include "tables/rows/row_writes.h"
 
 namespace {
 

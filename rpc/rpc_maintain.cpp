@@ -6,8 +6,8 @@
 #include "host/log.h"
 #include "ports/port_map.h"
 #include "rpc/rpc_call.h"
-#include "script/audit.h"
-#include "tables/table_files.h"
+#include "tables/files/table_files.h"
+#include "tables/rows/audit.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // The rows of a table, for programs and for people.
 #include "host/log.h"
 #include "host/pv_module.h"
-#include "query/buffers.h"
-#include "query/field_strings.h"
-#include "query/text_writer.h"
+#include "query/text/buffers.h"
+#include "query/text/field_strings.h"
+#include "query/text/text_writer.h"
 #include "rpc/rpc_call.h"
 #include "rpc/rpc_inspect.h"
-#include "tables/row_image.h"
+#include "tables/rows/row_image.h"
 
 namespace {
 

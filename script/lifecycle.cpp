@@ -8,10 +8,10 @@
 #include "host/pv_module.h"
 #include "ports/port_map.h"
 #include "rpc/rpc_commands.h"
-#include "script/late_param.h"
+#include "script/params/late_param.h"
+#include "tables/files/table_files.h"
 #include "tables/schema.h"
-#include "tables/shared_memory.h"
-#include "tables/table_files.h"
+#include "tables/shared/shared_memory.h"
 #include "tables/tarn_tbl.h"
 
 namespace {

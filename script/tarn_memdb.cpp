@@ -3,12 +3,12 @@
 #include "host/loader_symbols.h"
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
-#include "ports/script_ports.h"
-#include "script/fixup.h"
+#include "ports/script/script_ports.h"
 #include "script/functions.h"
 #include "script/lifecycle.h"
+#include "script/params/fixup.h"
+#include "tables/files/table_files.h"
 #include "tables/schema.h"
-#include "tables/table_files.h"
 
 namespace {
 

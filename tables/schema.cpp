@@ -7,9 +7,9 @@
 
 #include "host/log.h"
 #include "host/memory.h"
-#include "tables/file_handle.h"
 #include "tables/schema_reader.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/file_handle.h"
+#include "tables/shared/shared_memory.h"
 #include "tables/tarn_tbl.h"
 
 const char *cfg_file_path = "";

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "host/log.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/shared_memory.h"
 
 tarn_mngt *tarn_tbl_mngt;
 

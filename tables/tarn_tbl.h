@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include "memdb/memdb.h"
-#include "tables/lock.h"
-#include "tables/read_section.h"
+#include "tables/shared/lock.h"
+#include "tables/shared/read_section.h"
 
 inline constexpr size_t TARN_NAME_SIZE = 32;  // of tables and columns, with terminator
 

@@ -19,7 +19,7 @@ find "$build" -name '*.gcda' -delete
 }
 report() {
   gcovr --root . --object-directory "$build" "$@" \
-    --filter '(memdb|tables|query|script|ports|rpc|host)/' \
+    --filter "$(python3 tools/rooms.py pattern)" \
     --exclude-branches-by-pattern '.*(LM_[A-Z]+|HOST_LOG[A-Z_]*|MEMDB_LOG)\(.*' \
     --exclude-throw-branches --exclude-unreachable-branches "$build"
 }

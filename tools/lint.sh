@@ -9,7 +9,7 @@ cd "$top"
 jobs=$(nproc)
 
 sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h'; }
-module_code() { ls memdb/*.cpp tables/*.cpp query/*.cpp script/*.cpp ports/*.cpp rpc/*.cpp host/*.cpp; }
+module_code() { python3 tools/rooms.py sources; }
 
 echo "lint: clang-format"
 sources | xargs clang-format --dry-run --Werror
@@ -24,7 +24,8 @@ cmake --build "$build/clang" --target tarn_memdb >"$build/clang/lint.log" 2>&1 |
 
 echo "lint: clang-tidy"
 module_code |
-  xargs -P "$jobs" -n 4 clang-tidy -p "$build/clang" --quiet >"$build/clang/tidy.log" 2>/dev/null || {
+  xargs -P "$jobs" -n 4 clang-tidy -p "$build/clang" --quiet \
+    --header-filter="$(python3 tools/rooms.py pattern)" >"$build/clang/tidy.log" 2>/dev/null || {
   cat "$build/clang/tidy.log"
   exit 1
 }
@@ -37,6 +38,6 @@ module_code |
   exit 1
 }
 
-echo "lint: includes run in no circle, and memdb/ stands alone"
-python3 tools/include_cycles.py
+echo "lint: rooms include only rooms below them"
+python3 tools/rooms.py check
 echo "lint: clean"

@@ -13,7 +13,7 @@
 #include <set>
 
 #include "memdb/memdb_index.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/shared_memory.h"
 
 namespace fuzz {
 namespace {

@@ -6,8 +6,8 @@
 #include <map>
 
 #include "host/memory.h"
-#include "query/field_strings.h"
 #include "query/named_params.h"
+#include "query/text/field_strings.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

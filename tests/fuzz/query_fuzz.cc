@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "query/field_strings.h"
+#include "query/text/field_strings.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "memdb/memdb.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/shared_memory.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

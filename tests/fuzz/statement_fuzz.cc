@@ -8,8 +8,8 @@
 
 #include "host/imports.h"
 #include "script/functions.h"
-#include "script/script_query.h"
-#include "tables/shared_memory.h"
+#include "script/params/script_query.h"
+#include "tables/shared/shared_memory.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "ports/port_allocation.h"
-#include "tables/table_files.h"
+#include "tables/files/table_files.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

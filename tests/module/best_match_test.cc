@@ -1,5 +1,5 @@
 // The five best-match selects.
-#include "script/fixup.h"
+#include "script/params/fixup.h"
 #include "tests/module/issue3_injection.h"
 
 namespace module_test {

@@ -1,7 +1,7 @@
 // The two selects that compare a number: out of the range, and within it.
 #include <pthread.h>
 
-#include "script/fixup.h"
+#include "script/params/fixup.h"
 #include "tests/module/issue3_injection.h"
 
 namespace module_test {

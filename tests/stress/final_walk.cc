@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "memdb/memdb_index.h"
-#include "tables/table_files.h"
+#include "tables/files/table_files.h"
 #include "tests/stress/ledger.h"
 
 namespace stress {

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "host/loader_symbols.h"
-#include "tables/table_files.h"
+#include "tables/files/table_files.h"
 #include "tests/standin/standin.h"
 #include "tests/stress/final_walk.h"
 #include "tests/stress/ledger.h"

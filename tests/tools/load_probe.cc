@@ -8,11 +8,11 @@
 
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
-#include "tables/row_image.h"
+#include "tables/files/table_files.h"
+#include "tables/files/table_paths.h"
+#include "tables/rows/row_image.h"
 #include "tables/schema.h"
-#include "tables/shared_memory.h"
-#include "tables/table_files.h"
-#include "tables/table_paths.h"
+#include "tables/shared/shared_memory.h"
 #include "tables/tarn_tbl.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <set>
 #include <sstream>
 
-#include "tables/port_claim.h"
+#include "tables/rows/port_claim.h"
 #include "tools/check/visible_text.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <functional>
 
 #include "memdb/memdb_index.h"
-#include "tables/duplicate_key.h"
+#include "tables/rows/duplicate_key.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tables/file_handle.h"
+#include "tables/shared/file_handle.h"
 
 std::optional<std::string> input_text(const std::string &path, std::string *why) {
   const file_handle file(fopen(path.c_str(), "r"));

@@ -7,9 +7,9 @@
 
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
-#include "tables/file_handle.h"
 #include "tables/schema.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/file_handle.h"
+#include "tables/shared/shared_memory.h"
 #include "tables/tarn_tbl.h"
 #include "tools/check/findings.h"
 #include "tools/check/host_services.h"

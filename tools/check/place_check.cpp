@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-#include "tables/table_paths.h"
+#include "tables/files/table_paths.h"
 #include "tools/check/file_entry.h"
 #include "tools/check/start_disk.h"
 #include "tools/check/visible_text.h"

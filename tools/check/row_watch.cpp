@@ -4,10 +4,10 @@
 #include <cstring>
 #include <limits>
 
-#include "query/field_strings.h"
-#include "tables/port_claim.h"
-#include "tables/row_image.h"
-#include "tables/table_paths.h"
+#include "query/text/field_strings.h"
+#include "tables/files/table_paths.h"
+#include "tables/rows/port_claim.h"
+#include "tables/rows/row_image.h"
 #include "tools/check/host_services.h"
 #include "tools/check/visible_text.h"
 

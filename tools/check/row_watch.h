@@ -6,7 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "tables/table_reader.h"
+#include "tables/files/table_reader.h"
 #include "tools/check/equal_rows.h"
 #include "tools/check/findings.h"
 #include "tools/check/port_holders.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "tables/file_handle.h"
 #include "tables/schema_reader.h"
+#include "tables/shared/file_handle.h"
 #include "tools/check/findings.h"
 #include "tools/check/line_index.h"
 

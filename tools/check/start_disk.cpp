@@ -6,7 +6,7 @@
 #include <climits>
 #include <filesystem>
 
-#include "tables/table_paths.h"
+#include "tables/files/table_paths.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "tables/file_handle.h"
-#include "tables/table_paths.h"
-#include "tables/table_reader.h"
+#include "tables/files/table_paths.h"
+#include "tables/files/table_reader.h"
+#include "tables/shared/file_handle.h"
 #include "tools/check/host_services.h"
 #include "tools/check/row_watch.h"
 #include "tools/check/shared_pool.h"

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "ports/port_map.h"
-#include "tables/shared_memory.h"
+#include "tables/shared/shared_memory.h"
 #include "tests/standin/file_faults.h"
 #include "tests/standin/standin.h"
 

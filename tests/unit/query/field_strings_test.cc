@@ -1,5 +1,5 @@
 // Cutting, escaping and unescaping of field texts, and the two helpers on counted texts.
-#include "query/field_strings.h"
+#include "query/text/field_strings.h"
 
 #include <climits>
 #include <random>

@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "query/field_strings.h"
 #include "query/query_input.h"
-#include "tables/shared_memory.h"
+#include "query/text/field_strings.h"
+#include "tables/shared/shared_memory.h"
 #include "tables/tarn_tbl.h"
 #include "tests/standin/standin.h"
 

@@ -1,5 +1,5 @@
 // AVPs as targets: slots that name none.
-#include "script/avp.h"
+#include "script/params/avp.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 
 #include "host/imports.h"
 #include "host/log.h"
-#include "script/raw_text.h"
+#include "script/params/raw_text.h"
 #include "tests/standin/standin.h"
 
 namespace {

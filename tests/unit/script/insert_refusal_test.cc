@@ -1,5 +1,5 @@
 // What is logged about a row that isn't let in.
-#include "script/insert_refusal.h"
+#include "script/writes/insert_refusal.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

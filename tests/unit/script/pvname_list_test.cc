@@ -1,5 +1,5 @@
 // AVP name lists, as other callers than the fix-ups may give them.
-#include "script/pvname_list.h"
+#include "script/params/pvname_list.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

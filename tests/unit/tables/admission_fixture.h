@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "host/memory.h"
-#include "query/field_strings.h"
+#include "query/text/field_strings.h"
 #include "tests/unit/tables/fixture.h"
 
 namespace tables_test {

@@ -1,7 +1,7 @@
 // Access rights of files that a store makes anew.
-#include "tables/file_access.h"
+#include "tables/files/file_access.h"
 
-#include "tables/file_handle.h"
+#include "tables/shared/file_handle.h"
 #include "tests/unit/tables/fixture.h"
 
 // The linker leads fchown here; see the build file.

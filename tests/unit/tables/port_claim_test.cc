@@ -1,5 +1,5 @@
 // The rules of port claims one by one, for whoever has a table and no row of it yet.
-#include "tables/port_claim.h"
+#include "tables/rows/port_claim.h"
 
 #include "tests/unit/tables/admission_fixture.h"
 

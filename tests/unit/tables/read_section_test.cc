@@ -1,5 +1,5 @@
 // Rows that are taken out under readers without a lock: when they are given back, and when not.
-#include "tables/read_section.h"
+#include "tables/shared/read_section.h"
 
 #include <map>
 #include <optional>

@@ -1,5 +1,5 @@
 // A row as one line of text.
-#include "tables/row_image.h"
+#include "tables/rows/row_image.h"
 
 #include "tests/unit/tables/fixture.h"
 

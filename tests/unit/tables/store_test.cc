@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "query/buffers.h"
-#include "tables/table_paths.h"
+#include "query/text/buffers.h"
+#include "tables/files/table_paths.h"
 #include "tests/unit/tables/fixture.h"
 #include "tests/unit/tables/processes.h"
 

@@ -1,5 +1,5 @@
 // The walk through one table file, and what a watch is told of it.
-#include "tables/table_reader.h"
+#include "tables/files/table_reader.h"
 
 #include "tests/unit/tables/fixture.h"
 

@@ -1,0 +1,52 @@
+// What the four statement functions share: the statement under the scanner's cursor, its table, its
+// WHERE list and its limit.
+#pragma once
+
+#include "host/memory.h"
+#include "query/query_input.h"
+#include "script/params/script_query.h"
+#include "tables/tarn_tbl.h"
+
+// The fields of a list, by name and by column.
+struct statement_fields {
+  pkg_owner<char *> names;
+  pkg_owner<int32_t> positions;
+  int32_t count = 0;
+};
+
+// One pair-list: the query record owns the array, this the texts.
+struct pair_list {
+  pkg_owner<char> texts;
+  query_scope in;
+};
+
+class statement {
+ public:
+  // Prints the statement in slot into query_buf and sets the cursor to its beginning. False,
+  // logged, if nothing is printed.
+  bool print(sip_msg *msg, const char *slot);
+
+  // Each step moves the cursor on and is false if the statement ends or doesn't fit there; what
+  // wants telling is logged.
+  bool token(const char *word);
+  bool skip_word();
+  bool skip_blanks();
+  bool read_table();
+  bool read_pairs(pair_list *pairs);
+
+  // Reads the field list at text, which isn't the cursor's place in every statement.
+  bool read_fields(const char *text, statement_fields *fields);
+
+  // The limit behind the list at the cursor, into in.
+  bool read_max(query_in *in);
+
+  const char *text() const { return text_; }
+  const char *cursor() const { return cursor_; }
+  tarn_tbl *table() const { return table_; }
+  memdb_tbl *tbl() const { return table_->tbl; }
+
+ private:
+  const char *text_ = nullptr;
+  const char *cursor_ = nullptr;
+  tarn_tbl *table_ = nullptr;
+};

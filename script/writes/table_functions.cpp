@@ -1,0 +1,42 @@
+// tarn_memdb_clear_tbl and tarn_memdb_row_count: functions on a table as a whole.
+#include "host/log.h"
+#include "script/functions.h"
+#include "script/params/avp.h"
+#include "script/params/script_query.h"
+#include "tables/files/table_files.h"
+#include "tables/rows/row_writes.h"
+
+namespace {
+
+constexpr size_t DIGITS_SIZE = 16;
+
+}  // namespace
+
+int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
+  const host_log_scope log;
+  script_query query;
+  const bool printed = print_table_name(msg, slot, &query);
+  if (printed) LM_DBG("Table name: %s\n", query.name);
+  if (!printed || !find_table(&query)) {
+    LM_ERR("Clear table failed!\n");
+    return SCRIPT_FAILED;
+  }
+  {
+    const lock_scope lock(query.table->lock);
+    clear_rows(query.table, FROM_CLEAR_TBL);
+  }
+  store_table_mngt(0, nullptr);
+  return SCRIPT_OK;
+}
+
+int tarn_memdb_row_count(sip_msg *msg, char *slot, char *avp) {
+  const host_log_scope log;
+  script_query query;
+  if (print_table_name(msg, slot, &query) && find_table(&query)) {
+    char digits[DIGITS_SIZE] = "";
+    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(query.table));
+    if (add_text_to_param(msg, avp, digits)) return SCRIPT_OK;
+  }
+  LM_ERR("Get row count failed!\n");
+  return SCRIPT_FAILED;
+}
