@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "host/log.h"
-#include "tables/rows/row_admission.h"
 
 namespace {
 

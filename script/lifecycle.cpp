@@ -17,8 +17,7 @@
 namespace {
 
 bool make_tables() {
-  tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-  if (tarn_tbl_mngt == nullptr) {
+  if (!make_registry()) {
     LM_ERR("Could not allocate memory for tarn_tbl_mngt\n");
     return false;
   }
@@ -99,12 +98,8 @@ void mod_destroy() {
   recover_tables();
   force_unlock(port_map_lock);
   store_table_mngt(0, nullptr);
-  if (tarn_tbl_mngt != nullptr) {
-    destroy_tables();
-    tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
-    tarn_shm_free(tarn_tbl_mngt);
-    tarn_tbl_mngt = nullptr;
-  }
+  destroy_tables();
+  free_registry();
   destroy_port_maps();
   LM_DBG("Destroy tarn_memdb module OK\n");
 }

@@ -4,9 +4,11 @@
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
 #include "ports/script/script_ports.h"
-#include "script/functions.h"
 #include "script/lifecycle.h"
 #include "script/params/fixup.h"
+#include "script/select/select_functions.h"
+#include "script/statement/statement_functions.h"
+#include "script/writes/write_functions.h"
 #include "tables/files/table_files.h"
 #include "tables/schema.h"
 

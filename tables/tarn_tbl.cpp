@@ -49,6 +49,21 @@ void delete_rows_without_text(memdb_tbl *tbl) {
 
 }  // namespace
 
+bool make_registry() {
+  tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
+  if (tarn_tbl_mngt == nullptr) return false;
+  use_read_sections(&tarn_tbl_mngt->sections);
+  return true;
+}
+
+void free_registry() {
+  if (tarn_tbl_mngt == nullptr) return;
+  use_read_sections(nullptr);
+  tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
+  tarn_shm_free(tarn_tbl_mngt);
+  tarn_tbl_mngt = nullptr;
+}
+
 std::span<tarn_tbl> all_tarn_tbls() {
   if (tarn_tbl_mngt == nullptr || tarn_tbl_mngt->tarn_tbl == nullptr) return {};
   return {tarn_tbl_mngt->tarn_tbl, static_cast<size_t>(tarn_tbl_mngt->num_table)};

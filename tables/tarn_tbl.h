@@ -13,7 +13,8 @@
 #include "tables/shared/lock.h"
 #include "tables/shared/read_section.h"
 
-inline constexpr size_t TARN_NAME_SIZE = 32;  // of tables and columns, with terminator
+inline constexpr size_t TARN_NAME_SIZE = 32;    // of tables and columns, with terminator
+inline constexpr size_t INDEX_TEXT_SIZE = 256;  // of the text of a generated index
 
 // Values of tarn_tbl::state.
 inline constexpr int32_t TBL_UNCHANGED = 0;  // the files hold what the table holds
@@ -56,6 +57,12 @@ struct tarn_mngt {
 
 // The one registry; null before mod_init and after mod_destroy.
 extern tarn_mngt *tarn_tbl_mngt;
+
+// Makes the registry, without tables. False if memory is short.
+bool make_registry();
+
+// Frees it and the tables' records, whose tables are gone; nothing if there is none.
+void free_registry();
 
 // All tables in schema order; empty as long as there is no registry.
 std::span<tarn_tbl> all_tarn_tbls();

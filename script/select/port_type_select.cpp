@@ -9,9 +9,9 @@
 
 #include "host/log.h"
 #include "query/text/buffers.h"
-#include "script/functions.h"
 #include "script/params/avp.h"
 #include "script/params/script_query.h"
+#include "script/select/select_functions.h"
 #include "tables/shared/lock.h"
 
 namespace {

@@ -7,10 +7,10 @@
 #include "host/imports.h"
 #include "host/log.h"
 #include "query/text/field_strings.h"
-#include "script/functions.h"
 #include "script/params/number_param.h"
 #include "script/params/raw_text.h"
 #include "script/select/row_list.h"
+#include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The exact select: rows equal to every field that the query gives.
 #include "host/log.h"
-#include "script/functions.h"
+#include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "host/log.h"
-#include "script/functions.h"
+#include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 #include "script/select/subnet_address.h"
 #include "script/select/subscriber_domain.h"

@@ -1,7 +1,7 @@
 // sqll_tarn_memdb_delete: DELETE FROM table WHERE pair-list [MAX=n].
 #include "host/log.h"
-#include "script/functions.h"
 #include "script/statement/statement.h"
+#include "script/statement/statement_functions.h"
 #include "tables/rows/row_writes.h"
 
 namespace {

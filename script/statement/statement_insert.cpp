@@ -1,8 +1,8 @@
 // sqll_tarn_memdb_insert: INSERT INTO table field-list VALUES value-list.
 #include "host/log.h"
 #include "query/statement_scanner.h"
-#include "script/functions.h"
 #include "script/statement/statement.h"
+#include "script/statement/statement_functions.h"
 #include "script/writes/insert_refusal.h"
 #include "tables/rows/audit.h"
 #include "tables/rows/row_admission.h"

@@ -1,9 +1,9 @@
 // sqll_tarn_memdb_select: SELECT field-list FROM table WHERE pair-list [MAX=n], into AVPs.
 #include "host/log.h"
-#include "script/functions.h"
 #include "script/params/avp.h"
 #include "script/select/select_run.h"
 #include "script/statement/statement.h"
+#include "script/statement/statement_functions.h"
 
 namespace {
 

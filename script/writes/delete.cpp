@@ -1,7 +1,7 @@
 // tarn_memdb_delete: removes the rows that match.
 #include "host/log.h"
-#include "script/functions.h"
 #include "script/params/script_query.h"
+#include "script/writes/write_functions.h"
 #include "tables/rows/row_writes.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // tarn_memdb_insert: adds a row.
 #include "host/log.h"
-#include "script/functions.h"
 #include "script/params/script_query.h"
 #include "script/writes/insert_refusal.h"
+#include "script/writes/write_functions.h"
 #include "tables/rows/audit.h"
 #include "tables/rows/row_admission.h"
 

@@ -1,8 +1,8 @@
 // tarn_memdb_clear_tbl and tarn_memdb_row_count: functions on a table as a whole.
 #include "host/log.h"
-#include "script/functions.h"
 #include "script/params/avp.h"
 #include "script/params/script_query.h"
+#include "script/writes/write_functions.h"
 #include "tables/files/table_files.h"
 #include "tables/rows/row_writes.h"
 

@@ -4,8 +4,8 @@
 #include "query/named_params.h"
 #include "query/text/buffers.h"
 #include "query/text/field_strings.h"
-#include "script/functions.h"
 #include "script/params/script_query.h"
+#include "script/writes/write_functions.h"
 #include "tables/rows/row_writes.h"
 
 namespace {

@@ -7,8 +7,6 @@
 #include "query/query_input.h"
 #include "tables/tarn_tbl.h"
 
-inline constexpr size_t INDEX_TEXT_SIZE = 256;
-
 // Draws the table's next index as decimal text into a new private block of INDEX_TEXT_SIZE that
 // takes the place of flds[0]. 0, or -1 when memory is short or the counter has wrapped to 0. The
 // block, also after the second failure, is for the caller to release.

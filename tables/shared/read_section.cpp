@@ -6,18 +6,15 @@
 #include <utility>
 
 #include "tables/shared/shared_memory.h"
-#include "tables/tarn_tbl.h"
 
 namespace {
 
 constexpr uint32_t NONE = UINT32_MAX;
 
+read_sections *sections_in_use;
+
 // Which count this process has. Children of a process that has one share it with them.
 uint32_t own_count = NONE;
-
-read_sections *all_sections() {
-  return tarn_tbl_mngt != nullptr ? &tarn_tbl_mngt->sections : nullptr;
-}
 
 bool nobody_inside(read_sections *all, uint32_t turn) {
   const uint32_t given = std::min(std::atomic_ref(all->readers).load(), READER_COUNTS);
@@ -73,11 +70,15 @@ void move_on(read_sections *all, size_t most) {
 
 }  // namespace
 
+void use_read_sections(read_sections *all) {
+  sections_in_use = all;
+  own_count = NONE;
+}
+
 void read_section::begin() {
-  read_sections *const all = all_sections();
+  read_sections *const all = sections_in_use;
   if (all == nullptr) return;
-  const std::atomic_ref readers(all->readers);
-  if (own_count == NONE || readers.load() == 0) own_count = readers.fetch_add(1) % READER_COUNTS;
+  if (own_count == NONE) own_count = std::atomic_ref(all->readers).fetch_add(1) % READER_COUNTS;
   inside_ = &all->counts[own_count].inside[std::atomic_ref(all->turn).load()];
   std::atomic_ref(*inside_).fetch_add(1);
 }
@@ -87,7 +88,7 @@ read_section::~read_section() {
 }
 
 void retire_row(memdb_row *row) {
-  read_sections *const all = all_sections();
+  read_sections *const all = sections_in_use;
   if (all == nullptr) {
     tarn_shm_free(row);
     return;
@@ -102,13 +103,12 @@ void retire_row(memdb_row *row) {
 }
 
 void settle_retired_rows() {
-  read_sections *const all = all_sections();
+  read_sections *const all = sections_in_use;
   if (all != nullptr && anything_waits(all)) move_on(all, SIZE_MAX);
 }
 
 void free_retired_rows() {
-  own_count = NONE;
-  read_sections *const all = all_sections();
+  read_sections *const all = sections_in_use;
   if (all == nullptr) return;
   for (memdb_row **list : {&all->retired, &all->passed_none, &all->passed_one})
     free_some(std::exchange(*list, nullptr), SIZE_MAX);

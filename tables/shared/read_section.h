@@ -33,6 +33,10 @@ struct read_sections {
   uint32_t apart[30];
 };
 
+// Settles where sections are counted, for this process and those that it forks: in shared memory,
+// all zero. Null, as at first, for nowhere: no section keeps a row then.
+void use_read_sections(read_sections *all);
+
 // Keeps the rows that it may meet from being given back, until the end of the scope.
 class read_section {
  public:

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "host/imports.h"
-#include "script/functions.h"
 #include "script/params/script_query.h"
+#include "script/statement/statement_functions.h"
 #include "tables/shared/shared_memory.h"
 #include "tests/fuzz/fuzz_support.h"
 

@@ -131,11 +131,7 @@ class TablesTest : public testing::Test {
   // Ends what start began, as the module's own end does.
   void end() {
     destroy_tables();
-    if (tarn_tbl_mngt != nullptr) {
-      tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
-      tarn_shm_free(tarn_tbl_mngt);
-      tarn_tbl_mngt = nullptr;
-    }
+    free_registry();
     destroy_port_maps();
     for (const port_map_kind &kind : port_map_kinds) *kind.map = nullptr;
   }
@@ -168,16 +164,10 @@ class TablesTest : public testing::Test {
            std::filesystem::file_type::not_found;
   }
 
-  // An empty registry.
-  void make_registry() {
-    tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-    ASSERT_NE(tarn_tbl_mngt, nullptr);
-  }
-
   // create_table on that schema text, with a new registry.
   int32_t create(const std::string &schema) {
     end();
-    make_registry();
+    if (!make_registry()) abort();
     schema_path_ = dir_ + "schema.cfg";
     write(schema_path_, schema);
     cfg_file_path = schema_path_.c_str();

@@ -138,6 +138,7 @@ TEST_F(ReadSectionTest, ASectionOfANewRegistryIsCounted) {
     section.begin();
   }
   sections() = {};
+  use_read_sections(&sections());
   memdb_row *const row = add_row();
   read_section section;
   section.begin();
@@ -191,7 +192,7 @@ TEST_F(ReadSectionTest, AtTheEndAllIsGivenBackWhoeverStillCounts) {
 
 TEST_F(ReadSectionTest, WithoutARegistryRowsGoAtOnceAndReadersAreNotCounted) {
   const tbl_dcl columns[] = {{3, 0}};
-  tarn_mngt *const registry = std::exchange(tarn_tbl_mngt, nullptr);
+  use_read_sections(nullptr);
   memdb_tbl *const lone = memdb_create_tbl(columns, 1);
   const char *const fields[] = {"abc"};
   memdb_row *const row = memdb_insert(lone, fields);
@@ -203,7 +204,7 @@ TEST_F(ReadSectionTest, WithoutARegistryRowsGoAtOnceAndReadersAreNotCounted) {
   }
   memdb_destroy_tbl(lone);
   free_retired_rows();
-  tarn_tbl_mngt = registry;
+  use_read_sections(&sections());
 }
 
 // Sections open and end, and rows come and go, in random order. A row that went while a section

@@ -1,16 +1,15 @@
-// Every function that a routing script can call, under its exported name. Parameters are what the
-// fix-ups left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the
-// script. Each takes the table's lock itself, unless nl is in its name, and logs why it fails.
+// The script functions that select rows. Parameters are what the fix-ups
+// left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the script. Each
+// takes its table's lock, unless nl is in its name, and logs why it fails.
 #pragma once
 
 #include "host/abi.h"
 
-// Writes; see insert.cpp, delete.cpp, update.cpp, table_functions.cpp.
-int tarn_memdb_insert(sip_msg *msg, char *query, char *unused);
-int tarn_memdb_delete(sip_msg *msg, char *query, char *unused);
-int tarn_memdb_update(sip_msg *msg, char *query, char *values);
-int tarn_memdb_clear_tbl(sip_msg *msg, char *table, char *unused);
-int tarn_memdb_row_count(sip_msg *msg, char *table, char *avp);
+// Exact select; see select.cpp.
+int tarn_memdb_select(sip_msg *msg, char *query, char *avps);
+int tarn_memdb_nl_select(sip_msg *msg, char *query, char *avps);
+int tarn_memdb_xavp_select(sip_msg *msg, char *query, char *xavp);
+int tarn_memdb_nl_xavp_select(sip_msg *msg, char *query, char *xavp);
 
 // Selects by the longest prefix; see best_match.cpp. column is a decimal text, flags a num_or_pv.
 int tarn_memdb_select_best_match(sip_msg *msg, char *query, char *avps, char *column);
@@ -33,15 +32,3 @@ int tarn_memdb_nl_select_subnetmask(sip_msg *msg, char *query, char *avps, char 
 // Selects of a port pair; see port_type_select.cpp.
 int tarn_memdb_select_by_port_type(sip_msg *msg, char *selection, char *query, char *avps);
 int tarn_memdb_nl_select_by_port_type(sip_msg *msg, char *selection, char *query, char *avps);
-
-// Statements; see statement_*.cpp.
-int sqll_tarn_memdb_insert(sip_msg *msg, char *statement, char *unused);
-int sqll_tarn_memdb_delete(sip_msg *msg, char *statement, char *unused);
-int sqll_tarn_memdb_select(sip_msg *msg, char *statement, char *avps);
-int sqll_tarn_memdb_update(sip_msg *msg, char *statement, char *unused);
-
-// Exact select; see select.cpp.
-int tarn_memdb_select(sip_msg *msg, char *query, char *avps);
-int tarn_memdb_nl_select(sip_msg *msg, char *query, char *avps);
-int tarn_memdb_xavp_select(sip_msg *msg, char *query, char *xavp);
-int tarn_memdb_nl_xavp_select(sip_msg *msg, char *query, char *xavp);
