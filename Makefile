@@ -16,18 +16,21 @@ export HOST_ROOT ?= $(CURDIR)/build/host
 build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUILD)/$(1) $(2) && \
         tools/quiet.sh $(BUILD)/log/$(1)-build cmake --build $(BUILD)/$(1) -j $(JOBS)
 
-.PHONY: all module tools demo test lint format bench fuzz install deb clean host-module
+.PHONY: all help module tools demo test lint format bench fuzz install deb clean host-module
 
 all: module
 
+help: ## this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "%-16s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+
 # The installable module, for the host's released version unless KAMAILIO= says otherwise.
-module:
+module: ## the installable module, build/module/tarn_memdb.so
 	@$(DEPS) module
 	@$(call build,module,-DBUILD_TESTING=OFF -DKAMAILIO=$(KAMAILIO))
 	@echo "module: $(BUILD)/module/tarn_memdb.so"
 
 # Module and tarn-memdb-check.
-tools:
+tools: ## module and tarn-memdb-check
 	@$(DEPS) module tools
 	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO))
 	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check"
@@ -35,14 +38,14 @@ tools:
 # make install [DESTDIR=] [PREFIX=/usr] [MODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules]
 PREFIX ?= /usr
 MODULES_DIR ?= lib/x86_64-linux-gnu/kamailio/modules
-install:
+install: ## module, tool and guide below DESTDIR/PREFIX
 	@$(DEPS) module tools
 	@$(call build,install,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) \
 	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DMODULES_DIR=$(MODULES_DIR))
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/install
 
 # A Debian package of module, tool, guide and an example configuration.
-deb:
+deb: ## a Debian package of them
 	@$(DEPS) module tools deb
 	@$(call build,deb,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) -DCMAKE_INSTALL_PREFIX=/usr)
 	@tools/quiet.sh $(BUILD)/log/deb-pack cpack --config $(BUILD)/deb/CPackConfig.cmake -B $(BUILD)/deb
@@ -54,10 +57,10 @@ host-module:
 	@tools/host-root.sh >/dev/null
 	@$(call build,demo,-DBUILD_TESTING=OFF -DKAMAILIO=$(HOST))
 
-demo: host-module
+demo: host-module ## the main job on a real server
 	@demo/run $(BUILD)/demo/tarn_memdb.so
 
-test: lint
+test: lint ## all tests, in minutes
 	@$(DEPS) module tools test deb
 	@tools/host-root.sh >/dev/null
 	@echo "test: building"
@@ -67,17 +70,17 @@ test: lint
 	@$(DEPS) fuzz
 	@tests/fuzz/run.sh $(BUILD)/fuzz 3
 
-lint:
+lint: ## form, warnings, static analysis, rooms
 	@$(DEPS) module lint
 	@tools/lint.sh $(BUILD)
 
-format:
+format: ## sources brought into form
 	@$(DEPS) lint
 	@git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h' | xargs clang-format -i
 
 # Everything that can fail, one thing at a time; about three minutes.
 .PHONY: faults
-faults:
+faults: ## everything that can fail, one thing at a time
 	@$(DEPS) module tools test
 	@tools/host-root.sh >/dev/null
 	@tools/quiet.sh $(BUILD)/log/faults-configure cmake -G Ninja -S . -B $(BUILD)/faults \
@@ -88,7 +91,7 @@ faults:
 
 # Lines and branches that all tests together run.
 .PHONY: coverage
-coverage:
+coverage: ## lines and branches that all tests together run
 	@$(DEPS) module tools test coverage
 	@tools/host-root.sh >/dev/null
 	@$(call build,coverage,-DTARN_COVERAGE=ON -DKAMAILIO=$(HOST))
@@ -107,7 +110,7 @@ forecast:
 	  /usr/bin/python3 -B tests/tools/forecast/run.py $(FORECAST_SETS)
 
 FUZZ_SECONDS ?= 60
-fuzz:
+fuzz: ## random input, FUZZ_SECONDS= for each harness
 	@$(DEPS) module test fuzz
 	@tests/fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
 
@@ -116,7 +119,7 @@ fuzz:
 .PHONY: stress
 STRESS_OPERATIONS ?= 10000000
 STRESS_SECONDS ?= 30
-stress: host-module
+stress: host-module ## eight processes, then readers without a lock beside writers
 	@$(DEPS) module tools test
 	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
 	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress
@@ -124,18 +127,18 @@ stress: host-module
 	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
 
-bench:
+bench: ## the engine beside its peers
 	@$(DEPS) module bench
 	@$(call build,bench,-DBUILD_TESTING=OFF -DTARN_BENCH=ON -DCMAKE_BUILD_TYPE=Release)
 	@bench/run.sh $(BUILD)/bench
 
 # The module beside its peers on a real host; see the head of bench/host_bench.py for its settings.
 .PHONY: bench-host bench-callgrind
-bench-host: host-module
+bench-host: host-module ## the module beside its peers on a real server
 	@python3 bench/host_bench.py $(BUILD)/demo/tarn_memdb.so
 
 # Instructions of a call, on the stand-in host and then on the real one.
-bench-callgrind: host-module
+bench-callgrind: host-module ## instructions of a call
 	@$(DEPS) module bench callgrind
 	@$(call build,callgrind,-DBUILD_TESTING=OFF -DTARN_BENCH=ON)
 	@bench/callgrind.sh $(BUILD)/callgrind
@@ -144,8 +147,8 @@ bench-callgrind: host-module
 # A real server killed, stopped and started on all that can be wrong with its files.
 CRASH_ROUNDS ?= 300
 .PHONY: crash
-crash: host-module
+crash: host-module ## a server killed and stopped, and all that can be wrong with its files
 	@CRASH_ROUNDS=$(CRASH_ROUNDS) tests/crash/run.py $(BUILD)/demo/tarn_memdb.so
 
-clean:
+clean: ## build/ goes
 	rm -rf $(BUILD)

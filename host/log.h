@@ -25,9 +25,9 @@ inline int host_log_level() {
 // written (by a signal handler, say) is dropped, as everywhere in the host.
 inline bool host_log_enabled(int level) { return dprint_crit == 0 && host_log_level() >= level; }
 
-// Asks the host for the debug level once for all that is logged during its life. Every entry from
-// the host at start, at run time and at the end opens one, so that no message inside, row loops
-// included, costs a call into the host. Scopes may nest; the outermost counts.
+// Asks the host for the debug level once for all that is logged during its life. mod_init,
+// mod_destroy and each script function, command and timer pass open one, so that no message inside,
+// row loops included, costs a call into the host. Scopes may nest; the outermost counts.
 class host_log_scope {
  public:
   host_log_scope() : outer_(host_log_level_held) { host_log_level_held = host_log_level(); }

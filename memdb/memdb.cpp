@@ -164,11 +164,6 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
 }
 
 void memdb_delete_all(memdb_tbl *tbl) {
-  // Only a walk of each row's chains finds the entries that have to be reported as missing.
-  if (memdb_log_err != nullptr) {
-    while (tbl->first != nullptr) memdb_delete_row(tbl, tbl->first);
-    return;
-  }
   memdb_row *const rows = tbl->first;
   tbl->first = nullptr;
   tbl->last = nullptr;

@@ -1,8 +1,11 @@
 // A table of fixed-size rows of text fields, with an optional hash index per column.
 //
-// The engine knows nothing of names, row limits, files or locks. Every operation on a table,
-// reading through a cursor included, runs under whatever lock the embedder gives that table; the
-// engine takes none.
+// The engine knows nothing of names, row limits, files or locks; it takes none. Whoever changes a
+// table keeps all others from changing it meanwhile, by whatever lock the embedder gives it. The
+// read side, memdb_select, memdb_select_next and memdb_get_field, may run beside one that changes
+// the table, in any process, if no row that such a reader may be on is given back or becomes
+// another row: memdb_free_row is the place to see to that. It then meets every row that was there
+// all the while, none that isn't whole, and texts that may be overwritten while it looks.
 //
 // A row is one block:
 //
@@ -93,7 +96,7 @@ memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values);
 // Takes the row out of the list and of all indexes and frees it.
 void memdb_delete_row(memdb_tbl *tbl, memdb_row *row);
 
-// Deletes every row.
+// Deletes every row. Whole indexes go, so that no entry is looked for and none reported as missing.
 void memdb_delete_all(memdb_tbl *tbl);
 
 // Makes the list whole again after a process was ended amid a change of the table: it counts as it

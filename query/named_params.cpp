@@ -42,26 +42,25 @@ class item_chain {
   param_t *first = nullptr;
 };
 
-bool is_column(const tarn_tbl *table, uint32_t col_cnt, std::string_view name) {
-  for (uint32_t i = 0; i < col_cnt; i++)
+bool is_column(const tarn_tbl *table, std::string_view name) {
+  for (uint32_t i = 0; i < table->tbl->col_cnt; i++)
     if (column_name(table, i) == name) return true;
   return false;
 }
 
 // Bytes for the result and its terminator: a bar for each slot but the first, and a star or a body
 // in it. False, logged, for an item that names no column.
-bool result_size(const item_chain &items, const query_in *in, const char *tbl_name,
-                 const tarn_tbl *table, const char *tail, size_t *size) {
-  *size = 2 * size_t{in->tbl->col_cnt};
+bool result_size(const item_chain &items, const tarn_tbl *table, const char *tail, size_t *size) {
+  *size = 2 * size_t{table->tbl->col_cnt};
   for (const param_t *item = items.first; item != nullptr; item = item->next) {
-    if (!is_column(table, in->tbl->col_cnt, text_of(item->name))) {
+    if (!is_column(table, text_of(item->name))) {
       LM_ERR("Parameter [%.*s] not found in the table [%s]\n", item->name.len, item->name.s,
-             tbl_name);
+             table->table_name);
       return false;
     }
     *size += text_of(item->body).size();
   }
-  if (tail != nullptr) *size += strlen(tbl_name) + strlen(tail) + 2;
+  if (tail != nullptr) *size += strlen(table->table_name) + strlen(tail) + 2;
   return true;
 }
 
@@ -73,8 +72,7 @@ void append_tail(text_writer *out, std::string_view tail, size_t size) {
 
 }  // namespace
 
-conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, const char *tbl_name,
-                                               const tarn_tbl *table, const char *tail) {
+conversion tarn_memdb_convert_query_param_list(str *list, const tarn_tbl *table, const char *tail) {
   LM_DBG("Before conversionL [%.*s]\n", list->len, list->s);
   const bool named = list->len > 0;
   if (named) {
@@ -90,7 +88,7 @@ conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, co
     return conversion::failed;
   }
   size_t size;
-  if (!result_size(items, in, tbl_name, table, tail, &size)) return conversion::failed;
+  if (!result_size(items, table, tail, &size)) return conversion::failed;
   size = std::max<size_t>(size, 1);
   pkg_owner<char> result(pkg_array<char>(size));
   if (!result) {
@@ -98,8 +96,8 @@ conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, co
     return conversion::failed;
   }
   text_writer out({result.get(), size});
-  if (tail != nullptr) out.append(tbl_name).append(PART_SEPARATOR);
-  for (uint32_t i = 0; i < in->tbl->col_cnt; i++) {
+  if (tail != nullptr) out.append(table->table_name).append(PART_SEPARATOR);
+  for (uint32_t i = 0; i < table->tbl->col_cnt; i++) {
     if (i > 0) out.append(FIELD_SEPARATOR);
     const param_t *const item = items.find(column_name(table, i));
     // Two columns of one name show one body twice, which isn't counted for.

@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-#include "query/query_input.h"
+#include "host/abi.h"
+#include "tables/tarn_tbl.h"
 
 enum class conversion : int32_t {
   failed = -1,    // logged; list isn't to be used
@@ -14,5 +15,4 @@ enum class conversion : int32_t {
 // Rewrites list if it is named: it holds no bar and a '=', or nothing at all. Columns that aren't
 // named become wildcards. With tail, the text behind the list in its query, the result is a whole
 // query, table and list and tail, joined by commas; without, the bare list. Takes no lock.
-conversion tarn_memdb_convert_query_param_list(str *list, const query_in *in, const char *tbl_name,
-                                               const tarn_tbl *table, const char *tail);
+conversion tarn_memdb_convert_query_param_list(str *list, const tarn_tbl *table, const char *tail);

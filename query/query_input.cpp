@@ -19,14 +19,15 @@ std::string_view plain_table_name(const str &query) {
 // Of an insert, every column has a value and at least one isn't empty.
 bool is_insertable(const query_in &in, const char *rest) {
   uint32_t empty = 0;
-  for (uint32_t i = 0; i < in.tbl->col_cnt; i++) {
+  const uint32_t columns = in.table->tbl->col_cnt;
+  for (uint32_t i = 0; i < columns; i++) {
     if (in.flds[i] == nullptr) {
       LM_ERR("Wildcard are not allowed in INSERT operation\n");
       return false;
     }
     if (*in.flds[i] == '\0') empty++;
   }
-  if (empty == in.tbl->col_cnt) {
+  if (empty == columns) {
     LM_ERR("Empty fields are not allowed in INSERT operation\n");
     return false;
   }
@@ -57,7 +58,6 @@ bool read_max_res(const str &query, char *cursor, const tarn_tbl &table, int32_t
 }  // namespace
 
 query_in *tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, char *tbl_name) {
-  in->op = op;
   if (tbl_name == nullptr) {
     LM_ERR("Table name is missing\n");
     return nullptr;
@@ -75,20 +75,19 @@ query_in *tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, cha
     LM_ERR("Field list is missing\n");
     return nullptr;
   }
-  const tarn_tbl *const table = get_tarn_tbl_by_name(name);
-  if (table == nullptr) {
+  in->table = get_tarn_tbl_by_name(name);
+  if (in->table == nullptr) {
     LM_ERR("Table not found\n");
     return nullptr;
   }
-  in->tbl = table->tbl;
   tarn_memdb_get_next_field(query, op == OP_INSERT ? NO_SEPARATOR : PART_SEPARATOR, &cursor, &part);
-  in->flds = tarn_memdb_create_fields(part, &in->tbl->col_cnt);
+  in->flds = tarn_memdb_create_fields(part, &in->table->tbl->col_cnt);
   if (in->flds == nullptr) {
     LM_ERR("Wrong number of fields in field list: %s | %s\n", query.s, printable(cursor));
     return nullptr;
   }
   if ((op == OP_INSERT && !is_insertable(*in, cursor)) ||
-      !read_max_res(query, cursor, *table, &in->max_res)) {
+      !read_max_res(query, cursor, *in->table, &in->max_res)) {
     tarn_memdb_destroy_fields(in->flds);
     in->flds = nullptr;
     return nullptr;

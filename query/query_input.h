@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "host/abi.h"
-#include "memdb/memdb.h"
 #include "tables/tarn_tbl.h"
 
 // What the query is parsed for. An update parses its selection as a select.
@@ -15,9 +14,8 @@ inline constexpr int32_t OP_SELECT = 4;
 
 // A parsed query. The record that tarn_memdb_parse_input filled owns flds until query_in_reset.
 struct query_in {
-  int32_t op;
-  memdb_tbl *tbl;   // borrowed
-  char **flds;      // one text per column of tbl; null is a wildcard
+  tarn_tbl *table;  // the registry's
+  char **flds;      // one text per column of the table; null is a wildcard
   int32_t max_res;  // most rows to be touched or returned, above 0 or the table's MAX_ROWS
 };
 

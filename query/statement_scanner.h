@@ -40,5 +40,6 @@ char **generate_value_list(const char *text, const tarn_tbl *table, const int32_
 
 // A pair-list as an array in column order, null for columns that aren't named. The texts lie in a
 // block of their own, which texts takes over. They stand 32 bytes apart, so that a value of 32
-// characters or more loses its tail to the next pair's. Null, logged, for a bad list.
+// characters or more loses its tail to the next pair's, if another pair follows. Null, logged, for
+// a bad list.
 char **generate_value_list2(const char *text, const tarn_tbl *table, pkg_owner<char> *texts);

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Several of these texts are placeholders that clients have come to match.
+// Several of these texts are placeholders that clients match.
 const char *insert_doc[] = {"Insert", nullptr};
 const char *delete_doc[] = {"Delete", nullptr};
 const char *select_doc[] = {"Select", nullptr};

@@ -51,7 +51,7 @@ bool insert(const str &text, rpc_query *query) {
   int32_t index;
   // Operators are kept from doubling a row even where scripts may.
   const admission_rules rules{.check_duplicates = true, .make_index = insert_index};
-  const admission outcome = admit_row(query->table, &query->in, rules, &index);
+  const admission outcome = admit_row(query->table, query, rules, &index);
   if (outcome != admission::added) {
     log_refusal(outcome, query->table);
     return false;
@@ -60,10 +60,9 @@ bool insert(const str &text, rpc_query *query) {
   return true;
 }
 
-bool parse_values(const rpc_call &call, const str &list, memdb_tbl *tbl, query_in *values) {
-  values->op = OP_SELECT;
-  values->tbl = tbl;
-  values->flds = tarn_memdb_create_fields(list, &tbl->col_cnt);
+bool parse_values(const rpc_call &call, const str &list, tarn_tbl *table, query_in *values) {
+  values->table = table;
+  values->flds = tarn_memdb_create_fields(list, &table->tbl->col_cnt);
   if (values->flds != nullptr) return true;
   LM_ERR("RPC Update: bad parameter: '%s'", list.s);
   call.rpc->fault(call.ctx, RPC_FAULT, "Bad parameter: '%s'", list.s);
@@ -71,10 +70,11 @@ bool parse_values(const rpc_call &call, const str &list, memdb_tbl *tbl, query_i
 }
 
 void send_rows(const rpc_call &call, const query_in &in) {
+  memdb_tbl *const tbl = in.table->tbl;
   memdb_cursor cursor;
-  const memdb_row *row = memdb_select(in.tbl, in.flds, &cursor);
+  const memdb_row *row = memdb_select(tbl, in.flds, &cursor);
   for (int32_t sent = 0; row != nullptr && sent < in.max_res; sent++) {
-    row_image(in.tbl, row, query_buf);
+    row_image(tbl, row, query_buf);
     if (!send_query_buf(call)) return;
     row = memdb_select_next(&cursor);
   }
@@ -88,7 +88,7 @@ void select(const rpc_call &call, bool locked) {
   if (call.rpc->rpl_printf(call.ctx, "TABLE:") < 0) return;
   table_scope scope;
   scope.enter(query.table, locked);
-  send_rows(call, query.in);
+  send_rows(call, query);
 }
 
 }  // namespace
@@ -110,7 +110,7 @@ void tarn_memdb_rpc_delete(rpc_t *rpc, void *ctx) {
   if (!open_rpc_query(call, DELETE_WORDS, OP_DELETE, &text, &query)) return;
   {
     const lock_scope lock(query.table->lock);
-    delete_rows(query.table, &query.in, FROM_RPC);
+    delete_rows(query.table, &query, FROM_RPC);
   }
   store_table_mngt(0, nullptr);
 }
@@ -127,11 +127,10 @@ void tarn_memdb_rpc_update(rpc_t *rpc, void *ctx) {
   rpc_query query;
   query_scope values;
   if (!parse_rpc_query(call, UPDATE_WORDS, text, OP_SELECT, &query) ||
-      !parse_values(call, list, query.in.tbl, &values) ||
-      !find_rpc_table(call, UPDATE_WORDS, &query))
+      !parse_values(call, list, query.table, &values))
     return;
   const lock_scope lock(query.table->lock);
-  update_rows(query.table, &query.in, &values, set_given_columns, FROM_RPC_UPDATE);
+  update_rows(query.table, &query, &values, set_given_columns, FROM_RPC_UPDATE);
 }
 
 void tarn_memdb_rpc_select(rpc_t *rpc, void *ctx) { select({rpc, ctx}, true); }

@@ -12,22 +12,13 @@ bool read_query(const rpc_call &call, const rpc_query_words &words, str *text) {
 
 bool parse_rpc_query(const rpc_call &call, const rpc_query_words &words, const str &text,
                      int32_t op, rpc_query *query) {
-  if (tarn_memdb_parse_input(text, op, &query->in, query->name) != nullptr) return true;
+  if (tarn_memdb_parse_input(text, op, query, query->name) != nullptr) return true;
   LM_ERR("%s%s: '%s'", words.refusal.log_name, words.parse_log, query->name);
   call.rpc->fault(call.ctx, RPC_FAULT, "Parse Error of: '%s'", query->name);
   return false;
 }
 
-bool find_rpc_table(const rpc_call &call, const rpc_query_words &words, rpc_query *query) {
-  query->table = get_tarn_tbl_by_name(query->name);
-  if (query->table != nullptr) return true;
-  LM_ERR("%swrong table name: '%s'", words.refusal.log_name, query->name);
-  call.rpc->fault(call.ctx, RPC_FAULT, "Wrong table name: '%s'", query->name);
-  return false;
-}
-
 bool open_rpc_query(const rpc_call &call, const rpc_query_words &words, int32_t op, str *text,
                     rpc_query *query) {
-  return read_query(call, words, text) && parse_rpc_query(call, words, *text, op, query) &&
-         find_rpc_table(call, words, query);
+  return read_query(call, words, text) && parse_rpc_query(call, words, *text, op, query);
 }

@@ -9,10 +9,8 @@ struct rpc_query_words {
   const char *parse_log;  // the log line on a query that doesn't parse
 };
 
-struct rpc_query {
-  query_scope in;
+struct rpc_query : query_scope {
   char name[TARN_NAME_SIZE] = "";
-  tarn_tbl *table = nullptr;
 };
 
 // Reads the one argument. False, refused, if there is none.
@@ -22,9 +20,6 @@ bool read_query(const rpc_call &call, const rpc_query_words &words, str *text);
 bool parse_rpc_query(const rpc_call &call, const rpc_query_words &words, const str &text,
                      int32_t op, rpc_query *query);
 
-// Looks up the query's table. False, refused, if there is none.
-bool find_rpc_table(const rpc_call &call, const rpc_query_words &words, rpc_query *query);
-
-// The three steps in turn.
+// Both steps in turn.
 bool open_rpc_query(const rpc_call &call, const rpc_query_words &words, int32_t op, str *text,
                     rpc_query *query);

@@ -88,12 +88,6 @@ tarn_tbl *get_tarn_tbl_by_name(std::string_view name) {
   return nullptr;
 }
 
-tarn_tbl *get_tarn_tbl_by_engine(const memdb_tbl *tbl) {
-  for (tarn_tbl &table : all_tarn_tbls())
-    if (table.tbl == tbl) return &table;
-  return nullptr;
-}
-
 std::string_view column_name(const tarn_tbl *table, uint32_t col) {
   const char *const name = table->field_name[col];
   return name != nullptr ? std::string_view(name) : std::string_view();

@@ -71,9 +71,6 @@ std::span<tarn_tbl> all_tarn_tbls();
 tarn_tbl *get_tarn_tbl_by_name(const char *name);
 tarn_tbl *get_tarn_tbl_by_name(std::string_view name);
 
-// The table that has that engine table, or null.
-tarn_tbl *get_tarn_tbl_by_engine(const memdb_tbl *tbl);
-
 // A column's name; empty where the start had no memory for it.
 std::string_view column_name(const tarn_tbl *table, uint32_t col);
 

@@ -62,6 +62,7 @@ int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
   const host_log_scope log;
   char word[WORD_SIZE];
   if (!print(msg, map_slot, word, UNPRINTABLE_SELECT)) return SCRIPT_FAILED;
+  // Log filters know this function's and the range's line with the query that came before.
   port_m *const m = find_map(word, query_buf);
   if (m == nullptr) return SCRIPT_FAILED;
   int32_t port;

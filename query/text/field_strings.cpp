@@ -15,7 +15,7 @@ bool is_special(char c) {
     case PART_SEPARATOR:
     case FIELD_SEPARATOR:
     case FIELD_ESCAPE:
-    case '*':
+    case *WILDCARD:
     case '\0':
       return true;
     default:
@@ -161,7 +161,7 @@ class plain_fields {
   }
 
  private:
-  static constexpr uint32_t CAPACITY = 64;
+  static constexpr uint32_t CAPACITY = 64;  // more than any table in use has columns
 
   size_t len(uint32_t field) const {
     return static_cast<size_t>(starts_[field + 1] - starts_[field]) - 1;
@@ -201,15 +201,6 @@ char **tarn_memdb_create_fields(const str &list, const uint32_t *expected) {
 }
 
 void tarn_memdb_destroy_fields(char **fields) { pkg_free(fields); }
-
-int32_t str_strcmp(const str *a, const str *b) {
-  if (!is_usable(a) || !is_usable(b)) {
-    LM_ERR("bad parameters\n");
-    return -2;
-  }
-  if (a->len != b->len) return a->len < b->len ? -1 : 1;
-  return strncmp(a->s, b->s, static_cast<size_t>(a->len));
-}
 
 int32_t str_to_sint(const str *text, int32_t *value) {
   if (!is_usable(text) || value == nullptr) return -1;

@@ -35,9 +35,6 @@ char **tarn_memdb_create_fields(const str &list, const uint32_t *expected);
 // Gives a field array back; null is ignored.
 void tarn_memdb_destroy_fields(char **fields);
 
-// -1 or 1 by length, then by content; -2, logged, for a null text or a negative length.
-int32_t str_strcmp(const str *a, const str *b);
-
 // Decimal number with an optional sign and nothing else. 0, or -1 with the value reached so far in
 // *value, which stops at the limits of 32 bits. text.s has to be readable even for a length of 0.
 int32_t str_to_sint(const str *text, int32_t *value);

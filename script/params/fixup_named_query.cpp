@@ -55,10 +55,8 @@ int fix_query(void **param) {
   str query{text, static_cast<int>(strlen(text))};
   query_parts parts;
   if (!cut_query(query, &parts)) return -1;
-  query_in in{};
-  in.tbl = parts.table->tbl;
-  const conversion converted = tarn_memdb_convert_query_param_list(
-      &parts.list, &in, parts.table->table_name, parts.table, parts.tail);
+  const conversion converted =
+      tarn_memdb_convert_query_param_list(&parts.list, parts.table, parts.tail);
   if (converted == conversion::failed) return -1;
   if (converted == conversion::converted) {
     pkg_free(text);

@@ -10,11 +10,11 @@
 
 namespace {
 
-// -10 is what these two cases have always given.
+// The host couldn't make a pseudo-variable of the text. Any negative number refuses the script.
 constexpr int PV_REFUSED = -10;
 
-// A query format that the host refuses is logged and let pass, as text: scripts in the field load
-// with such calls in routes that never run. So does one without a text, which fails at each call.
+// A query format that the host refuses is logged and let pass, as text: scripts are to load with
+// such calls in routes that never run. So does one without a text, which fails at each call.
 int fix_query_or_keep_text(void **param, int param_no) {
   if (tarn_memdb_query_fixup2(param, param_no) == 0) return 0;
   const auto *const text = static_cast<const char *>(*param);

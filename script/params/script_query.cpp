@@ -12,19 +12,17 @@ bool print_query(sip_msg *msg, const char *slot, const query_words &words, str *
 }
 
 bool parse_query(const str &text, int32_t op, const query_words &words, script_query *query) {
-  if (tarn_memdb_parse_input(text, op, &query->in, query->name) != nullptr) return true;
+  if (tarn_memdb_parse_input(text, op, query, query->name) != nullptr) return true;
   LM_ERR("Could not parse query (%s) for %s\n", text.s, words.purpose);
   return false;
 }
 
-bool find_table(script_query *query) {
-  query->table = query->in.tbl != nullptr ? get_tarn_tbl_by_engine(query->in.tbl)
-                                          : get_tarn_tbl_by_name(query->name);
-  if (query->table != nullptr) return true;
-  LM_ERR("Table '%s' not found\n", query->name);
-  return false;
+bool print_table_name(sip_msg *msg, const char *slot, std::span<char> name) {
+  return print_or_refuse(msg, slot, name, UNPRINTABLE).s != nullptr;
 }
 
-bool print_table_name(sip_msg *msg, const char *slot, script_query *query) {
-  return print_or_refuse(msg, slot, query->name, UNPRINTABLE).s != nullptr;
+tarn_tbl *find_named_table(const char *name) {
+  tarn_tbl *const table = get_tarn_tbl_by_name(name);
+  if (table == nullptr) LM_ERR("Table '%s' not found\n", name);
+  return table;
 }

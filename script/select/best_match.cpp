@@ -24,7 +24,7 @@ struct prefix_search {
 
 void log_column(const select_run &run, uint32_t column) {
   LM_DBG("memdb_select_best_match: main column (%d) in.flds[column] =%s\n",
-         static_cast<int>(column), printable(run.query.in.flds[column]));
+         static_cast<int>(column), printable(run.query.flds[column]));
 }
 
 bool check_column(const select_run &run, int32_t column) {
@@ -37,7 +37,7 @@ bool check_column(const select_run &run, int32_t column) {
   }
   const auto place = static_cast<uint32_t>(column);
   log_column(run, place);
-  const char *const key = run.query.in.flds[place];
+  const char *const key = run.query.flds[place];
   if (key == nullptr || *key == '\0') {
     LM_ERR(
         "memdb_select_best_match: main column (%d) value is not set or empty, ignoring this row\n",

@@ -83,8 +83,8 @@ int deliver_matches(sip_msg *msg, const script_query &query, port_side side, pvn
   memdb_tbl *const tbl = query.table->tbl;
   memdb_cursor cursor;
   int result = SCRIPT_NO_ROW;
-  const memdb_row *row = memdb_select(tbl, query.in.flds, &cursor);
-  for (int32_t visited = 0; row != nullptr && visited < query.in.max_res; visited++) {
+  const memdb_row *row = memdb_select(tbl, query.flds, &cursor);
+  for (int32_t visited = 0; row != nullptr && visited < query.max_res; visited++) {
     result = SCRIPT_OK;
     if (!deliver_pair(msg, tbl, row, side, avps)) return SCRIPT_FAILED;
     row = memdb_select_next(&cursor);
@@ -102,9 +102,8 @@ int tarn_memdb_select_by_port_type_cmn(sip_msg *msg, const pair_slots &slots, bo
   if (text.s == nullptr || !read_side(selection, &side)) return SCRIPT_FAILED;
   LM_DBG("Select %s\n", text.s);
   script_query query;
-  if (!parse_query(text, OP_SELECT, WORDS, &query) || !find_table(&query) || !has_pair(query.table))
-    return SCRIPT_FAILED;
-  choose_column(side, &query.in);
+  if (!parse_query(text, OP_SELECT, WORDS, &query) || !has_pair(query.table)) return SCRIPT_FAILED;
+  choose_column(side, &query);
   table_scope scope;
   scope.enter(query.table, locked);
   return deliver_matches(msg, query, side, reinterpret_cast<pvname_list_t *>(slots.avps));

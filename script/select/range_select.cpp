@@ -18,7 +18,8 @@ namespace {
 constexpr char LOWER_NOT_INTEGER[] = "Invalid pvar type - param 3: lower range limit\n";
 constexpr char UPPER_NOT_INTEGER[] = "Invalid pvar type - param 4: upper range limit\n";
 
-// The within-the-range select has always stopped here, whatever its query asks for.
+// The within-the-range select stops here, whatever its query asks for: alarms have lower
+// thresholds.
 constexpr int32_t MOST_ROWS_COUNTED = 32000;
 
 // The slots of the third to fifth parameter.

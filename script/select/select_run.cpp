@@ -1,4 +1,4 @@
-// The shared beginning of the selects.
+// The shared beginning and end of the selects.
 #include "script/select/select_run.h"
 
 #include "host/log.h"
@@ -21,7 +21,7 @@ select_start start_select(select_run *run, const select_params &params) {
     run->delivery.to_avps(reinterpret_cast<pvname_list_t *>(params.target));
   else if (!run->delivery.to_xavps(run->msg, reinterpret_cast<fparam_t *>(params.target)))
     return select_start::failed;
-  return find_table(&run->query) ? select_start::ready : select_start::failed;
+  return select_start::ready;
 }
 
 int select_failed() {

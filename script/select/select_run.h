@@ -36,8 +36,8 @@ struct select_run {
 
   const tarn_tbl *table() const { return query.table; }
   memdb_tbl *tbl() const { return query.table->tbl; }
-  char **wanted() { return query.in.flds; }
-  int32_t max_res() const { return query.in.max_res; }
+  char **wanted() { return query.flds; }
+  int32_t max_res() const { return query.max_res; }
 
   // Ahead of the first look at a row, until the end of the run.
   void enter_table() { scope.enter(query.table, flavour.locked); }

@@ -30,15 +30,16 @@ bool compose_query(const char *dn, str *text) {
 int32_t find_domain(const query_in &in, const char *dn, std::span<char> domain) {
   read_section section;
   section.begin();
+  memdb_tbl *const tbl = in.table->tbl;
   memdb_cursor cursor;
-  const memdb_row *const row = memdb_select(in.tbl, in.flds, &cursor);
+  const memdb_row *const row = memdb_select(tbl, in.flds, &cursor);
   if (row == nullptr) {
     LM_DBG("No match found for DN = '%s'\n", dn);
     return SCRIPT_NO_ROW;
   }
   // Only a DN with separators in it makes a query that a table of one column takes.
-  if (in.tbl->col_cnt <= DOMAIN_COL) return SCRIPT_NO_ROW;
-  const char *const found = memdb_get_field(in.tbl, row, DOMAIN_COL);
+  if (tbl->col_cnt <= DOMAIN_COL) return SCRIPT_NO_ROW;
+  const char *const found = memdb_get_field(tbl, row, DOMAIN_COL);
   if (*found == '\0') return SCRIPT_NO_ROW;
   LM_DBG("Found location_domain '%s'\n", found);
   text_writer(domain).append(found);
@@ -56,5 +57,5 @@ int32_t tarn_memdb_select_dn(const char *dn, std::span<char> domain) {
   script_query query;
   if (!compose_query(dn, &text) || !parse_query(text, OP_SELECT, WORDS, &query))
     return SCRIPT_FAILED;
-  return find_domain(query.in, dn, domain);
+  return find_domain(query, dn, domain);
 }

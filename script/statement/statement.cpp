@@ -42,7 +42,7 @@ bool statement::read_fields(const char *text, statement_fields *fields) {
 }
 
 bool statement::read_pairs(pair_list *pairs) {
-  pairs->in.tbl = tbl();
+  pairs->in.table = table_;
   pairs->in.flds = generate_value_list2(cursor_, table_, &pairs->texts);
   return pairs->in.flds != nullptr;
 }

@@ -43,7 +43,6 @@ class statement {
   const char *text() const { return text_; }
   const char *cursor() const { return cursor_; }
   tarn_tbl *table() const { return table_; }
-  memdb_tbl *tbl() const { return table_->tbl; }
 
  private:
   const char *text_ = nullptr;

@@ -15,7 +15,7 @@ bool scan(statement *sql, query_in *in) {
       !sql->read_fields(sql->cursor(), &fields) || !sql->skip_blanks() || !sql->skip_word() ||
       !sql->token("VALUES"))
     return false;
-  in->tbl = sql->tbl();
+  in->table = sql->table();
   in->flds = generate_value_list(sql->cursor(), sql->table(), fields.positions.get(), fields.count);
   if (in->flds == nullptr) return false;
   LM_DBG("Parse for INSERT OK!\n");

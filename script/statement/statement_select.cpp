@@ -14,7 +14,6 @@ bool scan(statement *sql, statement_fields *fields, pair_list *where) {
       !sql->read_fields(list, fields) || !sql->skip_word() || !sql->token("WHERE") ||
       !sql->read_pairs(where) || !sql->read_max(&where->in))
     return false;
-  where->in.op = OP_SELECT;
   LM_DBG("Parse for SELECT OK!\n");
   return true;
 }
@@ -34,12 +33,13 @@ bool deliver_fields(sip_msg *msg, const memdb_tbl *tbl, const memdb_row *row,
 
 int deliver_matches(sip_msg *msg, const query_in &in, const statement_fields &fields,
                     pvname_list_t *avps) {
+  memdb_tbl *const tbl = in.table->tbl;
   memdb_cursor cursor;
   int result = SCRIPT_NO_ROW;
-  const memdb_row *row = memdb_select(in.tbl, in.flds, &cursor);
+  const memdb_row *row = memdb_select(tbl, in.flds, &cursor);
   for (int32_t visited = 0; row != nullptr && visited < in.max_res; visited++) {
     result = SCRIPT_OK;
-    if (!deliver_fields(msg, in.tbl, row, fields, avps)) return SCRIPT_FAILED;
+    if (!deliver_fields(msg, tbl, row, fields, avps)) return SCRIPT_FAILED;
     row = memdb_select_next(&cursor);
   }
   return result;

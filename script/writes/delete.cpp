@@ -14,11 +14,10 @@ int tarn_memdb_delete(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
   str text;
   script_query query;
-  if (!print_query(msg, slot, WORDS, &text) || !parse_query(text, OP_DELETE, WORDS, &query) ||
-      !find_table(&query)) {
+  if (!print_query(msg, slot, WORDS, &text) || !parse_query(text, OP_DELETE, WORDS, &query)) {
     LM_ERR("DELETE failed!\n");
     return SCRIPT_FAILED;
   }
   const lock_scope lock(query.table->lock);
-  return delete_rows(query.table, &query.in, FROM_SCRIPT) != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
+  return delete_rows(query.table, &query, FROM_SCRIPT) != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
 }

@@ -13,15 +13,14 @@ constexpr query_words WORDS{UNPRINTABLE, "Insert", "insert"};
 bool insert(sip_msg *msg, const char *slot, int32_t *result) {
   str text;
   script_query query;
-  if (!print_query(msg, slot, WORDS, &text) || !parse_query(text, OP_INSERT, WORDS, &query) ||
-      !find_table(&query))
+  if (!print_query(msg, slot, WORDS, &text) || !parse_query(text, OP_INSERT, WORDS, &query))
     return false;
 
   tarn_tbl *const table = query.table;
   {
     const lock_scope lock(table->lock);
     const admission_rules rules{table->duplicated_data_check != 0, insert_index};
-    const admission outcome = admit_row(table, &query.in, rules, result);
+    const admission outcome = admit_row(table, &query, rules, result);
     if (outcome != admission::added) {
       log_refusal(outcome, table, L_ERR);
       return false;

@@ -14,16 +14,17 @@ constexpr size_t DIGITS_SIZE = 16;
 
 int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
-  script_query query;
-  const bool printed = print_table_name(msg, slot, &query);
-  if (printed) LM_DBG("Table name: %s\n", query.name);
-  if (!printed || !find_table(&query)) {
+  char name[TARN_NAME_SIZE];
+  const bool printed = print_table_name(msg, slot, name);
+  if (printed) LM_DBG("Table name: %s\n", name);
+  tarn_tbl *const table = printed ? find_named_table(name) : nullptr;
+  if (table == nullptr) {
     LM_ERR("Clear table failed!\n");
     return SCRIPT_FAILED;
   }
   {
-    const lock_scope lock(query.table->lock);
-    clear_rows(query.table, FROM_CLEAR_TBL);
+    const lock_scope lock(table->lock);
+    clear_rows(table, FROM_CLEAR_TBL);
   }
   store_table_mngt(0, nullptr);
   return SCRIPT_OK;
@@ -31,10 +32,12 @@ int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
 
 int tarn_memdb_row_count(sip_msg *msg, char *slot, char *avp) {
   const host_log_scope log;
-  script_query query;
-  if (print_table_name(msg, slot, &query) && find_table(&query)) {
+  char name[TARN_NAME_SIZE];
+  const tarn_tbl *const table =
+      print_table_name(msg, slot, name) ? find_named_table(name) : nullptr;
+  if (table != nullptr) {
     char digits[DIGITS_SIZE] = "";
-    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(query.table));
+    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(table));
     if (add_text_to_param(msg, avp, digits)) return SCRIPT_OK;
   }
   LM_ERR("Get row count failed!\n");

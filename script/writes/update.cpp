@@ -22,12 +22,10 @@ bool print_values(sip_msg *msg, const char *slot, str *text) {
 
 // Splits the new values, given by position or by name, into one text per column.
 bool parse_values(const script_query &query, str list, query_in *values) {
-  values->op = OP_SELECT;
-  values->tbl = query.in.tbl;
-  const conversion converted =
-      tarn_memdb_convert_query_param_list(&list, values, query.name, query.table, nullptr);
+  values->table = query.table;
+  const conversion converted = tarn_memdb_convert_query_param_list(&list, query.table, nullptr);
   if (converted == conversion::failed) return false;
-  values->flds = tarn_memdb_create_fields(list, &values->tbl->col_cnt);
+  values->flds = tarn_memdb_create_fields(list, &query.table->tbl->col_cnt);
   if (converted == conversion::converted) pkg_free(list.s);
   if (values->flds != nullptr) return true;
   LM_ERR("Could not parse query (%s) for update\n", update_buf);
@@ -43,13 +41,12 @@ int tarn_memdb_update(sip_msg *msg, char *slot, char *values_slot) {
   script_query query;
   query_scope values;
   if (!print_query(msg, slot, WORDS, &text) || !print_values(msg, values_slot, &list) ||
-      !parse_query(text, OP_SELECT, WORDS, &query) || !find_table(&query) ||
-      !parse_values(query, list, &values)) {
+      !parse_query(text, OP_SELECT, WORDS, &query) || !parse_values(query, list, &values)) {
     LM_ERR("UPDATE failed!\n");
     return SCRIPT_FAILED;
   }
   const lock_scope lock(query.table->lock);
   const int32_t selected =
-      update_rows(query.table, &query.in, &values, set_given_columns, FROM_SCRIPT_UPDATE);
+      update_rows(query.table, &query, &values, set_given_columns, FROM_SCRIPT_UPDATE);
   return selected != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
 }

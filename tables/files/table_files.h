@@ -31,7 +31,8 @@ int32_t reload_table(tarn_tbl *table);
 // state kept, so that the next pass tries again.
 int32_t store_table(tarn_tbl *table);
 
-// Makes path a file of the version line alone. 0, or -1 with the file removed.
+// Makes path a file of the version line alone. 0, or -1 with the file removed, where it can be and
+// path isn't written as a directory's.
 int32_t clear_file(const char *path);
 
 // store_table for every table. Both arguments are the host's timer's and are ignored.

@@ -8,8 +8,9 @@
 
 inline constexpr char TABLE_FILE_VERSION[] = "Version 1";
 
-// False for the path of a directory, which must neither be moved nor removed. A table whose schema
-// ends before its file name has base_dir itself as its path.
+// False for a path that is written as a directory's, which must neither be moved nor removed: a
+// table whose schema ends before its file name has base_dir itself as its path. Nothing on disk is
+// looked at.
 inline bool names_file(std::string_view path) { return !path.empty() && path.back() != '/'; }
 
 // base_dir and file_name as they stand, nothing added between them.

@@ -1,7 +1,7 @@
 // The lines by which an operator follows every change of a table that has a LOG_TAG. Written at
 // NOTICE; the blanks at their head, and a word, tell where the change came from. The table's lock
-// is held, but for audit_insert from a script: nothing in that line needs it, and an operator's
-// slow log isn't to keep other workers from the table.
+// is held, but for audit_insert from a script: an operator's slow log isn't to keep other workers
+// from the table, and the row count in that line may be one that they have changed meanwhile.
 #pragma once
 
 #include "host/abi.h"

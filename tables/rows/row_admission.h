@@ -1,5 +1,5 @@
 // What stands between a parsed query and the engine: the row limit, the duplicate check and the
-// generated index. The table's lock is held around each of these, but for the load at start.
+// generated index. The table's lock is held around each of these. A load passes by them.
 #pragma once
 
 #include <cstdint>

@@ -7,6 +7,7 @@
 
 #include "host/memory.h"
 #include "query/named_params.h"
+#include "query/query_input.h"
 #include "query/text/field_strings.h"
 #include "tests/fuzz/fuzz_support.h"
 
@@ -77,16 +78,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                                               : registry.add("tbl", {{"only", 8}});
   const std::vector<std::string> columns =
       three_columns ? std::vector<std::string>{"a", "bb", "c"} : std::vector<std::string>{"only"};
-  query_in in{};
-  in.tbl = table->tbl;
   const std::optional<std::string> expected = model(list_text, columns, "tbl", tail);
   const size_t before = standin::live_count(standin::pool::both);
 
   fuzz::fail_allocation(failing);
   const fuzz::heap_text text(list_text);
   str list = text.get();
-  const conversion outcome =
-      tarn_memdb_convert_query_param_list(&list, &in, table->table_name, table, tail);
+  const conversion outcome = tarn_memdb_convert_query_param_list(&list, table, tail);
   standin::stop_failing();
   switch (outcome) {
     case conversion::positional:

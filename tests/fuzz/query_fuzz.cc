@@ -154,10 +154,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   } else {
     REQUIRE(result == &in);
     REQUIRE(expected.has_value());
-    REQUIRE(in.op == op);
     REQUIRE(in.max_res == expected->max_res);
-    REQUIRE(in.tbl->col_cnt == expected->fields.size());
-    for (uint32_t i = 0; i < in.tbl->col_cnt; ++i) {
+    REQUIRE(in.table->tbl->col_cnt == expected->fields.size());
+    for (uint32_t i = 0; i < in.table->tbl->col_cnt; ++i) {
       REQUIRE((in.flds[i] == nullptr) == !expected->fields[i].has_value());
       REQUIRE(in.flds[i] == nullptr || in.flds[i] == *expected->fields[i]);
     }

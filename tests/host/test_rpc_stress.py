@@ -28,8 +28,7 @@ MEDIA = Table(
     max_rows=100000,
     ports=("dynamic", 4, 6),
 )
-# Rows come and change here and go only while nobody reads without a lock: such a reader may not
-# meet a row that is released.
+# Rows come and change here and don't go, so that what a reader without a lock finds can be foretold.
 STEADY = Table("steady", columns("key", "value"), max_rows=100000)
 TABLES = [CALLS_TABLE, NOTES, MEDIA, STEADY]
 

@@ -149,19 +149,6 @@ TEST_F(RpcDeleteTest, AFailedDeleteStoresNothing) {
   EXPECT_EQ(both_files("quiet"), "none / none");
 }
 
-TEST_F(RpcDeleteTest, ATableThatIsGoneAfterTheParseIsAWrongName) {
-  open({USERS});
-  insert("users,alice|30|rome");
-  {
-    const renaming gone("users");
-    EXPECT_THAT(delete_trace("users,*|*|*"),
-                ElementsAre("scan S", "err Table 'users' was not found\n",
-                            "err RPC Delete: wrong table name: 'users'",
-                            "fault 500 Wrong table name: 'users'"));
-  }
-  expect_rows("users", {{"alice", "30", "rome"}});
-}
-
 TEST_F(RpcDeleteTest, ANameOf32CharactersOrMoreIsNeverCutToAKnownOne) {
   const std::string known(31, 'n');
   open({{.name = known, .columns = {{"a"}}}});

@@ -126,18 +126,6 @@ TEST_F(RpcInsertTest, AQueryThatBeginsWithACommaShowsNoName) {
                           "err RPC Insert: parse Error of: ''", "fault 500 Parse Error of: ''"));
 }
 
-TEST_F(RpcInsertTest, ATableThatIsGoneAfterTheParseIsAWrongName) {
-  open({USERS});
-  {
-    const renaming gone("users");
-    EXPECT_THAT(insert_trace("users,alice|30|rome"),
-                ElementsAre("scan S", "err Table 'users' was not found\n",
-                            "err RPC Insert: wrong table name: 'users'",
-                            "fault 500 Wrong table name: 'users'"));
-  }
-  expect_rows("users", {});
-}
-
 TEST_F(RpcInsertTest, ANameOf32CharactersOrMoreIsNeverCutToAKnownOne) {
   const std::string known(31, 'n');
   open({{.name = known, .columns = {{"a"}}}});

@@ -132,18 +132,6 @@ TEST_P(RpcSelectTest, AQueryThatDoesNotParseIsFaultedWithTheNameFoundInIt) {
   EXPECT_THAT(reply.lines, IsEmpty());
 }
 
-TEST_P(RpcSelectTest, ATableThatIsGoneAfterTheParseIsAWrongName) {
-  open({USERS});
-  {
-    const renaming gone("users");
-    EXPECT_THAT(select_trace("users,*|*|*"),
-                ElementsAre("scan S", "err Table 'users' was not found\n",
-                            "err RPC Select: wrong table name: 'users'",
-                            "fault 500 Wrong table name: 'users'"));
-  }
-  EXPECT_THAT(select_lines("users,*|*|*"), ElementsAre("TABLE:"));
-}
-
 TEST_P(RpcSelectTest, ANameOf32CharactersOrMoreIsNeverCutToAKnownOne) {
   const std::string known(31, 'n');
   open({{.name = known, .columns = {{"a"}}}});

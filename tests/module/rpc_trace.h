@@ -132,38 +132,6 @@ inline constexpr small_map SMALL_MAPS[] = {
     {"STATIC_EXT", "min_static_ext_port", "max_static_ext_port", 9000, 9018},
 };
 
-// Gives the only table of the schema another name as soon as private memory is asked for, which the
-// parser does between its own look-up and that of the command, and the old name back at the end.
-class renaming {
- public:
-  explicit renaming(const std::string &name) : name_(name), malloc_(_pkg_root.xmalloc) {
-    for (const standin::block_info &block : standin::live_blocks(pool::shm, "tarn_memdb"))
-      if (block.size > 256 && static_cast<const char *>(block.address) == name)
-        place_ = const_cast<char *>(static_cast<const char *>(block.address));
-    if (place_ == nullptr) throw std::logic_error("no table " + name);
-    active_ = this;
-    _pkg_root.xmalloc = rename_and_allocate;
-  }
-  ~renaming() {
-    _pkg_root.xmalloc = malloc_;
-    strcpy(place_, name_.c_str());
-  }
-  renaming(const renaming &) = delete;
-  renaming &operator=(const renaming &) = delete;
-
- private:
-  static void *rename_and_allocate(void *pool_block, size_t size, const char *file,
-                                   const char *func, unsigned int line, const char *owner) {
-    strcpy(active_->place_, "x");
-    return active_->malloc_(pool_block, size, file, func, line, owner);
-  }
-
-  static inline renaming *active_;
-  const std::string name_;
-  decltype(_pkg_root.xmalloc) malloc_;
-  char *place_ = nullptr;
-};
-
 // Tables that hold ports, with the columns that the port rules read.
 inline table claiming_table(const std::string &name, const std::string &range,
                             const std::string &log_tag = "") {

@@ -198,19 +198,6 @@ TEST_F(RpcUpdateTest, ValuesByNameAreNotUnderstood) {
   EXPECT_EQ(rows("one"), (row_list{{"a=y"}})) << "in a table of one column it is a value";
 }
 
-TEST_F(RpcUpdateTest, ATableThatIsGoneAfterTheParseIsAWrongName) {
-  open({USERS});
-  insert("users,alice|30|rome");
-  {
-    const renaming gone("users");
-    EXPECT_THAT(update_trace("users,*|*|*", "*|*|oslo"),
-                ElementsAre("scan SS", "err Table 'users' was not found\n",
-                            "err RPC Update: wrong table name: 'users'",
-                            "fault 500 Wrong table name: 'users'"));
-  }
-  expect_rows("users", {{"alice", "30", "rome"}});
-}
-
 TEST_F(RpcUpdateTest, ANameOf32CharactersOrMoreIsNeverCutToAKnownOne) {
   const std::string known(31, 'n');
   open({{.name = known, .columns = {{"a"}}}});

@@ -499,35 +499,6 @@ TEST_F(FieldStringsTest, RandomListsAgreeWithAPlainModel) {
   }
 }
 
-TEST_F(FieldStringsTest, CompareLooksAtTheLengthBeforeTheContent) {
-  const exact_text z("z"), ab("ab"), ac("ac"), ab2("ab"), empty(""), empty2("");
-  EXPECT_EQ(str_strcmp(&z.get(), &ab.get()), -1);
-  EXPECT_EQ(str_strcmp(&ab.get(), &z.get()), 1);
-  EXPECT_EQ(str_strcmp(&ab.get(), &ab2.get()), 0);
-  EXPECT_LT(str_strcmp(&ab.get(), &ac.get()), 0);
-  EXPECT_GT(str_strcmp(&ac.get(), &ab.get()), 0);
-  EXPECT_EQ(str_strcmp(&empty.get(), &empty2.get()), 0);
-  EXPECT_THAT(messages(), IsEmpty());
-}
-
-TEST_F(FieldStringsTest, CompareOfEqualLengthsStopsAtAZeroByte) {
-  const exact_text a(std::string("x\0a", 3)), b(std::string("x\0b", 3));
-  EXPECT_EQ(str_strcmp(&a.get(), &b.get()), 0);
-}
-
-TEST_F(FieldStringsTest, CompareRefusesWhatIsNoText) {
-  char text[] = "a";
-  const str good{text, 1}, null_text{nullptr, 0}, negative{text, -1};
-  const std::pair<const str *, const str *> bad[] = {
-      {nullptr, &good},    {&good, nullptr},   {nullptr, nullptr}, {&null_text, &good},
-      {&good, &null_text}, {&negative, &good}, {&good, &negative}, {&null_text, &null_text}};
-  for (const auto &[a, b] : bad) {
-    standin::clear_logs();
-    EXPECT_EQ(str_strcmp(a, b), -2);
-    EXPECT_THAT(messages(), ElementsAre(message{L_ERR, "bad parameters\n"}));
-  }
-}
-
 struct number_case {
   const char *text;
   int32_t result;

@@ -36,11 +36,7 @@ class NamedParamsTest : public QueryLanguageTest, public testing::WithParamInter
     use(add_table("tbl", {"a", "b", "c"}));
   }
 
-  void use(const tarn_tbl *table) {
-    table_ = table;
-    in_ = {};
-    in_.tbl = table->tbl;
-  }
+  void use(const tarn_tbl *table) { table_ = table; }
 
   // Runs the conversion on a text without a spare byte. What it made is freed again.
   conversion convert(const std::string &text, const char *tail = nullptr) {
@@ -48,8 +44,7 @@ class NamedParamsTest : public QueryLanguageTest, public testing::WithParamInter
     standin::reset_calls();
     const exact_text source(text);
     str list = source.get();
-    const conversion outcome =
-        tarn_memdb_convert_query_param_list(&list, &in_, table_->table_name, table_, tail);
+    const conversion outcome = tarn_memdb_convert_query_param_list(&list, table_, tail);
     result = "(none)";
     if (outcome == conversion::positional) {
       EXPECT_EQ(list.s, source.get().s);
@@ -94,7 +89,6 @@ class NamedParamsTest : public QueryLanguageTest, public testing::WithParamInter
 
   std::string result;
   const tarn_tbl *table_ = nullptr;
-  query_in in_{};
 };
 
 INSTANTIATE_TEST_SUITE_P(BothHosts, NamedParamsTest,
@@ -174,8 +168,7 @@ TEST_P(NamedParamsTest, EmptyListIsAWildcardInEveryColumn) {
 
 TEST_P(NamedParamsTest, NullListOfNoLengthIsAnEmptyList) {
   str list{nullptr, 0};
-  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, &in_, "tbl", table_, nullptr),
-            conversion::converted);
+  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, table_, nullptr), conversion::converted);
   EXPECT_EQ(string_of(list), "*|*|*");
   pkg_free_block(list.s);
 }
@@ -183,8 +176,7 @@ TEST_P(NamedParamsTest, NullListOfNoLengthIsAnEmptyList) {
 TEST_P(NamedParamsTest, ListOfNegativeLengthIsAnEmptyList) {
   char text[] = "a=1";
   str list{text, -1};
-  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, &in_, "tbl", table_, nullptr),
-            conversion::converted);
+  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, table_, nullptr), conversion::converted);
   EXPECT_EQ(string_of(list), "*|*|*");
   pkg_free_block(list.s);
 }
@@ -194,14 +186,6 @@ TEST_P(NamedParamsTest, TailMakesAWholeQuery) {
   expect_converted("a=1", "", "tbl,1|*|*,");
   expect_converted("a=1;", "10,rest,of|it", "tbl,1|*|*,10,rest,of|it");
   expect_converted("a=1;b=22;c=333", "10", "tbl,1|22|333,10");
-}
-
-TEST_P(NamedParamsTest, TableNameIsTheOneGiven) {
-  str list{nullptr, 0};
-  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, &in_, "other", table_, "5"),
-            conversion::converted);
-  EXPECT_EQ(string_of(list), "other,*|*|*,5");
-  pkg_free_block(list.s);
 }
 
 TEST_P(NamedParamsTest, OneColumnTakesAnEqualsSignForANamedList) {
@@ -267,8 +251,7 @@ TEST_P(NamedParamsTest, HostCallThatFailsIsAnInvalidList) {
   char text[] = "a=1";
   str list{text, 3};
   standin::fail_call("parse_params", 1);
-  EXPECT_EQ(tarn_memdb_convert_query_param_list(&list, &in_, "tbl", table_, nullptr),
-            conversion::failed);
+  EXPECT_EQ(tarn_memdb_convert_query_param_list(&list, table_, nullptr), conversion::failed);
   EXPECT_THAT(messages(), ElementsAre(invalid("a=1")));
 }
 
@@ -293,8 +276,7 @@ TEST_P(NamedParamsTest, TextIsNotChangedByTheConversion) {
   const std::string before = "a='1' ; b=2;";
   std::string text = before;
   str list{text.data(), static_cast<int>(text.size())};
-  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, &in_, "tbl", table_, nullptr),
-            conversion::converted);
+  ASSERT_EQ(tarn_memdb_convert_query_param_list(&list, table_, nullptr), conversion::converted);
   EXPECT_EQ(text, before);
   pkg_free_block(list.s);
 }

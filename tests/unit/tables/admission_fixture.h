@@ -39,7 +39,7 @@ class AdmissionTest : public TablesTest {
   static std::unique_ptr<query_scope> query(const std::vector<const char *> &fields) {
     EXPECT_EQ(fields.size(), table()->tbl->col_cnt);
     auto out = std::make_unique<query_scope>();
-    out->tbl = table()->tbl;
+    out->table = table();
     std::string list;
     for (size_t i = 0; i < fields.size(); i++) {
       const char *const field = fields[i];
@@ -50,7 +50,7 @@ class AdmissionTest : public TablesTest {
       }
     }
     const str text{list.data(), static_cast<int>(list.size())};
-    out->flds = tarn_memdb_create_fields(text, &out->tbl->col_cnt);
+    out->flds = tarn_memdb_create_fields(text, &table()->tbl->col_cnt);
     EXPECT_NE(out->flds, nullptr);
     return out;
   }

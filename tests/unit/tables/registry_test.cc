@@ -71,24 +71,6 @@ TEST_F(RegistryTest, ACountedNameIsComparedWithinItsLength) {
   EXPECT_EQ(errors(), texts{"Table 't,rest' was not found\n"});
 }
 
-TEST_F(RegistryTest, ATableIsFoundByItsEngineTable) {
-  table_spec second;
-  second.name = "u";
-  second.file_name = "u.txt";
-  start({table_spec{}, second});
-  EXPECT_EQ(get_tarn_tbl_by_engine(table(0)->tbl), table(0));
-  EXPECT_EQ(get_tarn_tbl_by_engine(table(1)->tbl), table(1));
-  EXPECT_TRUE(log_texts().empty());
-}
-
-TEST_F(RegistryTest, AnEngineTableOfNoTableGivesNull) {
-  EXPECT_EQ(get_tarn_tbl_by_engine(nullptr), nullptr);
-  start(table_spec{});
-  const memdb_tbl other{};
-  EXPECT_EQ(get_tarn_tbl_by_engine(&other), nullptr);
-  EXPECT_EQ(get_tarn_tbl_by_engine(nullptr), nullptr);
-}
-
 TEST_F(RegistryTest, StateIsSetAndRead) {
   tarn_tbl *const t = start(table_spec{});
   EXPECT_EQ(get_tbl_state(t), 0);

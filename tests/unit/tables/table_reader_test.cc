@@ -15,7 +15,7 @@ struct notes : load_watch {
   }
   static void note_row(load_watch *self, int number, const query_in &in, const memdb_row *row) {
     static_cast<notes *>(self)->told.push_back("row " + std::to_string(number) + " " + in.flds[0] +
-                                               " " + memdb_get_field(in.tbl, row, 0));
+                                               " " + memdb_get_field(in.table->tbl, row, 0));
   }
 
   texts told;
