@@ -21,9 +21,9 @@ import time
 
 sys.dont_write_bytecode = True
 
-import host_cases
-import host_loops
-import host_site
+import host_cases  # noqa: E402  (no byte code of these)
+import host_loops  # noqa: E402
+import host_site  # noqa: E402
 
 CASES = ("loops", "ports", "rpc", "processes", "store", "memory")
 DEFAULT_ALLOCATOR = "qm"
@@ -260,7 +260,7 @@ def run_processes(bench, allocator):
                     times[loop.name, n].append(statistics.mean(spent))
 
         def per_core(loop, n):
-            return [a / b for a, b in zip(times[loop.name, 1], times[loop.name, n])]
+            return [a / b for a, b in zip(times[loop.name, 1], times[loop.name, n], strict=True)]
 
         # The empty loop shares nothing: it shows what the machine gives to that many processes.
         rows = []
@@ -395,7 +395,7 @@ def run_memory(bench, allocator):
         with bench.server(routes, allocator) as server, server.phone("bench") as phone:
             runner = host_loops.Runner(server, phone)
 
-            def used():
+            def used(server=server):
                 return server.jsonrpc("core.shmmem")["result"]["real_used"]
 
             used()

@@ -201,7 +201,7 @@ def writes():
                 "htable_three",
                 "\n".join(
                     f'$sht(write=>$var(k)::{field}) = "{text}";'
-                    for field, text in zip(FIELDS, ("alpha", "beta", "gamma"))
+                    for field, text in zip(FIELDS, ("alpha", "beta", "gamma"), strict=True)
                 )
                 + "\n"
                 + "\n".join(f"$sht(write=>$var(k)::{field}) = $null;" for field in FIELDS),

@@ -111,7 +111,7 @@ class Runner:
 def without(times, empty):
     """Every loop's times less the empty loop's of the same round."""
     return {
-        name: [time - nothing for time, nothing in zip(values, times[empty])]
+        name: [time - nothing for time, nothing in zip(values, times[empty], strict=True)]
         for name, values in times.items()
         if name != empty
     }
@@ -119,7 +119,7 @@ def without(times, empty):
 
 def ratio(own, peer):
     """The median of the quotients of the same rounds."""
-    return statistics.median(a / b for a, b in zip(own, peer))
+    return statistics.median(a / b for a, b in zip(own, peer, strict=True))
 
 
 def spread(values):
@@ -136,7 +136,7 @@ def print_table(title, heads, rows):
     for n, one in enumerate(texts):
         cells = [
             text.ljust(width) if place == 0 else text.rjust(width)
-            for place, (text, width) in enumerate(zip(one, widths))
+            for place, (text, width) in enumerate(zip(one, widths, strict=True))
         ]
         print("| " + " | ".join(cells) + " |")
         if n == 0:

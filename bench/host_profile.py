@@ -12,16 +12,15 @@ import collections
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
 import tempfile
 import time
 
 sys.dont_write_bytecode = True
 
-import host_cases
-import host_loops
-import host_site
+import host_cases  # noqa: E402  (no byte code of these)
+import host_loops  # noqa: E402
+import host_site  # noqa: E402
 
 ROWS = 1000
 REPEATS = 400

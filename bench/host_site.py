@@ -15,9 +15,8 @@ WRITE_ROWS = 1000  # in place while rows are added and removed
 STORE_COUNTS = (1000, 10000, 100000)
 FIRST_KEY = 1000000
 
-MODULES = (
-    "pv.so sl.so textops.so ctl.so jsonrpcs.so db_text.so db_sqlite.so htable.so mtree.so sqlops.so"
-).split()
+MODULES = ["pv.so", "sl.so", "textops.so", "ctl.so", "jsonrpcs.so"]
+MODULES += ["db_text.so", "db_sqlite.so", "htable.so", "mtree.so", "sqlops.so"]
 
 # The columns of the tables that stand for subscribers: an indexed key and three texts.
 FLAT_COLUMNS = ("key 31 1", "grp 15 0", "contact 63 0", "state 15 0")
@@ -264,4 +263,3 @@ def worker_pids(server):
 def cpu_nanoseconds(pid):
     """Time that the process has run on a processor."""
     return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[0])
-

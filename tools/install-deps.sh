@@ -9,7 +9,10 @@ packages_of() {
     tools) echo nlohmann-json3-dev ;;
     demo) echo python3 ;;
     test) echo g++ cmake ninja-build libgtest-dev libgmock-dev python3 python3-pytest binutils ;;
-    lint) echo clang clang-format clang-tidy ;;
+    lint)
+      echo clang clang-format clang-tidy nlohmann-json3-dev shellcheck
+      echo isort flake8 python3-flake8-comprehensions pylint python3-pytest
+      ;;
     bench) echo libbenchmark-dev libsqlite3-dev ;;
     fuzz) echo clang llvm libclang-rt-dev ;;
     callgrind) echo valgrind python3 ;;

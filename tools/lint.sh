@@ -1,6 +1,7 @@
 #!/bin/sh
-# Checks form and finds slips: clang-format on all sources, both compilers without a warning, and
-# clang-tidy and g++'s analyzer on the module's own code. Usage: tools/lint.sh BUILD_DIR
+# Checks form and finds slips: clang-format on all sources, both compilers without a warning,
+# clang-tidy and g++'s analyzer on the module's own code, shellcheck on all shell scripts, and flake8,
+# isort and pylint on all Python scripts. Usage: tools/lint.sh BUILD_DIR
 set -eu
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -9,7 +10,21 @@ cd "$top"
 jobs=$(nproc)
 
 sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h'; }
+# Files that start with a line for one of these interpreters, or whose names end so.
+scripts() { # interpreter, suffix
+  git ls-files --cached --others --exclude-standard "*.$2"
+  git ls-files --cached --others --exclude-standard | grep -v '\.[^/]*$' |
+    xargs awk "FNR == 1 { if (/^#!.*$1( |\$)/) print FILENAME; nextfile }"
+}
 module_code() { python3 tools/rooms.py sources; }
+
+echo "lint: shellcheck"
+scripts '(sh|bash)' sh | xargs shellcheck
+
+echo "lint: isort, flake8, pylint"
+scripts 'python3?' py | xargs isort --check-only --quiet
+scripts 'python3?' py | xargs flake8
+scripts 'python3?' py | xargs pylint --score=n
 
 echo "lint: clang-format"
 sources | xargs clang-format --dry-run --Werror
@@ -21,6 +36,12 @@ cmake --build "$build/clang" --target tarn_memdb >"$build/clang/lint.log" 2>&1 |
   cat "$build/clang/lint.log"
   exit 1
 }
+
+# The compiler alone, as nothing of it is linked here.
+echo "lint: tarn-memdb-check with clang++ without a warning"
+git ls-files --cached --others --exclude-standard 'tools/check/*.cpp' |
+  xargs -P "$jobs" -n 8 clang++ -std=gnu++20 -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow \
+    -Wconversion -Werror -DTARN_VERSION='""' -I. -I"$build/clang/generated"
 
 echo "lint: clang-tidy"
 module_code |

@@ -1,7 +1,7 @@
 #!/usr/bin/python3 -B
 """The rooms of the module's source, as rooms.txt lists them.
 
-rooms.py check    fails if a file includes upwards or in a circle, lies in no room, or a room is full
+rooms.py check    fails if a file includes upwards or in a circle or is in no room, or one is full
 rooms.py sources  the .cpp files of all rooms, a line each
 rooms.py pattern  a regular expression for paths in a room
 """

@@ -3,10 +3,9 @@
 One server has a table for each position, so that a start tries them all.
 """
 
+import rpc_host
 import site_servers as site
 import table_model
-
-import rpc_host
 from module_host import Table, columns
 
 NAMES = ("id", "name", "note")

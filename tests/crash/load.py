@@ -118,7 +118,8 @@ class Load:
             work()
         except Stopped:
             pass
-        except BaseException as trouble:
+        except BaseException as trouble:  # pylint: disable=broad-exception-caught
+            # Whatever it is, the thread that waits for this one raises it again.
             self.trouble.append(trouble)
 
     def _stamp(self):

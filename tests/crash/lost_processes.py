@@ -1,4 +1,4 @@
-"""Workers killed among their inserts: the main process stores what they had come to, in whole rows."""
+"""Workers killed among their inserts: the main process stores their rows, each of them whole."""
 
 import collections
 import os
@@ -62,7 +62,7 @@ def _ticks(pid):
 
 
 def _check(stored):
-    """The rows that were there, and of each writer all rows up to one of them. Tells their number."""
+    """The rows that were there, and of each writer all rows up to one of them; tells how many."""
     site.check(stored[: len(FIRST_ROWS)] == FIRST_ROWS, "rows that were there are gone")
     of_writer = collections.defaultdict(list)
     for line in stored[len(FIRST_ROWS) :]:

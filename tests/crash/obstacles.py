@@ -38,6 +38,7 @@ class Obstacle:
         self.count = count
         self.main = made.main_file("space")
         self.backup = made.backup_file("space")
+        self.taken = made.files / "taken"  # fills the disk, where there is too little
 
     def start(self, complaints=()):
         self.made.start()
@@ -111,16 +112,14 @@ def full_disk(count, leaving):
     """Tables and backups on a disk of their own, with little space left."""
     with site.server(
         tables=[SPACE], calls=CALLS, params={"store_tbl_interval": 1}, memory=32
-    ) as made:
-        with site.small_disk(made.directory / "tables", "256k"):
-            made.backups = made.files / "backup"
-            made.backups.mkdir()
-            case = Obstacle(made, count)
-            case.main.write_bytes(text(count))
-            case.taken = made.files / "taken"
-            fill(case.taken, leaving)
-            yield case
-            made.kill()
+    ) as made, site.small_disk(made.directory / "tables", "256k"):
+        made.backups = made.files / "backup"
+        made.backups.mkdir()
+        case = Obstacle(made, count)
+        case.main.write_bytes(text(count))
+        fill(case.taken, leaving)
+        yield case
+        made.kill()
 
 
 def no_space_in_mid_store():
@@ -163,7 +162,7 @@ def no_space_for_the_tail():
     with full_disk(FEW, leaving=0) as case:
         case.start()
         case.insert()
-        site.until(lambda: case.backup.exists(), "a store")
+        site.until(case.backup.exists, "a store")
         site.until(lambda: site.rpc_host.info(case.made, "space")["State"] == "0", "its end")
         site.check(case.errors() == [], case.errors())
         case.made.kill()

@@ -12,13 +12,13 @@ import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
-import site_servers as site  # noqa: E402  (found by way of the line above)
 import cuts  # noqa: E402
 import kills  # noqa: E402
 import lost_processes  # noqa: E402
 import obstacles  # noqa: E402
 import reloads_cut_off  # noqa: E402
 import short_memory  # noqa: E402
+import site_servers as site  # noqa: E402  (found by way of the line above)
 import stops  # noqa: E402
 
 

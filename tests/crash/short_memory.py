@@ -1,4 +1,4 @@
-"""Starts and reloads with too little shared memory for their rows, and stops in the midst of these."""
+"""Starts and reloads with too little shared memory for their rows, and stops in their midst."""
 
 import random
 import time

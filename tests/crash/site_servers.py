@@ -158,7 +158,8 @@ class Expected:
         self.loaded = table_model.load(table, len(made.tables[table].columns), *before)
         self.files = table_model.files_after(self.loaded, *before)
         self.refused = table_model.refused_after(self.loaded, *before, aside)
-        moved = [old is not None and new is None for old, new in zip(before, self.files)]
+        pairs = zip(before, self.files, strict=True)
+        moved = [old is not None and new is None for old, new in pairs]
         self.warnings = [made.set_aside(table, backup) for backup in (False, True) if moved[backup]]
 
     def check_files(self, *told):

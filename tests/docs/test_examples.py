@@ -4,9 +4,8 @@ import os
 import shutil
 import tempfile
 
-import pytest
-
 import guide_book
+import pytest
 from conftest import CRASH_SIGNS
 from example_server import ExampleServer, is_configuration
 from module_host import host_server

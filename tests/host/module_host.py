@@ -103,6 +103,7 @@ class ModuleHost(host_server.Server):
     `debug` has the module log its debug lines.
     """
 
+    # pylint: disable-next=too-many-arguments
     def __init__(
         self,
         directory,

@@ -45,7 +45,7 @@ def prefixed(flags, before=""):
 
 @pytest.fixture
 def stored(host):
-    def start(calls, rows=ROWS, table=ROUTES, **setup):
+    def start(calls, rows=tuple(ROWS), table=ROUTES, **setup):
         server = host(start=False, tables=[table], calls=calls, **setup)
         server.write_rows(table.name, rows)
         return server.start()

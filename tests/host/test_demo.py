@@ -58,6 +58,7 @@ def check(server):
         capture_output=True,
         text=True,
         timeout=60,
+        check=False,
     )
     return checked.returncode, checked.stdout + checked.stderr
 

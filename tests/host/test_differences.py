@@ -131,7 +131,7 @@ def test_which_statement_has_a_last_line_for_what_cannot_be_printed_or_read(host
         "select": False,
         "update": False,
     }
-    assert {name: last_line(name, "x") for name in calls} == {name: True for name in calls}
+    assert {name: last_line(name, "x") for name in calls} == dict.fromkeys(calls, True)
 
 
 LATER = {

@@ -40,8 +40,8 @@ def kill(server, pid):
     return time.monotonic() - began
 
 
-@pytest.mark.parametrize("attempt", range(3))
-def test_workers_ended_among_their_inserts_leave_whole_rows(host, attempt):
+@pytest.mark.parametrize("_attempt", range(3))
+def test_workers_ended_among_their_inserts_leave_whole_rows(host, _attempt):
     server = host(
         start=False,
         tables=[STAMPED],

@@ -23,7 +23,7 @@ REFUSED = [REFUSAL, "could not print the formatted pv input\n", "SELECT failed!\
 
 SELECTS = ("tarn_memdb_xavp_select", "tarn_memdb_nl_xavp_select")
 BEST_MATCHES = ("tarn_memdb_xavp_select_best_match", "tarn_memdb_nl_xavp_select_best_match")
-ALL_FOUR = {**{name: "" for name in SELECTS}, **{name: ', "2"' for name in BEST_MATCHES}}
+ALL_FOUR = {**dict.fromkeys(SELECTS, ""), **dict.fromkeys(BEST_MATCHES, ', "2"')}
 
 # What a caller may put behind a text: nothing, and what the server would evaluate.
 TAILS = ("", "$ua", "$rU", "$(hdr(X-Agent))", "$nosuch(x)")
@@ -106,13 +106,13 @@ def test_an_expression_without_pseudo_variables_is_a_text_by_the_start(started):
 
 def test_a_route_that_another_module_runs_before_our_first_process_starts(host):
     """htable runs its event route in its own child_init, which comes first if it's loaded first."""
-    script = """
-        request_route { sl_send_reply("200", "ready"); }
-        event_route[htable:mod-init] {
-            $var(q) = "%s$ua$ua|*|*";
+    script = f"""
+        request_route {{ sl_send_reply("200", "ready"); }}
+        event_route[htable:mod-init] {{
+            $var(q) = "{"x" * 58}$ua$ua|*|*";
             tarn_memdb_xavp_select("users," + $var(q), "row");
-        }
-    """ % ("x" * 58)
+        }}
+    """
     server = host(
         tables=[USERS],
         script=script,

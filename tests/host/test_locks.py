@@ -149,7 +149,7 @@ def test_every_other_function_waits_until_the_lock_is_released(hold):
         stored = held.release().splitlines()
         assert not answered
         results = {name: call.result().rc for name, call in calls.items()}
-    assert results == {name: 1 for name in WAITING}
+    assert results == dict.fromkeys(WAITING, 1)
     # What was stored is what the table held before any of them came in.
     assert len(stored) == 1 + len(ROWS)
     assert not [row for row in stored if "|z|" in row or "|w|" in row]

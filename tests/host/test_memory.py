@@ -215,7 +215,7 @@ def test_no_call_leaves_memory_behind(host):
     assert [name for name in MISSES if codes[name] != -2] == []
     assert [name for name in FAILURES if codes[name] not in (-1, -2)] == []
     left = {name: growth(server, [name], rounds=15) for name in NEUTRAL}
-    assert left == {name: (0, 0) for name in NEUTRAL}
+    assert left == dict.fromkeys(NEUTRAL, (0, 0))
 
 
 def test_rows_that_come_and_go_leave_no_memory_behind(host):
@@ -224,7 +224,7 @@ def test_rows_that_come_and_go_leave_no_memory_behind(host):
         calls[f"{name}_there"], calls[f"{name}_back"] = Call(there), Call(back)
     server = start(host, calls)
     left = {name: growth(server, [f"{name}_there", f"{name}_back"]) for name in PAIRS}
-    assert left == {name: (0, 0) for name in PAIRS}
+    assert left == dict.fromkeys(PAIRS, (0, 0))
 
 
 def test_a_cleared_table_gives_back_what_its_rows_took(host):

@@ -31,7 +31,7 @@ QUERY = "pairs,$(hdr(X-Q){s.select,0,/})|$(hdr(X-Q){s.select,1,/})|$(hdr(X-Q){s.
 
 @pytest.fixture
 def stored(host):
-    def start(calls, rows=ROWS, table=PAIRS, **setup):
+    def start(calls, rows=tuple(ROWS), table=PAIRS, **setup):
         server = host(start=False, tables=[table], calls=calls, **setup)
         server.write_rows(table.name, rows)
         return server.start()

@@ -36,7 +36,7 @@ def within(lower="10", upper="20", column="1", target="$var(count)", before="", 
 
 @pytest.fixture
 def stored(host):
-    def start(calls, rows=ROWS, table=METERS, **setup):
+    def start(calls, rows=tuple(ROWS), table=METERS, **setup):
         server = host(start=False, tables=[table], calls=calls, **setup)
         server.write_rows(table.name, rows)
         return server.start()

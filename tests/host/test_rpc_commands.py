@@ -3,7 +3,6 @@
 import dataclasses
 
 import pytest
-
 from module_host import Call
 from rpc_host import (
     COMMANDS,
@@ -391,7 +390,8 @@ def test_commands_on_an_unknown_table(server, road):
         )
     for command in ("show_p", "show_tbl_info", "reload_table", "sync"):
         assert road(server, command, "nobody there") == Fault(500, "Wrong table name: 'nobody'")
-    assert road(server, "show", "users and more") == Fault(500, "Wrong table name: 'users and more'")
+    odd = "users and more"
+    assert road(server, "show", odd) == Fault(500, f"Wrong table name: '{odd}'")
 
 
 def test_queries_that_do_not_parse(server, road):

@@ -8,7 +8,6 @@ import concurrent.futures
 import os
 
 import pytest
-
 from rpc_host import COMMANDS, QUIET, USERS, Fault, jsonrpc, lines
 
 WAITING = {
@@ -123,6 +122,6 @@ def assert_all_wait(held, commands):
         answered, _ = concurrent.futures.wait(replies, PATIENCE)
         stored = held.release()
         assert not answered
-        for command, reply in zip(commands, replies):
+        for command, reply in zip(commands, replies, strict=True):
             assert not isinstance(reply.result(), Fault), command
     return stored

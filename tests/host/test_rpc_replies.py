@@ -3,7 +3,6 @@
 import dataclasses
 
 import pytest
-
 from module_host import Column, Table
 from rpc_host import (
     COMMANDS,
@@ -202,7 +201,7 @@ def test_long_faults_are_cut_by_jsonrpc_and_lost_by_ctl(server):
 
 def used_by(server, pid):
     (used,) = [
-        process["used"] for process in server.jsonrpc("pkg.stats")["result"] if process["pid"] == pid
+        entry["used"] for entry in server.jsonrpc("pkg.stats")["result"] if entry["pid"] == pid
     ]
     return used
 
@@ -229,6 +228,7 @@ def test_commands_leave_no_private_memory_in_the_processes_that_run_them(server)
         "sync": ("users",),
     }
     assert list(examples) == list(COMMANDS)
+
     def all_commands(road):
         for command, arguments in examples.items():
             assert not isinstance(road(server, command, *arguments), Fault), command

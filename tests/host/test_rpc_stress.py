@@ -28,7 +28,7 @@ MEDIA = Table(
     max_rows=100000,
     ports=("dynamic", 4, 6),
 )
-# Rows come and change here and don't go, so that what a reader without a lock finds can be foretold.
+# Rows come and change here and don't go, so that what a reader without a lock finds is foreseen.
 STEADY = Table("steady", columns("key", "value"), max_rows=100000)
 TABLES = [CALLS_TABLE, NOTES, MEDIA, STEADY]
 
@@ -111,7 +111,7 @@ class Roads:
     def __init__(self, server):
         self.roads = (jsonrpc, jsonrpc, kamcmd)
         self.server = server
-        self.ran = {command: 0 for command in COMMANDS}
+        self.ran = dict.fromkeys(COMMANDS, 0)
 
     def round(self, pool, commands, turn):
         meeting = threading.Barrier(len(commands))
@@ -160,6 +160,20 @@ def cleared(server):
     return server.shared_memory_used(), lines(server, "show_pm_info")
 
 
+def expect_workers_of_each_kind(server, known):
+    """Several processes ran commands and calls."""
+    by = {
+        name: {pid for pid, text in known.items() if name in text}
+        for name in ("udp receiver", "ctl handler", "JSONRPCS")
+    }
+    audits = server.entries("tarn_memdb", "NOTICE")
+    operators = {entry.pid for entry in audits if ") RPC " in entry.text}
+    callers = {entry.pid for entry in audits if ") RPC " not in entry.text}
+    assert operators <= by["ctl handler"] | by["JSONRPCS"]
+    assert operators >= by["ctl handler"] and len(operators & by["JSONRPCS"]) >= 2
+    assert callers <= by["udp receiver"] and len(callers) >= 2
+
+
 def test_commands_of_every_kind_under_load(host):
     server = start(host)
     # A first pass over everything, so that what the host itself keeps for later is there.
@@ -195,18 +209,9 @@ def test_commands_of_every_kind_under_load(host):
             total[key] = total.get(key, 0) + count
     assert {name for name, worked in total if worked} == set(SIP_CALLS)
 
-    # The server is as it was, and several processes ran commands and calls.
+    # The server is as it was.
     assert processes(server) == known
-    by = {
-        name: {pid for pid, text in known.items() if name in text}
-        for name in ("udp receiver", "ctl handler", "JSONRPCS")
-    }
-    audits = server.entries("tarn_memdb", "NOTICE")
-    operators = {entry.pid for entry in audits if ") RPC " in entry.text}
-    callers = {entry.pid for entry in audits if ") RPC " not in entry.text}
-    assert operators <= by["ctl handler"] | by["JSONRPCS"]
-    assert operators >= by["ctl handler"] and len(operators & by["JSONRPCS"]) >= 2
-    assert callers <= by["udp receiver"] and len(callers) >= 2
+    expect_workers_of_each_kind(server, known)
     assert unexpected(server) == set()
 
     # Counts, rows and files agree.

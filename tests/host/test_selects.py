@@ -17,7 +17,7 @@ LOCKING = pytest.mark.parametrize("flavour", ["", "nl_"], ids=["locked", "nl"])
 def stored(host):
     """Starts a server whose table holds ROWS, the last of them the newest."""
 
-    def start(rows=ROWS, **setup):
+    def start(rows=tuple(ROWS), **setup):
         server = host(start=False, tables=[USERS], **setup)
         if rows:
             server.write_rows("users", rows)

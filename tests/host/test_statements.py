@@ -33,7 +33,7 @@ CALLS = {
 def stored(host):
     """Starts a server whose table holds ROWS, the last of them the newest."""
 
-    def start(rows=ROWS, table=USERS, calls=None, **setup):
+    def start(rows=tuple(ROWS), table=USERS, calls=None, **setup):
         server = host(start=False, tables=[table], calls=calls or CALLS, **setup)
         if rows:
             server.write_rows(table.name, rows)

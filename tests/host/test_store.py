@@ -140,8 +140,8 @@ def busiest_worker(server):
     return int(max(children.read_text().split(), key=ticks))
 
 
-@pytest.mark.parametrize("attempt", range(3))
-def test_a_worker_killed_among_its_rows_takes_the_server_down_with_all_stored(host, attempt):
+@pytest.mark.parametrize("_attempt", range(3))
+def test_a_worker_killed_among_its_rows_takes_the_server_down_with_all_stored(host, _attempt):
     many = Table("many", columns("key", "text"), max_rows=30000)
     # Nearly all of its time is the locked search of all rows.
     search = Call(
@@ -159,9 +159,8 @@ def test_a_worker_killed_among_its_rows_takes_the_server_down_with_all_stored(ho
     server.write_rows("many", [f"{i}|text" for i in range(20000)])
     server.start()
     insert(server, "alice|30|rome")
-    with server.phone() as phone:
-        with pytest.raises(host_server.host_sip.NoReply):
-            phone.request("OPTIONS", server.uri("search"), timeout=0.6)
+    with server.phone() as phone, pytest.raises(host_server.host_sip.NoReply):
+        phone.request("OPTIONS", server.uri("search"), timeout=0.6)
     server.expected_signs = (") ALERT: ",)
     began = time.monotonic()
     os.kill(busiest_worker(server), signal.SIGKILL)

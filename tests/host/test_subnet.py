@@ -48,7 +48,7 @@ def known(source="$si", from_user="$fU", contact=CONTACT_USER, query=f"remote,{W
 
 @pytest.fixture
 def stored(host):
-    def start(rows, calls=None, domains=DOMAIN_ROWS, tables=(SUBSCRIBERS, DOMAINS), **setup):
+    def start(rows, calls=None, domains=tuple(DOMAIN_ROWS), tables=(SUBSCRIBERS, DOMAINS), **setup):
         server = host(start=False, tables=tables, calls=calls or known(), **setup)
         server.write_rows("remote", rows)
         for table in tables[1:]:

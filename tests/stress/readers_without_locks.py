@@ -3,8 +3,8 @@
 What such a reader is given may be part of a row that goes or comes, so its results aren't looked
 at. What has to hold is that it comes to its end and that the server's memory stays sound: no worker
 ends with a signal, the allocator has found nothing to complain of, no memory is gone, list and
-count and file of the table have the same rows, and the stop is a clean one. Nor does a reader meet a
-row that is half filled: the select by subnet would tell of one without flags.
+count and file of the table have the same rows, and the stop is a clean one. Nor does a reader meet
+a row that is half filled: the select by subnet would tell of one without flags.
 
 Readers that deliver values take shared memory for those, so that blocks of rows become something
 else; readers that find nothing are more often among the rows.
@@ -132,6 +132,8 @@ route[COUNT] {{
   exit;
 }}
 """
+
+
 COMPLAINTS = re.compile(r"\) (?:BUG|CRITICAL|ALERT): .*")
 # Of a row in which neither flag stands. Each row is inserted with one, which no update touches.
 HALF_FILLED = "Subnet flag and DN flag are not set\n"

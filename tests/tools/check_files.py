@@ -127,7 +127,9 @@ def run(*arguments, cwd=None, prefix=(), most_memory=None, **options):
 
     options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
     command = [*prefix, CHECK, *arguments]
-    ran = subprocess.run(command, timeout=60, cwd=cwd, preexec_fn=limit, **options)
+    # No other thread can hold a lock that the child waits for: there is none.
+    # pylint: disable-next=subprocess-popen-preexec-fn
+    ran = subprocess.run(command, check=False, timeout=60, cwd=cwd, preexec_fn=limit, **options)
     out, err = ((text or b"").decode("utf-8", "replace") for text in (ran.stdout, ran.stderr))
     return subprocess.CompletedProcess(ran.args, ran.returncode, out, err)
 

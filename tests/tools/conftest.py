@@ -1,7 +1,6 @@
 """A directory of files for each test of the tool."""
 
 import pytest
-
 from check_files import CheckFiles
 
 

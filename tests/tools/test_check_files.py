@@ -1,12 +1,10 @@
-"""What tarn-memdb-check says becomes of the files of a table, against what a start makes of them."""
+"""What tarn-memdb-check says becomes of a table's files, against what a start makes of them."""
 
 import os
 import socket
 
 import pytest
-
 from check_files import as_json, expect, expect_clean, rows_of, table
-
 
 BAD_FILES = {
     "a field too few": (

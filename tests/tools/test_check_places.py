@@ -4,7 +4,6 @@ import os
 import pathlib
 
 import pytest
-
 from check_files import expect, expect_clean, table
 
 SHM = pathlib.Path("/dev/shm")

@@ -1,7 +1,6 @@
 """What tarn-memdb-check finds in the ports of rows and in private ranges."""
 
 import pytest
-
 from check_files import PORT_COLUMNS, expect, expect_clean, port_row, table
 
 

@@ -1,7 +1,6 @@
 """What tarn-memdb-check finds in the rows of a table file."""
 
 import pytest
-
 from check_files import PORT_COLUMNS, expect, expect_clean, rows_of, table
 
 
@@ -97,7 +96,8 @@ KEPT = "the row can't be kept: the next store writes "
 def test_a_row_that_loads_but_cannot_be_stored_is_an_error(files, row, stored, outcome):
     files.schema(table()).rows("t", "x|y", row)
     told = files.check()
-    expect(told, "tables/t.tbl", 3, "error", f"{KEPT}'{stored}', which the start after it {outcome}")
+    said = f"{KEPT}'{stored}', which the start after it {outcome}"
+    expect(told, "tables/t.tbl", 3, "error", said)
     first, second = rows_of(files)
     assert (first, second) == (b"x|y", stored.encode())
     files.rows("t", "x|y", stored)

@@ -3,7 +3,6 @@
 import re
 
 import pytest
-
 from check_files import PORT_COLUMNS, expect, expect_clean, table
 
 TAKEN = {

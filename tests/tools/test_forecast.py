@@ -1,5 +1,5 @@
-"""A forecast that is wrong doesn't pass the comparison with a real server: one fault after the other
-is planted into right reports."""
+"""A forecast that is wrong doesn't pass the comparison with a real server: one fault after the
+other is planted into right reports."""
 
 import copy
 import pathlib
@@ -35,7 +35,7 @@ def write(made, number, text):
     made.main(made.tables[number]).write_text(text)
 
 
-def good(made):
+def good(_made):
     pass
 
 

@@ -1,11 +1,10 @@
-"""tarn-memdb-check takes about as long as the load that it foretells, and no longer for odd files."""
+"""tarn-memdb-check takes about as long as the load that it foretells, for odd files as well."""
 
 import os
 import resource
 import subprocess
 
 import pytest
-
 from check_files import CHECK, PROBE, table
 
 ROWS = 100_000

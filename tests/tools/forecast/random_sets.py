@@ -61,7 +61,7 @@ class RandomSet:
         self.is_spoilt = False
         for folder in (self.files, self.backups):
             folder.mkdir()
-        self.tables = [self._table(f"t{i}") for i in range(rng.randrange(1, 4))]
+        self.tables = [self.new_table(f"t{i}") for i in range(rng.randrange(1, 4))]
         is_plain = number % 3 == 0
         for table in self.tables:
             self._write_files(table, is_plain)
@@ -98,7 +98,7 @@ class RandomSet:
 
     # Making
 
-    def _table(self, name):
+    def new_table(self, name):
         rng = self.rng
         ports = None
         count = rng.choice([1, 2, 3, 4, 9])
@@ -153,11 +153,11 @@ class RandomSet:
             first = rng.choice([first] * 15 + ["Version 1\r", "", "Version 1\0x"])
             end = rng.choice(["\n"] * 15 + [""])
         count = rng.randrange(7) if count is None else count
-        rows = [self._row(table, number, is_plain) for number in range(count)]
+        rows = [self.new_row(table, number, is_plain) for number in range(count)]
         text = "\n".join([first, *rows]) + end
         return (text if is_plain or rng.random() < 0.97 else "").encode("latin-1")
 
-    def _row(self, table, number, is_plain):
+    def new_row(self, table, number, is_plain):
         rng = self.rng
         if is_plain:
             fields = [f"v{number}"] * len(table.lengths)
@@ -201,7 +201,7 @@ def spoilt_schema(made):
 
 def one_name(made):
     """A second table of the first one's name, with as many columns, more or less."""
-    other = made._table("t9")
+    other = made.new_table("t9")
     other.name = made.tables[0].name
     made.tables.append(other)
     _put(made.main(other), made.text(other, True, 2))
@@ -210,7 +210,7 @@ def one_name(made):
 def one_file(made):
     """A second table whose file is the first one's, under the same name or another."""
     first = made.tables[0]
-    other = made._table("t8")
+    other = made.new_table("t8")
     how = made.rng.choice(["./{}", "{}", "sub/../{}", "{}.refused", "../backup/{}.backup"])
     if how.startswith("sub"):
         for folder in (made.files, made.backups):
@@ -339,7 +339,7 @@ def escapes(made):
 def equal_rows(made):
     table = made.tables[0]
     table.check_duplicates = True
-    rows = [made._row(table, made.rng.randrange(3), True) for _ in range(8)]
+    rows = [made.new_row(table, made.rng.randrange(3), True) for _ in range(8)]
     table.max_rows = 100
     text = "".join(row + "\n" for row in rows)
     _put(made.main(table), f"Version 1\n{text}".encode())
@@ -347,7 +347,7 @@ def equal_rows(made):
 
 def one_oddity_in_each_row(made):
     table = made.tables[0]
-    rows = [made._row(table, number, True) + "\r" for number in range(3)]
+    rows = [made.new_row(table, number, True) + "\r" for number in range(3)]
     _put(made.main(table), ("\n".join(["Version 1", *rows]) + "\n").encode())
 
 
@@ -358,7 +358,7 @@ def many_rows(made, counts=(100, 1500)):
     table.max_rows = 10**6
     table.check_duplicates = False
     count = made.rng.choice(counts)
-    row = made._row(table, 1, True)
+    row = made.new_row(table, 1, True)
     _put(made.main(table), ("Version 1\n" + (row + "\n") * count).encode())
 
 

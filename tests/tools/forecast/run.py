@@ -39,7 +39,7 @@ def try_set(number):
         kinds = [kind]
         if seen.start == "works" and kind not in MEMORY_KINDS:
             # What the first start has stored is the next one's set.
-            expect_losses(made, told, seen, forecast.look(made))
+            expect_losses(told, seen, forecast.look(made))
             if told.says(CANT_BE_KEPT):
                 kinds.append(forecast.follow(made)[0] + " after a store")
         return kinds
@@ -55,7 +55,7 @@ def try_set(number):
             shutil.rmtree(directory)
 
 
-def expect_losses(made, told, seen, again):
+def expect_losses(told, seen, again):
     """Just those files are lost with the next store of which that was told."""
     if told.says("each store overwrites") or told.says(" goes if it can't be loaded"):
         return
@@ -65,7 +65,8 @@ def expect_losses(made, told, seen, again):
         file, source = expected["file"], expected["loaded_from"]
         stored = table.was_inserted and table.main is not None
         # The new row may be one that can't be kept itself.
-        if not stored or not table.main.endswith(b"\n" + b"|".join([b"n9"] * table.columns) + b"\n"):
+        new_row = b"|".join([b"n9"] * table.columns)
+        if not stored or not table.main.endswith(b"\n" + new_row + b"\n"):
             continue
         losses = [
             text
