@@ -32,7 +32,6 @@ ONE = '"' + "|" * NAMES.index("name") + '$avp(name)"'
 SHOWN = tuple(f"$(avp(name)[{i}])" for i in range(5))
 OUT = "tarn_memdb_nl_select_field_out_of_range"
 WITHIN = "tarn_memdb_nl_select_field_within_the_range"
-STATEMENT = "SELECT name FROM all WHERE grp=g"
 
 LIMITED = {
     "plain": f'tarn_memdb_select("{query(True, grp="g")}", {ONE})',
@@ -45,7 +44,6 @@ LIMITED = {
     "port_pair": (
         f'tarn_memdb_select_by_port_type("external_port", "{PAIR},$hdr(X-Q)", {PAIR_NAMES})'
     ),
-    "statement": f'sqll_tarn_memdb_select("{STATEMENT} MAX=$hdr(X-Q)", "$avp(name)")',
 }
 # How many rows each gives for a limit of 2, 3 and 9. Where rows visited count, the two newest use
 # the limit up; where rows delivered or held count, they don't.
@@ -57,7 +55,6 @@ GIVEN = {
     # Never more than the first match.
     "subnet": (0, 1, 1),
     "port_pair": (2, 3, 6),
-    "statement": (2, 3, 6),
 }
 
 
@@ -109,29 +106,6 @@ def test_which_select_has_a_last_line_for_a_query_that_cannot_be_read(host, call
     assert server.call("odd", "a|b").rc == -1
     assert (server.said("ERROR")[-1] == LAST) is last
     assert len([text for text in server.said("ERROR") if text.startswith("Could not parse ")]) == 1
-
-
-def test_which_statement_has_a_last_line_for_what_cannot_be_printed_or_read(host):
-    calls = {
-        "insert": Call('sqll_tarn_memdb_insert("$hdr(X-Q)")'),
-        "delete": Call('sqll_tarn_memdb_delete("$hdr(X-Q)")'),
-        "select": Call('sqll_tarn_memdb_select("$hdr(X-Q)", "$avp(name)")'),
-        "update": Call('sqll_tarn_memdb_update("$hdr(X-Q)")'),
-    }
-    server = host(tables=[ALL], calls=calls)
-
-    def last_line(name, text):
-        server.log_start = server.log_path.stat().st_size
-        assert server.call(name, text).rc == -1
-        return server.said("ERROR")[-1] == f"{name.upper()} failed!\n"
-
-    assert {name: last_line(name, "x" * 4096) for name in calls} == {
-        "insert": True,
-        "delete": True,
-        "select": False,
-        "update": False,
-    }
-    assert {name: last_line(name, "x") for name in calls} == dict.fromkeys(calls, True)
 
 
 LATER = {
