@@ -4,12 +4,13 @@ import pathlib
 import subprocess
 import sys
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "tools"))
+TOP = pathlib.Path(__file__).resolve().parents[1]
+TOOLS = TOP / "tools"
+sys.path[:0] = [str(TOP / "tests/support"), str(TOOLS)]
 
 import host_server  # noqa: E402  (found by way of the line above)
+import schema_text  # noqa: E402
 
-TOOLS = HERE.parent / "tools"
 ROW_COUNTS = (100, 1000, 10000)
 WRITE_ROWS = 1000  # in place while rows are added and removed
 STORE_COUNTS = (1000, 10000, 100000)
@@ -61,11 +62,8 @@ def prefixes(count):
     return found
 
 
-def table_text(name, columns, max_rows, extra="FLAG=0\nUSE_INDEX=0"):
-    return (
-        f"TABLE_NAME={name}\n{extra}\nDUPLICATED_DATA_CHECK=0\nMAX_ROWS={max_rows}\n"
-        f"NUM_FIELDS={len(columns)}\n" + "\n".join(columns) + f"\nFILE_NAME={name}.tbl\n"
-    )
+def table_text(name, columns, max_rows, ports=None):
+    return schema_text.table(name, columns, ports, MAX_ROWS=max_rows)
 
 
 def schema_tables():
@@ -78,12 +76,7 @@ def schema_tables():
         )
     tables["write"] = table_text("write", FLAT_COLUMNS, 2 * WRITE_ROWS)
     tables["calls"] = table_text("calls", PORT_COLUMNS, 2 * WRITE_ROWS)
-    tables["media"] = table_text(
-        "media",
-        PORT_COLUMNS,
-        2 * WRITE_ROWS,
-        "FLAG=1\nRANGE=dynamic\nINT_PORT_FIELD=4\nEXT_PORT_FIELD=6\nUSE_INDEX=0",
-    )
+    tables["media"] = table_text("media", PORT_COLUMNS, 2 * WRITE_ROWS, ("dynamic", 4, 6))
     for count in STORE_COUNTS:
         tables[f"store{count}"] = table_text(
             f"store{count}", FLAT_COLUMNS + ("expires 7 0",), 2 * count
@@ -127,15 +120,9 @@ class BenchServer(host_server.Server):
         return path
 
     def _write_tables(self):
-        tables = schema_tables()
-        write_file(
-            self.directory / "schema.cfg",
-            [
-                f"BASE_DIR={self.directory}/tables/",
-                f"BASE_BACKUP_DIR={self.directory}/backup/",
-                f"NUM_TABLE={len(tables)}",
-                *tables.values(),
-            ],
+        where = self.directory
+        (where / "schema.cfg").write_text(
+            schema_text.schema(f"{where}/tables/", f"{where}/backup/", schema_tables().values())
         )
         for count in ROW_COUNTS:
             self._write_rows(f"flat{count}", (row(n) for n in range(count)))

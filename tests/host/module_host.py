@@ -12,9 +12,11 @@ import sys
 import time
 from typing import Optional
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools"))
+TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(TOP / "tests/support"), str(TOP / "tools")]
 
 import host_server  # noqa: E402  (found by way of the line above)
+import schema_text  # noqa: E402
 
 NULL = "<null>"  # how the server prints a pseudo-variable without a value
 MODULE_NAME = "tarn_memdb"
@@ -48,21 +50,16 @@ class Table:
         return f"{self.name}.tbl"
 
     def __str__(self):
-        lines = [f"TABLE_NAME={self.name}", f"FLAG={int(self.ports is not None)}"]
-        if self.ports:
-            word, internal, external = self.ports
-            lines += [f"RANGE={word}", f"INT_PORT_FIELD={internal}", f"EXT_PORT_FIELD={external}"]
-        if self.log_tag:
-            lines.append(f"LOG_TAG={self.log_tag}")
-        lines += [
-            f"USE_INDEX={int(self.use_index)}",
-            f"DUPLICATED_DATA_CHECK={int(self.check_duplicates)}",
-            f"MAX_ROWS={self.max_rows}",
-            f"NUM_FIELDS={len(self.columns)}",
-            *(str(column) for column in self.columns),
-            f"FILE_NAME={self.file_name}",
-        ]
-        return "\n".join(lines) + "\n"
+        return schema_text.table(
+            self.name,
+            self.columns,
+            self.ports,
+            LOG_TAG=self.log_tag or None,
+            USE_INDEX=int(self.use_index),
+            DUPLICATED_DATA_CHECK=int(self.check_duplicates),
+            MAX_ROWS=self.max_rows,
+            FILE_NAME=self.file_name,
+        )
 
 
 def columns(*names, indexed=()):
@@ -146,12 +143,7 @@ class ModuleHost(host_server.Server):
     def schema_text(self):
         if self.schema is not None:
             return self.schema.format(files=f"{self.files}/", backups=f"{self.backups}/")
-        head = [
-            f"BASE_DIR={self.files}/",
-            f"BASE_BACKUP_DIR={self.backups}/",
-            f"NUM_TABLE={len(self.tables)}",
-        ]
-        return "\n".join(head) + "\n" + "\n".join(str(table) for table in self.tables.values())
+        return schema_text.schema(f"{self.files}/", f"{self.backups}/", self.tables.values())
 
     def _config(self, _):
         self.schema_path.write_text(self.schema_text())

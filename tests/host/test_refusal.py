@@ -1,17 +1,14 @@
 """Starts that must not happen: each cause by its log lines, with the table files untouched."""
 
 import pytest
-from module_host import OTHER_MODULES, Call, Table, columns
+from module_host import OTHER_MODULES, Call, Table, columns, schema_text
 
 USERS = Table("users", columns("name", "age", "city"))
 STORED = ["alice|30|rome", "# a line that a store would drop", "bob|31|oslo"]
 OLD = ["alice|29|rome"]
 
-HEAD = "BASE_DIR={files}\nBASE_BACKUP_DIR={backups}\nNUM_TABLE=1\n"
-BLOCK = (
-    "TABLE_NAME=users\nFLAG=0\nUSE_INDEX=0\nDUPLICATED_DATA_CHECK=0\nMAX_ROWS=10\n"
-    "NUM_FIELDS=3\nname 10 1\nage 3 0\ncity 20 0\nFILE_NAME=users.tbl\n"
-)
+HEAD = schema_text.head("{files}", "{backups}", 1)
+BLOCK = schema_text.table("users", ("name 10 1", "age 3 0", "city 20 0"))
 
 NO_SCHEMA = "Could not create table(s) schema from configuration file '{schema}'\n"
 BAD_LINE = "Error on reading! Maybe a line is missing"

@@ -2,7 +2,7 @@
 
 import re
 
-from module_host import Call, Column, Table, columns
+from module_host import Call, Column, Table, columns, schema_text
 
 USERS = Table("users", columns("name", "age", "city", indexed=("name",)), log_tag="USERS")
 COUNT = {"count": Call('tarn_memdb_row_count("users", "$avp(n)")', show=("$avp(n)",))}
@@ -59,12 +59,8 @@ def test_a_schema_may_leave_out_the_tag_and_hold_blank_lines(host):
 
 
 def test_a_schema_may_end_behind_the_last_field_line(host):
-    schema = (
-        "BASE_DIR={files}\nBASE_BACKUP_DIR={backups}\nNUM_TABLE=1\n"
-        "TABLE_NAME=users\nFLAG=0\nUSE_INDEX=0\nDUPLICATED_DATA_CHECK=0\nMAX_ROWS=10\n"
-        "NUM_FIELDS=3\nname 10 1\nage 3 0\ncity 20 0\n"
-    )
-    server = host(schema=schema, calls=COUNT)
+    block = schema_text.table("users", columns("name", "age", "city"), FILE_NAME=None)
+    server = host(schema=schema_text.schema("{files}", "{backups}", [block]), calls=COUNT)
     assert server.call("count").values == ("0",)
     assert server.said("ERROR") == []
 

@@ -4,9 +4,15 @@ import dataclasses
 import hashlib
 import json
 import os
+import pathlib
 import re
 import resource
 import subprocess
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+import schema_text  # noqa: E402  (found by way of the line above)
 
 CHECK = os.environ.get("TARN_CHECK", "")
 PROBE = os.environ.get("TARN_PROBE", "")
@@ -59,8 +65,7 @@ class CheckFiles:
         return self.write("schema.cfg", self.head(count) + "".join(blocks))
 
     def head(self, count):
-        where = self.directory
-        return f"BASE_DIR={where}/tables/\nBASE_BACKUP_DIR={where}/backup/\nNUM_TABLE={count}\n"
+        return schema_text.head(f"{self.directory}/tables/", f"{self.directory}/backup/", count)
 
     def rows(self, table, *rows, backup=False):
         text = "".join(line + "\n" for line in ("Version 1", *rows))
@@ -149,29 +154,8 @@ def rows_of(files):
 
 
 def table(name="t", columns=("a 31 1", "b 31 0"), ports=None, **keys):
-    """A table's block; a key given as None is left out, and others replace the usual values."""
-    values = {"TABLE_NAME": name, "FLAG": 0}
-    if ports:
-        word, internal, external = ports
-        values |= {
-            "FLAG": 1,
-            "RANGE": word,
-            "INT_PORT_FIELD": internal,
-            "EXT_PORT_FIELD": external,
-        }
-    values |= {"USE_INDEX": 0, "DUPLICATED_DATA_CHECK": 0, "MAX_ROWS": 100}
-    values |= {"NUM_FIELDS": len(columns), "FILE_NAME": f"{name}.tbl"}
-    if "LOG_TAG" in keys:
-        order = list(values.items())
-        order.insert([key for key, _ in order].index("USE_INDEX"), ("LOG_TAG", keys["LOG_TAG"]))
-        values = dict(order)
-    values |= keys
-    file_name = values.pop("FILE_NAME")
-    lines = [f"{key}={value}" for key, value in values.items() if value is not None]
-    lines += columns
-    if file_name is not None:
-        lines.append(f"FILE_NAME={file_name}")
-    return "\n".join(lines) + "\n"
+    """A table's block; schema_text tells of the keys."""
+    return schema_text.table(name, columns, ports, **keys)
 
 
 def as_json(out):

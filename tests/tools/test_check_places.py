@@ -4,14 +4,13 @@ import os
 import pathlib
 
 import pytest
-from check_files import expect, expect_clean, table
+from check_files import expect, expect_clean, schema_text, table
 
 SHM = pathlib.Path("/dev/shm")
 
 
 def schema_with(files, base, backup, *blocks):
-    head = f"BASE_DIR={base}\nBASE_BACKUP_DIR={backup}\nNUM_TABLE={len(blocks)}\n"
-    return files.write("schema.cfg", head + "".join(blocks))
+    return files.write("schema.cfg", schema_text.schema(base, backup, blocks))
 
 
 def single(outcome, *expected):

@@ -71,7 +71,7 @@ def too_little_memory(made):
 
 def failing_start(made):
     made.tables[1].lengths = [9, 9, 9]
-    made.tables[1].lines = lambda: ["TABLE_NAME=t1", "COLOUR=red"]
+    made.tables[1].block = lambda: "TABLE_NAME=t1\nCOLOUR=red\n"
 
 
 @pytest.fixture(scope="module")

@@ -6,6 +6,11 @@ import pathlib
 import random
 import re
 import shutil
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "support"))
+
+import schema_text  # noqa: E402  (found by way of the line above)
 
 TAME = ["", "a", "1", "7", "WAN", "21005", "some text"]
 # What loads as something else, can't be kept, or looks as if it couldn't.
@@ -25,16 +30,16 @@ class Table:
     check_duplicates: bool
     ports: tuple  # range word, internal and external column, or nothing
 
-    def lines(self):
-        out = [f"TABLE_NAME={self.name}", f"FLAG={int(bool(self.ports))}"]
-        if self.ports:
-            word, internal, external = self.ports
-            out += [f"RANGE={word}", f"INT_PORT_FIELD={internal}", f"EXT_PORT_FIELD={external}"]
-        out += [f"USE_INDEX={int(self.use_index)}"]
-        out += [f"DUPLICATED_DATA_CHECK={int(self.check_duplicates)}"]
-        out += [f"MAX_ROWS={self.max_rows}", f"NUM_FIELDS={len(self.lengths)}"]
-        out += [f"c{i} {length} {i % 2}" for i, length in enumerate(self.lengths)]
-        return [*out, f"FILE_NAME={self.file_name}"]
+    def block(self):
+        return schema_text.table(
+            self.name,
+            [f"c{i} {length} {i % 2}" for i, length in enumerate(self.lengths)],
+            self.ports or None,
+            USE_INDEX=int(self.use_index),
+            DUPLICATED_DATA_CHECK=int(self.check_duplicates),
+            MAX_ROWS=self.max_rows,
+            FILE_NAME=self.file_name,
+        )
 
     def compared(self):
         """The columns that the check for duplicates compares."""
@@ -113,12 +118,10 @@ class RandomSet:
         return Table(name, f"{name}.tbl", lengths, rng.choice([3, 100]), use_index, check, ports)
 
     def _write_schema(self):
-        head = [f"BASE_DIR={self.files}/", f"BASE_BACKUP_DIR={self.backups}/"]
-        lines = [*head, f"NUM_TABLE={len(self.tables)}"]
-        lines += [line for table in self.tables for line in table.lines()]
+        blocks = [table.block() for table in self.tables]
+        text = schema_text.schema(f"{self.files}/", f"{self.backups}/", blocks)
         if self.is_spoilt:
-            lines = self._spoilt(lines)
-        text = "\n".join(lines) + "\n"
+            text = "\n".join(self._spoilt(text.split("\n")[:-1])) + "\n"
         self.schema.write_bytes(text.encode("latin-1"))
 
     def _spoilt(self, lines):
