@@ -10,15 +10,16 @@ import os
 import pathlib
 import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE), str(HERE.parent / "host")]
 
-import cuts  # noqa: E402
+import cuts  # noqa: E402  (found by way of the line above)
 import kills  # noqa: E402
 import lost_processes  # noqa: E402
 import obstacles  # noqa: E402
 import reloads_cut_off  # noqa: E402
 import short_memory  # noqa: E402
-import site_servers as site  # noqa: E402  (found by way of the line above)
+import site_servers as site  # noqa: E402
 import stops  # noqa: E402
 
 

@@ -10,12 +10,9 @@ import sys
 import tempfile
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "tests" / "host"))
-
-import module_host  # noqa: E402
-import rpc_host  # noqa: E402
-import table_model  # noqa: E402
+import module_host
+import rpc_host
+import table_model
 
 NEW_NAMESPACE, NEW_USER = 0x20000, 0x10000000
 
