@@ -154,10 +154,11 @@ class Journal:
         return f"journal (stored {self.stored[-2:]})"
 
     def stored_before(self, main):
-        """What was stored last before the main file was: a sync without an insert ahead stores
-        nothing. Of the rows that a sync stores, one at most is not yet answered."""
+        """What was stored at least before the main file was: a sync that was answered ahead of the
+        file's last row didn't write it."""
         rows = main.count(b"\n") - 1
-        return max((number for number in self.stored if number + 1 < rows), default=self.stored[0])
+        syncs = zip(self.stored, self.work.rows_by_then, strict=False)
+        return max((number for number, sent in syncs if sent < rows), default=self.stored[0])
 
     def can_write(self, raw):
         return self.work.journal_text(len(self.work.journal)).startswith(raw)

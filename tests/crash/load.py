@@ -94,6 +94,7 @@ class Load:
         self.stored_gens = [gen]  # whose sync was answered
         self.acked_rows = len(self.journal)
         self.stored_rows = [self.acked_rows]
+        self.rows_by_then = [self.acked_rows]  # sent when that sync was answered
         self.next_id = max((int(row[0]) for row in journal), default=0) + 1
         self.ended = threading.Event()
         self.trouble = []
@@ -133,6 +134,7 @@ class Load:
                 self.stored_gens.append(self.acked_gen)
                 rows = self.acked_rows
                 rpc("sync", "journal")
+                self.rows_by_then.append(len(self.journal))
                 self.stored_rows.append(rows)
         finally:
             rpc.close()
