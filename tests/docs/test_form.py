@@ -5,6 +5,7 @@ import re
 import guide_book
 
 SHELL = (guide_book.ROOT / "script" / "tarn_memdb.cpp").read_text()
+TESTS = guide_book.ROOT / "tests"
 COMMANDS = (guide_book.ROOT / "rpc" / "rpc_commands.cpp").read_text()
 
 
@@ -94,7 +95,7 @@ def test_each_mark_is_known():
 
 def test_each_link_leads_somewhere():
     pages = {path.name: path for path in guide_book.DOCS.glob("*.md")}
-    for path in [guide_book.ROOT / "README.md", *(guide_book.DOCS / n for n in guide_book.PAGES)]:
+    for path in [guide_book.ROOT / "README.md", TESTS / "README.md", *pages.values()]:
         for target in re.findall(r"\]\(([^)]+)\)", guide_book.without_code(path)):
             file, _, place = target.partition("#")
             where = path.parent / file if file else path
@@ -102,3 +103,16 @@ def test_each_link_leads_somewhere():
             if place:
                 known = [anchor(s.title) for s in guide_book.sections(pages[where.name])]
                 assert place in known, f"{path.name}: {target}"
+
+
+def test_each_example_of_the_page_on_tests_stands_in_a_test():
+    examples = [
+        (name, block.text)
+        for section in guide_book.sections(TESTS / "README.md")
+        for block in section.blocks
+        if block.kind != "sh"
+        for name in block.marked("file")
+    ]
+    assert len(examples) == 6
+    for name, text in examples:
+        assert f"\n{text}" in (TESTS / name).read_text(), name
