@@ -1,6 +1,6 @@
 // The five best-match selects.
 #include "script/params/fixup.h"
-#include "tests/module/issue3_injection.h"
+#include "tests/module/injection.h"
 
 namespace module_test {
 namespace {

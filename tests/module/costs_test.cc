@@ -10,11 +10,10 @@ const table USERS = {"users", {{"name", 31, true}, {"age"}, {"city"}}, 5000, "US
 
 class CostsTest : public ModuleTest {
  protected:
-  void start_filled(const table &t, int lines) {
-    std::vector<std::string> text;
-    for (int i = 0; i < lines; i++) text.push_back("name" + std::to_string(i) + "|30|rome");
-    write_file(main_file(t.name), table_text(text));
-    start({t});
+  void start_with_rows(const table &t, int number) {
+    texts rows;
+    for (int i = 0; i < number; i++) rows.push_back("name" + std::to_string(i) + "|30|rome");
+    start_filled(t, rows);
   }
 
   // One call that gives this result, with all counts begun anew ahead of it.
@@ -31,7 +30,7 @@ class CostsTest : public ModuleTest {
 };
 
 TEST_F(CostsTest, ASelectIntoAvpsMakesOnePrivateAllocationWhateverItFinds) {
-  start_filled(USERS, 200);
+  start_with_rows(USERS, 200);
   for (const std::string function : {"tarn_memdb_select", "tarn_memdb_nl_select"}) {
     const std::string names = "$avp(a)|$avp(b)||";
     call_alone(fixup(function, {"users,name7|*|*", names}), 1);
@@ -46,30 +45,30 @@ TEST_F(CostsTest, ASelectIntoAvpsMakesOnePrivateAllocationWhateverItFinds) {
 }
 
 TEST_F(CostsTest, AnInsertMakesOneSharedAllocationBesideTheQuerysOwn) {
-  start_filled(USERS, 3);
+  start_with_rows(USERS, 3);
   call_alone(fixup("tarn_memdb_insert", {"users,dave|1|x"}), 1);
   expect_allocations(1, 1);
 }
 
 TEST_F(CostsTest, TheDuplicateCheckOfAPlainTableCostsNoAllocation) {
-  start_filled(with(USERS, 5000, "", false, true), 3);
+  start_with_rows(with(USERS, 5000, "", false, true), 3);
   call_alone(fixup("tarn_memdb_insert", {"users,dave|1|x"}), 1);
   expect_allocations(1, 1);
 }
 
 TEST_F(CostsTest, TheNumberAndItsDuplicateCheckCostOneAllocationEach) {
-  start_filled(with(USERS, 5000, "", true), 0);
+  start_with_rows(with(USERS, 5000, "", true), 0);
   call_alone(fixup("tarn_memdb_insert", {"users,x|1|x"}), 1);
   expect_allocations(2, 1);
   unload();
   load();
-  start_filled(with(USERS, 5000, "", true, true), 0);
+  start_with_rows(with(USERS, 5000, "", true, true), 0);
   call_alone(fixup("tarn_memdb_insert", {"users,x|1|x"}), 1);
   expect_allocations(3, 1);
 }
 
 TEST_F(CostsTest, ADeleteMakesOnePrivateAllocationWhateverItRemoves) {
-  start_filled(USERS, 200);
+  start_with_rows(USERS, 200);
   call_alone(fixup("tarn_memdb_delete", {"users,name7|*|*"}), 1);
   expect_allocations(1, 0);
   call_alone(fixup("tarn_memdb_delete", {"users,*|*|rome"}), 1);
@@ -77,7 +76,7 @@ TEST_F(CostsTest, ADeleteMakesOnePrivateAllocationWhateverItRemoves) {
 }
 
 TEST_F(CostsTest, AnUpdateMakesOnePrivateAllocationForEachOfItsLists) {
-  start_filled(USERS, 200);
+  start_with_rows(USERS, 200);
   call_alone(fixup("tarn_memdb_update", {"users,*|*|*", "*|31|*"}), 1);
   expect_allocations(2, 0);
   // By name: the new text, and the host's record of the one item.
@@ -87,7 +86,7 @@ TEST_F(CostsTest, AnUpdateMakesOnePrivateAllocationForEachOfItsLists) {
 }
 
 TEST_F(CostsTest, CountingAndClearingMakeNone) {
-  start_filled(USERS, 200);
+  start_with_rows(USERS, 200);
   call_alone(fixup("tarn_memdb_row_count", {"users", "$avp(n)"}), 1);
   expect_allocations(0, 0);
   call_alone(fixup("tarn_memdb_clear_tbl", {"users"}), 1);
@@ -95,7 +94,7 @@ TEST_F(CostsTest, CountingAndClearingMakeNone) {
 }
 
 TEST_F(CostsTest, ASelectIntoXavpsMakesTwoPrivateAllocationsOfItsOwn) {
-  start_filled(USERS, 50);
+  start_with_rows(USERS, 50);
   const auto own = [this](const std::string &function, const std::string &query) {
     const size_t before = standin::explode_calls().size();
     call_alone(fixup(function, {query, "row"}), 1);
@@ -109,7 +108,7 @@ TEST_F(CostsTest, ASelectIntoXavpsMakesTwoPrivateAllocationsOfItsOwn) {
 }
 
 TEST_F(CostsTest, TheHostIsAskedForEachTextOnceAndForNothingElse) {
-  start_filled(USERS, 4);
+  start_with_rows(USERS, 4);
   call_alone(fixup("tarn_memdb_select", {"users,*|*|*", "$avp(a)||$avp(c)"}), 1);
   EXPECT_EQ(standin::calls("pv_printf"), 1);
   EXPECT_EQ(standin::calls("add_avp"), 8);
@@ -130,7 +129,7 @@ TEST_F(CostsTest, TheHostIsAskedForEachTextOnceAndForNothingElse) {
 
 struct asked {
   const char *function;
-  std::vector<std::string> texts;
+  texts parameters;
 };
 
 TEST_F(CostsTest, TheDebugLevelIsAskedForOncePerCallWhateverTheNumberOfRows) {
@@ -149,12 +148,12 @@ TEST_F(CostsTest, TheDebugLevelIsAskedForOncePerCallWhateverTheNumberOfRows) {
   };
   for (const int level : {WARN_LEVEL, NOTICE_LEVEL, DBG_LEVEL}) {
     for (const int lines : {1, 300}) {
-      start_filled(USERS, lines);
+      start_with_rows(USERS, lines);
       for (const asked &one : all) {
         SCOPED_TRACE(std::string(one.function) + " of " + std::to_string(lines) +
                      " rows at level " + std::to_string(level));
         standin::set_debug_level(level);
-        call_alone(fixup(one.function, one.texts), 1);
+        call_alone(fixup(one.function, one.parameters), 1);
         EXPECT_EQ(standin::debug_level_queries(), 1);
       }
       standin::set_debug_level(WARN_LEVEL);
@@ -165,7 +164,7 @@ TEST_F(CostsTest, TheDebugLevelIsAskedForOncePerCallWhateverTheNumberOfRows) {
 }
 
 TEST_F(CostsTest, ARefusedCallAsksForTheDebugLevelOnceToo) {
-  start_filled(USERS, 3);
+  start_with_rows(USERS, 3);
   const asked all[] = {
       {"tarn_memdb_select", {"users,*|30", "$avp(a)"}},
       {"tarn_memdb_insert", {"users,*|31|rome"}},
@@ -175,13 +174,13 @@ TEST_F(CostsTest, ARefusedCallAsksForTheDebugLevelOnceToo) {
       {"tarn_memdb_row_count", {"users", "n"}},
   };
   for (const asked &one : all) {
-    call_alone(fixup(one.function, one.texts), -1);
+    call_alone(fixup(one.function, one.parameters), -1);
     EXPECT_EQ(standin::debug_level_queries(), 1) << one.function;
   }
 }
 
 TEST_F(CostsTest, WithTheLogAtWarningsAGoodCallWritesNothing) {
-  start_filled(USERS, 20);
+  start_with_rows(USERS, 20);
   standin::set_debug_level(WARN_LEVEL);
   call_alone(fixup("tarn_memdb_insert", {"users,x|31|rome"}), 1);
   call_alone(fixup("tarn_memdb_select", {"users,*|30|*", "$avp(a)"}), 1);

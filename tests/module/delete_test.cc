@@ -12,12 +12,6 @@ const table USERS = {"users", {{"name", 31, true}, {"age"}, {"city"}}};
 
 class DeleteTest : public ModuleTest {
  protected:
-  // Puts the rows into the table's file and starts from there, so that nothing has changed yet.
-  void start_filled(const table &t, const std::vector<std::string> &lines) {
-    write_file(main_file(t.name), table_text(lines));
-    start({t});
-  }
-
   int remove(const std::string &query) { return run("tarn_memdb_delete", {query}); }
 
   void expect_refused(const std::string &query, std::vector<message> said) {

@@ -20,8 +20,8 @@ T record_at(const std::string &bytes, size_t place) {
   return out;
 }
 
-std::string text_at(const std::string &texts, size_t place) {
-  return place < texts.size() ? std::string(texts.c_str() + place) : std::string();
+std::string text_at(const std::string &strings, size_t place) {
+  return place < strings.size() ? std::string(strings.c_str() + place) : std::string();
 }
 
 }  // namespace
@@ -49,11 +49,11 @@ std::string elf_file::section(const std::string &name) const {
 std::vector<elf_symbol> elf_file::symbols(const std::string &table,
                                           const std::string &names) const {
   const std::string records = section(table);
-  const std::string texts = section(names);
+  const std::string strings = section(names);
   std::vector<elf_symbol> out;
   for (size_t at = 0; at < records.size(); at += sizeof(Elf64_Sym)) {
     const auto symbol = record_at<Elf64_Sym>(records, at);
-    const std::string name = text_at(texts, symbol.st_name);
+    const std::string name = text_at(strings, symbol.st_name);
     if (!name.empty())
       out.push_back(
           {name, symbol.st_shndx != SHN_UNDEF, ELF64_ST_BIND(symbol.st_info) == STB_WEAK});
@@ -66,25 +66,25 @@ std::vector<elf_symbol> elf_file::all_symbols() const { return symbols(".symtab"
 
 std::vector<std::string> elf_file::needed() const {
   const std::string records = section(".dynamic");
-  const std::string texts = section(".dynstr");
+  const std::string strings = section(".dynstr");
   std::vector<std::string> out;
   for (size_t at = 0; at < records.size(); at += sizeof(Elf64_Dyn)) {
     const auto entry = record_at<Elf64_Dyn>(records, at);
-    if (entry.d_tag == DT_NEEDED) out.push_back(text_at(texts, entry.d_un.d_val));
+    if (entry.d_tag == DT_NEEDED) out.push_back(text_at(strings, entry.d_un.d_val));
   }
   return out;
 }
 
 std::vector<std::string> elf_file::needed_versions() const {
   const std::string records = section(".gnu.version_r");
-  const std::string texts = section(".dynstr");
+  const std::string strings = section(".dynstr");
   std::vector<std::string> out;
   for (size_t at = 0; at < records.size();) {
     const auto library = record_at<Elf64_Verneed>(records, at);
     size_t version_at = at + library.vn_aux;
     for (size_t i = 0; i < library.vn_cnt; i++) {
       const auto version = record_at<Elf64_Vernaux>(records, version_at);
-      out.push_back(text_at(texts, version.vna_name));
+      out.push_back(text_at(strings, version.vna_name));
       version_at += version.vna_next;
     }
     if (library.vn_next == 0) break;

@@ -12,7 +12,7 @@ const table PLAIN = {"users", {{"name", 31, true}, {"age"}, {"city", 31, true}},
 struct scenario {
   const char *what;
   const char *function;
-  std::vector<std::string> texts;
+  texts parameters;
   int success;
   const char *last_words;  // what a failed call says at its end
   bool use_index = false;
@@ -34,7 +34,7 @@ class FailuresTest : public ModuleTest, public testing::WithParamInterface<scena
     standin::set_host_kind(s.host);
     write_file(main_file("users"), table_text(LINES));
     start({with(PLAIN, 100, "USR", s.use_index, s.use_index)});
-    prepared_ = fixup(s.function, s.texts);
+    prepared_ = fixup(s.function, s.parameters);
     ASSERT_TRUE(prepared_.accepted());
     blocks_ = module_blocks(pool::shm);
     forget();

@@ -43,6 +43,20 @@ std::string escaped(const std::string &text) {
 
 }  // namespace
 
+std::string joined(const texts &parts, const std::string &between) {
+  std::string out;
+  for (size_t i = 0; i < parts.size(); i++) out += (i > 0 ? between : "") + parts[i];
+  return out;
+}
+
+std::string repeated(const std::string &text, size_t n) { return joined(texts(n, text), ""); }
+
+texts avp_texts(const std::string &name) {
+  texts out;
+  for (const value &held : standin::avp(name)) out.push_back(held.text);
+  return out;
+}
+
 std::string schema_text(const std::vector<table> &tables) {
   std::string out = "NUM_TABLE=" + std::to_string(tables.size()) + "\n";
   const auto line = [&out](const char *key, const std::string &content) {
@@ -233,6 +247,18 @@ void ModuleTest::start_configured() {
   forget();
 }
 
+void ModuleTest::start_with(const std::vector<table> &tables, const contents &rows) {
+  for (const auto &[name, lines] : rows) write_file(main_file(name), table_text(lines));
+  start(tables);
+  for (const auto &[name, lines] : rows)
+    ASSERT_EQ(row_count(name), static_cast<int>(lines.size())) << name;
+  forget();
+}
+
+void ModuleTest::start_filled(const table &one, const texts &rows) {
+  start_with({one}, {{one.name, rows}});
+}
+
 void ModuleTest::restart() {
   const standin::host_kind kind = standin::get_host_kind();
   unload();
@@ -248,9 +274,8 @@ void ModuleTest::forget() {
   standin::reset_allocation_count();
 }
 
-standin::command ModuleTest::fixup(const std::string &function,
-                                   const std::vector<std::string> &texts) {
-  return module_->fixup(function, texts);
+standin::command ModuleTest::fixup(const std::string &function, const texts &parameters) {
+  return module_->fixup(function, parameters);
 }
 
 int ModuleTest::call(const standin::command &prepared) {
@@ -261,8 +286,8 @@ int ModuleTest::call(const standin::command &prepared) {
   return result;
 }
 
-int ModuleTest::run(const std::string &function, const std::vector<std::string> &texts) {
-  return call(fixup(function, texts));
+int ModuleTest::run(const std::string &function, const texts &parameters) {
+  return call(fixup(function, parameters));
 }
 
 standin::rpc_reply ModuleTest::rpc(const std::string &name, const std::vector<value> &arguments) {
@@ -318,9 +343,9 @@ row_list ModuleTest::rows(const std::string &table_name) {
   call(known.all);
   row_list out;
   for (size_t i = 0; i < known.columns; i++) {
-    const std::vector<value> texts = standin::avp(look_avp(i));
-    out.resize(texts.size());
-    for (size_t r = 0; r < texts.size(); r++) out[r].push_back(texts[r].text);
+    const texts fields = avp_texts(look_avp(i));
+    out.resize(fields.size());
+    for (size_t r = 0; r < fields.size(); r++) out[r].push_back(fields[r]);
     standin::set_value(msg, "$avp(" + look_avp(i) + ")", value());
   }
   return out;
@@ -359,13 +384,13 @@ std::string ModuleTest::backup_file(const std::string &table_name) const {
   return backup_directory() + table{table_name, {}}.file() + ".backup";
 }
 
-std::string ModuleTest::table_text(const std::vector<std::string> &rows) {
+std::string ModuleTest::table_text(const texts &rows) {
   std::string out = "Version 1\n";
   for (const std::string &line : rows) out += line + "\n";
   return out;
 }
 
-std::vector<std::string> ModuleTest::stored(const std::string &table_name) {
+texts ModuleTest::stored(const std::string &table_name) {
   const quiet silence;
   standin::tick();
   std::vector<std::string> lines = lines_of(read_file(main_file(table_name)));

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -61,6 +62,18 @@ table port_table(const std::string &name, const std::string &range);
 
 using row = std::vector<std::string>;
 using row_list = std::vector<row>;
+using texts = std::vector<std::string>;
+
+// Rows per table in the order of their insertion, each as a line with its bars.
+using contents = std::map<std::string, texts>;
+
+std::string joined(const texts &parts, const std::string &between);
+
+// The same text n times.
+std::string repeated(const std::string &text, size_t n);
+
+// The values of an AVP in the order in which a script reads them, the one added last first.
+texts avp_texts(const std::string &name);
 
 // A message of the module with its level.
 struct message {
@@ -87,8 +100,9 @@ inline constexpr int DBG_LEVEL = 3;
 // The caught messages of that level and graver ones, in order.
 std::vector<message> messages(int least_grave = DBG_LEVEL);
 
-// What is said when a format can't be printed.
+// What is said when a format can't be printed; selects have a line of their own.
 inline constexpr char UNPRINTABLE[] = "Could not print the formatted pv input\n";
+inline constexpr char UNPRINTABLE_SELECT[] = "could not print the formatted pv input\n";
 
 // Number of the module's own blocks that are live, for a comparison before and after.
 size_t module_blocks(pool which);
@@ -127,6 +141,9 @@ class ModuleTest : public testing::Test {
   // configure and mod_init, which has to succeed; then all messages and counts are forgotten.
   void start(const std::vector<table> &tables);
   void start_configured();
+  // start with these rows in the tables' files, so that nothing has changed yet.
+  void start_with(const std::vector<table> &tables, const contents &rows);
+  void start_filled(const table &one, const texts &rows);
   // start with four port maps of ten ports each that have none in common: dynamic internal from
   // 100, dynamic external from 200, static internal from 300, static external from 400.
   void start_with_small_maps(const std::vector<table> &tables);
@@ -138,9 +155,9 @@ class ModuleTest : public testing::Test {
 
   // Fix-ups, and calls of script functions. A call has to leave no block of private memory and no
   // open stream behind.
-  standin::command fixup(const std::string &function, const std::vector<std::string> &texts);
+  standin::command fixup(const std::string &function, const texts &parameters);
   int call(const standin::command &prepared);
-  int run(const std::string &function, const std::vector<std::string> &texts);
+  int run(const std::string &function, const texts &parameters);
 
   // An RPC command, with the same checks.
   standin::rpc_reply rpc(const std::string &name, const std::vector<value> &arguments = {});
@@ -169,9 +186,9 @@ class ModuleTest : public testing::Test {
   std::string base_directory() const { return directory_ / "main/"; }
   std::string backup_directory() const { return directory_ / "backup/"; }
   // The text of a table's file with these rows, each with its bars.
-  static std::string table_text(const std::vector<std::string> &rows);
+  static std::string table_text(const texts &rows);
   // Runs the store timer and reads the rows of the main file; no rows without such a file.
-  std::vector<std::string> stored(const std::string &table_name);
+  texts stored(const std::string &table_name);
   // True if the store timer finds the table changed, and so writes it.
   bool store_writes(const std::string &table_name);
 

@@ -58,8 +58,8 @@ class LateTest : public ModuleTest {
 
   // A call whose empty places are expressions.
   standin::command prepared(const std::string &function,
-                            const std::vector<std::optional<std::string>> &texts) {
-    standin::command out = module().fixup_with_expressions(function, texts);
+                            const std::vector<std::optional<std::string>> &parameters) {
+    standin::command out = module().fixup_with_expressions(function, parameters);
     EXPECT_TRUE(out.accepted()) << standin::log_dump();
     return out;
   }
@@ -71,9 +71,9 @@ class LateTest : public ModuleTest {
     return result;
   }
 
-  int modf(language from, const std::string &function, const std::vector<std::string> &texts) {
+  int modf(language from, const std::string &function, const texts &parameters) {
     const uint64_t before = standin::last_serial();
-    const int result = module().run_modf(from, function, texts, msg);
+    const int result = module().run_modf(from, function, parameters, msg);
     EXPECT_EQ(standin::leak_report(pool::pkg, before), "") << "left by " << function;
     return result;
   }
@@ -104,16 +104,16 @@ std::ostream &operator<<(std::ostream &out, const select_function &shown) {
 
 class LateParamTest : public LateTest, public testing::WithParamInterface<select_function> {
  protected:
-  static std::vector<std::string> with_column(std::vector<std::string> texts) {
-    if (GetParam().best_match) texts.emplace_back("2");
-    return texts;
+  static texts with_column(texts parameters) {
+    if (GetParam().best_match) parameters.emplace_back("2");
+    return parameters;
   }
 
   standin::command prepared(const std::optional<std::string> &query,
                             const std::optional<std::string> &name) {
-    std::vector<std::optional<std::string>> texts = {query, name};
-    if (GetParam().best_match) texts.emplace_back("2");
-    return LateTest::prepared(GetParam().name, texts);
+    std::vector<std::optional<std::string>> parameters = {query, name};
+    if (GetParam().best_match) parameters.emplace_back("2");
+    return LateTest::prepared(GetParam().name, parameters);
   }
 
   int modf_from(language from, const std::string &query, const std::string &name) {

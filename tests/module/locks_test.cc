@@ -22,8 +22,8 @@ class LocksTest : public ModuleTest {
   }
 
   // Work for another process: a script function with these parameters.
-  std::function<int()> calling(const std::string &function, const std::vector<std::string> &texts) {
-    auto prepared = std::make_shared<standin::command>(fixup(function, texts));
+  std::function<int()> calling(const std::string &function, const texts &parameters) {
+    auto prepared = std::make_shared<standin::command>(fixup(function, parameters));
     EXPECT_TRUE(prepared->accepted());
     return [this, prepared] { return module().run(*prepared, msg); };
   }
@@ -54,10 +54,10 @@ TEST_F(LocksTest, FunctionsThatTakeTheLockWaitForItsHolder) {
       {"tarn_memdb_delete", {"users,bob|*"}},
       {"tarn_memdb_clear_tbl", {"users"}},
   };
-  for (const auto &[function, texts] : calls) {
+  for (const auto &[function, parameters] : calls) {
     SCOPED_TRACE(function);
     lock_holder holder("users");
-    child_process caller(calling(function, texts));
+    child_process caller(calling(function, parameters));
     EXPECT_TRUE(caller.sleeps());
     EXPECT_EQ(holder.let_go(), 0);
     EXPECT_EQ(caller.result(), 1);
@@ -94,9 +94,9 @@ TEST_F(LocksTest, FunctionsWithoutTheLockDontWait) {
       {"tarn_memdb_row_count", {"users", "$avp(n)"}},
   };
   lock_holder holder("users");
-  for (const auto &[function, texts] : calls) {
+  for (const auto &[function, parameters] : calls) {
     SCOPED_TRACE(function);
-    child_process caller(calling(function, texts));
+    child_process caller(calling(function, parameters));
     EXPECT_FALSE(caller.sleeps());
     EXPECT_EQ(caller.result(), 1);
   }
@@ -124,9 +124,9 @@ TEST_F(LocksTest, AQueryThatIsRefusedIsRefusedWithoutTheLock) {
       {"tarn_memdb_clear_tbl", {"nobody"}},
   };
   lock_holder holder("users");
-  for (const auto &[function, texts] : calls) {
+  for (const auto &[function, parameters] : calls) {
     SCOPED_TRACE(function);
-    child_process caller(calling(function, texts));
+    child_process caller(calling(function, parameters));
     EXPECT_EQ(caller.result(), -1);
   }
 }
@@ -171,7 +171,7 @@ struct message_place {
   bool locked;
   const char *table;
   const char *function;
-  std::vector<std::string> texts;
+  texts parameters;
   void (*prepare)() = [] {};
 };
 
@@ -251,7 +251,7 @@ TEST_F(LocksTest, EachMessageStandsInsideOrOutsideOfTheLock) {
   };
   for (const message_place &place : places) {
     SCOPED_TRACE(std::string(place.function) + " at " + place.message);
-    const std::function<int()> work = calling(place.function, place.texts);
+    const std::function<int()> work = calling(place.function, place.parameters);
     stopped_process worker(place.message, [&] {
       place.prepare();
       return work();

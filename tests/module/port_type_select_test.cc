@@ -1,5 +1,5 @@
 // The selects of a port pair: columns 2 and 3 of a table.
-#include "tests/module/issue3_injection.h"
+#include "tests/module/injection.h"
 
 namespace module_test {
 namespace {

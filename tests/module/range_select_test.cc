@@ -2,7 +2,7 @@
 #include <pthread.h>
 
 #include "script/params/fixup.h"
-#include "tests/module/issue3_injection.h"
+#include "tests/module/injection.h"
 
 namespace module_test {
 namespace {

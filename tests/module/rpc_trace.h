@@ -207,9 +207,9 @@ class RpcTest : public ModuleTest {
   }
 
   // The same for a script function: its messages, and the result in `result`.
-  steps trace_script(const std::string &function, const std::vector<std::string> &texts,
+  steps trace_script(const std::string &function, const texts &parameters,
                      int least_grave = INFO_LEVEL) {
-    const standin::command prepared = fixup(function, texts);
+    const standin::command prepared = fixup(function, parameters);
     watch_log(least_grave);
     result = call(prepared);
     const steps out = unwatch_log();

@@ -4,7 +4,7 @@
 #include <array>
 #include <random>
 
-#include "tests/module/issue3_fixture.h"
+#include "tests/module/shared_view.h"
 
 namespace module_test {
 namespace {
@@ -120,7 +120,7 @@ struct model_row {
   std::string port;
 };
 
-class PortModelTest : public Issue3Test {
+class PortModelTest : public SharedViewTest {
  protected:
   // Maps, ranges and a table, as random as the seed says.
   void start_random(uint32_t seed) {

@@ -1,5 +1,5 @@
 // The six script functions on ports, and rows that hold ports.
-#include "tests/module/issue3_injection.h"
+#include "tests/module/injection.h"
 
 namespace module_test {
 namespace {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <random>
 
-#include "tests/module/issue3_fixture.h"
+#include "tests/module/shared_view.h"
 
 namespace module_test {
 namespace {
@@ -124,7 +124,7 @@ class model_table {
   row_list rows_;
 };
 
-class SelectModelTest : public Issue3Test, public testing::WithParamInterface<uint32_t> {
+class SelectModelTest : public SharedViewTest, public testing::WithParamInterface<uint32_t> {
  protected:
   // Tables that differ in which of their columns have an index.
   static const std::vector<std::vector<bool>> &indexes() {

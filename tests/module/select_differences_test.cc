@@ -2,7 +2,7 @@
 // of messages, locks and audit lines. Each difference is meant.
 #include <set>
 
-#include "tests/module/issue3_lock_probe.h"
+#include "tests/module/lock_probe.h"
 
 namespace module_test {
 namespace {
@@ -41,7 +41,7 @@ std::string pair_query(const std::string &tail = ",") {
 const std::string ID = "|||||$avp(id)";
 const std::string PAIR_ID = "||||$avp(id)";
 
-class DifferencesTest : public Issue3Test {
+class DifferencesTest : public SharedViewTest {
  protected:
   texts ids() {
     texts out = avp_texts("id");
@@ -675,10 +675,10 @@ table port_table() {
   return out;
 }
 
-class SelectLockTest : public LockTest, public testing::WithParamInterface<lock_case> {
+class SelectLockTest : public LockProbeTest, public testing::WithParamInterface<lock_case> {
  protected:
   void SetUp() override {
-    LockTest::SetUp();
+    LockProbeTest::SetUp();
     write_file(ranges_file(), "EXT 10000 10001\n");
     start_with({all_in_one(), port_table(), all_in_one(1000, "empty")},
                {{"t", {line("5", "500", "10.0.0.1", "a")}}, {"p", {"1|a|b|c|21100|WAN|0|0|0"}}});
@@ -798,7 +798,7 @@ INSTANTIATE_TEST_SUITE_P(All, SelectLockTest, testing::ValuesIn(lock_cases()),
                            return tested.param.function + "_" + std::to_string(tested.index);
                          });
 
-class MoreLocksTest : public LockTest {};
+class MoreLocksTest : public LockProbeTest {};
 
 TEST_F(MoreLocksTest, PortPairsAreSelectedWithAndWithoutTheLock) {
   start_with({all_in_one()}, {{"t", {line("5", "500", "9.9.9.9", "a")}}});

@@ -18,11 +18,6 @@ using values = std::vector<value>;
 // Both flavours go through every test: the lock is their only difference.
 class SelectTest : public ModuleTest, public testing::WithParamInterface<const char *> {
  protected:
-  void start_filled(const table &t, const std::vector<std::string> &lines) {
-    write_file(main_file(t.name), table_text(lines));
-    start({t});
-  }
-
   standin::command prepared(const std::string &query, const std::string &names = NAMES) {
     standin::command out = fixup(GetParam(), {query, names});
     EXPECT_TRUE(out.accepted()) << standin::log_dump();

@@ -4,7 +4,7 @@
 #include <optional>
 #include <random>
 
-#include "tests/module/issue3_fixture.h"
+#include "tests/module/shared_view.h"
 
 namespace module_test {
 namespace {
@@ -15,7 +15,7 @@ const texts NAMES = {"a", "b", "c", "d"};
 // Values by column; none for a column that isn't named.
 using pairs = std::vector<std::optional<std::string>>;
 
-class StatementModelTest : public Issue3Test, public testing::WithParamInterface<uint32_t> {
+class StatementModelTest : public SharedViewTest, public testing::WithParamInterface<uint32_t> {
  protected:
   struct flavour {
     bool indexed_column;

@@ -1,5 +1,5 @@
 // The four functions that take a statement.
-#include "tests/module/issue3_injection.h"
+#include "tests/module/injection.h"
 
 namespace module_test {
 namespace {

@@ -1,5 +1,10 @@
 // The select of remote subscribers by subnet and by user.
-#include "tests/module/issue3_injection.h"
+#include <unistd.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "tests/module/injection.h"
 
 namespace module_test {
 namespace {
@@ -93,6 +98,44 @@ table subscribers(int max_rows = 1000, unsigned domain_length = 63) {
 table domains(unsigned length = 63) {
   return {"remote_sub_dn_list", {{"dn", 255}, {"location_domain", length}}};
 }
+
+// Catches what the process writes to its standard output.
+class stdout_capture {
+ public:
+  stdout_capture() : file_(tmpfile()), kept_(dup(STDOUT_FILENO)) {
+    if (file_ == nullptr || kept_ < 0) throw std::runtime_error("standard output can't be caught");
+    fflush(stdout);
+    dup2(fileno(file_), STDOUT_FILENO);
+  }
+  ~stdout_capture() {
+    restore();
+    fclose(file_);
+  }
+  stdout_capture(const stdout_capture &) = delete;
+  stdout_capture &operator=(const stdout_capture &) = delete;
+
+  // Ends the capture and gives what was written.
+  std::string text() {
+    restore();
+    std::string out;
+    char part[512];
+    rewind(file_);
+    while (const size_t got = fread(part, 1, sizeof(part), file_)) out.append(part, got);
+    return out;
+  }
+
+ private:
+  void restore() {
+    if (kept_ < 0) return;
+    fflush(stdout);
+    dup2(kept_, STDOUT_FILENO);
+    close(kept_);
+    kept_ = -1;
+  }
+
+  FILE *file_;
+  int kept_;
+};
 
 class SubnetTest : public InjectionTest {
  protected:

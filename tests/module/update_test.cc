@@ -14,11 +14,6 @@ const table USERS = {"users", {{"name", 31, true}, {"age"}, {"city"}}};
 
 class UpdateTest : public ModuleTest {
  protected:
-  void start_filled(const table &t, const std::vector<std::string> &lines) {
-    write_file(main_file(t.name), table_text(lines));
-    start({t});
-  }
-
   int update(const std::string &query, const std::string &values) {
     return run("tarn_memdb_update", {query, values});
   }

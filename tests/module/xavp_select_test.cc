@@ -32,11 +32,6 @@ class XavpSelectTest : public ModuleTest, public testing::WithParamInterface<fla
     standin::set_host_kind(GetParam().host);
   }
 
-  void start_filled(const table &t, const std::vector<std::string> &lines) {
-    write_file(main_file(t.name), table_text(lines));
-    start({t});
-  }
-
   standin::command prepared(const std::string &query, const std::string &name = "row") {
     standin::command out = fixup(GetParam().function, {query, name});
     EXPECT_TRUE(out.accepted()) << standin::log_dump();

@@ -2,16 +2,16 @@
 #pragma once
 
 #include <linux/futex.h>
-#include <poll.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <functional>
 #include <ostream>
 #include <stdexcept>
 
-#include "tests/module/issue3_fixture.h"
+#include "tests/module/processes.h"
+#include "tests/module/shared_view.h"
 
 namespace module_test {
 
@@ -26,13 +26,12 @@ inline std::ostream &operator<<(std::ostream &out, const probe &shown) {
 }
 
 // Tests of this kind keep the shared blocks where forked processes see them.
-class LockTest : public Issue3Test {
+class LockProbeTest : public SharedViewTest {
  protected:
   static constexpr size_t MAPPING_BYTES = 8 << 20;
-  static constexpr int SECONDS_TO_END = 60;
 
   void SetUp() override {
-    Issue3Test::SetUp();
+    SharedViewTest::SetUp();
     ASSERT_TRUE(standin::use_shared_mapping(MAPPING_BYTES));
   }
 
@@ -43,20 +42,12 @@ class LockTest : public Issue3Test {
       const std::function<void()> &meanwhile = [] {}) {
     uint32_t free_word = FREE;
     if (!lock->compare_exchange_strong(free_word, HELD)) throw std::logic_error("lock is held");
-    int ends[2];
-    if (pipe(ends) != 0) throw std::runtime_error("no pipe");
-    const pid_t other = fork();
-    if (other < 0) throw std::runtime_error("no process");
-    if (other == 0) {
-      alarm(SECONDS_TO_END);
+    child_process other([&work] {
       const int result = work();
-      const bool told = write(ends[1], &result, sizeof(result)) == sizeof(result);
-      _exit(told && !HasFailure() ? 0 : 1);
-    }
-    close(ends[1]);
+      return HasFailure() ? EXPECTATION_FAILED : result;
+    });
     probe out{false, 0};
-    pollfd reader{ends[0], POLLIN, 0};
-    while (poll(&reader, 1, 1) == 0) {
+    while (!other.result(1)) {
       if (lock->load() != AWAITED) continue;
       out.waited = true;
       meanwhile();
@@ -64,17 +55,14 @@ class LockTest : public Issue3Test {
     }
     if (lock->exchange(FREE) == AWAITED)
       syscall(SYS_futex, lock, FUTEX_WAKE, 1, nullptr, nullptr, 0);
-    EXPECT_EQ(read(ends[0], &out.result, sizeof(out.result)),
-              static_cast<ssize_t>(sizeof(out.result)));
-    close(ends[0]);
-    int status = 0;
-    EXPECT_EQ(waitpid(other, &status, 0), other);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    out.result = other.result().value_or(EXPECTATION_FAILED);
+    EXPECT_NE(out.result, EXPECTATION_FAILED);
     EXPECT_EQ(lock->load(), FREE);
     return out;
   }
 
  private:
+  static constexpr int EXPECTATION_FAILED = INT_MIN;
   static constexpr uint32_t FREE = 0;
   static constexpr uint32_t HELD = 1;
   static constexpr uint32_t AWAITED = 2;

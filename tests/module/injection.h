@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/issue3_fixture.h"
+#include "tests/module/shared_view.h"
 
 namespace module_test {
 
@@ -15,7 +15,7 @@ namespace module_test {
 // is forgotten.
 using failing_results = std::map<std::string, std::vector<int>>;
 
-class InjectionTest : public Issue3Test {
+class InjectionTest : public SharedViewTest {
  protected:
   // Every host operation that a script function may call while it runs.
   static const texts &run_time_calls() {

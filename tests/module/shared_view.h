@@ -1,13 +1,7 @@
-// What the tests of the special selects, the statements and the port functions share: tables filled
-// from their files, AVPs as texts, the module's shared memory seen from outside, and the rule that
-// no call leaves a lock behind.
+// The module's shared memory seen from outside: its registry, port maps and locks where the module
+// has put them, and the rule that no call leaves a lock behind.
 #pragma once
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,40 +13,12 @@
 
 namespace module_test {
 
-using texts = std::vector<std::string>;
-
-// Rows per table in the order of their insertion, each as a line with bars.
-using contents = std::map<std::string, texts>;
-
-inline constexpr char UNPRINTABLE_SELECT[] = "could not print the formatted pv input\n";
-
-// The values of an AVP in the order in which a script reads them, the one added last first.
-inline texts avp_texts(const std::string &name) {
-  texts out;
-  for (const value &held : standin::avp(name)) out.push_back(held.text);
-  return out;
-}
-
-inline std::string joined(const texts &parts, const std::string &between) {
-  std::string out;
-  for (size_t i = 0; i < parts.size(); i++) out += (i > 0 ? between : "") + parts[i];
-  return out;
-}
-
-// The same text n times.
-inline std::string repeated(const std::string &text, size_t n) {
-  std::string out;
-  for (size_t i = 0; i < n; i++) out += text;
-  return out;
-}
-
 // Registry, port maps and locks where the module has put them. It makes them in one order at its
 // start and keeps them to its end.
 class shared_view {
  public:
   shared_view() {
-    const std::vector<standin::block_info> blocks =
-        standin::live_blocks(pool::shm, standin_owner());
+    const std::vector<standin::block_info> blocks = standin::live_blocks(pool::shm, "tarn_memdb");
     size_t next = 0;
     const auto take = [&blocks, &next](size_t size) {
       const standin::block_info &block = blocks.at(next++);
@@ -104,61 +70,13 @@ class shared_view {
   }
 
  private:
-  static std::string standin_owner() { return "tarn_memdb"; }
-
   tarn_mngt *registry_;
   port_m *maps_[4];
   tarn_lock *port_lock_;
 };
 
-// Catches what the process writes to its standard output.
-class stdout_capture {
- public:
-  stdout_capture() : file_(tmpfile()), kept_(dup(STDOUT_FILENO)) {
-    if (file_ == nullptr || kept_ < 0) throw std::runtime_error("standard output can't be caught");
-    fflush(stdout);
-    dup2(fileno(file_), STDOUT_FILENO);
-  }
-  ~stdout_capture() {
-    restore();
-    fclose(file_);
-  }
-  stdout_capture(const stdout_capture &) = delete;
-  stdout_capture &operator=(const stdout_capture &) = delete;
-
-  // Ends the capture and gives what was written.
-  std::string text() {
-    restore();
-    std::string out;
-    char part[512];
-    rewind(file_);
-    while (const size_t got = fread(part, 1, sizeof(part), file_)) out.append(part, got);
-    return out;
-  }
-
- private:
-  void restore() {
-    if (kept_ < 0) return;
-    fflush(stdout);
-    dup2(kept_, STDOUT_FILENO);
-    close(kept_);
-    kept_ = -1;
-  }
-
-  FILE *file_;
-  int kept_;
-};
-
-class Issue3Test : public ModuleTest {
+class SharedViewTest : public ModuleTest {
  protected:
-  // start, with rows read from the tables' files.
-  void start_with(const std::vector<table> &tables, const contents &rows) {
-    for (const auto &[name, lines] : rows) write_file(main_file(name), table_text(lines));
-    start(tables);
-    for (const auto &[name, lines] : rows)
-      ASSERT_EQ(view().table(name).row_count, static_cast<int>(lines.size())) << name;
-  }
-
   // What stands in shared memory. Valid until the module is unloaded.
   shared_view &view() {
     if (!view_) view_.emplace();
