@@ -64,9 +64,10 @@ struct counter {
 };
 
 void print_counts() {
-  started_module module(std::make_unique<standin::loaded_module>(exports),
-                        {{"flat", "key 31 1\na 15 0\nb 31 0\nc 63 0\n", 4},
-                         {"numbered", "id 10 1\na 15 0\n", 2, 100, "FLAG=0\nUSE_INDEX=1\n"}});
+  started_module module(
+      std::make_unique<standin::loaded_module>(exports),
+      {{"flat", {{"key", 31, true}, {"a", 15}, {"b", 31}, {"c", 63}}, bench::MAX_ROWS},
+       {"numbered", {{"id", 10, true}, {"a", 15}}, 100, "", true}});
   using private_blocks = counter<_pkg_root>;
   using shared_blocks = counter<_shm_root>;
   private_blocks::install();

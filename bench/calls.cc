@@ -69,7 +69,9 @@ void run_calls(const char *file, const char *name, int count) {
   std::string error;
   auto image = standin::load_module(file, &error);
   if (image == nullptr) give_up(error);
-  started_module module(std::move(image), {{"flat", "key 31 1\na 15 0\nb 31 0\nc 63 0\n", 4}});
+  started_module module(
+      std::move(image),
+      {{"flat", {{"key", 31, true}, {"a", 15}, {"b", 31}, {"c", 63}}, bench::MAX_ROWS}});
   const std::vector<bench::row> rows = bench::make_rows(ROWS);
   fill(&module, rows);
   std::vector<standin::command> calls;

@@ -106,10 +106,12 @@ void register_scan_benches() {
 
 void register_module_benches() {
   std::vector<table> tables{
-      {"flat", "key 31 1\ngroup 15 0\nname 31 0\nvalue 63 0\nkind 7 0\n", 5},
-      {"stored", "key 31 1\ngroup 15 0\nvalue 63 0\nstate 15 0\nexpires 7 0\n", 5}};
+      {"flat", {{"key", 31, true}, {"group", 15}, {"name"}, {"value", 63}, {"kind", 7}}, MAX_ROWS},
+      {"stored",
+       {{"key", 31, true}, {"group", 15}, {"value", 63}, {"state", 15}, {"expires", 7}},
+       MAX_ROWS}};
   for (const size_t rows : {1U, 1000U, 10000U, 100000U})
-    tables.push_back({table_name(rows), "prefix 15 0\ntrunk 15 0\nhost 31 0\n", 3});
+    tables.push_back({table_name(rows), {{"prefix", 15}, {"trunk", 15}, {"host"}}, MAX_ROWS});
   module() =
       std::make_unique<started_module>(std::make_unique<standin::loaded_module>(exports), tables);
   use_plain_allocators();

@@ -25,18 +25,6 @@ void plain_free(void *, void *block, const char *, const char *, unsigned int, c
   free(block);
 }
 
-std::string schema_text(const std::string &base, const std::string &backup,
-                        const std::vector<table> &tables) {
-  std::string out = "BASE_DIR=" + base + "\nBASE_BACKUP_DIR=" + backup +
-                    "\nNUM_TABLE=" + std::to_string(tables.size()) + "\n";
-  for (const table &t : tables)
-    out += "TABLE_NAME=" + t.name + "\n" + (t.extra.empty() ? "FLAG=0\nUSE_INDEX=0\n" : t.extra) +
-           "DUPLICATED_DATA_CHECK=0\nMAX_ROWS=" + std::to_string(t.max_rows) +
-           "\nNUM_FIELDS=" + std::to_string(t.column_count) + "\n" + t.columns +
-           "FILE_NAME=" + t.name + ".tbl\n";
-  return out;
-}
-
 }  // namespace
 
 work_directory::work_directory() {
@@ -58,7 +46,7 @@ started_module::started_module(std::unique_ptr<standin::loaded_module> module,
   const std::string schema = directory_ / "schema.cfg";
   mkdir(base.c_str(), 0700);
   mkdir(backup.c_str(), 0700);
-  std::ofstream(schema) << schema_text(base, backup, tables);
+  std::ofstream(schema) << schema_text::schema(base, backup, tables);
   if (!module_->set_param("cfg_file_path", schema) ||
       !module_->set_param("private_ranges_file_path", directory_ / "ranges.txt") ||
       module_->init() != 0)

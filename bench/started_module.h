@@ -8,16 +8,13 @@
 #include <vector>
 
 #include "tests/standin/standin.h"
+#include "tests/support/schema_text.h"
 
 namespace bench {
 
-struct table {
-  std::string name;
-  std::string columns;  // lines of the schema, one per column
-  int column_count;
-  int max_rows = 1000000;
-  std::string extra = {};  // further lines of the schema
-};
+using schema_text::table;
+
+inline constexpr int MAX_ROWS = 1000000;
 
 // A directory that is removed with all that is in it.
 class work_directory {

@@ -147,9 +147,9 @@ world::world(standin::host_kind host) : host_(host), usual_mask_(umask(022)) {
                             std::string(VERSION_LINE) + "\n" + joined(rows, "\n") + "\n");
   for (const table &t : tables())
     for (const bool backup : {false, true}) chmod(path(t.name, backup).c_str(), FILE_MODE);
-  module_test::write_file(directory_ / "schema.cfg",
-                          "BASE_DIR=" + directory_ / "main/" + "\nBASE_BACKUP_DIR=" +
-                              directory_ / "backup/" + "\n" + module_test::schema_text(tables()));
+  module_test::write_file(
+      directory_ / "schema.cfg",
+      schema_text::schema(directory_ / "main/", directory_ / "backup/", tables()));
   module_test::write_file(directory_ / "ranges.txt", "INT 21006 21008\nEXT 22006 22007\n");
   standin::watch_files(directory_ / "");
 }

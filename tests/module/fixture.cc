@@ -1,4 +1,4 @@
-// Schema texts, opening and closing of the module, and looks from outside.
+// Opening and closing of the module, and looks from outside.
 #include "tests/module/fixture.h"
 
 #include <fcntl.h>
@@ -54,35 +54,6 @@ std::string repeated(const std::string &text, size_t n) { return joined(texts(n,
 texts avp_texts(const std::string &name) {
   texts out;
   for (const value &held : standin::avp(name)) out.push_back(held.text);
-  return out;
-}
-
-std::string schema_text(const std::vector<table> &tables) {
-  std::string out = "NUM_TABLE=" + std::to_string(tables.size()) + "\n";
-  const auto line = [&out](const char *key, const std::string &content) {
-    out += key;
-    out += "=" + content + "\n";
-  };
-  const auto number = [&line](const char *key, long content) {
-    line(key, std::to_string(content));
-  };
-  for (const table &t : tables) {
-    line("TABLE_NAME", t.name);
-    number("FLAG", t.ports.empty() ? 0 : 1);
-    for (const port_columns &ports : t.ports) {
-      line("RANGE", ports.range);
-      number("INT_PORT_FIELD", ports.internal);
-      number("EXT_PORT_FIELD", ports.external);
-    }
-    if (!t.log_tag.empty()) line("LOG_TAG", t.log_tag);
-    number("USE_INDEX", t.use_index);
-    number("DUPLICATED_DATA_CHECK", t.check_duplicates);
-    number("MAX_ROWS", t.max_rows);
-    number("NUM_FIELDS", static_cast<long>(t.columns.size()));
-    for (const column &c : t.columns)
-      out += c.name + " " + std::to_string(c.length) + " " + (c.indexed ? "1" : "0") + "\n";
-    line("FILE_NAME", t.file());
-  }
   return out;
 }
 
@@ -209,8 +180,7 @@ void ModuleTest::unload() {
 
 void ModuleTest::configure(const std::vector<table> &tables) {
   tables_ = tables;
-  write_file(schema_file(), "BASE_DIR=" + base_directory() + "\nBASE_BACKUP_DIR=" +
-                                backup_directory() + "\n" + schema_text(tables));
+  write_file(schema_file(), schema_text::schema(base_directory(), backup_directory(), tables));
   ASSERT_TRUE(module_->set_param("cfg_file_path", schema_file()));
   ASSERT_TRUE(module_->set_param("private_ranges_file_path", ranges_file()));
 }

@@ -17,40 +17,15 @@
 
 #include "tests/standin/file_faults.h"
 #include "tests/standin/standin.h"
+#include "tests/support/schema_text.h"
 
 namespace module_test {
 
 using standin::pool;
 using standin::value;
 
-struct column {
-  std::string name;
-  unsigned length = 31;
-  bool indexed = false;
-};
-
-// The ports that the rows of a table hold.
-struct port_columns {
-  std::string range;
-  int internal;
-  int external;
-};
-
-// One table of a schema.
-struct table {
-  std::string name;
-  std::vector<column> columns;
-  int max_rows = 100;
-  std::string log_tag = {};  // empty: the key is left out
-  bool use_index = false;
-  bool check_duplicates = false;
-  std::vector<port_columns> ports = {};  // one, or none
-
-  std::string file() const { return name + ".txt"; }
-};
-
-// The schema's text from NUM_TABLE on.
-std::string schema_text(const std::vector<table> &tables);
+using schema_text::column;
+using schema_text::table;
 
 // The table with these settings changed.
 table with(table changed, int max_rows, const std::string &log_tag = {}, bool use_index = false,

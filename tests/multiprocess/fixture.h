@@ -35,11 +35,8 @@ class MultiprocessTest : public TablesTest {
   void start_module(const std::vector<table_spec> &tables) {
     standin::set_debug_level(QUIET);
     ASSERT_TRUE(standin::use_shared_mapping(64 << 20));
-    std::string schema = "BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") +
-                         "\nNUM_TABLE=" + std::to_string(tables.size()) + "\n";
-    for (const table_spec &each : tables) schema += each.text();
     schema_path_ = path("schema.cfg");
-    write(schema_path_, schema);
+    write(schema_path_, schema_of(tables));
     cfg_file_path = schema_path_.c_str();
     module_ = std::make_unique<standin::loaded_module>(exports);
     ASSERT_EQ(module_->init(), 0);

@@ -59,7 +59,7 @@ class KilledProcessTest : public MultiprocessTest {
 
   static table_spec people() {
     table_spec spec;
-    spec.use_index = 1;
+    spec.use_index = true;
     spec.columns = {{"id", 10, 1}, {"name", 20, 1}, {"city", 30, 0}, {"team", 5, 1}};
     return spec;
   }

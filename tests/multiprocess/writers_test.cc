@@ -10,7 +10,7 @@ class WritersTest : public MultiprocessTest {
   // id is generated; name is a worker's own key; several workers share each group.
   static table_spec people() {
     table_spec spec;
-    spec.use_index = 1;
+    spec.use_index = true;
     spec.max_rows = 100000;
     spec.columns = {{"id", 10, 1}, {"name", 20, 1}, {"city", 30, 0}, {"team", 5, 1}};
     return spec;
@@ -178,7 +178,7 @@ TEST_F(WritersTest, OfEqualRowsOneIsTakenAtATime) {
   constexpr int KEYS = 7;
   constexpr int STEPS = 30000;
   table_spec spec;
-  spec.duplicates = 1;
+  spec.check_duplicates = true;
   spec.columns = {{"a", 10, 1}, {"b", 10, 0}};
   start_module({spec});
   const function insert = prepare("tarn_memdb_insert", {"t,$var(q)"});
@@ -275,7 +275,6 @@ TEST_F(WritersTest, TablesDoNotDisturbEachOther) {
   for (int i = 0; i < WORKERS; i++) {
     table_spec spec = people();
     spec.name = "t" + std::to_string(i);
-    spec.file_name = spec.name + ".txt";
     specs.push_back(spec);
   }
   start_module(specs);
@@ -301,12 +300,10 @@ TEST_F(WritersTest, TablesDoNotDisturbEachOther) {
 
 TEST_F(WritersTest, PortsFollowTheRowsOfATable) {
   table_spec spec;
-  spec.flag = 1;
-  spec.int_port_field = 6;
-  spec.ext_port_field = 7;
+  spec.ports = {{"dynamic", 6, 7}};
   spec.max_rows = 100000;
   spec.columns.clear();
-  for (int i = 0; i < 9; i++) spec.columns.push_back({"c" + std::to_string(i), 20, i == 1 ? 1 : 0});
+  for (int i = 0; i < 9; i++) spec.columns.push_back({"c" + std::to_string(i), 20, i == 1});
   start_module({spec});
   const function insert = prepare("tarn_memdb_insert", {"t,$var(q)"});
   const function remove = prepare("tarn_memdb_delete", {"t,$var(q)"});

@@ -24,6 +24,7 @@
 #include "tests/standin/standin.h"
 #include "tests/stress/final_walk.h"
 #include "tests/stress/ledger.h"
+#include "tests/support/schema_text.h"
 
 namespace stress {
 namespace {
@@ -37,25 +38,42 @@ constexpr size_t TAKEN = 16;  // ports that a process may hold without a row
 
 enum map_number { INT, EXT, STATIC_INT, STATIC_EXT };
 
-std::string schema_text(const std::string &directory) {
-  const auto modelled = [](const std::string &name, int indexed, int use_index,
+std::vector<schema_text::table> tables() {
+  const auto modelled = [](const std::string &name, bool indexed, bool use_index,
                            const std::string &tag) {
-    return "TABLE_NAME=" + name + "\nFLAG=0\n" + tag + "USE_INDEX=" + to_string(use_index) +
-           "\nDUPLICATED_DATA_CHECK=0\nMAX_ROWS=5000\nNUM_FIELDS=6\nid 10 " + to_string(indexed) +
-           "\nname 20 " + to_string(indexed) +
-           "\next 10 0\nint 10 0\npfx 20 0\ncity 30 0\nFILE_NAME=" + name + ".tbl\n";
+    return schema_text::table{name,
+                              {{"id", 10, indexed},
+                               {"name", 20, indexed},
+                               {"ext", 10},
+                               {"int", 10},
+                               {"pfx", 20},
+                               {"city", 30}},
+                              5000,
+                              tag,
+                              use_index};
   };
-  return "BASE_DIR=" + directory + "/main/\nBASE_BACKUP_DIR=" + directory +
-         "/backup/\nNUM_TABLE=6\n" + modelled("scanned", 0, 0, "") +
-         modelled("keyed", 1, 0, "LOG_TAG=K\n") + modelled("numbered", 1, 1, "") +
-         "TABLE_NAME=unique\nFLAG=0\nUSE_INDEX=0\nDUPLICATED_DATA_CHECK=1\nMAX_ROWS=1000\n"
-         "NUM_FIELDS=2\na 10 1\nb 10 0\nFILE_NAME=unique.tbl\n"
-         "TABLE_NAME=cleared\nFLAG=0\nUSE_INDEX=1\nDUPLICATED_DATA_CHECK=0\nMAX_ROWS=100000\n"
-         "NUM_FIELDS=3\nid 10 1\nname 20 1\ncity 30 0\nFILE_NAME=cleared.tbl\n"
-         "TABLE_NAME=media\nFLAG=1\nRANGE=dynamic\nINT_PORT_FIELD=9\nEXT_PORT_FIELD=10\n"
-         "USE_INDEX=0\nDUPLICATED_DATA_CHECK=1\nMAX_ROWS=5000\nNUM_FIELDS=11\nid 10 0\nk1 20 1\n"
-         "k2 10 0\nk3 10 0\nc4 10 0\nlocation 10 0\nc6 10 0\ns_type 10 0\nd_type 10 0\n"
-         "int_port 10 0\next_port 10 0\nFILE_NAME=media.tbl\n";
+  return {modelled("scanned", false, false, ""),
+          modelled("keyed", true, false, "K"),
+          modelled("numbered", true, true, ""),
+          {"unique", {{"a", 10, true}, {"b", 10}}, 1000, "", false, true},
+          {"cleared", {{"id", 10, true}, {"name", 20, true}, {"city", 30}}, 100000, "", true},
+          {"media",
+           {{"id", 10},
+            {"k1", 20, true},
+            {"k2", 10},
+            {"k3", 10},
+            {"c4", 10},
+            {"location", 10},
+            {"c6", 10},
+            {"s_type", 10},
+            {"d_type", 10},
+            {"int_port", 10},
+            {"ext_port", 10}},
+           5000,
+           "",
+           false,
+           true,
+           {{"dynamic", 9, 10}}}};
 }
 
 // Wide enough for no map to run out: giving back a port in an exhausted map is not done under the
@@ -584,7 +602,8 @@ void use_plain_private_memory() {
 }
 
 bool start(standin::loaded_module *module, const std::string &directory) {
-  std::ofstream(directory + "/schema.cfg") << schema_text(directory);
+  std::ofstream(directory + "/schema.cfg")
+      << schema_text::schema(directory + "/main/", directory + "/backup/", tables());
   std::ofstream(directory + "/ranges.txt") << RANGES;
   return module->set_param("cfg_file_path", directory + "/schema.cfg") &&
          module->set_param("private_ranges_file_path", directory + "/ranges.txt") &&

@@ -59,12 +59,9 @@ class AdmissionTest : public TablesTest {
   // in 7 or 8, the external port in 9.
   static table_spec port_table(const std::string &range) {
     table_spec spec;
-    spec.flag = 1;
-    spec.range = range;
-    spec.int_port_field = 6;
-    spec.ext_port_field = 9;
+    spec.ports = {{range, 6, 9}};
     spec.columns.clear();
-    for (int i = 0; i < 10; i++) spec.columns.push_back({"c" + std::to_string(i), 100, 0});
+    for (int i = 0; i < 10; i++) spec.columns.push_back({"c" + std::to_string(i), 100});
     return spec;
   }
 

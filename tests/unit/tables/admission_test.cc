@@ -8,7 +8,7 @@ class IndexTest : public AdmissionTest {
  protected:
   void start_indexed() {
     table_spec spec;
-    spec.use_index = 1;
+    spec.use_index = true;
     start(spec);
   }
 
@@ -116,7 +116,7 @@ class DuplicateTest : public AdmissionTest {
 
   void start_indexed(std::vector<column> columns) {
     table_spec spec;
-    spec.use_index = 1;
+    spec.use_index = true;
     spec.columns = std::move(columns);
     start(spec);
   }
@@ -187,7 +187,7 @@ TEST_F(DuplicateTest, InAPortTableColumns1To3Count) {
 
 TEST_F(DuplicateTest, APortTableWithAnIndexComparesAsAPortTable) {
   table_spec spec = port_table("dynamic");
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   add(table(), {"1", "1", "2", "3", "x", "WAN", "100", "y", "6", "200"});
   EXPECT_EQ(check({"9", "1", "2", "3", "-", "-", "-", "-", "-", "-"}), 1);
@@ -370,7 +370,7 @@ TEST_F(AdmitTest, AClearedTableBecomesAChangedOne) {
 
 TEST_F(AdmitTest, AGeneratedIndexIsStoredAndGivenBack) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   EXPECT_EQ(admit({"own", "b", "c"}), admission::added);
   EXPECT_EQ(result, 1);
@@ -384,7 +384,7 @@ TEST_F(AdmitTest, AGeneratedIndexIsStoredAndGivenBack) {
 TEST_F(AdmitTest, AtTheRowLimitRowsAreRefused) {
   table_spec spec;
   spec.max_rows = 2;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   EXPECT_EQ(admit({"", "1", ""}), admission::added);
   EXPECT_EQ(admit({"", "2", ""}), admission::added);
@@ -441,7 +441,7 @@ TEST_F(AdmitTest, WithoutTheCheckDuplicatesAreTaken) {
 
 TEST_F(AdmitTest, ADuplicateUsesUpNoIndex) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   EXPECT_EQ(admit({"1", "b", "c"}, true), admission::added);
   table()->state = TBL_UNCHANGED;
@@ -461,7 +461,7 @@ TEST_F(AdmitTest, TheLimitComesBeforeTheCheck) {
 
 TEST_F(AdmitTest, ACheckThatFailsCountsAsADuplicate) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   mark();
   const auto in = query({"1", "b", "c"});
@@ -473,7 +473,7 @@ TEST_F(AdmitTest, ACheckThatFailsCountsAsADuplicate) {
 
 TEST_F(AdmitTest, WithoutMemoryForTheIndexThereIsNoRow) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   mark();
   const auto in = query({"1", "b", "c"});
@@ -484,7 +484,7 @@ TEST_F(AdmitTest, WithoutMemoryForTheIndexThereIsNoRow) {
 
 TEST_F(AdmitTest, AnOverflownIndexRefusesOneRow) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   table()->next_index = 4294967295u;
   EXPECT_EQ(admit({"", "last", ""}), admission::added);
@@ -497,7 +497,7 @@ TEST_F(AdmitTest, AnOverflownIndexRefusesOneRow) {
 
 TEST_F(AdmitTest, WithoutMemoryForTheRowTheIndexIsUsedUp) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   const auto in = query({"1", "b", "c"});
   standin::fail_at(pool::shm, 1);
@@ -511,7 +511,7 @@ TEST_F(AdmitTest, WithoutMemoryForTheRowTheIndexIsUsedUp) {
 
 TEST_F(AdmitTest, EachAllocationFailingInTurnLeavesNoRowAndNoLeak) {
   table_spec spec = port_table("dynamic");
-  spec.use_index = 1;
+  spec.use_index = true;
   start_with_ports(spec);
   const std::vector<const char *> row = {"", "1", "2", "3", "", "WAN", "103", "", "6", "203"};
   const admission expected[] = {admission::duplicate, admission::no_index, admission::not_inserted,
@@ -540,7 +540,7 @@ TEST_F(AdmitTest, AnInsertIsOneSharedAllocation) {
 
 TEST_F(AdmitTest, AGivenIndexBlockIsLeftToItsOwner) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   const auto in = query({"1", "b", "c"});
   char block[INDEX_TEXT_SIZE] = "own";

@@ -37,6 +37,7 @@
 #include "tables/tarn_tbl.h"
 #include "tests/standin/file_faults.h"
 #include "tests/standin/standin.h"
+#include "tests/support/schema_text.h"
 
 namespace tables_test {
 
@@ -59,40 +60,11 @@ __attribute__((format(printf, 1, 2))) inline std::string message(const char *for
   return out;
 }
 
-// One column of a schema.
-struct column {
-  std::string name;
-  long len;
-  int flag;
-};
+using schema_text::column;
 
-// One table of a schema; an empty log_tag leaves its line out.
-struct table_spec {
-  std::string name = "t";
-  int flag = 0;
-  std::string range = "dynamic";
-  int int_port_field = 6;
-  int ext_port_field = 9;
-  std::string log_tag;
-  int use_index = 0;
-  int duplicates = 0;
-  int max_rows = 100;
-  std::vector<column> columns = {{"a", 15, 1}, {"b", 15, 0}, {"c", 15, 1}};
-  std::string file_name = "t.txt";
-
-  std::string text() const {
-    std::ostringstream out;
-    out << "TABLE_NAME=" << name << "\nFLAG=" << flag << '\n';
-    if (flag == 1)
-      out << "RANGE=" << range << "\nINT_PORT_FIELD=" << int_port_field
-          << "\nEXT_PORT_FIELD=" << ext_port_field << '\n';
-    if (!log_tag.empty()) out << "LOG_TAG=" << log_tag << '\n';
-    out << "USE_INDEX=" << use_index << "\nDUPLICATED_DATA_CHECK=" << duplicates
-        << "\nMAX_ROWS=" << max_rows << "\nNUM_FIELDS=" << columns.size() << '\n';
-    for (const column &col : columns) out << col.name << ' ' << col.len << ' ' << col.flag << '\n';
-    out << "FILE_NAME=" << file_name << '\n';
-    return out.str();
-  }
+// A table of three columns; tests change what they are about.
+struct table_spec : schema_text::table {
+  table_spec() : table{"t", {{"a", 15, true}, {"b", 15}, {"c", 15, true}}} {}
 };
 
 class TablesTest : public testing::Test {
@@ -164,6 +136,11 @@ class TablesTest : public testing::Test {
            std::filesystem::file_type::not_found;
   }
 
+  // A schema below this test's directories.
+  std::string schema_of(const std::vector<table_spec> &tables) const {
+    return schema_text::schema(path("main/"), path("backup/"), tables);
+  }
+
   // create_table on that schema text, with a new registry.
   int32_t create(const std::string &schema) {
     end();
@@ -176,10 +153,7 @@ class TablesTest : public testing::Test {
 
   // Tables with locks below this test's directories; the log starts behind that.
   void start(const std::vector<table_spec> &tables) {
-    std::string schema = "BASE_DIR=" + dir_ + "main/\nBASE_BACKUP_DIR=" + dir_ +
-                         "backup/\nNUM_TABLE=" + std::to_string(tables.size()) + "\n";
-    for (const table_spec &table : tables) schema += table.text();
-    ASSERT_EQ(create(schema), 0) << standin::log_dump();
+    ASSERT_EQ(create(schema_of(tables)), 0) << standin::log_dump();
     ASSERT_EQ(init_lock(), 0);
     standin::clear_logs();
     errno = 0;

@@ -288,8 +288,8 @@ TEST_F(FlagTreatmentTest, ColumnsThatTheTableLacksReadAsAbsent) {
   for (const auto &each : cases) {
     table_spec spec = port_table(each.range);
     spec.columns.resize(each.columns);
-    spec.int_port_field = each.internal;
-    spec.ext_port_field = each.external;
+    spec.ports[0].internal = each.internal;
+    spec.ports[0].external = each.external;
     start_with_ports(spec);
     for (const port_map_kind &kind : port_map_kinds) take(*kind.map, (*kind.map)->min_port + 3, 1);
     const texts before = held();
@@ -311,7 +311,7 @@ TEST_F(FlagTreatmentTest, ColumnsThatTheTableLacksReadAsAbsent) {
 
 TEST_F(FlagTreatmentTest, OneMissingPortColumnLeavesTheOtherSideWorking) {
   table_spec spec = port_table("dynamic");
-  spec.int_port_field = 10;
+  spec.ports[0].internal = 10;
   start_with_ports(spec);
   treat(PORT_TAKE, query(fields("WAN", "", "", "103", "203")).get());
   EXPECT_EQ(held(), texts{});

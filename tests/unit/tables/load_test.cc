@@ -259,7 +259,7 @@ const std::vector<bad_row> BAD_ROWS = {
 
 TEST_F(LoadTest, ABadRowDiscardsTheMainFileAndAllItsRows) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   for (const bad_row &bad : BAD_ROWS) {
     write(main_file(), "Version 1\n50|a|b\n" + bad.line + "\n51|c|d\n");
@@ -510,7 +510,7 @@ TEST_F(LoadTest, TheFilesAreTriedInOrderAndClosed) {
 
 TEST_F(LoadTest, WhatTheTableHeldBeforeIsGone) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   add(table(), {"40", "b", "c"});
   add(table(), {"41", "b", "c"});
@@ -539,7 +539,7 @@ TEST_F(LoadTest, TheLockIsTheCallersBusiness) {
 
 TEST_F(LoadTest, TheNextIndexFollowsTheHighestStoredOneInAnyOrder) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   for (const char *content : {"Version 1\n3|b|c\n7|b|c\n", "Version 1\n7|b|c\n3|b|c\n"}) {
     write(main_file(), content);
@@ -551,7 +551,7 @@ TEST_F(LoadTest, TheNextIndexFollowsTheHighestStoredOneInAnyOrder) {
 
 TEST_F(LoadTest, TheNextIndexIsOneWithoutRowsOrWithoutNumbers) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   for (const char *content : {"Version 1\n", "Version 1\nx|b|c\n|b|c\n0|b|c\n"}) {
     write(main_file(), content);
@@ -562,7 +562,7 @@ TEST_F(LoadTest, TheNextIndexIsOneWithoutRowsOrWithoutNumbers) {
 
 TEST_F(LoadTest, TheHighestIndexOfAllIsFollowedByZero) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   write(main_file(), "Version 1\n4294967295|b|c\n");
   load();
@@ -579,7 +579,7 @@ TEST_F(LoadTest, WithoutAGeneratedIndexTheFirstColumnIsNotLookedAt) {
 TEST_F(LoadTest, RowLimitAndDuplicateCheckAreNotApplied) {
   table_spec spec;
   spec.max_rows = 2;
-  spec.duplicates = 1;
+  spec.check_duplicates = true;
   start(spec);
   write(main_file(), "Version 1\n1|2|3\n1|2|3\n1|2|3\n");
   load();
@@ -616,7 +616,7 @@ TEST_F(LoadTest, ASchemaWithAnotherNumberOfColumnsRefusesBothFiles) {
 TEST_F(LoadTest, RowsLongerThanEveryBufferLoadWhole) {
   table_spec spec;
   spec.columns.clear();
-  for (int i = 0; i < 5; i++) spec.columns.push_back({"c" + std::to_string(i), 20000, i % 2});
+  for (int i = 0; i < 5; i++) spec.columns.push_back({"c" + std::to_string(i), 20000, i % 2 == 1});
   start(spec);
   for (const size_t length : {800UL, 815UL, 816UL, 820UL, 824UL, 825UL, 826UL, 4096UL, 20000UL}) {
     std::string row;
@@ -649,14 +649,14 @@ TEST_F(LoadTest, TheLongestTableNameLoads) {
   table_spec spec;
   spec.name = std::string(31, 'n');
   start(spec);
-  write(main_file(), "Version 1\n1|2|3\n");
+  write(main_file(spec.file()), "Version 1\n1|2|3\n");
   load();
   EXPECT_EQ(rows(table()), texts{"1|2|3"});
 }
 
 TEST_F(LoadTest, ATableWithoutANameLoads) {
-  ASSERT_EQ(create("BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") +
-                   "\nNUM_TABLE=1\nMAX_ROWS=5\nNUM_FIELDS=1\na 5 1\nFILE_NAME=t.txt\n"),
+  ASSERT_EQ(create(schema_text::head(path("main/"), path("backup/")) +
+                   "NUM_TABLE=1\nMAX_ROWS=5\nNUM_FIELDS=1\na 5 1\nFILE_NAME=t.txt\n"),
             0);
   write(main_file(), "Version 1\nx\n");
   load();
@@ -664,12 +664,9 @@ TEST_F(LoadTest, ATableWithoutANameLoads) {
 }
 
 TEST_F(LoadTest, ATableWithoutAFileNameTouchesNoDirectory) {
-  table_spec spec;
-  std::string block = spec.text();
-  block.erase(block.find("FILE_NAME="));
-  ASSERT_EQ(create("BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") +
-                   "\nNUM_TABLE=1\n" + block),
-            0);
+  std::string schema = schema_of({table_spec{}});
+  schema.erase(schema.find("FILE_NAME="));
+  ASSERT_EQ(create(schema), 0);
   add(table(), {"1", "2", "3"});
   watch();
   load();
@@ -730,8 +727,8 @@ TEST_F(LoadTest, AOneColumnTableLoads) {
 }
 
 TEST_F(LoadTest, PathsAreJoinedWithNothingBetween) {
-  ASSERT_EQ(create("BASE_DIR=" + path("main/pre_") + "\nBASE_BACKUP_DIR=" + path("backup/pre_") +
-                   "\nNUM_TABLE=1\n" + table_spec{}.text()),
+  ASSERT_EQ(create(schema_text::schema(path("main/pre_"), path("backup/pre_"),
+                                       std::vector<table_spec>(1))),
             0);
   write(main_file("pre_t.txt"), "Version 2\n");
   write(backup_file("pre_t.txt"), "Version 1\n1|2|3\n");
@@ -974,7 +971,7 @@ class PortLoadTest : public LoadTest {
     g_min_ext_port = 200;
     g_max_ext_port = 209;
     table_spec spec;
-    spec.flag = 1;
+    spec.ports = {{"dynamic", 6, 9}};
     spec.columns.clear();
     for (int i = 0; i < 10; i++) spec.columns.push_back({"c" + std::to_string(i), 15, 0});
     start(spec);

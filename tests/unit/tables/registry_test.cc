@@ -203,7 +203,7 @@ TEST_F(RegistryTest, DestroyingWorksWithoutRegistryTablesOrLocks) {
   destroy_tables();
   make_registry();
   destroy_tables();
-  EXPECT_EQ(create("NUM_TABLE=2\n" + table_spec{}.text()), 0);
+  EXPECT_EQ(create("NUM_TABLE=2\n" + schema_text::table_lines(table_spec{})), 0);
   EXPECT_EQ(table(0)->lock, nullptr);
   EXPECT_EQ(table(1)->tbl->col_cnt, 0u);
   destroy_tables();
@@ -231,12 +231,13 @@ TEST_F(RegistryTest, DestroyingWaitsForTheTablesLock) {
 TEST_F(RegistryTest, AHalfMadeStartStoresNothingAndIsFreed) {
   write(main_file(), "Version 1\n1|2|3\n");
   write(backup_file(), "Version 1\n4|5|6\n");
-  const std::string head =
-      "BASE_DIR=" + path("main/") + "\nBASE_BACKUP_DIR=" + path("backup/") + "\nNUM_TABLE=3\n";
+  // Two tables where the schema promises three.
+  std::string text = schema_of({table_spec{}, table_spec{}});
+  text.replace(text.find("NUM_TABLE=2"), strlen("NUM_TABLE=2"), "NUM_TABLE=3");
   for (uint64_t failing = 1; failing <= 20; failing++) {
     end();
     make_registry();
-    write(path("schema.cfg"), head + table_spec{}.text() + table_spec{}.text());
+    write(path("schema.cfg"), text);
     const std::string schema = path("schema.cfg");
     cfg_file_path = schema.c_str();
     standin::fail_at(pool::both, failing);
@@ -331,7 +332,7 @@ TEST_F(RecoveryTest, WithoutRegistryTablesOrLocksThereIsNothingToDo) {
   recover_tables();
   make_registry();
   recover_tables();
-  EXPECT_EQ(create("NUM_TABLE=2\n" + table_spec{}.text()), 0);
+  EXPECT_EQ(create("NUM_TABLE=2\n" + schema_text::table_lines(table_spec{})), 0);
   recover_tables();
   EXPECT_EQ(table()->lock, nullptr);
 }

@@ -68,7 +68,7 @@ TEST_F(RoundTripTest, TextWithoutSpecialBytesComesBackAsItWas) {
 
 TEST_F(RoundTripTest, TheIndexGoesOnBehindTheHighestStoredOne) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   add(table(), {"12", "b", "c"});
   add(table(), {"3", "b", "c"});
@@ -194,7 +194,7 @@ TEST_F(RoundTripTest, AShorterColumnAfterAChangeOfSchemaCutsTheText) {
   table()->state = TBL_CHANGED;
   store_table(table());
   table_spec narrower;
-  narrower.columns[1].len = 4;
+  narrower.columns[1].length = 4;
   start(narrower);
   load_table(table());
   EXPECT_EQ(rows(table()), texts{"1|long|3"});

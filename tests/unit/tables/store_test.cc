@@ -86,7 +86,7 @@ TEST_F(StoreTest, AOneColumnTableHasNoSeparators) {
 
 TEST_F(StoreTest, AGeneratedIndexIsStoredLikeAnyColumn) {
   table_spec spec;
-  spec.use_index = 1;
+  spec.use_index = true;
   start(spec);
   add(table(), {"1", "b", "c"});
   EXPECT_EQ(store(), 0);
