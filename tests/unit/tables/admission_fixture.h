@@ -65,6 +65,17 @@ class AdmissionTest : public TablesTest {
     return spec;
   }
 
+  // A row of it, or a query.
+  static std::vector<const char *> fields(const char *location, const char *static_type,
+                                          const char *dynamic_type, const char *internal,
+                                          const char *external) {
+    return {"n", "1", "2", "3", "x", location, internal, static_type, dynamic_type, external};
+  }
+
+  static memdb_row *insert(const std::vector<const char *> &row) {
+    return memdb_insert(table()->tbl, row.data());
+  }
+
   void start_with_ports(const table_spec &spec) {
     start(spec);
     ASSERT_EQ(init_port_map(), 0);
