@@ -297,8 +297,7 @@ TEST_F(DeleteTest, NothingIsComposedWhenNoticesArentWritten) {
 // Ports that rows hold.
 
 TEST_F(DeleteTest, APortGoesWithTheRowAndByTheRowsOwnValues) {
-  const std::vector<std::string> lines = {"i|a|b|c||WAN||||105|205", "i|a|b|d||LAN||||106|206"};
-  write_file(main_file("held"), table_text(lines));
+  write_file(main_file("held"), table_text({"i|a|b|c||WAN||||105|205", "i|a|b|d||LAN||||106|206"}));
   start_with_small_maps({port_table("held", "dynamic")});
   const standin::command call_of_it = fixup("tarn_memdb_delete", {"held,*|a|*|*|*|*|*|*|*|*|*,"});
   forget();
@@ -310,35 +309,6 @@ TEST_F(DeleteTest, APortGoesWithTheRowAndByTheRowsOwnValues) {
                                       dbg("Port = 105 is freed and value update to 0x0\n"),
                                       dbg("Table 'held' state was set to value 1\n"),
                                       dbg("Table 'held' row count was set to 0\n")));
-}
-
-TEST_F(DeleteTest, APortOfTwoRowsIsFreeWithTheSecond) {
-  const std::vector<std::string> lines = {"i|a|b|c||WAN||||305|", "i|a|b|d||WAN||||305|"};
-  write_file(main_file("held"), table_text(lines));
-  start_with_small_maps({port_table("held", "fixed")});
-  EXPECT_EQ(run("tarn_memdb_delete", {"held,*|*|*|d|*|*|*|*|*|*|*"}), 1);
-  EXPECT_TRUE(standin::logged(DBG_LEVEL, "Port = 305 is freed and value update to 0xffffff81\n"));
-  EXPECT_EQ(run("tarn_memdb_delete", {"held,*|*|*|c|*|*|*|*|*|*|*"}), 1);
-  EXPECT_TRUE(standin::logged(DBG_LEVEL, "Port = 305 is freed and value update to 0x0\n"));
-}
-
-TEST_F(DeleteTest, APortThatCantBeFreedIsToldAndTheRowGoesAllTheSame) {
-  write_file(main_file("held"), table_text({"i|a|b|c||WAN||||999|", "i|a|b|d||WAN|||||"}));
-  start_with_small_maps({port_table("held", "dynamic")});
-  EXPECT_EQ(run("tarn_memdb_delete", {"held,*|*|*|*|*|*|*|*|*|*|*"}), 1);
-  EXPECT_THAT(messages(INFO_LEVEL),
-              ElementsAre(err("Port  not cleared!\n"), err("Port 999 not cleared!\n")));
-  EXPECT_EQ(row_count("held"), 0);
-}
-
-TEST_F(DeleteTest, ATableThatLacksAColumnOfThePortRulesReleasesNothing) {
-  table narrow = port_table("held", "dynamic");
-  narrow.columns.resize(5);
-  write_file(main_file("held"), table_text({"i|a|b|c|"}));
-  start_with_small_maps({narrow});
-  EXPECT_EQ(run("tarn_memdb_delete", {"held,*|*|*|*|*"}), 1);
-  EXPECT_THAT(messages(INFO_LEVEL), IsEmpty());
-  EXPECT_FALSE(standin::log_contains(DBG_LEVEL, "freed"));
 }
 
 }  // namespace

@@ -476,70 +476,9 @@ TEST_F(InsertTest, TheLineOfTheLongestQueryIsWhole) {
               ElementsAre(notice("           TAG - (1) Inserting wide," + std::string(4090, 'y'))));
 }
 
-// Ports that rows hold.
+// Duplicates in a table whose rows hold ports.
 
-class PortInsertTest : public InsertTest {
- protected:
-  // What is said when a free port beyond the next one is taken by a row.
-  static std::vector<message> taken(int port) {
-    const std::string name = "Port " + std::to_string(port);
-    return {dbg("Setting port " + std::to_string(port) + "\n"), dbg(name + " is within range\n"),
-            dbg(name + " is being reserved, value 0xffffff80 \n"),
-            dbg(name + " Before Value = 0xffffff80\n"), dbg(name + " After Value = 0xffffff81\n")};
-  }
-
-  // The messages of an insert about ports: those between the start of the treatment and the end of
-  // the insert.
-  std::vector<message> port_messages() {
-    const std::vector<message> all = messages();
-    const auto begin = std::find(all.begin(), all.end(), dbg("Initializing flag_treatment ...\n"));
-    const auto end = std::find(begin, all.end(), dbg("Table 'users' state was set to value 1\n"));
-    EXPECT_NE(begin, all.end());
-    return begin == all.end() ? all : std::vector<message>(begin + 1, end);
-  }
-
-  std::vector<message> insert_and_look(const std::string &query) {
-    standin::clear_logs();
-    EXPECT_EQ(insert(query), 1);
-    return port_messages();
-  }
-};
-
-TEST_F(PortInsertTest, ADynamicTableTakesFromTheDynamicMaps) {
-  start_with_small_maps({port_table("users", "dynamic")});
-  EXPECT_EQ(insert_and_look("users,i|a|b|c||WAN||3|3|105|205"), taken(105));
-  EXPECT_EQ(insert_and_look("users,i|a|b|d||LAN||6|3|106|206"), taken(206));
-  EXPECT_EQ(insert_and_look("users,i|a|b|e||LAN||3|6|107|207"), taken(107));
-  EXPECT_EQ(insert_and_look("users,i|a|b|f||wan|||x|108|208"), taken(208));
-}
-
-TEST_F(PortInsertTest, ATableOfAnyOtherRangeTakesFromTheStaticMaps) {
-  start_with_small_maps({port_table("users", "fixed")});
-  EXPECT_EQ(insert_and_look("users,i|a|b|c||WAN||3|3|305|405"), taken(305));
-  EXPECT_EQ(insert_and_look("users,i|a|b|d||LAN||6|3|306|406"), taken(306));
-  EXPECT_EQ(insert_and_look("users,i|a|b|e||LAN||3|6|307|407"), taken(407));
-  EXPECT_EQ(insert_and_look("users,i|a|b|f|||||x|308|408"), taken(408));
-}
-
-TEST_F(PortInsertTest, APortOutsideOfItsMapIsToldAndTheRowStays) {
-  start_with_small_maps({port_table("users", "dynamic")});
-  EXPECT_THAT(insert_and_look("users,i|a|b|c||WAN||||110|205"),
-              ElementsAre(dbg("Setting port 110\n"), dbg("Port 110 out of range\n"),
-                          dbg("Port 110 NOT set on load for range dynamic!\n")));
-  EXPECT_THAT(insert_and_look("users,i|a|b|d||WAN|||||205"),
-              ElementsAre(dbg("Setting port 0\n"), dbg("Port 0 out of range\n"),
-                          dbg("Port 0 NOT set on load for range dynamic!\n")));
-  EXPECT_EQ(row_count("users"), 2);
-}
-
-TEST_F(PortInsertTest, TwoRowsOfOnePortAreCounted) {
-  start_with_small_maps({port_table("users", "dynamic")});
-  insert("users,i|a|b|c||WAN||||105|");
-  const std::vector<message> said = insert_and_look("users,i|a|b|d||WAN||||105|");
-  EXPECT_EQ(said.back(), dbg("Port 105 After Value = 0xffffff82\n"));
-}
-
-TEST_F(PortInsertTest, OnlyTheThreeKeyColumnsAreComparedForDuplicates) {
+TEST_F(InsertTest, OnlyTheThreeKeyColumnsAreComparedForDuplicates) {
   start_with_small_maps({with(port_table("users", "dynamic"), 100, "", false, true)});
   EXPECT_EQ(insert("users,i|a|b|c||WAN||||105|"), 1);
   expect_refused("users,j|a|b|c|x|LAN|y|1|2|106|206",
@@ -547,19 +486,7 @@ TEST_F(PortInsertTest, OnlyTheThreeKeyColumnsAreComparedForDuplicates) {
   EXPECT_EQ(insert("users,i|a|b|d||WAN||||105|"), 1);
 }
 
-TEST_F(PortInsertTest, ARefusedInsertTakesNoPort) {
-  start_with_small_maps({with(port_table("users", "dynamic"), 100, "", false, true)});
-  insert("users,i|a|b|c||WAN||||105|");
-  standin::clear_logs();
-  EXPECT_EQ(insert("users,i|a|b|c||WAN||||106|"), -1);
-  EXPECT_FALSE(standin::log_contains(DBG_LEVEL, "port 106"));
-  const standin::command call_of_it = fixup("tarn_memdb_insert", {"users,i|a|b|e||WAN||||107|"});
-  standin::fail_at(pool::shm, 1);
-  EXPECT_EQ(call(call_of_it), -1);
-  EXPECT_FALSE(standin::log_contains(DBG_LEVEL, "port 107"));
-}
-
-TEST_F(PortInsertTest, ALongValueDefeatsTheCheckUnlessItIsTheLastKeyColumn) {
+TEST_F(InsertTest, ALongValueDefeatsTheCheckUnlessItIsTheLastKeyColumn) {
   const std::string with_40(31 + 9, 'v');
   table t = with(port_table("users", "dynamic"), 100, "", false, true);
   for (column &c : t.columns) c.length = 64;
@@ -568,23 +495,6 @@ TEST_F(PortInsertTest, ALongValueDefeatsTheCheckUnlessItIsTheLastKeyColumn) {
   EXPECT_EQ(insert("users,i|" + with_40 + "|b|c||||||105|"), 1);
   EXPECT_EQ(insert("users,i|a|b|" + with_40 + "||||||105|"), 1);
   EXPECT_EQ(insert("users,i|a|b|" + with_40 + "||||||105|"), -1);
-}
-
-TEST_F(PortInsertTest, ATableThatLacksAColumnOfThePortRulesTakesNothing) {
-  table narrow = port_table("users", "dynamic");
-  narrow.columns.resize(8);  // no column 8 for the type
-  start_with_small_maps({narrow});
-  EXPECT_THAT(insert_and_look("users,i|a|b|c||WAN||"), IsEmpty());
-  expect_rows("users", {{"i", "a", "b", "c", "", "WAN", "", ""}});
-}
-
-TEST_F(PortInsertTest, APortColumnBehindTheLastOneTakesNothing) {
-  table wrong = port_table("users", "dynamic");
-  wrong.ports[0].internal = 11;
-  wrong.ports[0].external = -1;
-  start_with_small_maps({wrong});
-  EXPECT_THAT(insert_and_look("users,i|a|b|c||WAN||||105|205"), IsEmpty());
-  EXPECT_THAT(insert_and_look("users,i|a|b|d||LAN||||105|205"), IsEmpty());
 }
 
 }  // namespace

@@ -109,17 +109,6 @@ TEST_F(ClearTest, TheNumberCounterGoesOn) {
   EXPECT_EQ(run("tarn_memdb_insert", {"users,x|1"}), 2);
 }
 
-TEST_F(ClearTest, PortsStayTaken) {
-  write_file(main_file("held"), table_text({"i|a|b|c||WAN||||105|"}));
-  start_with_small_maps({port_table("held", "dynamic")});
-  EXPECT_EQ(clear("held"), 1);
-  EXPECT_FALSE(standin::log_contains(DBG_LEVEL, "freed"));
-  standin::clear_logs();
-  EXPECT_EQ(run("tarn_memdb_insert", {"held,i|a|b|c||WAN||||105|"}), 1);
-  EXPECT_TRUE(standin::logged(DBG_LEVEL, "Port 105 After Value = 0xffffff82\n"))
-      << "the row of before doesn't hold the port any longer";
-}
-
 TEST_F(ClearTest, ATaggedTableWritesOneLineWithSevenBlanksAndACountOfNone) {
   write_file(main_file("users"), table_text({"alice|30", "bob|31"}));
   start({with(USERS, 100, "USR")});
