@@ -1,4 +1,4 @@
-// Which function takes its table's lock, and what happens inside and outside of it.
+// What happens inside and outside of a table's lock, message by message, and who gets it next.
 #include "tests/module/fixture.h"
 #include "tests/module/processes.h"
 
@@ -45,37 +45,6 @@ TEST_F(LocksTest, AHeldLockIsSeen) {
   EXPECT_FALSE(is_locked("users"));
 }
 
-TEST_F(LocksTest, FunctionsThatTakeTheLockWaitForItsHolder) {
-  const std::vector<std::pair<std::string, std::vector<std::string>>> calls = {
-      {"tarn_memdb_insert", {"users,carol|32"}},
-      {"tarn_memdb_select", {"users,alice|*", "$avp(a)"}},
-      {"tarn_memdb_xavp_select", {"users,alice|*", "row"}},
-      {"tarn_memdb_update", {"users,alice|*", "*|40"}},
-      {"tarn_memdb_delete", {"users,bob|*"}},
-      {"tarn_memdb_clear_tbl", {"users"}},
-  };
-  for (const auto &[function, parameters] : calls) {
-    SCOPED_TRACE(function);
-    lock_holder holder("users");
-    child_process caller(calling(function, parameters));
-    EXPECT_TRUE(caller.sleeps());
-    EXPECT_EQ(holder.let_go(), 0);
-    EXPECT_EQ(caller.result(), 1);
-  }
-  expect_rows("users", {});
-}
-
-TEST_F(LocksTest, ASelectThatFindsNothingHasWaitedForTheLock) {
-  for (const std::string function : {"tarn_memdb_select", "tarn_memdb_xavp_select"}) {
-    SCOPED_TRACE(function);
-    lock_holder holder("users");
-    child_process caller(calling(function, {"users,nobody|*", "$avp(a)"}));
-    EXPECT_TRUE(caller.sleeps());
-    EXPECT_EQ(holder.let_go(), 0);
-    EXPECT_EQ(caller.result(), -2);
-  }
-}
-
 TEST_F(LocksTest, ASelectWithoutMemoryForItsXavpDoesntWait) {
   const std::function<int()> select = calling("tarn_memdb_xavp_select", {"users,alice|*", "row"});
   lock_holder holder("users");
@@ -87,21 +56,6 @@ TEST_F(LocksTest, ASelectWithoutMemoryForItsXavpDoesntWait) {
   EXPECT_EQ(caller.result(), -2);
 }
 
-TEST_F(LocksTest, FunctionsWithoutTheLockDontWait) {
-  const std::vector<std::pair<std::string, std::vector<std::string>>> calls = {
-      {"tarn_memdb_nl_select", {"users,alice|*", "$avp(a)"}},
-      {"tarn_memdb_nl_xavp_select", {"users,alice|*", "row"}},
-      {"tarn_memdb_row_count", {"users", "$avp(n)"}},
-  };
-  lock_holder holder("users");
-  for (const auto &[function, parameters] : calls) {
-    SCOPED_TRACE(function);
-    child_process caller(calling(function, parameters));
-    EXPECT_FALSE(caller.sleeps());
-    EXPECT_EQ(caller.result(), 1);
-  }
-}
-
 TEST_F(LocksTest, OtherTablesArentHeldUp) {
   lock_holder holder("users");
   for (const std::string function : {"tarn_memdb_select", "tarn_memdb_xavp_select"}) {
@@ -111,33 +65,6 @@ TEST_F(LocksTest, OtherTablesArentHeldUp) {
   }
   child_process writer(calling("tarn_memdb_insert", {"other,3|4"}));
   EXPECT_EQ(writer.result(), 1);
-}
-
-TEST_F(LocksTest, AQueryThatIsRefusedIsRefusedWithoutTheLock) {
-  const std::vector<std::pair<std::string, std::vector<std::string>>> calls = {
-      {"tarn_memdb_insert", {"users,carol"}},
-      {"tarn_memdb_delete", {"users,carol"}},
-      {"tarn_memdb_select", {"users,*|*,0", "$avp(a)"}},
-      {"tarn_memdb_xavp_select", {"users,carol", "row"}},
-      {"tarn_memdb_update", {"users,carol", "*|*"}},
-      {"tarn_memdb_update", {"users,carol|*", "*"}},
-      {"tarn_memdb_clear_tbl", {"nobody"}},
-  };
-  lock_holder holder("users");
-  for (const auto &[function, parameters] : calls) {
-    SCOPED_TRACE(function);
-    child_process caller(calling(function, parameters));
-    EXPECT_EQ(caller.result(), -1);
-  }
-}
-
-TEST_F(LocksTest, ASelectFromAnEmptyTableNeedsNoLock) {
-  EXPECT_EQ(run("tarn_memdb_delete", {"users,*|*"}), 1);
-  lock_holder holder("users");
-  child_process avps(calling("tarn_memdb_select", {"users,*|*", "$avp(a)"}));
-  EXPECT_EQ(avps.result(), -2);
-  child_process xavps(calling("tarn_memdb_xavp_select", {"users,*|*", "row"}));
-  EXPECT_EQ(xavps.result(), -2);
 }
 
 TEST_F(LocksTest, TheTimerWaitsForAWorker) {
