@@ -1,5 +1,6 @@
 // The script functions on ports: their results, AVPs and words. What the maps do is tested in
-// tests/unit/ports, what rows do with them in port_rows_test.cc.
+// tests/unit/ports, what rows do with them in port_rows_test.cc, and the clearing of all maps in
+// clear_pmap_test.cc.
 #include "tests/module/injection.h"
 
 namespace module_test {
@@ -27,14 +28,6 @@ message wrong_word(const std::string &shown) {
 }
 message returned(const std::string &function, int port) {
   return dbg(function + ": port to be returned = " + std::to_string(port) + "\n");
-}
-
-// A table whose rows hold ports.
-table calls(const std::string &name, const std::string &range, const std::string &tag = "") {
-  return with(port_table(name, range), 1000, tag);
-}
-std::string internal_row(const std::string &id, int port) {
-  return id + "|a|b|" + id + "|c|WAN|d|0|0|" + std::to_string(port) + "|0";
 }
 
 class PortsTest : public InjectionTest {
@@ -316,93 +309,14 @@ TEST_F(PortsTest, GetIntoAddsItsValueToTheFirstAvpOfItsTargetAheadOfOlderOnes) {
   EXPECT_THAT(avp_texts("second"), IsEmpty());
 }
 
-// tarn_memdb_clear_pmap.
-
-TEST_F(PortsTest, ClearTellsEveryStep) {
-  start_small("", {calls("dyn", "dynamic", "TAG"), {"plain", {{"a"}}}, calls("st", "static")});
-  run("tarn_memdb_insert", {"dyn," + internal_row("1", 101)});
-  run("tarn_memdb_insert", {"plain,x"});
-  standin::tick();
-  EXPECT_THAT(
-      trace(CLEAR, {}),
-      ElementsAre(
-          dbg("Clear port map\n"), dbg("Clear table: dyn\n"),
-          dbg("Table 'dyn' state was set to value 1\n"),
-          notice("       TAG - (0) Clearing table dyn"), dbg("Clear table: st\n"),
-          dbg("Table 'st' state was set to value 1\n"), dbg("Looking all tables for changes\n"),
-          dbg("Storing table 'dyn' to file 'dyn.txt'\n"),
-          dbg("Table 'dyn' was changed. Saving changes to file\n"),
-          dbg("Saving backup file '" + backup_file("dyn") + "'\n"),
-          dbg("Saving file '" + main_file("dyn") + "'\n"),
-          dbg("Table 'dyn' state was set to value 0\n"),
-          dbg("Storing table 'plain' to file 'plain.txt'\n"),
-          dbg("Table 'plain' was not changed\n"), dbg("Storing table 'st' to file 'st.txt'\n"),
-          dbg("Table 'st' was changed. Saving changes to file\n"),
-          dbg("Saving backup file '" + backup_file("st") + "'\n"),
-          dbg("Saving file '" + main_file("st") + "'\n"),
-          dbg("Table 'st' state was set to value 0\n"), dbg("Clear port map OK!\n")));
-}
-
-TEST_F(PortsTest, ClearEmptiesPortTablesAndMapsAndNoOthers) {
-  start_small("EXT 202 203\n", {calls("c", "dynamic"), {"plain", {{"a"}}}});
-  run("tarn_memdb_insert", {"c," + internal_row("1", 101)});
-  run("tarn_memdb_insert", {"c,2|d|e|f||LAN||0|0|0|201"});
-  run("tarn_memdb_insert", {"plain,x"});
-  get("STATIC_INT");
-  for (int i = 0; i < 5; i++) get("STATIC_EXT");
-  EXPECT_EQ(run(CLEAR, {}), 1);
-  expect_rows("c", {});
-  expect_rows("plain", {{"x"}});
-  for (const auto &[word, first] : FIRST) {
-    EXPECT_THAT(bytes(word), Each(0)) << word;
-    EXPECT_EQ(next(word), first) << word;
-  }
-  EXPECT_EQ(run(CLEAR, {}), 1) << "there is nothing left to clear";
-}
-
-TEST_F(PortsTest, ClearStoresAllThatHasChangedAndKeepsTheRowsInTheBackup) {
-  start_small("", {calls("c", "dynamic"), {"plain", {{"a"}}}, calls("empty", "static")});
-  run("tarn_memdb_insert", {"c," + internal_row("1", 101)});
-  standin::tick();
-  run("tarn_memdb_insert", {"plain,x"});
-  EXPECT_EQ(run(CLEAR, {}), 1);
-  EXPECT_EQ(read_file(main_file("c")), table_text({}));
-  EXPECT_EQ(read_file(backup_file("c")), table_text({internal_row("1", 101)}));
-  EXPECT_EQ(read_file(main_file("plain")), table_text({"x"}));
-  EXPECT_EQ(read_file(main_file("empty")), table_text({}));
-  EXPECT_FALSE(store_writes("c"));
-}
-
-TEST_F(PortsTest, ClearGivesOneWhenTheStoreFails) {
-  start_small("", {calls("c", "dynamic")});
-  run("tarn_memdb_insert", {"c," + internal_row("1", 101)});
-  const standin::command prepared = fixup(CLEAR, {});
-  clear();
-  standin::fail_file_op("fopen", 1, EACCES);
-  EXPECT_EQ(call(prepared), 1);
-  EXPECT_THAT(messages(INFO_LEVEL),
-              ElementsAre(err("Could not open file '" + main_file("c") + "'\n"),
-                          err("Could not store table 'c' to file 'c.txt'\n")));
-  EXPECT_TRUE(store_writes("c")) << "tried again at the next tick";
-}
-
-TEST_F(PortsTest, ClearLeavesTheNextIndexAlone) {
-  table indexed = calls("c", "dynamic");
-  indexed.use_index = true;
-  start_small("", {indexed});
-  EXPECT_EQ(run("tarn_memdb_insert", {"c," + internal_row("x", 101)}), 1);
-  EXPECT_EQ(run(CLEAR, {}), 1);
-  EXPECT_EQ(run("tarn_memdb_insert", {"c," + internal_row("x", 101)}), 2);
-}
-
 // Cost and failures.
 
 TEST_F(PortsTest, LongSearchesAndManyRowsAskTheHostForItsDebugLevelNoOftener) {
   for (const auto &[word, first] : FIRST) set_bounds(word, first, first + 600);
-  start({calls("c", "dynamic", "TAG")});
+  start({with(port_table("c", "dynamic"), 1000, "TAG")});
   standin::set_debug_level(ALERT_LEVEL);
   const standin::command take = fixup(GET, {"INT"});
-  const standin::command insert = fixup("tarn_memdb_insert", {"c," + internal_row("1", 101)});
+  const standin::command insert = fixup("tarn_memdb_insert", {"c,1|a|b|c||WAN||0|0|101|"});
   const standin::command clear_map = fixup(CLEAR, {});
   const auto queries = [this](const standin::command &prepared) {
     standin::reset_calls();
@@ -420,7 +334,7 @@ TEST_F(PortsTest, LongSearchesAndManyRowsAskTheHostForItsDebugLevelNoOftener) {
 }
 
 TEST_F(PortsTest, FailCleanlyWhateverCallFailsAndAllocateNothing) {
-  start_small("INT 101 102 103\n", {calls("c", "dynamic")});
+  start_small("INT 101 102 103\n", {port_table("c", "dynamic")});
   struct {
     const char *function;
     texts parameters;
