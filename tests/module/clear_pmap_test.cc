@@ -58,7 +58,7 @@ TEST_F(ClearPmapTest, EmptiesPortTablesAndMapsAndNoOthers) {
   EXPECT_EQ(clear_pmap(), 1);
   expect_rows("c", {});
   expect_rows("plain", {{"x"}});
-  for (const char *word : {"INT", "EXT", "STATIC_INT", "STATIC_EXT"}) {
+  for (const char *word : MAP_WORDS) {
     EXPECT_THAT(view().bytes(word), Each(0)) << word;
     EXPECT_EQ(view().map(word).next_free_port, view().map(word).min_port) << word;
   }

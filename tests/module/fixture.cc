@@ -86,11 +86,14 @@ table port_table(const std::string &name, const std::string &range) {
           {{range, 9, 10}}};
 }
 
-std::ostream &operator<<(std::ostream &out, const message &shown) {
+const char *level_name(int level) {
   static const char *const names[] = {"alert", "bug",    "crit", "?",  "err",
                                       "warn",  "notice", "info", "dbg"};
-  return out << names[shown.level - ALERT_LEVEL] << "(" << testing::PrintToString(shown.text)
-             << ")";
+  return names[level - ALERT_LEVEL];
+}
+
+std::ostream &operator<<(std::ostream &out, const message &shown) {
+  return out << level_name(shown.level) << "(" << testing::PrintToString(shown.text) << ")";
 }
 
 std::vector<message> messages(int least_grave) {

@@ -57,6 +57,7 @@ struct message {
   bool operator==(const message &other) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const message &shown);
+const char *level_name(int level);
 
 inline message crit(std::string text) { return {-3, std::move(text)}; }
 inline message err(std::string text) { return {-1, std::move(text)}; }

@@ -5,9 +5,8 @@
 namespace module_test {
 namespace {
 
-// Of each call: what it does while another process holds the table's lock, and while it holds that
-// of the port maps.
-
+// Of a call: what it does while another process holds the table's lock, and while it holds that of
+// the port maps.
 struct lock_case {
   std::string function;
   texts parameters;

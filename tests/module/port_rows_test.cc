@@ -47,6 +47,13 @@ class PortRowsTest : public SharedViewTest,
     return out;
   }
 
+  // A query of the rows that have a text in a column.
+  static texts wanting(int column, const std::string &text) {
+    texts out(11, "*");
+    out[static_cast<size_t>(column)] = text;
+    return out;
+  }
+
   int insert(const std::string &id, const std::string &port) {
     return by_statement() ? run("sqll_tarn_memdb_insert",
                                 {"INSERT INTO held id,k1,location," + port_name() + " VALUES " +
@@ -56,8 +63,7 @@ class PortRowsTest : public SharedViewTest,
 
   int remove(const std::string &id) {
     return by_statement() ? run("sqll_tarn_memdb_delete", {"DELETE FROM held WHERE id=" + id})
-                          : run("tarn_memdb_delete",
-                                {list({id, "*", "*", "*", "*", "*", "*", "*", "*", "*", "*"})});
+                          : run("tarn_memdb_delete", {list(wanting(ID, id))});
   }
 
   // Sets the port, and the location if there is one, of the rows that have a text in a column.
@@ -70,19 +76,16 @@ class PortRowsTest : public SharedViewTest,
                   (location.empty() ? "" : ",location=" + location) + " WHERE " +
                   (column == ID ? "id" : port_name()) + "=" + text(wanted)});
     }
-    texts which(11, "*");
-    which[static_cast<size_t>(column)] = wanted;
-    texts values(11, "*");
+    texts values = wanting(held().port_column, new_port);
     values[2] = "x";
-    values[5] = location.empty() ? "*" : location;
-    values[static_cast<size_t>(held().port_column)] = new_port;
-    return run("tarn_memdb_update", {list(which), joined(values, "|")});
+    if (!location.empty()) values[5] = location;
+    return run("tarn_memdb_update", {list(wanting(column, wanted)), joined(values, "|")});
   }
 
-  // All ports of all maps whose entries aren't zero; those of the other maps by their own numbers.
+  // All ports whose entries aren't zero; the maps have no numbers in common.
   entries taken() {
     entries out;
-    for (const char *word : {"INT", "EXT", "STATIC_INT", "STATIC_EXT"}) {
+    for (const char *word : MAP_WORDS) {
       const std::vector<int> bytes = view().bytes(word);
       for (size_t i = 0; i < bytes.size(); i++)
         if (bytes[i] != 0) out[view().map(word).min_port + static_cast<int>(i)] = bytes[i];

@@ -107,10 +107,7 @@ inline void log(ksr_logdata_t *data, const char *format, ...) {
   va_start(arguments, format);
   const std::string text = printed(format, arguments);
   va_end(arguments);
-  static const char *const names[] = {"alert", "bug",    "crit", "?",  "err",
-                                      "warn",  "notice", "info", "dbg"};
-  if (data->v_level <= now().least_grave)
-    note(std::string(names[data->v_level - ALERT_LEVEL]) + " " + text);
+  if (data->v_level <= now().least_grave) note(std::string(level_name(data->v_level)) + " " + text);
   now().log(data, "%s", text.c_str());
 }
 

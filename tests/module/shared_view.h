@@ -13,6 +13,9 @@
 
 namespace module_test {
 
+// The words of the port maps, in the order in which the module makes them.
+inline constexpr const char *MAP_WORDS[] = {"INT", "EXT", "STATIC_INT", "STATIC_EXT"};
+
 // Registry, port maps and locks where the module has put them. It makes them in one order at its
 // start and keeps them to its end.
 class shared_view {
@@ -41,9 +44,8 @@ class shared_view {
 
   // The map by its word.
   port_m &map(const std::string &word) const {
-    static const texts words = {"INT", "EXT", "STATIC_INT", "STATIC_EXT"};
-    for (size_t i = 0; i < words.size(); i++)
-      if (words[i] == word) return *maps_[i];
+    for (size_t i = 0; i < std::size(MAP_WORDS); i++)
+      if (MAP_WORDS[i] == word) return *maps_[i];
     throw std::logic_error("no map " + word);
   }
 
