@@ -233,15 +233,19 @@ TEST_F(FunctionsAtWorkTest, TheLastPortGoneBetweenTestAndLockIsToldAsExhaustion)
   EXPECT_EQ(view().port("INT", 100), 0x80) << "taken once";
 }
 
-TEST_F(FunctionsAtWorkTest, ClearingThePortMapsWaitsForTablesWithoutPortsOnlyToStoreThem) {
+TEST_F(FunctionsAtWorkTest, ClearingThePortMapsWaitsForTablesToClearOrToStoreThem) {
   start_with({all_in_one(), port_table("p", "dynamic")}, {{"p", {"1|a|b|c||WAN||0|0|21100|"}}});
   const standin::command prepared = fixup("tarn_memdb_clear_pmap", {});
-  EXPECT_EQ(run_beside_holder(
-                view().table("t").lock, [&] { return ModuleTest::call(prepared); },
-                [&] {
-                  EXPECT_EQ(view().table("p").row_count, 0) << "emptied by now";
-                  EXPECT_EQ(view().port("INT", 21100), 0);
-                }),
+  const auto clear_pmap = [&] { return ModuleTest::call(prepared); };
+  EXPECT_EQ(run_beside_holder(view().table("p").lock, clear_pmap,
+                              [&] { EXPECT_EQ(view().table("p").row_count, 1) << "not cleared"; }),
+            waits(1));
+  ASSERT_EQ(run("tarn_memdb_insert", {"p,1|a|b|c||WAN||0|0|21100|"}), 1);
+  EXPECT_EQ(run_beside_holder(view().table("t").lock, clear_pmap,
+                              [&] {
+                                EXPECT_EQ(view().table("p").row_count, 0) << "emptied by now";
+                                EXPECT_EQ(view().port("INT", 21100), 0);
+                              }),
             waits(1));
 }
 
