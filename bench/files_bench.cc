@@ -52,7 +52,7 @@ void insert_bare(memdb_tbl *tbl) {
 
 void store() {
   set_tbl_state(stored_table(), TBL_CHANGED);
-  if (store_table(stored_table()) != 0) give_up("the table isn't stored");
+  if (!store_table(stored_table())) give_up("the table isn't stored");
 }
 
 // Fills and stores the table once, whichever benchmark comes first.

@@ -23,8 +23,7 @@ void parse_query(benchmark::State &state) {
   for (auto _ : state) {
     query_scope in;
     char name[TARN_NAME_SIZE] = "";
-    if (tarn_memdb_parse_input(query, OP_SELECT, &in, name) == nullptr)
-      give_up("the query isn't one");
+    if (!tarn_memdb_parse_input(query, OP_SELECT, &in, name)) give_up("the query isn't one");
     benchmark::DoNotOptimize(in.flds);
   }
 }

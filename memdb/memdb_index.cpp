@@ -101,7 +101,7 @@ bool unlink_from_chain(void *place, memdb_row *row, memdb_col *col) {
 
 uint32_t memdb_hash1(const char *text) {
   uint32_t hash = 0x9D1C81C5;
-  // Bytes count as signed: whoever looks into the buckets from outside hashes plain chars.
+  // Bytes count as signed, as in the hash of plain chars that reads such tables from outside.
   const auto value = [](char c) { return static_cast<uint32_t>(static_cast<signed char>(c)); };
   // Two characters a step: the second's product doesn't wait for the first's sum.
   for (; text[0] != '\0'; text += 2) {

@@ -35,13 +35,13 @@ memdb_row *memdb_find(memdb_row *start, const memdb_col *col, const char *key) {
   return row;
 }
 
-int memdb_row_match(const memdb_tbl *tbl, const memdb_row *row, int32_t skip_col,
-                    const char *const *values) {
+bool memdb_row_match(const memdb_tbl *tbl, const memdb_row *row, int32_t skip_col,
+                     const char *const *values) {
   for (uint32_t i = 0; i < tbl->col_cnt; i++) {
     if (values[i] == nullptr || static_cast<int32_t>(i) == skip_col) continue;
-    if (strcmp(values[i], memdb_get_field(tbl, row, i)) != 0) return 0;
+    if (strcmp(values[i], memdb_get_field(tbl, row, i)) != 0) return false;
   }
-  return 1;
+  return true;
 }
 
 memdb_row *memdb_select(memdb_tbl *tbl, const char *const *values, memdb_cursor *cursor) {

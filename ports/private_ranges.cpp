@@ -12,8 +12,6 @@
 #include "tables/shared/file_handle.h"
 #include "tables/shared/shared_memory.h"
 
-const char *private_ranges_file_path = "/var/lib/sipserver/gw_private_range.txt";
-
 namespace {
 
 // One place more at the end of the map's ranges, with a new record in it. Null if memory is short;
@@ -31,8 +29,9 @@ private_range_ports *add_range(port_m *m) {
 }
 
 void fill_range(port_m *m, private_range_ports *range, const range_line &line) {
+  alone_with_port_maps();
   for (int i = 0; i <= PRIVATE_RANGE_PORTS; i++) {
-    if (i >= line.ports) {
+    if (i >= line.count) {
       range->port[i] = NO_PORT;
       continue;
     }
@@ -62,8 +61,7 @@ bool read_ranges(FILE *file, char **buffer) {
     if (port_m *const named = port_map_by_word(line.word)) map = named;
     if (map == nullptr) {
       LM_WARN(
-          "Line %d of the private port ranges names no port map, nor did one before it. It is "
-          "skipped\n",
+          "Line %d of the private port ranges names no port map, nor did one before it. It is skipped\n",
           number);
       continue;
     }
@@ -75,19 +73,19 @@ bool read_ranges(FILE *file, char **buffer) {
 }  // namespace
 
 bool range_line::scan(const char *text) {
-  ports = 0;
+  count = 0;
   int used = 0;
   const bool has_word = vread(text, "%31s%n", word, &used) == 1;
   rest = text + used;
   // What is left of a word that has no room isn't the first number.
   while (has_word && *rest != '\0' && isspace(static_cast<unsigned char>(*rest)) == 0) rest++;
-  for (; ports < PRIVATE_RANGE_PORTS && vread(rest, "%d%n", &port[ports], &used) == 1; ports++)
+  for (; count < PRIVATE_RANGE_PORTS && vread(rest, "%d%n", &numbers[count], &used) == 1; count++)
     rest += used;
   return has_word;
 }
 
 range_port judge_range_port(const port_m *m, const range_line &line, int place) {
-  const int32_t number = line.port[place];
+  const int32_t number = line.numbers[place];
   return {number, is_port_in_range(m, number), place > 0 && number == NO_PORT};
 }
 
@@ -104,16 +102,17 @@ int vread(const char *text, const char *format, ...) {
   return items;
 }
 
-int32_t load_port_range() {
-  const file_handle file(fopen(private_ranges_file_path, "r"));
+bool load_port_range() {
+  const char *const path = port_settings.private_ranges_file_path;
+  const file_handle file(fopen(path, "r"));
   if (!file) {
-    LM_DBG("Could not open file '%s' with private port range\n", private_ranges_file_path);
-    return -1;
+    LM_DBG("Could not open file '%s' with private port range\n", path);
+    return false;
   }
   char *buffer = nullptr;
   const bool read = read_ranges(file.get(), &buffer);
   free(buffer);
-  if (!read) return -1;
-  LM_DBG("Reading private port range file '%s' OK!\n", private_ranges_file_path);
-  return 0;
+  if (!read) return false;
+  LM_DBG("Reading private port range file '%s' OK!\n", path);
+  return true;
 }

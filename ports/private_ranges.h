@@ -11,8 +11,8 @@ struct range_line {
   bool scan(const char *text);
 
   char word[32] = "";  // cut to its room; no map has so long a word
-  int32_t port[PRIVATE_RANGE_PORTS] = {};
-  int ports = 0;
+  int32_t numbers[PRIVATE_RANGE_PORTS] = {};
+  int count = 0;
   const char *rest = "";  // of the text: what is passed over
 };
 
@@ -23,12 +23,12 @@ struct range_port {
   bool ends_range;  // this and what follows isn't given out
 };
 
-// Judges the port at a place of the line, from 0 to line.ports - 1, in the range's map.
+// Judges the port at a place of the line, from 0 to line.count - 1, in the range's map.
 range_port judge_range_port(const port_m *m, const range_line &line, int place);
 
-// Adds the ranges of private_ranges_file_path to their maps and marks their ports. 0, or -1 when
-// there is no file, which is no fault, or no memory. Runs before the host forks.
-int32_t load_port_range();
+// Adds the ranges of the private range file to their maps and marks their ports. False when there
+// is no file or no memory for them. Runs before the host forks.
+bool load_port_range();
 
 // Frees the map's ranges and their array, whose place in the map is the caller's to reset.
 void free_private_ranges(port_m *m);

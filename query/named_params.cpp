@@ -48,20 +48,24 @@ bool is_column(const tarn_tbl *table, std::string_view name) {
   return false;
 }
 
-// Bytes for the result and its terminator: a bar for each slot but the first, and a star or a body
-// in it. False, logged, for an item that names no column.
-bool result_size(const item_chain &items, const tarn_tbl *table, const char *tail, size_t *size) {
-  *size = 2 * size_t{table->tbl->col_cnt};
+bool are_columns(const item_chain &items, const tarn_tbl *table) {
   for (const param_t *item = items.first; item != nullptr; item = item->next) {
-    if (!is_column(table, text_of(item->name))) {
-      LM_ERR("Parameter [%.*s] not found in the table [%s]\n", item->name.len, item->name.s,
-             table->table_name);
-      return false;
-    }
-    *size += text_of(item->body).size();
+    if (is_column(table, text_of(item->name))) continue;
+    LM_ERR("Parameter [%.*s] not found in the table [%s]\n", item->name.len, item->name.s,
+           table->table_name);
+    return false;
   }
-  if (tail != nullptr) *size += strlen(table->table_name) + strlen(tail) + 2;
   return true;
+}
+
+// Bytes for the result and its terminator: a bar for each slot but the first, and a star or a body
+// in it.
+size_t result_size(const item_chain &items, const tarn_tbl *table, const char *tail) {
+  size_t size = 2 * size_t{table->tbl->col_cnt};
+  for (const param_t *item = items.first; item != nullptr; item = item->next)
+    size += text_of(item->body).size();
+  if (tail != nullptr) size += strlen(table->table_name) + strlen(tail) + 2;
+  return std::max<size_t>(size, 1);
 }
 
 // A tail that doesn't fit whole is left out: part of a number would be another number.
@@ -87,9 +91,8 @@ conversion tarn_memdb_convert_query_param_list(str *list, const tarn_tbl *table,
     LM_ERR("Invalid formatted values [%.*s]\n", list->len, list->s);
     return conversion::failed;
   }
-  size_t size;
-  if (!result_size(items, table, tail, &size)) return conversion::failed;
-  size = std::max<size_t>(size, 1);
+  if (!are_columns(items, table)) return conversion::failed;
+  const size_t size = result_size(items, table, tail);
   pkg_owner<char> result(pkg_array<char>(size));
   if (!result) {
     LM_ERR("Could not allocate memory for query list\n");

@@ -6,10 +6,10 @@
 #include "host/abi.h"
 #include "tables/tarn_tbl.h"
 
-enum class conversion : int32_t {
-  failed = -1,    // logged; list isn't to be used
-  converted = 0,  // list is a new private block, terminated, that the caller owns
-  positional = 1  // nothing done
+enum class conversion {
+  failed,     // logged; list isn't to be used
+  converted,  // list is a new private block, terminated, that the caller owns
+  positional  // nothing done
 };
 
 // Rewrites list if it is named: it holds no bar and a '=', or nothing at all. Columns that aren't

@@ -46,7 +46,7 @@ bool read_max_res(const str &query, char *cursor, const tarn_tbl &table, int32_t
   str text;
   tarn_memdb_get_next_field(query, PART_SEPARATOR, &cursor, &text);
   int32_t number;
-  if (text.len == 0 || str_to_sint(&text, &number) != 0) return true;
+  if (text.len == 0 || !str_to_sint(&text, &number)) return true;
   if (number <= 0) {
     LM_ERR("Invalid value for maximum result count\n");
     return false;
@@ -57,42 +57,43 @@ bool read_max_res(const str &query, char *cursor, const tarn_tbl &table, int32_t
 
 }  // namespace
 
-query_in *tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, char *tbl_name) {
-  if (tbl_name == nullptr) {
-    LM_ERR("Table name is missing\n");
+tarn_tbl *find_query_table(const str &query, std::string_view name, char **list) {
+  *list = query.s;
+  str part;
+  tarn_memdb_get_next_field(query, PART_SEPARATOR, list, &part);
+  if (*list == nullptr) {
+    LM_ERR("Field list is missing\n");
     return nullptr;
   }
+  tarn_tbl *const table = get_tarn_tbl_by_name(name);
+  if (table == nullptr) LM_ERR("Table not found\n");
+  return table;
+}
+
+bool tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, table_name_text &tbl_name) {
   std::string_view name = plain_table_name(query);
   if (name.empty())
     name = tbl_name;
   else
     tbl_name[name.copy(tbl_name, TARN_NAME_SIZE - 1)] = '\0';
 
-  char *cursor = query.s;
-  str part;
-  tarn_memdb_get_next_field(query, PART_SEPARATOR, &cursor, &part);
-  if (cursor == nullptr) {
-    LM_ERR("Field list is missing\n");
-    return nullptr;
-  }
-  in->table = get_tarn_tbl_by_name(name);
-  if (in->table == nullptr) {
-    LM_ERR("Table not found\n");
-    return nullptr;
-  }
-  tarn_memdb_get_next_field(query, op == OP_INSERT ? NO_SEPARATOR : PART_SEPARATOR, &cursor, &part);
-  in->flds = tarn_memdb_create_fields(part, &in->table->tbl->col_cnt);
+  char *cursor;
+  in->table = find_query_table(query, name, &cursor);
+  if (in->table == nullptr) return false;
+  str list;
+  tarn_memdb_get_next_field(query, op == OP_INSERT ? NO_SEPARATOR : PART_SEPARATOR, &cursor, &list);
+  in->flds = tarn_memdb_create_fields(list, &in->table->tbl->col_cnt);
   if (in->flds == nullptr) {
     LM_ERR("Wrong number of fields in field list: %s | %s\n", query.s, printable(cursor));
-    return nullptr;
+    return false;
   }
   if ((op == OP_INSERT && !is_insertable(*in, cursor)) ||
       !read_max_res(query, cursor, *in->table, &in->max_res)) {
     tarn_memdb_destroy_fields(in->flds);
     in->flds = nullptr;
-    return nullptr;
+    return false;
   }
-  return in;
+  return true;
 }
 
 void query_in_reset(query_in *in) {

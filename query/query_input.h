@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "host/abi.h"
 #include "tables/tarn_tbl.h"
@@ -19,11 +20,17 @@ struct query_in {
   int32_t max_res;  // most rows to be touched or returned, above 0 or the table's MAX_ROWS
 };
 
-// Parses query, whose text has to be terminated, into in and the table's name into tbl_name, a
-// buffer of TARN_NAME_SIZE that the caller has zeroed. A longer name is no table; the buffer then
-// holds its beginning for messages. Returns in, which then owns flds, or null with the reason
-// logged and nothing owned. Takes no lock.
-query_in *tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, char *tbl_name);
+// A table's name, cut to its room where it is none.
+using table_name_text = char[TARN_NAME_SIZE];
+
+// Parses query, whose text has to be terminated, into in, which then owns flds, and the table's
+// name into tbl_name, which the caller has zeroed. A longer name is no table; the buffer then holds
+// its beginning for messages. False with the reason logged and nothing owned. Takes no lock.
+bool tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, table_name_text &tbl_name);
+
+// The table of that name, which stands at the head of query, with *list at the beginning of the
+// field list behind it. Null, logged, if there is no list or no such table.
+tarn_tbl *find_query_table(const str &query, std::string_view name, char **list);
 
 // Releases flds and clears the record. Does nothing worse on a cleared record.
 void query_in_reset(query_in *in);

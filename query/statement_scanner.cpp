@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "host/log.h"
 
@@ -24,35 +25,54 @@ bool ends_list(char c) { return c == '\0' || c == ' '; }
 
 const char *behind_comma(const char *at) { return *at == ',' ? at + 1 : at; }
 
-// End of the item that starts at text: a comma, a blank or the end.
-const char *item_end(const char *text) {
-  while (!ends_list(*text) && *text != ',') text++;
-  return text;
+// The item that starts at text and ends at a comma, a blank or the end.
+std::string_view item_at(const char *text) {
+  const char *end = text;
+  while (!ends_list(*end) && *end != ',') end++;
+  return {text, static_cast<size_t>(end - text)};
 }
 
-const char *list_end(const char *text) {
-  while (!ends_list(*text)) text++;
-  return text;
+// Takes the item that *at, within a list, is ahead of, and goes on behind it.
+std::string_view take_item(const char **at) {
+  const std::string_view item = item_at(behind_comma(*at));
+  *at = item.data() + item.size();
+  return item;
+}
+
+// The word that starts at text: a whole list.
+std::string_view word_at(const char *text) {
+  const char *end = text;
+  while (!ends_list(*end)) end++;
+  return {text, static_cast<size_t>(end - text)};
+}
+
+void put_text(char *place, std::string_view text) { place[text.copy(place, text.size())] = '\0'; }
+
+// Blocks that both kinds of list need. Null, logged, if memory is short.
+char *allocate_values(size_t size) {
+  char *const block = pkg_array<char>(size);
+  if (block == nullptr) LM_ERR("Could not allocate memory for field_value\n");
+  return block;
 }
 
 // Texts that are written one behind the other into a block, with an array of them at its head.
 class text_array {
  public:
-  // Room for count texts of altogether no more than total characters.
+  // Room for count texts of altogether no more than total characters; logged if there is none.
   text_array(uint32_t count, size_t total)
       : block_(pkg_array<char>(count * (sizeof(char *) + 1) + total)),
-        next_(block_ ? block_.get() + count * sizeof(char *) : nullptr) {}
+        next_(block_ ? block_.get() + count * sizeof(char *) : nullptr) {
+    if (!block_) LM_ERR("Could not allocate memory for field_list\n");
+  }
 
   explicit operator bool() const { return static_cast<bool>(block_); }
   char **array() const { return reinterpret_cast<char **>(block_.get()); }
   char **release() { return reinterpret_cast<char **>(block_.release()); }
 
-  void set(int32_t i, const char *text, const char *end) {
-    const auto len = static_cast<size_t>(end - text);
-    memcpy(next_, text, len);
-    next_[len] = '\0';
+  void set(int32_t i, std::string_view text) {
+    put_text(next_, text);
     array()[i] = next_;
-    next_ += len + 1;
+    next_ += text.size() + 1;
   }
 
  private:
@@ -71,7 +91,7 @@ bool read_pair(const char **at, text_array *names, int32_t i, char *place) {
   const char *text = behind_comma(*at);
   const char *const name = text;
   while (!ends_list(*text) && *text != '=') text++;
-  names->set(i, name, text);
+  names->set(i, {name, static_cast<size_t>(text - name)});
   *place = '\0';
   // A name that ends the statement has no value and ends the list.
   if (*text != '\0') text++;
@@ -82,10 +102,9 @@ bool read_pair(const char **at, text_array *names, int32_t i, char *place) {
     }
     text += 2;
   } else {
-    const auto len = std::min(static_cast<size_t>(item_end(text) - text), PAIR_VALUE_MAX);
-    memcpy(place, text, len);
-    place[len] = '\0';
-    text += len;
+    const std::string_view value = item_at(text).substr(0, PAIR_VALUE_MAX);
+    put_text(place, value);
+    text += value.size();
   }
   *at = text;
   return true;
@@ -129,10 +148,9 @@ char *get_table_name_from_query(const char *text) {
     LM_ERR("Could not allocate memory for tbl_name\n");
     return nullptr;
   }
-  const auto len = static_cast<size_t>(list_end(name) - name);
-  if (len >= TARN_NAME_SIZE) return nullptr;
-  memcpy(block.get(), name, len);
-  block[len] = '\0';
+  const std::string_view word = word_at(name);
+  if (word.size() >= TARN_NAME_SIZE) return nullptr;
+  put_text(block.get(), word);
   return block.release();
 }
 
@@ -143,17 +161,10 @@ char **get_fields_name(const char *text, const tarn_tbl *table, int32_t *count) 
     return nullptr;
   }
   const auto columns = static_cast<int32_t>(table->tbl->col_cnt);
-  text_array names(table->tbl->col_cnt, static_cast<size_t>(list_end(at) - at));
-  if (!names) {
-    LM_ERR("Could not allocate memory for field_list\n");
-    return nullptr;
-  }
+  text_array names(table->tbl->col_cnt, word_at(at).size());
+  if (!names) return nullptr;
   int32_t found = 0;
-  for (; !ends_list(*at) && found < columns; found++) {
-    const char *const name = behind_comma(at);
-    at = item_end(name);
-    names.set(found, name, at);
-  }
+  for (; !ends_list(*at) && found < columns; found++) names.set(found, take_item(&at));
   // A list of all columns is refused too: what names every column has a positional function.
   if (found == columns) {
     LM_ERR("Wrong number of fields (%d) for table '%s' (%d)\n", found, table->table_name, columns);
@@ -183,15 +194,12 @@ int32_t *validate_field_list(char *const *names, const tarn_tbl *table, int32_t 
 char **generate_value_list(const char *text, const tarn_tbl *table, const int32_t *positions,
                            int32_t count) {
   const size_t columns = table->tbl->col_cnt;
-  const auto list_len = static_cast<size_t>(list_end(text) - text);
+  const size_t list_len = word_at(text).size();
   // Behind the slots there is room for every value that doesn't fit its own.
   const size_t slots_start = columns * sizeof(char *);
   const size_t spare_start = slots_start + columns * INSERT_SLOT;
-  pkg_owner<char> block(pkg_array<char>(spare_start + list_len + static_cast<size_t>(count)));
-  if (!block) {
-    LM_ERR("Could not allocate memory for field_value\n");
-    return nullptr;
-  }
+  pkg_owner<char> block(allocate_values(spare_start + list_len + static_cast<size_t>(count)));
+  if (!block) return nullptr;
   auto **const values = reinterpret_cast<char **>(block.get());
   for (size_t i = 0; i < columns; i++) {
     values[i] = block.get() + slots_start + i * INSERT_SLOT;
@@ -200,16 +208,13 @@ char **generate_value_list(const char *text, const tarn_tbl *table, const int32_
   char *spare = block.get() + spare_start;
   int32_t found = 0;
   for (const char *at = text; found < count && !ends_list(*at); found++) {
-    const char *const value = behind_comma(at);
-    at = item_end(value);
-    const auto len = static_cast<size_t>(at - value);
+    const std::string_view value = take_item(&at);
     char *&target = values[positions[found]];
-    if (len >= INSERT_SLOT) {
+    if (value.size() >= INSERT_SLOT) {
       target = spare;
-      spare += len + 1;
+      spare += value.size() + 1;
     }
-    memcpy(target, value, len);
-    target[len] = '\0';
+    put_text(target, value);
   }
   if (found < count) {
     LM_ERR("Number of values (%d) does not match number of fields (%d)\n", found, count);
@@ -218,25 +223,19 @@ char **generate_value_list(const char *text, const tarn_tbl *table, const int32_
   return reinterpret_cast<char **>(block.release());
 }
 
-char **generate_value_list2(const char *text, const tarn_tbl *table, pkg_owner<char> *texts) {
+char **generate_pair_list(const char *text, const tarn_tbl *table, pkg_owner<char> *texts) {
   const uint32_t columns = table->tbl->col_cnt;
   // A blank in place of '=' leads the scan past the first one, so the whole rest may hold names.
   text_array names(columns, strlen(text));
-  if (!names) {
-    LM_ERR("Could not allocate memory for field_list\n");
-    return nullptr;
-  }
+  if (!names) return nullptr;
   pkg_owner<char *> values(pkg_array<char *>(columns));
   if (!values) {
     LM_ERR("Could not allocate memory for field_value_f\n");
     return nullptr;
   }
   std::fill_n(values.get(), columns, nullptr);
-  pkg_owner<char> slots(pkg_array<char>(columns * PAIR_SLOT + PAIR_VALUE_MAX + 1));
-  if (!slots) {
-    LM_ERR("Could not allocate memory for field_value\n");
-    return nullptr;
-  }
+  pkg_owner<char> slots(allocate_values(columns * PAIR_SLOT + PAIR_VALUE_MAX + 1));
+  if (!slots) return nullptr;
   const auto slot = [&slots](int32_t i) {
     return slots.get() + static_cast<size_t>(i) * PAIR_SLOT;
   };

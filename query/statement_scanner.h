@@ -42,4 +42,4 @@ char **generate_value_list(const char *text, const tarn_tbl *table, const int32_
 // block of their own, which texts takes over. They stand 32 bytes apart, so that a value of 32
 // characters or more loses its tail to the next pair's, if another pair follows. Null, logged, for
 // a bad list.
-char **generate_value_list2(const char *text, const tarn_tbl *table, pkg_owner<char> *texts);
+char **generate_pair_list(const char *text, const tarn_tbl *table, pkg_owner<char> *texts);

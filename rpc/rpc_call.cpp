@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "host/log.h"
+#include "query/query_input.h"
 #include "query/text/buffers.h"
 
 namespace {
@@ -32,22 +33,36 @@ bool send_line(const rpc_call &call, const char *fmt, ...) {
   return send_query_buf(call);
 }
 
-bool refuse_arguments(const rpc_call &call, const rpc_words &words) {
-  LM_WARN("%s%s\n", words.log_name, words.too_few_log);
-  call.rpc->fault(call.ctx, RPC_FAULT, "%s", words.too_few_fault);
+bool send_name_and_count(const rpc_call &call, const tarn_tbl *table) {
+  return send_line(call, "Table: %s", table->table_name) &&
+         send_line(call, "Row count: %d", get_tbl_row_count(table));
+}
+
+void fault_internal(const rpc_call &call) {
+  call.rpc->fault(call.ctx, RPC_FAULT, "Internal Error");
+}
+
+bool refuse_arguments(const rpc_call &call, const argument_texts &texts) {
+  LM_TEXT(L_WARN, texts.log);
+  call.rpc->fault(call.ctx, RPC_FAULT, texts.fault.format);
   return false;
 }
 
-argument_state read_table_argument(const rpc_call &call, const rpc_words &words,
-                                   table_argument *argument) {
-  argument->whole = nullptr;
-  if (call.rpc->scan(call.ctx, "s", &argument->whole) < 1 || argument->whole == nullptr) {
-    refuse_arguments(call, words);
-    return argument_state::missing;
+tarn_tbl *read_table(const rpc_call &call, const table_argument &argument) {
+  char *whole = nullptr;
+  if (call.rpc->scan(call.ctx, "s", &whole) < 1 || whole == nullptr) {
+    refuse_arguments(call, argument.missing);
+    return nullptr;
   }
-  const std::string_view word = first_word(argument->whole);
-  argument->name[word.copy(argument->name, sizeof(argument->name) - 1)] = '\0';
   // Looked up by the whole word: one that doesn't fit is no table, even if its beginning is.
-  argument->table = get_tarn_tbl_by_name(word);
-  return argument->table != nullptr ? argument_state::found : argument_state::unknown;
+  const std::string_view name = argument.form == name_form::whole ? whole : first_word(whole);
+  tarn_tbl *const table = get_tarn_tbl_by_name(name);
+  if (table != nullptr) return table;
+  table_name_text cut;
+  cut[name.copy(cut, sizeof(cut) - 1)] = '\0';
+  const char *const logged = argument.form == name_form::whole ? whole : cut;
+  const char *const faulted = argument.form == name_form::first_word ? cut : whole;
+  if (argument.unknown_log != nullptr) LM_TEXT(L_ERR, *argument.unknown_log, logged);
+  call.rpc->fault(call.ctx, RPC_FAULT, "Wrong table name: '%s'", faulted);
+  return nullptr;
 }

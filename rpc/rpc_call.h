@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/abi.h"
-#include "query/query_input.h"
+#include "host/message_text.h"
 #include "tables/tarn_tbl.h"
 
 inline constexpr int RPC_FAULT = 500;  // code of every fault
@@ -19,27 +19,37 @@ bool send_query_buf(const rpc_call &call);
 // Composes a line in query_buf, cut at its end, and sends it. False if the reply can't be extended.
 bool send_line(const rpc_call &call, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
-// How a command's refusals read in the log and to the operator.
-struct rpc_words {
-  const char *log_name;  // begins its log lines; empty for commands that don't name themselves
-  const char *too_few_log;
-  const char *too_few_fault;
+// Sends the table's name and its row count, each a line. False if the reply can't be extended.
+bool send_name_and_count(const rpc_call &call, const tarn_tbl *table) NEEDS_LOCK(table->lock);
+
+// The fault of a command that fails for reasons that the log tells.
+void fault_internal(const rpc_call &call);
+
+// How a command refuses a call that lacks an argument.
+struct argument_texts {
+  message_text<> log;
+  message_text<> fault;
 };
+
+inline constexpr message_text<> NOT_ENOUGH_PARAMETERS{"Not enough parameters"};
+inline constexpr message_text<> WRONG_NUMBER{"wrong number of parameters"};
 
 // Logs and faults a lack of arguments. Always false.
-bool refuse_arguments(const rpc_call &call, const rpc_words &words);
+bool refuse_arguments(const rpc_call &call, const argument_texts &texts);
 
-// A table's name as an argument: its first word, and the table found by it.
-struct table_argument {
-  char *whole;
-  char name[TARN_NAME_SIZE];
-  tarn_tbl *table;
+// What of its one argument a command takes for a table's name, in the log and in the fault.
+enum class name_form {
+  first_word,
+  first_word_but_whole_in_fault,
+  whole  // blanks included
 };
 
-enum class argument_state { missing, unknown, found };
+struct table_argument {
+  argument_texts missing;
+  const message_text<const char *> *unknown_log;  // the name goes in; null for no line
+  name_form form;
+};
 
-// Reads the one argument of a command and looks up the table that its first word names. missing,
-// refused here, if there is no argument; unknown, which is the caller's to refuse, if no table has
-// that name.
-argument_state read_table_argument(const rpc_call &call, const rpc_words &words,
-                                   table_argument *argument);
+// Reads the one argument of a command: the table that it names. Null, refused, if there is no
+// argument or no such table.
+tarn_tbl *read_table(const rpc_call &call, const table_argument &argument);

@@ -2,8 +2,9 @@
 #include "rpc/rpc_commands.h"
 
 #include "rpc/rpc_data.h"
-#include "rpc/rpc_inspect.h"
 #include "rpc/rpc_maintain.h"
+#include "rpc/rpc_show_info.h"
+#include "rpc/rpc_show_table.h"
 
 namespace {
 

@@ -1,14 +1,30 @@
 // Settings of tables, names of tables and commands, port maps.
+#include "rpc/rpc_show_info.h"
+
+#include <cstdio>
+#include <type_traits>
+
 #include "host/log.h"
 #include "ports/port_map.h"
+#include "query/text/buffers.h"
 #include "rpc/rpc_call.h"
 #include "rpc/rpc_commands.h"
-#include "rpc/rpc_inspect.h"
 
 namespace {
 
-constexpr rpc_words INFO_WORDS{"RPC Show info: ", "wrong number of parameters",
-                               "wrong number of parameters"};
+// Sends a line whose text the kind of a port map has settled.
+template <typename... Values>
+bool send_text(const rpc_call &call, const message_text<Values...> &text,
+               std::type_identity_t<Values>... values) {
+  snprintf(query_buf, sizeof(query_buf), text.format, values...);
+  return send_query_buf(call);
+}
+
+constexpr message_text<const char *> INFO_UNKNOWN{"RPC Show info: wrong table name: '%s'"};
+constexpr table_argument INFO_ARGUMENT{
+    {"RPC Show info: wrong number of parameters\n", WRONG_NUMBER},
+    &INFO_UNKNOWN,
+    name_form::first_word};
 
 bool send_port_settings(const rpc_call &call, const tarn_tbl &table) {
   return send_line(call, "Port range: %s", table.range) &&
@@ -17,10 +33,8 @@ bool send_port_settings(const rpc_call &call, const tarn_tbl &table) {
 }
 
 // The first line that can't be sent ends the list.
-bool send_table_info(const rpc_call &call, const tarn_tbl &table) {
-  return send_line(call, "Table: %s", table.table_name) &&
-         send_line(call, "Row count: %d", table.row_count) &&
-         send_line(call, "Max rows: %d", table.max_rows) &&
+bool send_table_info(const rpc_call &call, const tarn_tbl &table) NEEDS_LOCK(table.lock) {
+  return send_name_and_count(call, &table) && send_line(call, "Max rows: %d", table.max_rows) &&
          send_line(call, "Number of columns: %d", table.num_fields) &&
          send_line(call, "State: %d", table.state) &&
          send_line(call, "Use index: %d", table.use_index) &&
@@ -38,12 +52,10 @@ bool send_range(const rpc_call &call, const private_range_ports &range) {
                    p[6], p[7], p[8], p[9]);
 }
 
-bool send_map(const rpc_call &call, const port_map_kind &kind) {
+bool send_map(const rpc_call &call, const port_map_kind &kind) NEEDS_LOCK(port_map_lock) {
   const port_m *const m = *kind.map;
   if (m == nullptr) return true;
-  if (!send_line(call,
-                 "%s:\nMin port = %d; Max port = %d; Next free port = %d; Private Port Range = %s;",
-                 kind.title, m->min_port, m->max_port, m->next_free_port,
+  if (!send_text(call, kind.info, m->min_port, m->max_port, m->next_free_port,
                  m->private_range != nullptr ? "Yes" : "No"))
     return false;
   if (m->private_range == nullptr) return true;
@@ -53,7 +65,7 @@ bool send_map(const rpc_call &call, const port_map_kind &kind) {
   return true;
 }
 
-bool send_maps(const rpc_call &call) {
+bool send_maps(const rpc_call &call) NEEDS_LOCK(port_map_lock) {
   if (!send_line(call, "PM Info")) return false;
   for (const port_map_kind &kind : port_map_kinds)
     if (!send_map(call, kind)) return false;
@@ -65,19 +77,10 @@ bool send_maps(const rpc_call &call) {
 void tarn_memdb_rpc_show_tbl_info(rpc_t *rpc, void *ctx) {
   const host_log_scope log;
   const rpc_call call{rpc, ctx};
-  table_argument argument;
-  switch (read_table_argument(call, INFO_WORDS, &argument)) {
-    case argument_state::missing:
-      return;
-    case argument_state::unknown:
-      LM_ERR("RPC Show info: wrong table name: '%s'", argument.name);
-      rpc->fault(ctx, RPC_FAULT, "Wrong table name: '%s'", argument.name);
-      return;
-    case argument_state::found:
-      break;
-  }
-  const lock_scope lock(argument.table->lock);
-  send_table_info(call, *argument.table);
+  const tarn_tbl *const table = read_table(call, INFO_ARGUMENT);
+  if (table == nullptr) return;
+  const lock_scope lock(table->lock);
+  send_table_info(call, *table);
 }
 
 void tarn_memdb_rpc_show_tbls_lst(rpc_t *rpc, void *ctx) {

@@ -8,7 +8,7 @@
 #include "host/pv_module.h"
 #include "ports/port_map.h"
 #include "rpc/rpc_commands.h"
-#include "script/params/late_param.h"
+#include "script/params/special_slot.h"
 #include "tables/files/table_files.h"
 #include "tables/schema.h"
 #include "tables/shared/shared_memory.h"
@@ -16,28 +16,27 @@
 
 namespace {
 
-bool make_tables() {
+// Registry, port maps, tables with their rows, locks: all that the processes share.
+bool make_shared_records() {
   if (!make_registry()) {
     LM_ERR("Could not allocate memory for tarn_tbl_mngt\n");
     return false;
   }
   // The maps come first: the load below counts the rows' ports into them.
-  if (init_port_map() != 0) {
+  if (!init_port_maps()) {
     LM_ERR("Could not init port map\n");
     return false;
   }
-  if (create_table() != 0) {
+  if (!create_tables()) {
     LM_ERR("Could not create table(s) schema from configuration file '%s'\n", cfg_file_path);
     return false;
   }
   for (tarn_tbl &table : all_tarn_tbls()) {
-    if (load_table(&table) != 0) {
-      LM_ERR("Could not load table '%s'\n", table.table_name);
-      return false;
-    }
+    alone_with(&table);
+    load_table(&table);
   }
   // One process loads, so the locks come after the load.
-  if (init_lock() != 0) {
+  if (!init_locks()) {
     LM_ERR("Could not init lock\n");
     return false;
   }
@@ -45,36 +44,35 @@ bool make_tables() {
 }
 
 bool start_timer() {
-  if (g_store_tbl_auto == 0) {
+  if (store_settings.automatic == 0) {
     LM_WARN("Table(s) will not be stored automatically\n");
     return true;
   }
-  if (register_timer(store_table_mngt, nullptr, static_cast<unsigned>(g_store_tbl_interval)) < 0) {
+  if (register_timer(store_table_mngt, nullptr, static_cast<unsigned>(store_settings.interval)) <
+      0) {
     LM_ERR("Could not create timer for store_table_mngt\n");
     return false;
   }
   return true;
 }
 
-}  // namespace
-
-int tarnmemdb_init_rpc() {
-  if (rpc_register_array(tarn_memdb_rpc_cmds) != 0) {
-    LM_ERR("failed to register RPC commands\n");
-    return -1;
-  }
-  return 0;
+bool tarnmemdb_init_rpc() {
+  if (rpc_register_array(tarn_memdb_rpc_cmds) == 0) return true;
+  LM_ERR("failed to register RPC commands\n");
+  return false;
 }
+
+}  // namespace
 
 int mod_init() {
   const host_log_scope log;
   LM_DBG("Initializing tarn_memdb module\n");
   install_engine_hooks();
-  if (tarnmemdb_init_rpc() != 0) {
+  if (!tarnmemdb_init_rpc()) {
     LM_CRIT("Failed to register RPC commands\n");
     return -1;
   }
-  if (!make_tables() || !start_timer()) return -1;
+  if (!make_shared_records() || !start_timer()) return -1;
   if (!host_import_pv()) {
     LM_ERR("Cannot import pv functions (pv module must be loaded before this module)\n");
     return -1;

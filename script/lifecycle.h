@@ -10,6 +10,3 @@ int child_init(int rank);
 
 // Stores what changed and frees everything, after a start that failed at any step too.
 void mod_destroy();
-
-// Registers the RPC commands. 0, or -1, logged.
-int tarnmemdb_init_rpc();

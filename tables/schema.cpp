@@ -67,6 +67,11 @@ bool read_columns(schema_reader *schema, tarn_tbl *table) {
   return true;
 }
 
+bool refuse_lines() {
+  LM_ERR("Error on reading! Maybe a line is missing");
+  return false;
+}
+
 // False after a line that isn't what has to stand there; the end of the file is no such line.
 bool read_file_name(schema_reader *schema, tarn_tbl *table) {
   const read_result result = schema->text("FILE_NAME=", table->file_name);
@@ -77,10 +82,8 @@ bool read_file_name(schema_reader *schema, tarn_tbl *table) {
 bool read_table(schema_reader *schema, tarn_tbl *table) {
   read_settings(schema, table);
   if (!read_columns(schema, table)) return false;
-  if (!read_file_name(schema, table)) {
-    LM_ERR("Error on reading! Maybe a line is missing");
-    return false;
-  }
+  if (!read_file_name(schema, table)) return refuse_lines();
+  alone_with(table);
   reset_tbl_index(table);
   reset_tbl_row_count(table);
   set_tbl_state(table, TBL_UNCHANGED);
@@ -90,18 +93,18 @@ bool read_table(schema_reader *schema, tarn_tbl *table) {
 
 }  // namespace
 
-int32_t create_table() {
+bool create_tables() {
   const file_handle file(fopen(cfg_file_path, "r"));
   if (!file) {
     LM_ERR("Could not open file '%s' with table(s) description\n", cfg_file_path);
-    return -1;
+    return false;
   }
-  if (create_tables_from(file.get()) != 0) return -1;
+  if (!create_tables_from(file.get())) return false;
   LM_INFO("Reading cfg file '%s' OK!\n", cfg_file_path);
-  return 0;
+  return true;
 }
 
-int32_t create_tables_from(FILE *file) {
+bool create_tables_from(FILE *file) {
   schema_reader schema(file);
   tarn_mngt &registry = *tarn_tbl_mngt;
   schema.text("BASE_DIR=", registry.base_dir);
@@ -110,18 +113,15 @@ int32_t create_tables_from(FILE *file) {
   schema.number("NUM_TABLE=", &num_table);
   LM_DBG("\nBase Dir = '%s'\nBase Backup Dir = '%s'\nNum Tables = %d\n", registry.base_dir,
          registry.base_backup_dir, num_table);
-  if (schema.overlong()) {
-    LM_ERR("Error on reading! Maybe a line is missing");
-    return -1;
-  }
-  registry.tarn_tbl =
+  if (schema.overlong()) return refuse_lines();
+  registry.tables =
       static_cast<tarn_tbl *>(tarn_shm_calloc(static_cast<size_t>(num_table), sizeof(tarn_tbl)));
-  if (registry.tarn_tbl == nullptr) {
+  if (registry.tables == nullptr) {
     LM_DBG("Could not create tarn_tbl_mngt->tarn_tbl in shared memory!\n");
-    return -1;
+    return false;
   }
   registry.num_table = num_table;
   for (tarn_tbl &table : all_tarn_tbls())
-    if (!read_table(&schema, &table)) return -1;
-  return 0;
+    if (!read_table(&schema, &table)) return false;
+  return true;
 }

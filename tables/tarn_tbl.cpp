@@ -1,6 +1,7 @@
-// Look-up, accessors and the end of the registry.
+// The registry's records: look-up, accessors, beginning and end.
 #include "tables/tarn_tbl.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -10,13 +11,6 @@
 tarn_mngt *tarn_tbl_mngt;
 
 namespace {
-
-// Every accessor takes a null table as a caller's slip that is told and survived.
-bool is_table(const tarn_tbl *table) {
-  if (table != nullptr) return true;
-  LM_DBG("NULL value for tarn_table\n");
-  return false;
-}
 
 // The character behind the length is looked at first: it tells most other names apart.
 bool has_name(const tarn_tbl &table, std::string_view name) {
@@ -59,14 +53,14 @@ bool make_registry() {
 void free_registry() {
   if (tarn_tbl_mngt == nullptr) return;
   use_read_sections(nullptr);
-  tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
+  tarn_shm_free(tarn_tbl_mngt->tables);
   tarn_shm_free(tarn_tbl_mngt);
   tarn_tbl_mngt = nullptr;
 }
 
 std::span<tarn_tbl> all_tarn_tbls() {
-  if (tarn_tbl_mngt == nullptr || tarn_tbl_mngt->tarn_tbl == nullptr) return {};
-  return {tarn_tbl_mngt->tarn_tbl, static_cast<size_t>(tarn_tbl_mngt->num_table)};
+  if (tarn_tbl_mngt == nullptr || tarn_tbl_mngt->tables == nullptr) return {};
+  return {tarn_tbl_mngt->tables, static_cast<size_t>(tarn_tbl_mngt->num_table)};
 }
 
 tarn_tbl *get_tarn_tbl_by_name(const char *name) {
@@ -93,52 +87,49 @@ std::string_view column_name(const tarn_tbl *table, uint32_t col) {
   return name != nullptr ? std::string_view(name) : std::string_view();
 }
 
-int32_t get_tbl_state(const tarn_tbl *table) { return is_table(table) ? table->state : -1; }
+int32_t get_tbl_state(const tarn_tbl *table) { return table->state; }
 
-int32_t set_tbl_state(tarn_tbl *table, int32_t state) {
-  if (!is_table(table)) return -1;
+void set_tbl_state(tarn_tbl *table, int32_t state) {
   table->state = state;
   LM_DBG("Table '%s' state was set to value %d\n", table->table_name, state);
-  return 0;
 }
 
-int32_t get_tbl_row_count(const tarn_tbl *table) { return is_table(table) ? table->row_count : -1; }
+int32_t get_tbl_row_count(const tarn_tbl *table) { return table->row_count; }
 
-int32_t set_tbl_row_count(tarn_tbl *table, int32_t change) {
-  if (!is_table(table)) return -1;
-  table->row_count += change;
-  if (table->row_count < 0) {
+int32_t peek_tbl_row_count(const tarn_tbl *table) UNCHECKED_LOCKING { return table->row_count; }
+
+namespace {
+
+void store_row_count(tarn_tbl *table, int32_t count) NEEDS_LOCK(table->lock) {
+  table->row_count = count;
+  LM_DBG("Table '%s' row count was set to %d\n", table->table_name, count);
+}
+
+}  // namespace
+
+void set_tbl_row_count(tarn_tbl *table, int32_t change) {
+  const int32_t count = table->row_count + change;
+  if (count < 0)
     LM_DBG("Table '%s' row count was set to %d. Invalid value. Reseting row count\n",
-           table->table_name, table->row_count);
-    table->row_count = 0;
-  }
-  LM_DBG("Table '%s' row count was set to %d\n", table->table_name, table->row_count);
-  return 0;
+           table->table_name, count);
+  store_row_count(table, std::max(count, 0));
 }
 
-int32_t reset_tbl_row_count(tarn_tbl *table) {
-  if (!is_table(table)) return -1;
-  table->row_count = 0;
-  LM_DBG("Table '%s' row count was set to %d\n", table->table_name, table->row_count);
-  return 0;
-}
+void reset_tbl_row_count(tarn_tbl *table) { store_row_count(table, 0); }
 
 uint32_t get_tbl_index(tarn_tbl *table) {
-  if (!is_table(table)) return 0;
   const uint32_t index = table->next_index++;
   LM_DBG("Table '%s' next index to be used was set to %d\n", table->table_name,
          static_cast<int>(table->next_index));
   return index;
 }
 
-int32_t set_tbl_index(tarn_tbl *table, uint32_t index) {
-  if (!is_table(table)) return -1;
+void set_tbl_index(tarn_tbl *table, uint32_t index) {
   table->next_index = index;
   LM_DBG("Table '%s' index was set to %d\n", table->table_name, static_cast<int>(index));
-  return 0;
 }
 
-int32_t reset_tbl_index(tarn_tbl *table) { return set_tbl_index(table, 1); }
+void reset_tbl_index(tarn_tbl *table) { set_tbl_index(table, 1); }
 
 bool is_being_reloaded(const tarn_tbl *table) { return table->being_reloaded != 0; }
 
@@ -152,16 +143,16 @@ open_store::open_store(tarn_tbl *table) : table_(table) {
 
 open_store::~open_store() { std::atomic_ref(table_->open_stores).fetch_sub(1); }
 
-int32_t init_lock() {
+bool init_locks() {
   for (tarn_tbl &table : all_tarn_tbls()) {
     LM_DBG("Creating lock for table '%s'\n", table.table_name);
     table.lock = generate_lock();
-    if (table.lock == nullptr) return -1;
+    if (table.lock == nullptr) return false;
   }
-  return 0;
+  return true;
 }
 
-void destroy_lock() {
+void destroy_locks() {
   for (tarn_tbl &table : all_tarn_tbls()) {
     tarn_shm_free(table.lock);
     table.lock = nullptr;
@@ -170,6 +161,7 @@ void destroy_lock() {
 
 void recover_tables() {
   for (tarn_tbl &table : all_tarn_tbls()) {
+    alone_with(&table);
     if (force_unlock(table.lock) && table.tbl != nullptr) {
       memdb_mend_list(table.tbl);
       delete_rows_without_text(table.tbl);
@@ -189,5 +181,5 @@ void destroy_tables() {
     table.tbl = nullptr;
   }
   free_retired_rows();
-  destroy_lock();
+  destroy_locks();
 }

@@ -28,11 +28,11 @@ struct tarn_tbl {
   char file_name[256];  // below base_dir and base_backup_dir
   memdb_tbl *tbl;
   int32_t max_rows;
-  int32_t row_count;
+  int32_t row_count GUARDED_BY(lock);
   int32_t num_fields;
-  int32_t state;
+  int32_t state GUARDED_BY(lock);
   int32_t flag;
-  uint32_t next_index;
+  uint32_t next_index GUARDED_BY(lock);
   char **field_name;  // num_fields names; one may be null where memory was short at start
   int32_t use_index;  // non-zero: column 0 is generated
   int32_t duplicated_data_check;
@@ -41,18 +41,18 @@ struct tarn_tbl {
   int32_t ext_port_field;
   char log_tag[16];  // empty: no audit lines
   tarn_lock *lock;
-  int32_t being_reloaded;  // 1 while rows and files don't belong together
-  int32_t open_stores;     // that haven't closed the main file
-  int32_t
-      main_file_cut;  // 1 where the main file isn't whole, so that it must not become the backup
+  int32_t being_reloaded;  // 1 while rows and files don't belong together; atomic
+  int32_t open_stores;     // that haven't closed the main file; atomic
+  // 1 where the main file isn't whole and must not become the backup.
+  int32_t main_file_cut GUARDED_BY(lock);
 };
 
 struct tarn_mngt {
   int32_t num_table;
   char base_dir[256];
   char base_backup_dir[256];
-  struct tarn_tbl *tarn_tbl;  // num_table records
-  read_sections sections;     // of all tables
+  tarn_tbl *tables;        // num_table records
+  read_sections sections;  // of all tables
 };
 
 // The one registry; null before mod_init and after mod_destroy.
@@ -76,19 +76,31 @@ std::string_view column_name(const tarn_tbl *table, uint32_t col);
 
 inline bool holds_ports(const tarn_tbl &table) { return table.flag == TBL_HOLDS_PORTS; }
 
-// Accessors. A null table is logged at DBG and gives -1 (get_tbl_index: 0).
-int32_t get_tbl_state(const tarn_tbl *table);
-int32_t set_tbl_state(tarn_tbl *table, int32_t state);
-int32_t get_tbl_row_count(const tarn_tbl *table);
+// For the compiler's check of lock rules: the code that follows is the only process's, at the start
+// before the host forks, or at the stop.
+inline void alone_with(const tarn_tbl *table) COUNTS_AS_LOCKED(table->lock) {
+  static_cast<void>(table);
+}
+
+// The engine's table for whoever changes its rows.
+inline memdb_tbl *rows_to_change(tarn_tbl *table) NEEDS_LOCK(table->lock) { return table->tbl; }
+
+// Accessors. The table isn't null.
+int32_t get_tbl_state(const tarn_tbl *table) NEEDS_LOCK(table->lock);
+void set_tbl_state(tarn_tbl *table, int32_t state) NEEDS_LOCK(table->lock);
+int32_t get_tbl_row_count(const tarn_tbl *table) NEEDS_LOCK(table->lock);
+
+// The count as it was a moment ago, for who takes no lock.
+int32_t peek_tbl_row_count(const tarn_tbl *table);
 
 // Adds a signed change; a count below zero is set to zero.
-int32_t set_tbl_row_count(tarn_tbl *table, int32_t change);
-int32_t reset_tbl_row_count(tarn_tbl *table);
+void set_tbl_row_count(tarn_tbl *table, int32_t change) NEEDS_LOCK(table->lock);
+void reset_tbl_row_count(tarn_tbl *table) NEEDS_LOCK(table->lock);
 
 // Draws the next index: the value before the call, and the counter goes on by one.
-uint32_t get_tbl_index(tarn_tbl *table);
-int32_t set_tbl_index(tarn_tbl *table, uint32_t index);
-int32_t reset_tbl_index(tarn_tbl *table);
+uint32_t get_tbl_index(tarn_tbl *table) NEEDS_LOCK(table->lock);
+void set_tbl_index(tarn_tbl *table, uint32_t index) NEEDS_LOCK(table->lock);
+void reset_tbl_index(tarn_tbl *table) NEEDS_LOCK(table->lock);
 
 // The mark of a reload. It outlives a process that is killed, and so is to be set ahead of the
 // first change and taken back behind the last.
@@ -109,28 +121,11 @@ class open_store {
   tarn_tbl *table_;
 };
 
-// Makes the lock of every table. 0, or -1 when memory is short.
-int32_t init_lock();
+// Makes the lock of every table. False if memory is short.
+bool init_locks();
 
 // Frees the locks of all tables.
-void destroy_lock();
-
-// For functions of two flavours: holds the table's lock, or keeps a read section open, from enter
-// to the end of the scope.
-class table_scope {
- public:
-  // Once, ahead of the first look at a row.
-  void enter(const tarn_tbl *table, bool locked) {
-    if (locked)
-      lock_.take(table->lock);
-    else
-      section_.begin();
-  }
-
- private:
-  lock_scope lock_;
-  read_section section_;
-};
+void destroy_locks();
 
 // Takes over what processes left that have ended amid their work: frees the table locks that they
 // held, makes those tables' lists whole, takes out rows that an update was about to take out, and

@@ -13,7 +13,7 @@ import sys
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 INCLUDE = re.compile(r'^#include "([^"]+)"', re.MULTILINE)
-MOST_FILES = 22  # that a reader takes in at a glance
+MOST_FILES = 20  # that a reader takes in at a glance
 
 
 def listed_rooms():

@@ -15,7 +15,11 @@
 
 namespace {
 
+constexpr int SCRIPT_OUT_OF_RANGE = -2;
 constexpr int SCRIPT_UNPRINTABLE = -3;
+constexpr int SCRIPT_PORT_FREED = 0;  // which ends the script
+
+constexpr audit_table_text CLEARED{"       %s - (%d) Clearing table %s"};
 
 // Sizes of the buffers that parameters are printed into, terminator included. Scripts count on what
 // doesn't fit failing.
@@ -24,7 +28,8 @@ constexpr size_t SHORT_WORD_SIZE = 8;
 constexpr size_t PORT_SIZE = 7;
 constexpr size_t PORT_TEXT_SIZE = 8;
 
-bool print(sip_msg *msg, const char *slot, std::span<char> text, const char *unprintable) {
+bool print(sip_msg *msg, const char *slot, std::span<char> text,
+           const message_text<> &unprintable) {
   return print_or_refuse(msg, slot, text, unprintable).s != nullptr;
 }
 
@@ -32,14 +37,22 @@ bool print(sip_msg *msg, const char *slot, std::span<char> text, const char *unp
 port_m *find_map(const char *word, const char *shown) {
   port_m *const m = port_map_by_word(word);
   if (m == nullptr)
-    LM_ERR("Wrong parameter (%s). Allowed values are '%s', '%s', '%s' and '%s'\n", shown, "EXT",
-           "INT", "STATIC_EXT", "STATIC_INT");
+    LM_ERR("Wrong parameter (%s). Allowed values are 'EXT', 'INT', 'STATIC_EXT' and 'STATIC_INT'\n",
+           shown);
   return m;
 }
 
-void log_port(const char *function, int32_t port) {
-  LM_DBG("%s: port to be returned = %d\n", function, port);
+void log_next_port(int32_t port) {
+  LM_DBG("tarn_memdb_get_port: port to be returned = %d\n", port);
 }
+
+// The map was found by then, so that nothing but the port can be wrong.
+int script_result(port_result result, int done) {
+  return result == port_result::done ? done : SCRIPT_OUT_OF_RANGE;
+}
+
+// As seen in passing, without the lock.
+bool is_exhausted(const port_m *m) UNCHECKED_LOCKING { return m->next_free_port == NO_PORT; }
 
 // Takes whatever is next under the lock. Another process may have taken the last port since the
 // caller looked; set_port then refuses NO_PORT, and NO_PORT is the answer.
@@ -53,7 +66,7 @@ int32_t take_next_port(port_m *m) {
 void clear_port_table(tarn_tbl *table) {
   const lock_scope lock(table->lock);
   LM_DBG("Clear table: %s\n", table->table_name);
-  clear_rows(table, FROM_CLEAR_PMAP);
+  clear_rows(table, CLEARED);
 }
 
 }  // namespace
@@ -62,7 +75,8 @@ int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
   const host_log_scope log;
   char word[WORD_SIZE];
   if (!print(msg, map_slot, word, UNPRINTABLE_SELECT)) return SCRIPT_FAILED;
-  // Log filters know this function's and the range's line with the query that came before.
+  // The line shows the query that the process printed last, here and for a range: log filters know
+  // it so.
   port_m *const m = find_map(word, query_buf);
   if (m == nullptr) return SCRIPT_FAILED;
   int32_t port;
@@ -75,7 +89,7 @@ int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
     }
     set_port(m, port);
   }
-  log_port("tarn_memdb_get_port", port);
+  log_next_port(port);
   return port;
 }
 
@@ -86,11 +100,11 @@ int tarn_memdb_get_port(sip_msg *msg, char *map_slot, char *avp) {
   port_m *const m = find_map(word, word);
   if (m == nullptr) return SCRIPT_FAILED;
   int32_t port = NO_PORT;
-  if (m->next_free_port == NO_PORT) {
+  if (is_exhausted(m)) {
     LM_DBG("tarn_memdb_get_port: no free port available\n");
   } else {
     port = take_next_port(m);
-    log_port("tarn_memdb_get_port", port);
+    log_next_port(port);
   }
   char text[PORT_TEXT_SIZE];
   snprintf(text, sizeof(text), "%d", port);
@@ -109,7 +123,7 @@ int tarn_memdb_get_port_from_range(sip_msg *msg, char *map_slot, char *base_slot
   const lock_scope lock(port_map_lock);
   const int32_t port = find_free_port_in_range(m, base);
   if (port != NO_PORT) set_port(m, port);
-  log_port("tarn_memdb_get_port_from_range", port);
+  LM_DBG("tarn_memdb_get_port_from_range: port to be returned = %d\n", port);
   return port;
 }
 
@@ -122,7 +136,7 @@ int tarn_memdb_set_port(sip_msg *msg, char *port_slot, char *map_slot) {
   port_m *const m = find_map(text, text);
   if (m == nullptr) return SCRIPT_FAILED;
   const lock_scope lock(port_map_lock);
-  return set_port(m, port);
+  return script_result(set_port(m, port), SCRIPT_OK);
 }
 
 int tarn_memdb_free_port(sip_msg *msg, char *map_slot, char *port_slot) {
@@ -135,7 +149,8 @@ int tarn_memdb_free_port(sip_msg *msg, char *map_slot, char *port_slot) {
   if (m == nullptr) return SCRIPT_FAILED;
   const int32_t port = atoi(text);
   LM_DBG("Received port to be freed = %d\n", port);
-  return free_port(m, port);
+  beside_port_map_lock();
+  return script_result(free_port(m, port), SCRIPT_PORT_FREED);
 }
 
 int tarn_memdb_clear_pmap(sip_msg *, char *, char *) {

@@ -30,6 +30,8 @@ std::string_view text_or_none(const str &text) {
   return text.len > 0 ? text_of(text) : std::string_view();
 }
 
+void warn_of_escape() { LM_WARN("Bad escape detected\n"); }
+
 // Runs take over the characters of in that an unescaped copy consists of.
 template <typename Take>
 void each_unescaped(const str &in, Take take) {
@@ -38,7 +40,7 @@ void each_unescaped(const str &in, Take take) {
     if (*at == FIELD_ESCAPE) {
       at++;
       if (at == end) {
-        LM_WARN("Bad escape detected\n");
+        warn_of_escape();
         return;
       }
     }
@@ -57,7 +59,7 @@ uint32_t walk_field(const str &line, char sep, char **cursor, str *field) {
   for (; at < end; at++, len++) {
     if (*at == FIELD_ESCAPE) {
       if (at + 1 == end) {
-        LM_WARN("Bad escape detected\n");
+        warn_of_escape();
         break;
       }
       at++;
@@ -123,18 +125,19 @@ char **create_walked_fields(const str &list, const uint32_t *expected) {
 // it stands, and one pass finds them.
 class plain_fields {
  public:
-  explicit plain_fields(const str &list) {
+  explicit plain_fields(const str &list) : text_(list.s) {
     const char *const end = list.s + list.len;
     const char *at = list.s;
     for (uint32_t i = 0; i < CAPACITY; i++) {
       const char *const stop = find_or_end(at, end, FIELD_SEPARATOR);
-      starts_[i] = at;
+      starts_[i] = static_cast<size_t>(at - text_);
       if (is_wildcard(at, static_cast<size_t>(stop - at))) wildcards_++;
+      if (stop == end) {
+        starts_[i + 1] = static_cast<size_t>(end - text_) + 1;
+        count_ = i + 1;
+        return;
+      }
       at = stop + 1;
-      if (stop != end) continue;
-      starts_[i + 1] = at;
-      count_ = i + 1;
-      return;
     }
   }
 
@@ -142,32 +145,30 @@ class plain_fields {
   uint32_t count() const { return count_; }
 
   // Behind each field stands a bar or the end, where its terminator goes.
-  size_t text_total() const {
-    return static_cast<size_t>(starts_[count_] - starts_[0]) - 2 * size_t{wildcards_};
-  }
+  size_t text_total() const { return starts_[count_] - 2 * size_t{wildcards_}; }
 
   void copy_to(char **fields) const {
     char *text = reinterpret_cast<char *>(fields + count_);
     for (uint32_t i = 0; i < count_; i++) {
-      if (is_wildcard(starts_[i], len(i))) {
+      const char *const field = text_ + starts_[i];
+      if (is_wildcard(field, len(i))) {
         fields[i] = nullptr;
         continue;
       }
       fields[i] = text;
-      memcpy(text, starts_[i], len(i));
+      memcpy(text, field, len(i));
       text[len(i)] = '\0';
       text += len(i) + 1;
     }
   }
 
  private:
-  static constexpr uint32_t CAPACITY = 64;  // more than any table in use has columns
+  static constexpr uint32_t CAPACITY = 64;  // beyond it the list is walked twice
 
-  size_t len(uint32_t field) const {
-    return static_cast<size_t>(starts_[field + 1] - starts_[field]) - 1;
-  }
+  size_t len(uint32_t field) const { return starts_[field + 1] - starts_[field] - 1; }
 
-  const char *starts_[CAPACITY + 1];
+  const char *text_;
+  size_t starts_[CAPACITY + 1];  // of the fields in the text, and where one more would start
   uint32_t count_ = 0;
   uint32_t wildcards_ = 0;
 };
@@ -202,24 +203,24 @@ char **tarn_memdb_create_fields(const str &list, const uint32_t *expected) {
 
 void tarn_memdb_destroy_fields(char **fields) { pkg_free(fields); }
 
-int32_t str_to_sint(const str *text, int32_t *value) {
-  if (!is_usable(text) || value == nullptr) return -1;
+bool str_to_sint(const str *text, int32_t *value) {
+  if (!is_usable(text) || value == nullptr) return false;
   *value = 0;
   const bool negative = *text->s == '-';
   int i = negative || *text->s == '+' ? 1 : 0;
   for (; i < text->len; i++) {
     const char c = text->s[i];
-    if (c < '0' || c > '9') return -1;
+    if (c < '0' || c > '9') return false;
     const int digit = c - '0';
     const bool fits = !__builtin_mul_overflow(*value, 10, value) &&
                       !(negative ? __builtin_sub_overflow(*value, digit, value)
                                  : __builtin_add_overflow(*value, digit, value));
     if (!fits) {
       *value = negative ? INT_MIN : INT_MAX;
-      return -1;
+      return false;
     }
   }
-  return 0;
+  return true;
 }
 
 void tarn_memdb_unescape(const str *in, str *out) {

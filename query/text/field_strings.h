@@ -35,9 +35,10 @@ char **tarn_memdb_create_fields(const str &list, const uint32_t *expected);
 // Gives a field array back; null is ignored.
 void tarn_memdb_destroy_fields(char **fields);
 
-// Decimal number with an optional sign and nothing else. 0, or -1 with the value reached so far in
-// *value, which stops at the limits of 32 bits. text.s has to be readable even for a length of 0.
-int32_t str_to_sint(const str *text, int32_t *value);
+// Decimal number with an optional sign and nothing else. False, with the value reached so far in
+// *value, which stops at the limits of 32 bits, for another text. text.s has to be readable even
+// for a length of 0.
+bool str_to_sint(const str *text, int32_t *value);
 
 // A text for a message, where a null may stand.
 inline const char *printable(const char *text) { return text != nullptr ? text : "(null)"; }

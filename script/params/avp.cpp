@@ -5,7 +5,7 @@
 
 #include "host/imports.h"
 #include "host/log.h"
-#include "script/params/raw_text.h"
+#include "script/params/special_slot.h"
 
 bool resolve_avp(sip_msg *msg, pv_spec_t *spec, avp_target *target) {
   // Only an AVP's name may be another variable. In other specs that place may hold a record of the
@@ -26,7 +26,7 @@ bool add_text_to_param(sip_msg *msg, const char *slot, const char *text) {
   const auto *const format = reinterpret_cast<const pv_elem_t *>(slot);
   avp_target target;
   if (is_raw_text(slot) || format->spec == nullptr || !resolve_avp(msg, format->spec, &target)) {
-    LM_ERR("Could not get avp name\n");
+    LM_TEXT(L_ERR, NO_AVP_NAME);
     return false;
   }
   return add_text_avp(target, text);

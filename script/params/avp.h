@@ -2,6 +2,10 @@
 #pragma once
 
 #include "host/abi.h"
+#include "host/message_text.h"
+
+// Of a place whose name can't be told, for those who tell it.
+inline constexpr message_text<> NO_AVP_NAME{"Could not get avp name\n"};
 
 struct avp_target {
   int_str name;

@@ -1,23 +1,18 @@
 // Fix-ups of the functions whose query may give its list by name. The list is rewritten here, once,
 // so that the table has to be known when the script loads.
-#include <cstring>
 #include <string_view>
 
 #include "host/imports.h"
 #include "host/log.h"
 #include "host/memory.h"
 #include "query/named_params.h"
+#include "query/query_input.h"
 #include "query/text/field_strings.h"
 #include "script/params/fixup.h"
-#include "script/params/late_param.h"
+#include "script/params/fixup_pieces.h"
+#include "script/params/special_slot.h"
 
 namespace {
-
-bool is_given(void *const *param, int param_no) {
-  if (*param != nullptr) return true;
-  LM_ERR("NULL format in param n %d\n", param_no);
-  return false;
-}
 
 // The query text in the slot, cut into table, list and what follows the list.
 struct query_parts {
@@ -33,62 +28,44 @@ bool cut_query(const str &text, query_parts *parts) {
     LM_ERR("Table name is missing\n");
     return false;
   }
-  char *cursor = text.s;
-  str part;
-  tarn_memdb_get_next_field(text, PART_SEPARATOR, &cursor, &part);
-  if (cursor == nullptr) {
-    LM_ERR("Field list is missing\n");
-    return false;
-  }
-  parts->table = get_tarn_tbl_by_name(name);
-  if (parts->table == nullptr) {
-    LM_ERR("Table not found\n");
-    return false;
-  }
-  tarn_memdb_get_next_field(text, PART_SEPARATOR, &cursor, &parts->list);
-  parts->tail = cursor;
+  parts->table = find_query_table(text, name, &parts->tail);
+  if (parts->table == nullptr) return false;
+  tarn_memdb_get_next_field(text, PART_SEPARATOR, &parts->tail, &parts->list);
   return true;
 }
 
-int fix_query(void **param) {
-  auto *const text = static_cast<char *>(*param);
-  str query{text, static_cast<int>(strlen(text))};
+int fix_named_query(void **param) {
+  str query = slot_text(param);
   query_parts parts;
   if (!cut_query(query, &parts)) return -1;
-  const conversion converted =
+  const conversion outcome =
       tarn_memdb_convert_query_param_list(&parts.list, parts.table, parts.tail);
-  if (converted == conversion::failed) return -1;
-  if (converted == conversion::converted) {
-    pkg_free(text);
+  if (outcome == conversion::failed) return -1;
+  if (outcome == conversion::converted) {
+    pkg_free(*param);
     query = parts.list;
     *param = query.s;
   }
-  pv_elem_t *format = nullptr;
-  if (pv_parse_format(&query, &format) < 0) {
-    LM_ERR("Wrong format [%s]\n", query.s);
-    return -1;
-  }
-  *param = format;
-  return 0;
+  return put_format(param, query, FORMAT_TEXTS.refused);
 }
 
 }  // namespace
 
-int tarn_memdb_query_fixup_mode(void **param, int param_no) {
-  if (!is_given(param, param_no)) return -1;
-  return param_no == 1 ? fix_query(param) : tarn_memdb_query_fixup(param, param_no);
+int fix_named_query_and_avps(void **param, int param_no) {
+  if (!is_given(param, param_no, FORMAT_TEXTS.missing)) return -1;
+  return param_no == 1 ? fix_named_query(param) : fix_query_and_avps(param, param_no);
 }
 
-int tarn_memdb_query_fixup_mode2(void **param, int param_no) {
-  if (!is_given(param, param_no)) return -1;
-  return param_no == 1 ? fix_query(param) : tarn_memdb_query_fixup2(param, param_no);
+int fix_named_query_and_formats(void **param, int param_no) {
+  if (!is_given(param, param_no, FORMAT_TEXTS.missing)) return -1;
+  return param_no == 1 ? fix_named_query(param) : fix_formats(param, param_no);
 }
 
-int tarn_memdb_query_xavp_fixup(void **param, int param_no) {
+int fix_named_query_and_xavp(void **param, int param_no) {
   switch (param_no) {
     case 1:
       if (start_is_over()) return refuse_late_query(param);
-      return tarn_memdb_query_fixup_mode2(param, param_no);
+      return fix_named_query_and_formats(param, param_no);
     case 2:
       if (start_is_over()) return take_late_text(param);
       return fixup_spve_spve(param, param_no);

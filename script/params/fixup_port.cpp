@@ -6,6 +6,7 @@
 #include "host/log.h"
 #include "host/memory.h"
 #include "script/params/fixup.h"
+#include "script/params/fixup_pieces.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ char *widen(void **param, int n, std::string_view more) {
 
 int fix_widened(void **param, int param_no) {
   void *fixed = *param;
-  if (tarn_memdb_query_fixup(&fixed, param_no - 1) != 0) {
+  if (fix_query_and_avps(&fixed, param_no - 1) != 0) {
     LM_ERR("fixup failed!\n");
     return -1;
   }
@@ -49,17 +50,14 @@ int fix_widened(void **param, int param_no) {
 
 }  // namespace
 
-int tarn_memdb_port_fixup(void **param, int param_no) {
+int fix_port_pair_query(void **param, int param_no) {
+  if (!is_text_given(param, param_no)) return -1;
   const auto *const text = static_cast<const char *>(*param);
-  if (text == nullptr) {
-    LM_ERR("null format in P%d\n", param_no);
-    return -1;
-  }
   LM_DBG("P%d received=%s; len=%lu;", param_no, text, strlen(text));
   const char *wider;
   switch (param_no) {
     case 1:
-      return tarn_memdb_query_fixup2(param, param_no);
+      return fix_formats(param, param_no);
     case 2:
       wider = widen(param, 3, "*|");
       break;

@@ -5,7 +5,8 @@
 
 #include "host/imports.h"
 #include "host/log.h"
-#include "host/memory.h"
+#include "script/params/param_record.h"
+#include "script/params/script_query.h"
 
 namespace {
 
@@ -24,11 +25,8 @@ class name_chain {
   name_chain &operator=(const name_chain &) = delete;
 
   bool append(const pv_spec_t &spec) {
-    auto *const entry = pkg_array<pvname_list_t>(1);
-    if (entry == nullptr) {
-      LM_ERR("No more memory!\n");
-      return false;
-    }
+    auto *const entry = make_record<pvname_list_t>();
+    if (entry == nullptr) return false;
     *entry = {spec, nullptr};
     *end_ = entry;
     end_ = &entry->next;
@@ -50,23 +48,24 @@ class name_chain {
 
 pvname_list_t *parse_tarn_pvname_list(str *text, int type) {
   if (text == nullptr || text->s == nullptr) {
-    LM_ERR("Bad parameters\n");
+    LM_TEXT(L_ERR, BAD_PARAMETERS);
     return nullptr;
   }
   char *const end = text->s + strnlen(text->s, static_cast<size_t>(text->len));
   name_chain names;
-  for (char *at = text->s; at < end; at++) {
+  for (char *at = text->s; at < end;) {
     pv_spec_t spec{};
     if (*at != '|') {
       str rest{at, static_cast<int>(end - at)};
-      char *const behind = pv_parse_spec2(&rest, &spec, 0);
-      if (behind == nullptr || (type != PVT_ANY && spec.type != type)) {
+      at = pv_parse_spec2(&rest, &spec, 0);
+      if (at == nullptr || (type != PVT_ANY && spec.type != type)) {
         LM_ERR("Wrong item name list [%.*s]!\n", text->len, text->s);
         return nullptr;
       }
-      at = behind;
     }
     if (!names.append(spec)) return nullptr;
+    // Whatever stands behind a name counts as its bar.
+    if (at < end) at++;
   }
   // A bar at the end has one more place behind it.
   if (end > text->s && end[-1] == '|' && !names.append({})) return nullptr;

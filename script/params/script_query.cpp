@@ -4,20 +4,21 @@
 #include "host/log.h"
 #include "query/text/buffers.h"
 
-bool print_query(sip_msg *msg, const char *slot, const query_words &words, str *text) {
-  *text = print_or_refuse(msg, slot, query_buf, words.unprintable);
+bool print_query(sip_msg *msg, const char *slot, const query_texts &texts, str *text) {
+  *text = print_or_refuse(msg, slot, query_buf, texts.unprintable);
   if (text->s == nullptr) return false;
-  LM_DBG("%s: %s\n", words.shown_as, text->s);
+  LM_TEXT(L_DBG, texts.printed, text->s);
   return true;
 }
 
-bool parse_query(const str &text, int32_t op, const query_words &words, script_query *query) {
-  if (tarn_memdb_parse_input(text, op, query, query->name) != nullptr) return true;
-  LM_ERR("Could not parse query (%s) for %s\n", text.s, words.purpose);
+bool parse_query(const str &text, int32_t op, const message_text<const char *> &unparsed,
+                 script_query *query) {
+  if (tarn_memdb_parse_input(text, op, query, query->name)) return true;
+  LM_TEXT(L_ERR, unparsed, text.s);
   return false;
 }
 
-bool print_table_name(sip_msg *msg, const char *slot, std::span<char> name) {
+bool print_table_name(sip_msg *msg, const char *slot, table_name_text &name) {
   return print_or_refuse(msg, slot, name, UNPRINTABLE).s != nullptr;
 }
 

@@ -6,20 +6,25 @@
 
 #include "host/log.h"
 #include "query/text/field_strings.h"
-#include "script/params/number_param.h"
+#include "script/params/read_param.h"
 #include "script/select/row_list.h"
 #include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 
 namespace {
 
-constexpr char FLAGS_NOT_INTEGER[] = "Invalid pvar type - param 3: flags\n";
+constexpr message_text<> FLAGS_NOT_INTEGER{"Invalid pvar type - param 3: flags\n"};
+constexpr message_text<> FOUND{"memdb_select_best_match: MATCH FOUND and Saving AVP"};
+constexpr column_texts COLUMN_TEXTS{
+    .too_great = "memdb_select_best_match: main column (%d) is greater than total coumns (%d)\n",
+    .entered = "memdb_select_best_match: entered,column: '%d'\n",
+    .indexed = "memdb_select_best_match: main column (%d) is an index column, ignoring this row\n"};
 
 // What is searched for, and where.
 struct prefix_search {
   uint32_t column;
   const char *key;
-  int32_t flags;  // characters at the end of an entry that aren't compared
+  size_t left_out;  // characters at the end of an entry that aren't compared
 };
 
 void log_column(const select_run &run, uint32_t column) {
@@ -27,30 +32,13 @@ void log_column(const select_run &run, uint32_t column) {
          static_cast<int>(column), printable(run.query.flds[column]));
 }
 
-bool check_column(const select_run &run, int32_t column) {
-  const uint32_t columns = run.tbl()->col_cnt;
-  // Compared without a sign, so that a negative number is too great as well.
-  if (static_cast<uint32_t>(column) >= columns) {
-    LM_ERR("memdb_select_best_match: main column (%d) is greater than total coumns (%d)\n", column,
-           static_cast<int>(columns));
-    return false;
-  }
-  const auto place = static_cast<uint32_t>(column);
-  log_column(run, place);
-  const char *const key = run.query.flds[place];
-  if (key == nullptr || *key == '\0') {
-    LM_ERR(
-        "memdb_select_best_match: main column (%d) value is not set or empty, ignoring this row\n",
-        column);
-    return false;
-  }
-  LM_DBG("memdb_select_best_match: entered,column: '%d'\n", column);
-  if (memdb_is_indexed(run.tbl()->cols[place])) {
-    LM_ERR("memdb_select_best_match: main column (%d) is an index column, ignoring this row\n",
-           column);
-    return false;
-  }
-  return true;
+bool has_key(const select_run &run, uint32_t column) {
+  log_column(run, column);
+  const char *const key = run.query.flds[column];
+  if (key != nullptr && *key != '\0') return true;
+  LM_ERR("memdb_select_best_match: main column (%d) value is not set or empty, ignoring this row\n",
+         static_cast<int>(column));
+  return false;
 }
 
 // Takes the key out of the query, so that the other fields filter alone.
@@ -67,20 +55,30 @@ void take_key(select_run *run, prefix_search *search) {
 bool read_search(select_run *run, const char *column_text, const num_or_pv *flags,
                  prefix_search *search) {
   const int32_t column = atoi(column_text);
-  search->flags = 0;
-  if (flags != nullptr && !read_number(run->msg, flags, FLAGS_NOT_INTEGER, &search->flags))
-    return false;
-  if (!check_column(*run, column)) return false;
+  int32_t left_out = 0;
+  if (flags != nullptr && !read_number(run->msg, flags, FLAGS_NOT_INTEGER, &left_out)) return false;
+  if (!check_column(*run, column, COLUMN_TEXTS, has_key)) return false;
   search->column = static_cast<uint32_t>(column);
+  // Widened with its sign and then taken without it: a negative number leaves everything out.
+  search->left_out = static_cast<size_t>(static_cast<int64_t>(left_out));
   take_key(run, search);
   return true;
 }
 
-// True if the entry, less the characters that flags leave out, begins the key. Flags are widened
-// with their sign and then taken without it: a negative number leaves everything out.
-bool is_prefix(const prefix_search &search, const char *entry, size_t len) {
-  const auto left_out = static_cast<size_t>(static_cast<int64_t>(search.flags));
-  return left_out >= len || strncmp(search.key, entry, len - left_out) == 0;
+// True if the whole entry begins the key; else *rest is the part that doesn't. An unlocked reader
+// may meet an entry that is being overwritten, so no character is read twice.
+bool begins_key(const char *key, const char *entry, const char **rest) {
+  size_t len = 0;
+  char c;
+  while ((c = entry[len]) != '\0' && c == key[len]) len++;
+  *rest = entry + len;
+  return c == '\0';
+}
+
+// True if the entry, less the characters that are left out, begins the key.
+bool is_prefix(const prefix_search &search, const char *entry) {
+  const char *rest;
+  return begins_key(search.key, entry, &rest) || strlen(rest) <= search.left_out;
 }
 
 // The rows that share the best entry so far.
@@ -88,153 +86,124 @@ class best_rows {
  public:
   explicit best_rows(const prefix_search &search) : search_(search) {}
 
-  bool is_full() const { return rows_.is_full(); }
+  bool tells_all() const { return debug_; }
   std::span<const memdb_row *const> rows() const { return rows_.rows(); }
 
-  // Judges the row that was visited as the given one.
-  void visit(const memdb_row *row, const char *entry, int32_t row_index) {
-    const auto len = static_cast<int32_t>(strlen(entry));
-    if (len == 0) {
-      if (max_length_ != 0) {
-        if (debug_)
-          LM_DBG(
-              "memdb_select_best_match: main column (%d) table content empty, ignoring this row\n",
-              static_cast<int>(search_.column));
-        return;
-      }
-    } else {
-      if (debug_)
-        LM_DBG("memdb_select_best_match: processing entry [%s], length=%lu\n", entry,
-               static_cast<unsigned long>(len));
-      if (!is_prefix(search_, entry, static_cast<size_t>(len))) {
-        if (debug_)
-          LM_DBG(
-              "memdb_select_best_match: table content entry (%s) does not match, ignoring this "
-              "row\n",
-              entry);
-        return;
-      }
-      if (len > max_length_) {
-        max_length_ = len;
-        rows_.clear();
-        rows_.add(row);
-        if (debug_)
-          LM_DBG(
-              "memdb_select_best_match: rowIndex (%d) maxLength (%d) table content entry (%s) is "
-              "new best match, discard old one, processing  row\n",
-              row_index, max_length_, entry);
-        return;
-      }
-      if (len < max_length_) {
-        if (debug_)
-          LM_DBG(
-              "memdb_select_best_match: table content entry (%s) is match but not the best one "
-              "match, ignoring this row\n",
-              entry);
-        return;
-      }
-    }
-    rows_.add(row);
-    if (debug_)
+  // Judges the row that was visited as the given one. False once the list is full: that ends the
+  // scan, even with a longer entry ahead. Few rows come here, and what is done about them isn't to
+  // take registers from the scan's loop.
+  __attribute__((noinline)) bool visit(const memdb_row *row, const char *entry, int32_t row_index) {
+    const size_t len = strlen(entry);
+    if (debug_) tell_entry(entry, len);
+    if (!is_prefix(search_, entry)) {
       LM_DBG(
-          "memdb_select_best_match: rowIndex (%d) maxLength (%d) table content entry (%s) is best "
-          "match as old one, processing  row\n",
-          row_index, max_length_, entry);
+          "memdb_select_best_match: table content entry (%s) does not match, ignoring this row\n",
+          entry);
+    } else if (static_cast<int32_t>(len) < max_length_) {
+      if (debug_) tell_shorter(entry);
+    } else {
+      keep(row, entry, static_cast<int32_t>(len), row_index);
+    }
+    return !rows_.is_full();
   }
 
  private:
+  void keep(const memdb_row *row, const char *entry, int32_t len, int32_t row_index) {
+    const bool is_better = len > max_length_;
+    if (is_better) {
+      max_length_ = len;
+      rows_.clear();
+    }
+    rows_.add(row);
+    if (!debug_) return;
+    if (is_better)
+      LM_DBG(
+          "memdb_select_best_match: rowIndex (%d) maxLength (%d) table content entry (%s) is new best match, discard old one, processing  row\n",
+          row_index, max_length_, entry);
+    else
+      LM_DBG(
+          "memdb_select_best_match: rowIndex (%d) maxLength (%d) table content entry (%s) is best match as old one, processing  row\n",
+          row_index, max_length_, entry);
+  }
+
+  static void tell_entry(const char *entry, size_t len) {
+    LM_DBG("memdb_select_best_match: entering 1st memdb_select for lace\n");
+    if (len != 0)
+      LM_DBG("memdb_select_best_match: processing entry [%s], length=%lu\n", entry,
+             static_cast<unsigned long>(len));
+  }
+
+  void tell_shorter(const char *entry) const {
+    if (*entry == '\0')
+      LM_DBG("memdb_select_best_match: main column (%d) table content empty, ignoring this row\n",
+             static_cast<int>(search_.column));
+    else
+      LM_DBG(
+          "memdb_select_best_match: table content entry (%s) is match but not the best one match, ignoring this row\n",
+          entry);
+  }
+
   const prefix_search &search_;
-  const bool debug_ = host_log_enabled(L_DBG);
+  const bool debug_ = host_log_enabled(L_DBG);  // asked for once a scan, not once a row
   int32_t max_length_ = 0;
   row_list rows_;
 };
 
-// True if the entry, as a whole, doesn't begin the key.
-bool differs(const char *key, const char *entry) {
-  while (*entry != '\0' && *entry == *key) {
-    entry++;
-    key++;
-  }
-  return *entry != '\0';
-}
-
-// A row under the cursor and the number of rows visited before it.
-struct scan_place {
-  const memdb_row *row;
-  int32_t index;
-};
-
-// Goes on to a row whose entry begins the key, or to the end of the scan.
-scan_place skip_others(scan_place at, int32_t max_res, const char *key, uint32_t offset,
-                       memdb_cursor *cursor) {
-  while (at.row != nullptr && at.index < max_res && differs(key, memdb_data(at.row) + offset)) {
-    at.row = memdb_select_next(cursor, at.row);
-    at.index++;
-  }
-  return at;
-}
-
-// max_res limits the rows visited, and a full list ends the scan, even with a longer entry ahead.
-void scan(select_run *run, const prefix_search &search, best_rows *best) {
-  const bool debug = host_log_enabled(L_DBG);
-  // Nearly every entry differs from the key in its first characters. With whole entries compared
-  // and nothing to tell, that is all there is to do about such a row.
-  const bool skips = !debug && search.flags == 0;
-  const int32_t max_res = run->max_res();
-  const uint32_t offset = run->tbl()->cols[search.column].offset;
-  memdb_cursor cursor;
-  scan_place at{memdb_select(run->tbl(), run->wanted(), &cursor), 0};
-  for (; !best->is_full(); at.index++) {
-    if (skips) at = skip_others(at, max_res, search.key, offset, &cursor);
-    if (at.row == nullptr || at.index >= max_res) return;
-    if (debug) LM_DBG("memdb_select_best_match: entering 1st memdb_select for lace\n");
-    best->visit(at.row, memdb_data(at.row) + offset, at.index);
-    at.row = memdb_select_next(&cursor);
+// max_res limits the rows visited. Nearly every entry differs from the key in its first characters:
+// with nothing to tell, that is all there is to do about such a row.
+void scan(const select_run &run, const prefix_search &search, best_rows *best) {
+  const uint32_t offset = run.tbl()->cols[search.column].offset;
+  const auto scan_those = [&run, best, offset](auto is_wanted) {
+    memdb_visit(run.tbl(), run.query.flds, run.max_res(), [=](const memdb_row *row, int32_t index) {
+      const char *const entry = memdb_data(row) + offset;
+      return !is_wanted(entry) || best->visit(row, entry, index);
+    });
+  };
+  if (best->tells_all()) {
+    scan_those([](const char *) { return true; });
+  } else if (search.left_out != 0) {
+    scan_those([search](const char *entry) { return is_prefix(search, entry); });
+  } else {
+    scan_those([key = search.key](const char *entry) {
+      const char *rest;
+      return begins_key(key, entry, &rest);
+    });
   }
 }
 
-int tarn_memdb_select_best_match_cmn(sip_msg *msg, const select_params &params,
-                                     const char *column_text, const num_or_pv *flags,
-                                     const select_flavour &flavour) {
+int select_best_match(sip_msg *msg, const select_params &params, const char *column_text,
+                      const num_or_pv *flags, const select_flavour &flavour) {
   const host_log_scope log;
-  select_run run(msg, flavour);
-  const select_start start = start_select(&run, params);
-  if (start == select_start::unread) return select_failed();
-  if (start != select_start::ready) return SCRIPT_FAILED;
-  run.enter_table();
+  select_run run(msg);
+  if (!start_select_or_fail(&run, params, flavour.target)) return SCRIPT_FAILED;
+  const table_scope scope(run.table(), flavour.access);
   prefix_search search;
   if (!read_search(&run, column_text, flags, &search)) return SCRIPT_FAILED;
   best_rows best(search);
-  scan(&run, search, &best);
-  return run.deliver_held(best.rows(), "memdb_select_best_match: MATCH FOUND and Saving AVP");
+  scan(run, search, &best);
+  return deliver_held(&run, best.rows(), FOUND);
 }
-
-const num_or_pv *number_slot(const char *slot) { return reinterpret_cast<const num_or_pv *>(slot); }
 
 }  // namespace
 
 int tarn_memdb_select_best_match(sip_msg *msg, char *query, char *avps, char *column) {
-  return tarn_memdb_select_best_match_cmn(msg, {query, avps}, column, nullptr,
-                                          {.locked = true, .as_xavp = false});
+  return select_best_match(msg, {query, avps}, column, nullptr, LOCKED_AVPS);
 }
 
 int tarn_memdb_nl_select_best_match(sip_msg *msg, char *query, char *avps, char *column) {
-  return tarn_memdb_select_best_match_cmn(msg, {query, avps}, column, nullptr,
-                                          {.locked = false, .as_xavp = false});
+  return select_best_match(msg, {query, avps}, column, nullptr, UNLOCKED_AVPS);
 }
 
 int tarn_memdb_nl_select_best_match_prefix(sip_msg *msg, char *query, char *avps, char *column,
                                            char *flags) {
-  return tarn_memdb_select_best_match_cmn(msg, {query, avps}, column, number_slot(flags),
-                                          {.locked = false, .as_xavp = false});
+  return select_best_match(msg, {query, avps}, column, reinterpret_cast<const num_or_pv *>(flags),
+                           UNLOCKED_AVPS);
 }
 
 int tarn_memdb_xavp_select_best_match(sip_msg *msg, char *query, char *xavp, char *column) {
-  return tarn_memdb_select_best_match_cmn(msg, {query, xavp}, column, nullptr,
-                                          {.locked = true, .as_xavp = true});
+  return select_best_match(msg, {query, xavp}, column, nullptr, LOCKED_XAVP);
 }
 
 int tarn_memdb_nl_xavp_select_best_match(sip_msg *msg, char *query, char *xavp, char *column) {
-  return tarn_memdb_select_best_match_cmn(msg, {query, xavp}, column, nullptr,
-                                          {.locked = false, .as_xavp = true});
+  return select_best_match(msg, {query, xavp}, column, nullptr, UNLOCKED_XAVP);
 }

@@ -1,7 +1,7 @@
 // The select of a port pair: columns 2 and 3 hold two ports, the script gives one of them and gets
 // the other.
 //
-// tarn_memdb_port_fixup has put a place for the pair's other column into both lists: the query has
+// fix_port_pair_query has put a place for the pair's other column into both lists: the query has
 // the port at 2 and a wildcard at 3, the name list an empty place at 2 and the script's third name
 // at 3.
 #include <cstring>
@@ -9,14 +9,15 @@
 
 #include "host/log.h"
 #include "query/text/buffers.h"
-#include "script/params/avp.h"
 #include "script/params/script_query.h"
+#include "script/select/row_delivery.h"
 #include "script/select/select_functions.h"
-#include "tables/shared/lock.h"
+#include "tables/table_scope.h"
 
 namespace {
 
-constexpr query_words WORDS{UNPRINTABLE, "Select", "select by port type"};
+constexpr query_texts TEXTS{UNPRINTABLE, "Select %s\n",
+                            "Could not parse query (%s) for select by port type\n"};
 
 constexpr uint32_t EXTERNAL_COL = 2;
 constexpr uint32_t INTERNAL_COL = 3;
@@ -62,59 +63,37 @@ void choose_column(port_side side, query_in *in) {
   }
 }
 
-// The place at 3 takes the port that wasn't compared.
-bool deliver_pair(sip_msg *msg, const memdb_tbl *tbl, const memdb_row *row, port_side side,
-                  pvname_list_t *avps) {
-  pvname_list_t *place = avps;
-  for (uint32_t i = 0; i < tbl->col_cnt && place != nullptr; i++, place = place->next) {
-    avp_target target;
-    if (!resolve_avp(msg, &place->sname, &target) || !is_named(target)) {
-      LM_DBG("Could not get avp name\n");
-      continue;
-    }
-    const bool other_port = i == INTERNAL_COL && side == port_side::internal;
-    const uint32_t column = other_port ? EXTERNAL_COL : i;
-    if (!add_text_avp(target, memdb_get_field(tbl, row, column))) return false;
-  }
-  return true;
-}
-
-int deliver_matches(sip_msg *msg, const script_query &query, port_side side, pvname_list_t *avps) {
-  memdb_tbl *const tbl = query.table->tbl;
-  memdb_cursor cursor;
-  int result = SCRIPT_NO_ROW;
-  const memdb_row *row = memdb_select(tbl, query.flds, &cursor);
-  for (int32_t visited = 0; row != nullptr && visited < query.max_res; visited++) {
-    result = SCRIPT_OK;
-    if (!deliver_pair(msg, tbl, row, side, avps)) return SCRIPT_FAILED;
-    row = memdb_select_next(&cursor);
-  }
-  return result;
-}
-
-int tarn_memdb_select_by_port_type_cmn(sip_msg *msg, const pair_slots &slots, bool locked) {
+int select_pair(sip_msg *msg, const pair_slots &slots, table_access access) {
   const host_log_scope log;
   char selection[SELECTION_SIZE];
   if (print_or_refuse(msg, slots.selection, selection, UNPRINTABLE_SELECT).s == nullptr)
     return SCRIPT_FAILED;
-  const str text = print_or_refuse(msg, slots.query, query_buf, UNPRINTABLE);
+  const str text = print_or_refuse(msg, slots.query, query_buf, TEXTS.unprintable);
   port_side side;
   if (text.s == nullptr || !read_side(selection, &side)) return SCRIPT_FAILED;
-  LM_DBG("Select %s\n", text.s);
+  LM_TEXT(L_DBG, TEXTS.printed, text.s);
   script_query query;
-  if (!parse_query(text, OP_SELECT, WORDS, &query) || !has_pair(query.table)) return SCRIPT_FAILED;
+  if (!parse_query(text, OP_SELECT, TEXTS.unparsed, &query) || !has_pair(query.table))
+    return SCRIPT_FAILED;
   choose_column(side, &query);
-  table_scope scope;
-  scope.enter(query.table, locked);
-  return deliver_matches(msg, query, side, reinterpret_cast<pvname_list_t *>(slots.avps));
+  const memdb_tbl *const tbl = query.table->tbl;
+  const avp_places places{reinterpret_cast<pvname_list_t *>(slots.avps), tbl->col_cnt,
+                          unnamed_place::told};
+  // The place at 3 takes the port that wasn't compared.
+  const auto column_at = [side](uint32_t place) {
+    return place == INTERNAL_COL && side == port_side::internal ? EXTERNAL_COL : place;
+  };
+  const table_scope scope(query.table, access);
+  return deliver_matches(
+      query, [&](const memdb_row *row) { return add_columns(msg, places, tbl, row, column_at); });
 }
 
 }  // namespace
 
 int tarn_memdb_select_by_port_type(sip_msg *msg, char *selection, char *query, char *avps) {
-  return tarn_memdb_select_by_port_type_cmn(msg, {selection, query, avps}, true);
+  return select_pair(msg, {selection, query, avps}, table_access::locked);
 }
 
 int tarn_memdb_nl_select_by_port_type(sip_msg *msg, char *selection, char *query, char *avps) {
-  return tarn_memdb_select_by_port_type_cmn(msg, {selection, query, avps}, false);
+  return select_pair(msg, {selection, query, avps}, table_access::unlocked);
 }

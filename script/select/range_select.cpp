@@ -7,18 +7,23 @@
 #include "host/imports.h"
 #include "host/log.h"
 #include "query/text/field_strings.h"
-#include "script/params/number_param.h"
-#include "script/params/raw_text.h"
+#include "script/params/read_param.h"
+#include "script/params/special_slot.h"
 #include "script/select/row_list.h"
 #include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 
 namespace {
 
-constexpr char LOWER_NOT_INTEGER[] = "Invalid pvar type - param 3: lower range limit\n";
-constexpr char UPPER_NOT_INTEGER[] = "Invalid pvar type - param 4: upper range limit\n";
+constexpr message_text<> LOWER_NOT_INTEGER{"Invalid pvar type - param 3: lower range limit\n"};
+constexpr message_text<> UPPER_NOT_INTEGER{"Invalid pvar type - param 4: upper range limit\n"};
+constexpr message_text<> FOUND{"MATCH FOUND and Saving AVP"};
+constexpr column_texts COLUMN_TEXTS{
+    .too_great = "main column (%d) is greater than total coumns (%d)\n",
+    .entered = "Entered,column: '%d'\n",
+    .indexed = "Main column (%d) is an index column, ignoring this row\n"};
 
-// The within-the-range select stops here, whatever its query asks for: alarms have lower
+// The within-the-range select visits no more rows, whatever its query asks for: alarms have lower
 // thresholds.
 constexpr int32_t MOST_ROWS_COUNTED = 32000;
 
@@ -36,26 +41,10 @@ struct number_range {
 };
 
 // A limit that isn't given is 0.
-bool read_limit(sip_msg *msg, const char *slot, const char *not_integer, int32_t *limit) {
+bool read_limit(sip_msg *msg, const char *slot, const message_text<> &not_integer, int32_t *limit) {
   *limit = 0;
   return slot == nullptr ||
          read_number(msg, reinterpret_cast<const num_or_pv *>(slot), not_integer, limit);
-}
-
-bool check_column(const select_run &run, int32_t column) {
-  const uint32_t columns = run.tbl()->col_cnt;
-  // Compared without a sign, so that a negative number is too great as well.
-  if (static_cast<uint32_t>(column) >= columns) {
-    LM_ERR("main column (%d) is greater than total coumns (%d)\n", column,
-           static_cast<int>(columns));
-    return false;
-  }
-  LM_DBG("Entered,column: '%d'\n", column);
-  if (memdb_is_indexed(run.tbl()->cols[column])) {
-    LM_ERR("Main column (%d) is an index column, ignoring this row\n", column);
-    return false;
-  }
-  return true;
 }
 
 // Reads limits and column, and makes the column a wildcard of the query: what the query says there
@@ -64,7 +53,7 @@ bool read_range(select_run *run, const range_params &params, number_range *range
   const int32_t column = atoi(params.column);
   if (!read_limit(run->msg, params.lower, LOWER_NOT_INTEGER, &range->lower) ||
       !read_limit(run->msg, params.upper, UPPER_NOT_INTEGER, &range->upper) ||
-      !check_column(*run, column))
+      !check_column(*run, column, COLUMN_TEXTS))
     return false;
   range->column = static_cast<uint32_t>(column);
   run->wanted()[column] = nullptr;
@@ -75,70 +64,82 @@ bool read_range(select_run *run, const range_params &params, number_range *range
   return true;
 }
 
-// Print, parse, find, lock, read the range. False if the select has failed.
-bool start_range_select(select_run *run, const select_params &select, const range_params &params,
-                        number_range *range) {
-  const select_start start = start_select(run, select);
-  if (start == select_start::unread) select_failed();
-  if (start != select_start::ready) return false;
-  run->enter_table();
-  return read_range(run, params, range);
-}
+// What both selects judge rows by.
+struct range_scan {
+  const select_run &run;
+  const number_range &range;
+  const bool debug = host_log_enabled(L_DBG);  // asked for once a scan, not once a row
 
-// max_res limits the rows held, the capacity of the list the rows visited.
-void hold_outside(select_run *run, const number_range &range, row_list *held) {
-  const bool debug = host_log_enabled(L_DBG);
-  memdb_cursor cursor;
-  const memdb_row *row = memdb_select(run->tbl(), run->wanted(), &cursor);
-  for (int32_t visited = 0;
-       row != nullptr && held->count() < run->max_res() && visited < row_list::CAPACITY;
-       visited++) {
-    const char *const entry = memdb_get_field(run->tbl(), row, range.column);
-    const int32_t number = atoi(entry);
+  const char *entry_of(const memdb_row *row) const {
+    return memdb_get_field(run.tbl(), row, range.column);
+  }
+  void tell_visit() const {
     if (debug) LM_DBG("Entering 1st memdb_select for lace\n");
-    if (range.lower <= number && number <= range.upper) {
-      if (debug)
-        LM_DBG("Field in range [%s], length=%lu column=%d entryInt=%d range=(%d to %d) \n", entry,
-               strlen(entry), static_cast<int>(range.column), number, range.lower, range.upper);
-    } else {
-      held->add(row);
-      if (debug)
-        LM_DBG("RowIndex (%d) table content entry (%s) is out of range, processing  row\n", visited,
-               entry);
-    }
-    row = memdb_select_next(&cursor);
   }
-}
+};
 
-// Rows above the lower limit. The upper one is told in the debug lines and takes no part: alarms on
-// registered users have one threshold.
-int32_t count_above(select_run *run, const number_range &range) {
-  const bool debug = host_log_enabled(L_DBG);
-  const int32_t most = std::min(run->max_res(), MOST_ROWS_COUNTED);
-  int32_t count = 0;
-  int32_t number = 0;
-  memdb_cursor cursor;
-  const memdb_row *row = memdb_select(run->tbl(), run->wanted(), &cursor);
-  for (int32_t visited = 0; row != nullptr && visited < most; visited++) {
-    if (debug) {
-      LM_DBG(
-          "Loop Debug - i=%d, rowCount=%d, in.max_res=%d, entryInt=%d, lower_range_limit=%d, "
-          "upper_range_limit=%d\n",
-          visited, count, run->max_res(), number, range.lower, range.upper);
-      LM_DBG("Entering 1st memdb_select for lace\n");
-    }
-    number = atoi(memdb_get_field(run->tbl(), row, range.column));
-    if (debug)
-      LM_DBG("ALARM REG_USERS DBG: entryInt=%d, lower_range_limit=%d, upper_range_limit=%d\n",
-             number, range.lower, range.upper);
-    if (number > range.lower) {
-      count++;
-      if (debug) LM_DBG("ALARM REG_USERS DBG: rowCount_in %d", count);
-    }
-    row = memdb_select_next(&cursor);
+// The rows outside the range, at most max_res of them.
+class outside_rows {
+ public:
+  outside_rows(const select_run &run, const number_range &range) : scan_{run, range} {}
+
+  int32_t count() const { return rows_.count(); }
+  std::span<const memdb_row *const> rows() const { return rows_.rows(); }
+
+  // Judges a row. False once no more are wanted.
+  bool visit(const memdb_row *row, int32_t index) {
+    const number_range &range = scan_.range;
+    const char *const entry = scan_.entry_of(row);
+    const int32_t number = atoi(entry);
+    const bool is_inside = range.lower <= number && number <= range.upper;
+    if (!is_inside) rows_.add(row);
+    scan_.tell_visit();
+    if (scan_.debug && is_inside)
+      LM_DBG("Field in range [%s], length=%lu column=%d entryInt=%d range=(%d to %d) \n", entry,
+             strlen(entry), static_cast<int>(range.column), number, range.lower, range.upper);
+    if (scan_.debug && !is_inside)
+      LM_DBG("RowIndex (%d) table content entry (%s) is out of range, processing  row\n", index,
+             entry);
+    return count() < scan_.run.max_res();
   }
-  return count;
-}
+
+ private:
+  range_scan scan_;
+  row_list rows_;
+};
+
+// The number of rows above the lower limit. The upper one is told in the debug lines and takes no
+// part: alarms on registered users have one threshold.
+class rows_above {
+ public:
+  rows_above(const select_run &run, const number_range &range) : scan_{run, range} {}
+
+  int32_t count() const { return count_; }
+
+  void visit(const memdb_row *row, int32_t index) {
+    const int32_t number = atoi(scan_.entry_of(row));
+    if (scan_.debug) tell(index, number);
+    if (number <= scan_.range.lower) return;
+    count_++;
+    if (scan_.debug) LM_DBG("ALARM REG_USERS DBG: rowCount_in %d", count_);
+  }
+
+ private:
+  void tell(int32_t index, int32_t number) {
+    const number_range &range = scan_.range;
+    LM_DBG(
+        "Loop Debug - i=%d, rowCount=%d, in.max_res=%d, entryInt=%d, lower_range_limit=%d, upper_range_limit=%d\n",
+        index, count_, scan_.run.max_res(), told_before_, range.lower, range.upper);
+    scan_.tell_visit();
+    LM_DBG("ALARM REG_USERS DBG: entryInt=%d, lower_range_limit=%d, upper_range_limit=%d\n", number,
+           range.lower, range.upper);
+    told_before_ = number;
+  }
+
+  range_scan scan_;
+  int32_t count_ = 0;
+  int32_t told_before_ = 0;  // the number of the row before
+};
 
 // A target that can't be set is told and passed over: the script has -1 for other failures.
 void report_count(sip_msg *msg, char *target, int32_t count) {
@@ -154,44 +155,45 @@ void report_count(sip_msg *msg, char *target, int32_t count) {
   LM_DBG("ALARM REG_USERS DBG Set AVP rowCount_in = %d successfully\n", count);
 }
 
-int tarn_memdb_select_field_out_of_range_cmn(sip_msg *msg, const select_params &select,
-                                             const range_params &params,
-                                             const select_flavour &flavour) {
-  const host_log_scope log;
-  select_run run(msg, flavour);
-  number_range range;
-  if (!start_range_select(&run, select, params, &range)) return SCRIPT_FAILED;
-  row_list held;
-  hold_outside(&run, range, &held);
-  const int result = run.deliver_held(held.rows(), "MATCH FOUND and Saving AVP");
-  return result == SCRIPT_OK ? held.count() : result;
-}
-
-// Counts and delivers nothing, so that a call that doesn't fail finds no row; the count goes into
-// the target. With nothing to deliver no buffer is needed for it either.
-int tarn_memdb_select_field_into_of_range_cmn(sip_msg *msg, const select_params &select,
-                                              const range_params &params, char *target,
-                                              const select_flavour &flavour) {
-  const host_log_scope log;
-  select_run run(msg, flavour);
-  number_range range;
-  if (!start_range_select(&run, select, params, &range)) return SCRIPT_FAILED;
-  report_count(msg, target, count_above(&run, range));
-  LM_DBG("ALARM REG_USERS DBG Returning row count result: %d (found=%d, xavp_buff='%s')\n",
-         SCRIPT_NO_ROW, 0, printable(nullptr));
-  return SCRIPT_NO_ROW;
-}
-
 }  // namespace
 
 int tarn_memdb_nl_select_field_out_of_range(sip_msg *msg, char *query, char *avps, char *column,
                                             char *lower, char *upper) {
-  return tarn_memdb_select_field_out_of_range_cmn(msg, {query, avps}, {column, lower, upper},
-                                                  {.locked = false, .as_xavp = false});
+  const host_log_scope log;
+  select_run run(msg);
+  if (!start_select_or_fail(&run, {query, avps}, delivery_target::avps)) return SCRIPT_FAILED;
+  const table_scope scope(run.table(), table_access::unlocked);
+  number_range range;
+  if (!read_range(&run, {column, lower, upper}, &range)) return SCRIPT_FAILED;
+  outside_rows outside(run, range);
+  // The capacity of the list limits the rows visited, the query those held, which a table's
+  // MAX_ROWS of 0 or less makes none.
+  const int32_t most = run.max_res() > 0 ? row_list::CAPACITY : 0;
+  memdb_visit(run.tbl(), run.query.flds, most, [&outside](const memdb_row *row, int32_t index) {
+    return outside.visit(row, index);
+  });
+  const int result = deliver_held(&run, outside.rows(), FOUND);
+  return result == SCRIPT_OK ? outside.count() : result;
 }
 
+// Counts and delivers nothing, so that a call that doesn't fail finds no row; the count goes into
+// the target.
 int tarn_memdb_nl_select_field_within_the_range(sip_msg *msg, char *query, char *avps, char *column,
                                                 char *lower, char *upper, char *target) {
-  return tarn_memdb_select_field_into_of_range_cmn(msg, {query, avps}, {column, lower, upper},
-                                                   target, {.locked = false, .as_xavp = false});
+  const host_log_scope log;
+  select_run run(msg);
+  if (!start_select_or_fail(&run, {query, avps}, delivery_target::avps)) return SCRIPT_FAILED;
+  const table_scope scope(run.table(), table_access::unlocked);
+  number_range range;
+  if (!read_range(&run, {column, lower, upper}, &range)) return SCRIPT_FAILED;
+  rows_above above(run, range);
+  const int32_t most = std::min(run.max_res(), MOST_ROWS_COUNTED);
+  memdb_visit(run.tbl(), run.query.flds, most, [&above](const memdb_row *row, int32_t index) {
+    above.visit(row, index);
+    return true;
+  });
+  report_count(msg, target, above.count());
+  LM_DBG("ALARM REG_USERS DBG Returning row count result: %d (found=%d, xavp_buff='%s')\n",
+         SCRIPT_NO_ROW, 0, printable(nullptr));
+  return SCRIPT_NO_ROW;
 }

@@ -4,10 +4,8 @@
 #include <algorithm>
 
 #include "host/imports.h"
-#include "host/log.h"
 #include "host/pv_module.h"
 #include "query/text/text_writer.h"
-#include "script/params/avp.h"
 
 namespace {
 
@@ -24,7 +22,13 @@ size_t explode_size_of(const tarn_tbl *table) {
 
 }  // namespace
 
-bool row_delivery::to_xavps(sip_msg *msg, fparam_t *name) {
+bool row_delivery::open(sip_msg *msg, delivery_target target, char *slot) {
+  target_ = target;
+  if (target == delivery_target::avps) {
+    avps_ = reinterpret_cast<pvname_list_t *>(slot);
+    return true;
+  }
+  auto *const name = reinterpret_cast<fparam_t *>(slot);
   if (get_str_fparam(&xavp_name_, msg, name) != 0 || xavp_name_.s == nullptr) {
     LM_ERR("cannot get the xavp name\n");
     return false;
@@ -34,7 +38,7 @@ bool row_delivery::to_xavps(sip_msg *msg, fparam_t *name) {
 }
 
 bool row_delivery::prepare(const tarn_tbl *table) {
-  if (xavp_name_.s == nullptr) return true;
+  if (target_ == delivery_target::avps) return true;
   explode_size_ = explode_size_of(table);
   explode_buf_.reset(pkg_array<char>(explode_size_));
   if (explode_buf_) return true;
@@ -42,14 +46,10 @@ bool row_delivery::prepare(const tarn_tbl *table) {
   return false;
 }
 
-bool row_delivery::deliver_avps(sip_msg *msg, const tarn_tbl *table, const memdb_row *row) const {
-  pvname_list_t *place = avps_;
-  for (uint32_t i = 0; i < table->tbl->col_cnt && place != nullptr; i++, place = place->next) {
-    avp_target target;
-    if (!resolve_avp(msg, &place->sname, &target) || !is_named(target)) continue;
-    if (!add_text_avp(target, memdb_get_field(table->tbl, row, i))) return false;
-  }
-  return true;
+bool row_delivery::deliver(sip_msg *msg, const tarn_tbl *table, const memdb_row *row) const {
+  if (target_ == delivery_target::xavp) return deliver_xavp(msg, table, row);
+  return add_columns(msg, {avps_, table->tbl->col_cnt, unnamed_place::passed_over}, table->tbl, row,
+                     [](uint32_t place) { return place; });
 }
 
 bool row_delivery::deliver_xavp(sip_msg *msg, const tarn_tbl *table, const memdb_row *row) const {

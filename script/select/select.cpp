@@ -5,52 +5,37 @@
 
 namespace {
 
-bool deliver_matches(select_run *run, bool *found) {
-  memdb_cursor cursor;
-  const memdb_row *row = memdb_select(run->tbl(), run->wanted(), &cursor);
-  for (int32_t visited = 0; row != nullptr && visited < run->max_res(); visited++) {
-    *found = true;
-    if (!run->deliver(row)) return false;
-    row = memdb_select_next(&cursor);
-  }
-  return true;
-}
-
 int select(sip_msg *msg, const select_params &params, const select_flavour &flavour) {
-  select_run run(msg, flavour);
-  if (start_select(&run, params) != select_start::ready) return SCRIPT_FAILED;
+  const host_log_scope log;
+  select_run run(msg);
+  if (start_select(&run, params, flavour.target) != select_start::ready) return select_failed();
   // Read without the lock: a table that is empty now would have been empty to a call just before.
-  if (run.table()->row_count == 0) return SCRIPT_NO_ROW;
+  if (peek_tbl_row_count(run.table()) == 0) return SCRIPT_NO_ROW;
   // Here, unlike in the other selects, a lack of memory looks like an empty result.
   if (!run.delivery.prepare(run.table())) return SCRIPT_NO_ROW;
-  run.enter_table();
-  bool found = false;
-  if (!deliver_matches(&run, &found)) return SCRIPT_FAILED;
-  return found ? SCRIPT_OK : SCRIPT_NO_ROW;
-}
-
-// The last line of a failure is written when the lock has been given back.
-int tarn_memdb_select_cmn(sip_msg *msg, const select_params &params,
-                          const select_flavour &flavour) {
-  const host_log_scope log;
-  const int result = select(msg, params, flavour);
+  int result;
+  {
+    const table_scope scope(run.table(), flavour.access);
+    result = deliver_matches(run.query, [&run](const memdb_row *row) { return run.deliver(row); });
+  }
+  // The last line of a failure keeps no other worker from the table.
   return result == SCRIPT_FAILED ? select_failed() : result;
 }
 
 }  // namespace
 
 int tarn_memdb_select(sip_msg *msg, char *query, char *avps) {
-  return tarn_memdb_select_cmn(msg, {query, avps}, {.locked = true, .as_xavp = false});
+  return select(msg, {query, avps}, LOCKED_AVPS);
 }
 
 int tarn_memdb_nl_select(sip_msg *msg, char *query, char *avps) {
-  return tarn_memdb_select_cmn(msg, {query, avps}, {.locked = false, .as_xavp = false});
+  return select(msg, {query, avps}, UNLOCKED_AVPS);
 }
 
 int tarn_memdb_xavp_select(sip_msg *msg, char *query, char *xavp) {
-  return tarn_memdb_select_cmn(msg, {query, xavp}, {.locked = true, .as_xavp = true});
+  return select(msg, {query, xavp}, LOCKED_XAVP);
 }
 
 int tarn_memdb_nl_xavp_select(sip_msg *msg, char *query, char *xavp) {
-  return tarn_memdb_select_cmn(msg, {query, xavp}, {.locked = false, .as_xavp = true});
+  return select(msg, {query, xavp}, UNLOCKED_XAVP);
 }

@@ -1,6 +1,6 @@
-// The script functions that select rows. Parameters are what the fix-ups
-// left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the script. Each
-// takes its table's lock, unless nl is in its name, and logs why it fails.
+// The script functions that select rows. Parameters are what the fix-ups left in their slots. Above
+// 0 is true for the script, below 0 false, and 0 ends the script. Each takes its table's lock,
+// unless nl is in its name, and logs why it fails.
 #pragma once
 
 #include "host/abi.h"

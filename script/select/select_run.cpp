@@ -1,30 +1,57 @@
-// The shared beginning and end of the selects.
+// The shared steps of the selects.
 #include "script/select/select_run.h"
 
 #include "host/log.h"
 
-int select_run::deliver_held(std::span<const memdb_row *const> rows, const char *found_line) {
-  if (!delivery.prepare(query.table)) return SCRIPT_FAILED;
-  for (const memdb_row *const row : rows) {
-    LM_DBG("%s", found_line);
-    if (!deliver(row)) return SCRIPT_FAILED;
-  }
-  return rows.empty() ? SCRIPT_NO_ROW : SCRIPT_OK;
+namespace {
+
+// The selects speak of an insert where their query can't be parsed; log filters go by that text.
+constexpr query_texts TEXTS{UNPRINTABLE_SELECT, PRINTED_SELECT, UNPARSED_INSERT};
+
+}  // namespace
+
+select_start start_select(select_run *run, const select_params &params, delivery_target target) {
+  str text;
+  if (!print_query(run->msg, params.query, TEXTS, &text) ||
+      !parse_query(text, OP_SELECT, TEXTS.unparsed, &run->query))
+    return select_start::unread;
+  return run->delivery.open(run->msg, target, params.target) ? select_start::ready
+                                                             : select_start::failed;
 }
 
-select_start start_select(select_run *run, const select_params &params) {
-  str text;
-  if (!print_query(run->msg, params.query, SELECT_WORDS, &text) ||
-      !parse_query(text, OP_SELECT, SELECT_WORDS, &run->query))
-    return select_start::unread;
-  if (!run->flavour.as_xavp)
-    run->delivery.to_avps(reinterpret_cast<pvname_list_t *>(params.target));
-  else if (!run->delivery.to_xavps(run->msg, reinterpret_cast<fparam_t *>(params.target)))
-    return select_start::failed;
-  return select_start::ready;
+bool start_select_or_fail(select_run *run, const select_params &params, delivery_target target) {
+  const select_start start = start_select(run, params, target);
+  if (start == select_start::unread) select_failed();
+  return start == select_start::ready;
 }
 
 int select_failed() {
-  LM_ERR("SELECT failed!\n");
+  LM_TEXT(L_ERR, SELECT_FAILED);
   return SCRIPT_FAILED;
+}
+
+bool check_column(const select_run &run, int32_t column, const column_texts &texts,
+                  bool (*rule)(const select_run &run, uint32_t column)) {
+  const uint32_t columns = run.tbl()->col_cnt;
+  // Compared without a sign, so that a negative number is too great as well.
+  const auto place = static_cast<uint32_t>(column);
+  if (place >= columns) {
+    LM_TEXT(L_ERR, texts.too_great, column, static_cast<int>(columns));
+    return false;
+  }
+  if (rule != nullptr && !rule(run, place)) return false;
+  LM_TEXT(L_DBG, texts.entered, column);
+  if (!memdb_is_indexed(run.tbl()->cols[place])) return true;
+  LM_TEXT(L_ERR, texts.indexed, column);
+  return false;
+}
+
+int deliver_held(select_run *run, std::span<const memdb_row *const> rows,
+                 const message_text<> &found) {
+  if (!run->delivery.prepare(run->table())) return SCRIPT_FAILED;
+  for (const memdb_row *const row : rows) {
+    LM_TEXT(L_DBG, found);
+    if (!run->deliver(row)) return SCRIPT_FAILED;
+  }
+  return rows.empty() ? SCRIPT_NO_ROW : SCRIPT_OK;
 }

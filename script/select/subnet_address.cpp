@@ -24,7 +24,7 @@ int bytes_of_family(int family) {
 
 }  // namespace
 
-int addr_familiy_ip2bit(const char *text, ip_address *address) {
+int read_address(const char *text, ip_address *address) {
   *address = {};
   if (inet_pton(AF_INET, text, address->bytes) == 1) return AF_INET;
   if (inet_pton(AF_INET6, text, address->bytes) == 1) return AF_INET6;
@@ -41,10 +41,9 @@ bool is_in_subnet(const char *source, const char *row_subnet, const char *row_ma
   ip_address from;
   ip_address subnet;
   ip_address mask;
-  const int family = addr_familiy_ip2bit(source, &from);
-  if (addr_familiy_ip2bit(row_subnet, &subnet) != family)
-    LM_INFO("Addresses from different families\n");
-  if (addr_familiy_ip2bit(row_mask, &mask) != family) LM_INFO("mask from different families\n");
+  const int family = read_address(source, &from);
+  if (read_address(row_subnet, &subnet) != family) LM_INFO("Addresses from different families\n");
+  if (read_address(row_mask, &mask) != family) LM_INFO("mask from different families\n");
   const int bytes = bytes_of_family(family);
   LM_DBG("Bytes=%d\n", bytes);
   for (int i = 0; i < bytes; i++) {

@@ -14,7 +14,7 @@ struct ip_address {
 
 // Converts an IPv4 or IPv6 text. The family, AF_INET or AF_INET6, or FAMILY_UNREADABLE, told on
 // standard output, with the address zero.
-int addr_familiy_ip2bit(const char *text, ip_address *address);
+int read_address(const char *text, ip_address *address);
 
 // True if source lies in the subnet that row_subnet and row_mask tell. Mixed families are told and
 // compared all the same, over the bytes of the source's. A source that can't be read lies nowhere.

@@ -8,10 +8,11 @@
 #include "query/text/buffers.h"
 #include "query/text/text_writer.h"
 #include "script/params/script_query.h"
+#include "tables/table_scope.h"
 
 namespace {
 
-constexpr query_words WORDS{UNPRINTABLE, "Select", "select"};
+constexpr message_text<const char *> UNPARSED{"Could not parse query (%s) for select\n"};
 constexpr uint32_t DOMAIN_COL = 1;
 
 // The query for the DN, which goes in unescaped: a bar or a comma in it changes the query.
@@ -23,39 +24,37 @@ bool compose_query(const char *dn, str *text) {
     return false;
   }
   *text = {dn_query_buf, len};
-  LM_DBG("%s: %s\n", WORDS.shown_as, dn_query_buf);
+  LM_TEXT(L_DBG, PRINTED_SELECT, dn_query_buf);
   return true;
 }
 
-int32_t find_domain(const query_in &in, const char *dn, std::span<char> domain) {
-  read_section section;
-  section.begin();
+bool read_domain(const query_in &in, const char *dn, std::span<char> domain) {
+  const table_scope scope(in.table, table_access::unlocked);
   memdb_tbl *const tbl = in.table->tbl;
   memdb_cursor cursor;
   const memdb_row *const row = memdb_select(tbl, in.flds, &cursor);
   if (row == nullptr) {
     LM_DBG("No match found for DN = '%s'\n", dn);
-    return SCRIPT_NO_ROW;
+    return false;
   }
   // Only a DN with separators in it makes a query that a table of one column takes.
-  if (tbl->col_cnt <= DOMAIN_COL) return SCRIPT_NO_ROW;
+  if (tbl->col_cnt <= DOMAIN_COL) return false;
   const char *const found = memdb_get_field(tbl, row, DOMAIN_COL);
-  if (*found == '\0') return SCRIPT_NO_ROW;
+  if (*found == '\0') return false;
   LM_DBG("Found location_domain '%s'\n", found);
   text_writer(domain).append(found);
-  return SCRIPT_OK;
+  return true;
 }
 
 }  // namespace
 
-int32_t tarn_memdb_select_dn(const char *dn, std::span<char> domain) {
+bool tarn_memdb_select_dn(const char *dn, std::span<char> domain) {
   if (*dn == '\0') {
     LM_DBG("Invalid DN\n");
-    return SCRIPT_FAILED;
+    return false;
   }
   str text;
   script_query query;
-  if (!compose_query(dn, &text) || !parse_query(text, OP_SELECT, WORDS, &query))
-    return SCRIPT_FAILED;
-  return find_domain(query, dn, domain);
+  return compose_query(dn, &text) && parse_query(text, OP_SELECT, UNPARSED, &query) &&
+         read_domain(query, dn, domain);
 }

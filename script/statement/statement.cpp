@@ -9,7 +9,9 @@
 
 bool statement::print(sip_msg *msg, const char *slot) {
   text_ = cursor_ = print_or_refuse(msg, slot, query_buf, UNPRINTABLE).s;
-  return text_ != nullptr;
+  if (text_ == nullptr) return false;
+  LM_TEXT(L_DBG, texts_.printed, text_);
+  return true;
 }
 
 bool statement::token(const char *word) {
@@ -41,10 +43,21 @@ bool statement::read_fields(const char *text, statement_fields *fields) {
   return static_cast<bool>(fields->positions);
 }
 
-bool statement::read_pairs(pair_list *pairs) {
-  pairs->in.table = table_;
-  pairs->in.flds = generate_value_list2(cursor_, table_, &pairs->texts);
-  return pairs->in.flds != nullptr;
+bool statement::read_pairs(pair_list *list) {
+  list->pairs.table = table_;
+  list->pairs.flds = generate_pair_list(cursor_, table_, &list->texts);
+  return list->pairs.flds != nullptr;
+}
+
+bool statement::read_where(pair_list *list) {
+  return skip_word() && token("WHERE") && read_pairs(list) && read_max(&list->pairs);
+}
+
+void statement::scanned() const { LM_TEXT(L_DBG, texts_.scanned); }
+
+int statement::failed() const {
+  if (text_ != nullptr || texts_.fails_unprinted) LM_TEXT(L_ERR, texts_.failed);
+  return SCRIPT_FAILED;
 }
 
 bool statement::read_max(query_in *in) {

@@ -2,34 +2,30 @@
 #include "host/log.h"
 #include "script/statement/statement.h"
 #include "script/statement/statement_functions.h"
+#include "script/writes/write_texts.h"
 #include "tables/rows/row_writes.h"
 
 namespace {
 
-bool scan(statement *sql, pair_list *where) {
-  if (!sql->token("DELETE") || !sql->token("FROM") || !sql->read_table() || !sql->skip_word() ||
-      !sql->token("WHERE") || !sql->read_pairs(where) || !sql->read_max(&where->in))
-    return false;
-  LM_DBG("Parse for DELETE OK!\n");
-  return true;
-}
+constexpr statement_texts TEXTS{.printed = "Delete query: '%s'\n",
+                                .scanned = "Parse for DELETE OK!\n",
+                                .failed = DELETE_FAILED,
+                                .fails_unprinted = true};
+constexpr audit_row_text DELETED{"      %s - (%d) SQLL Deleting %s,%s"};
 
-bool print_and_scan(sip_msg *msg, const char *slot, statement *sql, pair_list *where) {
-  if (!sql->print(msg, slot)) return false;
-  LM_DBG("Delete query: '%s'\n", sql->text());
-  return scan(sql, where);
+bool scan(statement *sql, pair_list *where) {
+  return sql->token("DELETE") && sql->token("FROM") && sql->read_table() && sql->read_where(where);
 }
 
 }  // namespace
 
 int sqll_tarn_memdb_delete(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
-  statement sql;
+  statement sql(TEXTS);
   pair_list where;
-  if (!print_and_scan(msg, slot, &sql, &where)) {
-    LM_ERR("DELETE failed!\n");
-    return SCRIPT_FAILED;
-  }
-  const lock_scope lock(sql.table()->lock);
-  return delete_rows(sql.table(), &where.in, FROM_STATEMENT) != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
+  if (!sql.print(msg, slot) || !scan(&sql, &where)) return sql.failed();
+  sql.scanned();
+  tarn_tbl *const table = sql.table();
+  const lock_scope lock(table->lock);
+  return delete_rows(table, &where.pairs, DELETED) != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
 }

@@ -1,6 +1,6 @@
-// The script functions that take a statement. Parameters are what the fix-ups
-// left in their slots. Above 0 is true for the script, below 0 false, and 0 ends the script. Each
-// takes its table's lock and logs why it fails.
+// The script functions that take a statement. Parameters are what the fix-ups left in their slots.
+// Above 0 is true for the script, below 0 false, and 0 ends the script. Each takes its table's lock
+// and logs why it fails.
 #pragma once
 
 #include "host/abi.h"

@@ -3,11 +3,17 @@
 #include "query/statement_scanner.h"
 #include "script/statement/statement.h"
 #include "script/statement/statement_functions.h"
-#include "script/writes/insert_refusal.h"
+#include "script/writes/write_texts.h"
 #include "tables/rows/audit.h"
 #include "tables/rows/row_admission.h"
 
 namespace {
+
+constexpr statement_texts TEXTS{.printed = "Insert query: '%s'\n",
+                                .scanned = "Parse for INSERT OK!\n",
+                                .failed = INSERT_FAILED,
+                                .fails_unprinted = true};
+constexpr audit_row_text INSERTED{"      %s - (%d) SQLL Inserting %s,%s"};
 
 bool scan(statement *sql, query_in *in) {
   statement_fields fields;
@@ -17,27 +23,19 @@ bool scan(statement *sql, query_in *in) {
     return false;
   in->table = sql->table();
   in->flds = generate_value_list(sql->cursor(), sql->table(), fields.positions.get(), fields.count);
-  if (in->flds == nullptr) return false;
-  LM_DBG("Parse for INSERT OK!\n");
-  return true;
+  return in->flds != nullptr;
 }
 
-bool insert(sip_msg *msg, const char *slot, int32_t *result) {
-  statement sql;
-  if (!sql.print(msg, slot)) return false;
-  LM_DBG("Insert query: '%s'\n", sql.text());
-  query_scope in;
-  if (!scan(&sql, &in)) return false;
-
-  tarn_tbl *const table = sql.table();
+// False, logged, if the row isn't let in.
+bool insert(tarn_tbl *table, query_in *in, int32_t *result) {
   const lock_scope lock(table->lock);
-  const admission_rules rules{table->duplicated_data_check != 0, insert_index_no_alloc};
-  const admission outcome = admit_row(table, &in, rules, result);
+  const admission_rules rules{table->duplicated_data_check != 0, index_text::in_place};
+  const admission outcome = admit_row(table, in, rules, result);
   if (outcome != admission::added) {
-    log_refusal(outcome, table, L_WARN);
+    log_refusal(outcome, table, INSERT_REFUSED, L_WARN);
     return false;
   }
-  audit_statement_insert(table, in.flds[0]);
+  audit_values(table, INSERTED, in->flds[0]);
   return true;
 }
 
@@ -45,8 +43,10 @@ bool insert(sip_msg *msg, const char *slot, int32_t *result) {
 
 int sqll_tarn_memdb_insert(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
+  statement sql(TEXTS);
+  query_scope in;
   int32_t result;
-  if (insert(msg, slot, &result)) return result;
-  LM_ERR("INSERT failed!\n");
-  return SCRIPT_FAILED;
+  if (!sql.print(msg, slot) || !scan(&sql, &in)) return sql.failed();
+  sql.scanned();
+  return insert(sql.table(), &in, &result) ? result : sql.failed();
 }

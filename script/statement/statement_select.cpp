@@ -1,64 +1,45 @@
 // sqll_tarn_memdb_select: SELECT field-list FROM table WHERE pair-list [MAX=n], into AVPs.
 #include "host/log.h"
-#include "script/params/avp.h"
 #include "script/select/select_run.h"
 #include "script/statement/statement.h"
 #include "script/statement/statement_functions.h"
 
 namespace {
 
+constexpr statement_texts TEXTS{.printed = "Select query: '%s'\n",
+                                .scanned = "Parse for SELECT OK!\n",
+                                .failed = SELECT_FAILED,
+                                .fails_unprinted = false};
+
 bool scan(statement *sql, statement_fields *fields, pair_list *where) {
   if (!sql->token("SELECT")) return false;
   const char *const list = sql->cursor();
-  if (!sql->skip_word() || !sql->token("FROM") || !sql->read_table() ||
-      !sql->read_fields(list, fields) || !sql->skip_word() || !sql->token("WHERE") ||
-      !sql->read_pairs(where) || !sql->read_max(&where->in))
-    return false;
-  LM_DBG("Parse for SELECT OK!\n");
-  return true;
+  return sql->skip_word() && sql->token("FROM") && sql->read_table() &&
+         sql->read_fields(list, fields) && sql->read_where(where);
 }
 
 // The n-th selected field goes to the n-th AVP, as long as there are both.
-bool deliver_fields(sip_msg *msg, const memdb_tbl *tbl, const memdb_row *row,
-                    const statement_fields &fields, pvname_list_t *avps) {
-  pvname_list_t *place = avps;
-  for (int32_t i = 0; i < fields.count && place != nullptr; i++, place = place->next) {
-    avp_target target;
-    if (!resolve_avp(msg, &place->sname, &target) || !is_named(target)) continue;
-    const auto column = static_cast<uint32_t>(fields.positions[static_cast<size_t>(i)]);
-    if (!add_text_avp(target, memdb_get_field(tbl, row, column))) return false;
-  }
-  return true;
-}
-
-int deliver_matches(sip_msg *msg, const query_in &in, const statement_fields &fields,
-                    pvname_list_t *avps) {
-  memdb_tbl *const tbl = in.table->tbl;
-  memdb_cursor cursor;
-  int result = SCRIPT_NO_ROW;
-  const memdb_row *row = memdb_select(tbl, in.flds, &cursor);
-  for (int32_t visited = 0; row != nullptr && visited < in.max_res; visited++) {
-    result = SCRIPT_OK;
-    if (!deliver_fields(msg, tbl, row, fields, avps)) return SCRIPT_FAILED;
-    row = memdb_select_next(&cursor);
-  }
-  return result;
+int select(sip_msg *msg, const query_in &where, const statement_fields &fields,
+           pvname_list_t *avps) {
+  const lock_scope lock(where.table->lock);
+  const avp_places places{avps, static_cast<uint32_t>(fields.count), unnamed_place::passed_over};
+  const auto column_at = [&fields](uint32_t place) {
+    return static_cast<uint32_t>(fields.positions[place]);
+  };
+  return deliver_matches(where, [&](const memdb_row *row) {
+    return add_columns(msg, places, where.table->tbl, row, column_at);
+  });
 }
 
 }  // namespace
 
 int sqll_tarn_memdb_select(sip_msg *msg, char *slot, char *avps) {
   const host_log_scope log;
-  statement sql;
-  if (!sql.print(msg, slot)) return SCRIPT_FAILED;
-  LM_DBG("Select query: '%s'\n", sql.text());
+  statement sql(TEXTS);
   statement_fields fields;
   pair_list where;
-  if (!scan(&sql, &fields, &where)) return select_failed();
-  int result;
-  {
-    const lock_scope lock(sql.table()->lock);
-    result = deliver_matches(msg, where.in, fields, reinterpret_cast<pvname_list_t *>(avps));
-  }
-  return result == SCRIPT_FAILED ? select_failed() : result;
+  if (!sql.print(msg, slot) || !scan(&sql, &fields, &where)) return sql.failed();
+  sql.scanned();
+  const int result = select(msg, where.pairs, fields, reinterpret_cast<pvname_list_t *>(avps));
+  return result == SCRIPT_FAILED ? sql.failed() : result;
 }

@@ -2,19 +2,21 @@
 #include "host/log.h"
 #include "script/statement/statement.h"
 #include "script/statement/statement_functions.h"
+#include "script/writes/write_texts.h"
 #include "tables/rows/row_writes.h"
 
 namespace {
 
-constexpr update_source FROM_STATEMENT_UPDATE{FROM_STATEMENT, nullptr};
+constexpr statement_texts TEXTS{.printed = "Update query: %s\n",
+                                .scanned = "Parse for UPDATE OK!\n",
+                                .failed = UPDATE_FAILED,
+                                .fails_unprinted = false};
+constexpr update_texts UPDATED{"      %s - (%d) SQLL Updating %s,%s",
+                               "      %s - (%d) SQLL Deleting from update %s,%s", nullptr};
 
 bool scan(statement *sql, pair_list *set, pair_list *where) {
-  if (!sql->token("UPDATE") || !sql->read_table() || !sql->skip_word() || !sql->token("SET") ||
-      !sql->read_pairs(set) || !sql->skip_word() || !sql->token("WHERE") ||
-      !sql->read_pairs(where) || !sql->read_max(&where->in))
-    return false;
-  LM_DBG("Parse for UPDATE OK!\n");
-  return true;
+  return sql->token("UPDATE") && sql->read_table() && sql->skip_word() && sql->token("SET") &&
+         sql->read_pairs(set) && sql->read_where(where);
 }
 
 // Sets the columns that are given a text. An empty value leaves its column as it is, and a row in
@@ -34,17 +36,14 @@ bool set_columns_with_text(memdb_tbl *tbl, memdb_row *row, const query_in *value
 
 int sqll_tarn_memdb_update(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
-  statement sql;
-  if (!sql.print(msg, slot)) return SCRIPT_FAILED;
-  LM_DBG("Update query: %s\n", sql.text());
+  statement sql(TEXTS);
   pair_list set;
   pair_list where;
-  if (!scan(&sql, &set, &where)) {
-    LM_ERR("UPDATE failed!\n");
-    return SCRIPT_FAILED;
-  }
-  const lock_scope lock(sql.table()->lock);
+  if (!sql.print(msg, slot) || !scan(&sql, &set, &where)) return sql.failed();
+  sql.scanned();
+  tarn_tbl *const table = sql.table();
+  const lock_scope lock(table->lock);
   const int32_t selected =
-      update_rows(sql.table(), &where.in, &set.in, set_columns_with_text, FROM_STATEMENT_UPDATE);
+      update_rows(table, &where.pairs, &set.pairs, set_columns_with_text, UPDATED);
   return selected != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
 }

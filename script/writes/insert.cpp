@@ -1,32 +1,34 @@
 // tarn_memdb_insert: adds a row.
 #include "host/log.h"
 #include "script/params/script_query.h"
-#include "script/writes/insert_refusal.h"
 #include "script/writes/write_functions.h"
+#include "script/writes/write_texts.h"
 #include "tables/rows/audit.h"
 #include "tables/rows/row_admission.h"
 
 namespace {
 
-constexpr query_words WORDS{UNPRINTABLE, "Insert", "insert"};
+constexpr query_texts TEXTS{UNPRINTABLE, "Insert: %s\n", UNPARSED_INSERT};
+constexpr audit_query_text INSERTED{"           %s - (%d) Inserting %.*s"};
 
 bool insert(sip_msg *msg, const char *slot, int32_t *result) {
   str text;
   script_query query;
-  if (!print_query(msg, slot, WORDS, &text) || !parse_query(text, OP_INSERT, WORDS, &query))
+  if (!print_query(msg, slot, TEXTS, &text) ||
+      !parse_query(text, OP_INSERT, TEXTS.unparsed, &query))
     return false;
 
   tarn_tbl *const table = query.table;
   {
     const lock_scope lock(table->lock);
-    const admission_rules rules{table->duplicated_data_check != 0, insert_index};
+    const admission_rules rules{table->duplicated_data_check != 0, index_text::own_block};
     const admission outcome = admit_row(table, &query, rules, result);
     if (outcome != admission::added) {
-      log_refusal(outcome, table, L_ERR);
+      log_refusal(outcome, table, INSERT_REFUSED, L_ERR);
       return false;
     }
   }
-  audit_insert(table, FROM_SCRIPT, text);
+  audit_insert(table, INSERTED, text);
   return true;
 }
 
@@ -36,6 +38,6 @@ int tarn_memdb_insert(sip_msg *msg, char *query, char *) {
   const host_log_scope log;
   int32_t result;
   if (insert(msg, query, &result)) return result;
-  LM_ERR("INSERT failed!\n");
+  LM_TEXT(L_ERR, INSERT_FAILED);
   return SCRIPT_FAILED;
 }

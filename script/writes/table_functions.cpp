@@ -9,12 +9,13 @@
 namespace {
 
 constexpr size_t DIGITS_SIZE = 16;
+constexpr audit_table_text CLEARED{"        %s - (%d) Clearing table %s"};
 
 }  // namespace
 
 int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
   const host_log_scope log;
-  char name[TARN_NAME_SIZE];
+  table_name_text name;
   const bool printed = print_table_name(msg, slot, name);
   if (printed) LM_DBG("Table name: %s\n", name);
   tarn_tbl *const table = printed ? find_named_table(name) : nullptr;
@@ -24,7 +25,7 @@ int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
   }
   {
     const lock_scope lock(table->lock);
-    clear_rows(table, FROM_CLEAR_TBL);
+    clear_rows(table, CLEARED);
   }
   store_table_mngt(0, nullptr);
   return SCRIPT_OK;
@@ -32,12 +33,12 @@ int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
 
 int tarn_memdb_row_count(sip_msg *msg, char *slot, char *avp) {
   const host_log_scope log;
-  char name[TARN_NAME_SIZE];
+  table_name_text name;
   const tarn_tbl *const table =
       print_table_name(msg, slot, name) ? find_named_table(name) : nullptr;
   if (table != nullptr) {
     char digits[DIGITS_SIZE] = "";
-    snprintf(digits, sizeof(digits), "%d", get_tbl_row_count(table));
+    snprintf(digits, sizeof(digits), "%d", peek_tbl_row_count(table));
     if (add_text_to_param(msg, avp, digits)) return SCRIPT_OK;
   }
   LM_ERR("Get row count failed!\n");

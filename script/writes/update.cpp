@@ -6,12 +6,19 @@
 #include "query/text/field_strings.h"
 #include "script/params/script_query.h"
 #include "script/writes/write_functions.h"
+#include "script/writes/write_texts.h"
 #include "tables/rows/row_writes.h"
 
 namespace {
 
-constexpr query_words WORDS{UNPRINTABLE, "Select", "update"};
-constexpr update_source FROM_SCRIPT_UPDATE{FROM_SCRIPT, ""};
+// The log knows the selection and the new values by one failure line.
+constexpr message_text<const char *> UNPARSED{"Could not parse query (%s) for update\n"};
+constexpr query_texts TEXTS{UNPRINTABLE, PRINTED_SELECT, UNPARSED};
+
+constexpr message_text<int, const char *, int> ROW_REMOVED{
+    "Deleting row from update for selected index %d in table %s - cols_len: %d\n"};
+constexpr update_texts UPDATED{"           %s - (%d) Updating %s,%s",
+                               "           %s - (%d) Deleting from update %s,%s", &ROW_REMOVED};
 
 bool print_values(sip_msg *msg, const char *slot, str *text) {
   *text = print_or_refuse(msg, slot, update_buf, UNPRINTABLE);
@@ -23,12 +30,12 @@ bool print_values(sip_msg *msg, const char *slot, str *text) {
 // Splits the new values, given by position or by name, into one text per column.
 bool parse_values(const script_query &query, str list, query_in *values) {
   values->table = query.table;
-  const conversion converted = tarn_memdb_convert_query_param_list(&list, query.table, nullptr);
-  if (converted == conversion::failed) return false;
+  const conversion outcome = tarn_memdb_convert_query_param_list(&list, query.table, nullptr);
+  if (outcome == conversion::failed) return false;
   values->flds = tarn_memdb_create_fields(list, &query.table->tbl->col_cnt);
-  if (converted == conversion::converted) pkg_free(list.s);
+  if (outcome == conversion::converted) pkg_free(list.s);
   if (values->flds != nullptr) return true;
-  LM_ERR("Could not parse query (%s) for update\n", update_buf);
+  LM_TEXT(L_ERR, UNPARSED, update_buf);
   return false;
 }
 
@@ -40,13 +47,13 @@ int tarn_memdb_update(sip_msg *msg, char *slot, char *values_slot) {
   str list;
   script_query query;
   query_scope values;
-  if (!print_query(msg, slot, WORDS, &text) || !print_values(msg, values_slot, &list) ||
-      !parse_query(text, OP_SELECT, WORDS, &query) || !parse_values(query, list, &values)) {
-    LM_ERR("UPDATE failed!\n");
+  if (!print_query(msg, slot, TEXTS, &text) || !print_values(msg, values_slot, &list) ||
+      !parse_query(text, OP_SELECT, TEXTS.unparsed, &query) ||
+      !parse_values(query, list, &values)) {
+    LM_TEXT(L_ERR, UPDATE_FAILED);
     return SCRIPT_FAILED;
   }
   const lock_scope lock(query.table->lock);
-  const int32_t selected =
-      update_rows(query.table, &query, &values, set_given_columns, FROM_SCRIPT_UPDATE);
+  const int32_t selected = update_rows(query.table, &query, &values, set_given_columns, UPDATED);
   return selected != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
 }

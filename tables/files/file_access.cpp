@@ -1,9 +1,10 @@
-// Reading and giving access rights.
+// Opening files with their rights.
 #include "tables/files/file_access.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/log.h"
 #include "tables/shared/file_status.h"
 
 namespace {
@@ -44,6 +45,12 @@ void give_access(int file, const file_access &access) {
   fchmod(file, mode);
 }
 
+FILE *open_file(const char *path, const char *mode) {
+  FILE *const file = fopen(path, mode);
+  if (file == nullptr) LM_ERR("Could not open file '%s'\n", path);
+  return file;
+}
+
 }  // namespace
 
 file_access access_of_first(std::initializer_list<const char *> paths) {
@@ -57,11 +64,13 @@ file_access access_of_first(std::initializer_list<const char *> paths) {
 
 FILE *open_with_access(const char *path, const file_access &access) {
   struct stat there;
-  if (!access.known || read_link_status(path, &there)) return fopen(path, "w");
+  if (!access.known || read_link_status(path, &there)) return open_file(path, "w");
   // Whoever may not read the text may not open the file in the moment before it has its group and
   // its rights: until then it is its owner's alone.
   const narrower_mask mask(RIGHTS & ~(access.mode & OWNER_RIGHTS));
-  FILE *const file = fopen(path, "w");
+  FILE *const file = open_file(path, "w");
   if (file != nullptr) give_access(fileno(file), access);
   return file;
 }
+
+FILE *open_for_reading(const char *path) { return open_file(path, "r"); }

@@ -1,4 +1,5 @@
-// Who may read and write a table file: a store makes the file anew, and its rights stay.
+// Opening table files, and who may read and write them: a store makes the file anew, and its rights
+// stay.
 #pragma once
 
 #include <sys/types.h>
@@ -19,5 +20,8 @@ file_access access_of_first(std::initializer_list<const char *> paths);
 // Opens path for writing, cut to nothing. A file that is made by that gets these rights before
 // anything is in it, as far as the process may give them: where it can't give the group, the group
 // may do what all others may. Rights that aren't known are the process's default. A file that is
-// there keeps its own. Null, with errno set, if path can't be opened.
+// there keeps its own. Null, logged, if path can't be opened.
 FILE *open_with_access(const char *path, const file_access &access);
+
+// Opens path for reading. Null, logged, if it can't be opened.
+FILE *open_for_reading(const char *path);

@@ -33,12 +33,12 @@ void set_aside(const char *path) {
   remove(path);
 }
 
-bool load_file(tarn_tbl *table, const char *path) {
+bool load_file(tarn_tbl *table, const char *path) NEEDS_LOCK(table->lock) {
   return read_table_file(table, path, nullptr) == table_file_state::loaded;
 }
 
 // Fills the table from its main file, or else from the backup.
-bool load_files(tarn_tbl *table) {
+bool load_files(tarn_tbl *table) NEEDS_LOCK(table->lock) {
   const main_path path(table);
   if (table_file_exists(path.text) && load_file(table, path.text)) return true;
 
@@ -57,20 +57,18 @@ bool load_files(tarn_tbl *table) {
 
 }  // namespace
 
-int32_t load_table(tarn_tbl *table) {
+void load_table(tarn_tbl *table) {
   LM_DBG("Loading table '%s' from file '%s'\n", table->table_name, table->file_name);
   empty_table(table);
   if (!load_files(table))
     LM_DBG("New file '%s' will be created later when necessary\n", main_path(table).text);
-  return 0;
 }
 
-int32_t reload_table(tarn_tbl *table) {
+void reload_table(tarn_tbl *table) {
   set_being_reloaded(table, true);
-  memdb_delete_all(table->tbl);
+  memdb_delete_all(rows_to_change(table));
   set_tbl_state(table, TBL_CHANGED);
   table->row_count = 0;
-  const int32_t result = load_table(table);
+  load_table(table);
   set_being_reloaded(table, false);
-  return result;
 }

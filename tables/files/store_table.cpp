@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "host/log.h"
@@ -16,8 +17,7 @@
 #include "tables/rows/row_image.h"
 #include "tables/shared/file_handle.h"
 
-int32_t g_store_tbl_auto = 1;
-int32_t g_store_tbl_interval = 15;
+store_parameters store_settings = {.automatic = 1, .interval = 15};
 
 namespace {
 
@@ -161,37 +161,38 @@ file_access main_file_access(const main_path &path, const backup_path &backup) {
       {path.text, backup.text, refused_path(path.text).text, refused_path(backup.text).text});
 }
 
-// clear_file, with these rights for a file that isn't there.
-int32_t clear_file_with(const char *path, const file_access &access) {
-  file_handle file(open_with_access(path, access));
-  if (!file) {
-    LM_ERR("Could not open file '%s'\n", path);
-    if (names_file(path)) remove(path);
-    return -1;
-  }
-  if (!write_version(file.get())) {
-    LM_ERR("Could not write to file '%s'\n", path);
-    file.close();
-    remove(path);
-    return -1;
-  }
-  return 0;
+bool written_or_told(bool written, const char *path) {
+  if (!written) LM_ERR("Could not write to file '%s'\n", path);
+  return written;
 }
 
-int32_t store_cleared(tarn_tbl *table) {
+bool store_cleared(tarn_tbl *table) NEEDS_LOCK(table->lock) {
   LM_DBG("Table '%s' was cleared. Saving changes to file\n", table->table_name);
   const main_path path(table);
   const backup_path backup(table);
   const file_access access = main_file_access(path, backup);
-  if (clear_file_with(path.text, access) != 0 || clear_file_with(backup.text, access) != 0)
-    return -1;
+  if (!clear_file(path.text, access) || !clear_file(backup.text, access)) return false;
   set_tbl_state(table, TBL_UNCHANGED);
-  return 0;
+  return true;
 }
 
-// Takes over the lock that is held for the table and lets go of it before the file is closed: the
-// close flushes what is left, and nobody has to wait for that.
-int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
+// A main file while it is written. It is closed at the end of the scope, behind the lock: the close
+// flushes what is left, and nobody has to wait for that.
+class main_file_at_work {
+ public:
+  // Null, logged, if the file can't be opened.
+  FILE *open(tarn_tbl *table, const char *path, const file_access &access) {
+    store_.emplace(table);
+    LM_DBG("Saving file '%s'\n", path);
+    return file_.emplace(open_with_access(path, access)).get();
+  }
+
+ private:
+  std::optional<open_store> store_;
+  std::optional<file_handle> file_;
+};
+
+bool store_changed(tarn_tbl *table, main_file_at_work *main_file) NEEDS_LOCK(table->lock) {
   const main_path path(table);
   const backup_path backup(table);
   LM_DBG("Table '%s' was changed. Saving changes to file\n", table->table_name);
@@ -200,53 +201,56 @@ int32_t store_changed(tarn_tbl *table, lock_scope *lock) {
   // Fails for the first store of all and between file systems; the old backup then stays. It also
   // stays where the main file was cut off by a process's end: it is the last whole text then.
   if (names_file(path.text) && table->main_file_cut == 0) rename(path.text, backup.text);
-  const open_store store(table);
-  LM_DBG("Saving file '%s'\n", path.text);
-  file_handle file(open_with_access(path.text, access));
-  if (!file) {
-    LM_ERR("Could not open file '%s'\n", path.text);
-    return -1;
-  }
-  const bool written = write_table(table->tbl, file.get());
-  if (written) {
-    set_tbl_state(table, TBL_UNCHANGED);
-    table->main_file_cut = 0;
-  } else {
-    LM_ERR("Could not write to file '%s'\n", path.text);
-  }
-  lock->release();
-  file.close();
-  return written ? 0 : -1;
+  FILE *const file = main_file->open(table, path.text, access);
+  if (file == nullptr || !written_or_told(write_table(table->tbl, file), path.text)) return false;
+  set_tbl_state(table, TBL_UNCHANGED);
+  table->main_file_cut = 0;
+  return true;
 }
 
-}  // namespace
-
-int32_t clear_file(const char *path) { return clear_file_with(path, {}); }
-
-int32_t store_table(tarn_tbl *table) {
+bool store_if_changed(tarn_tbl *table) {
   LM_DBG("Storing table '%s' to file '%s'\n", table->table_name, table->file_name);
-  lock_scope lock(table->lock);
+  main_file_at_work main_file;
+  const lock_scope lock(table->lock);
   if (is_being_reloaded(table)) {
     LM_WARN("Table '%s' was being reloaded when the server stopped. Its files stay as they are\n",
             table->table_name);
-    return 0;
+    return true;
   }
   switch (get_tbl_state(table)) {
     case TBL_UNCHANGED:
       LM_DBG("Table '%s' was not changed\n", table->table_name);
-      return 0;
+      return true;
     case TBL_CLEARED:
       return store_cleared(table);
     default:
-      return store_changed(table, &lock);
+      return store_changed(table, &main_file);
   }
+}
+
+}  // namespace
+
+bool clear_file(const char *path, const file_access &access) {
+  file_handle file(open_with_access(path, access));
+  if (!file) {
+    if (names_file(path)) remove(path);
+    return false;
+  }
+  if (written_or_told(write_version(file.get()), path)) return true;
+  file.close();
+  remove(path);
+  return false;
+}
+
+bool store_table(tarn_tbl *table) {
+  if (store_if_changed(table)) return true;
+  LM_ERR("Could not store table '%s' to file '%s'\n", table->table_name, table->file_name);
+  return false;
 }
 
 void store_table_mngt(unsigned int, void *) {
   const host_log_scope log;
   LM_DBG("Looking all tables for changes\n");
-  for (tarn_tbl &table : all_tarn_tbls())
-    if (store_table(&table) != 0)
-      LM_ERR("Could not store table '%s' to file '%s'\n", table.table_name, table.file_name);
+  for (tarn_tbl &table : all_tarn_tbls()) store_table(&table);
   settle_retired_rows();
 }

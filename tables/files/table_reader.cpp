@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "host/log.h"
+#include "tables/files/file_access.h"
 #include "tables/files/table_paths.h"
 #include "tables/rows/flag_treatment.h"
 #include "tables/shared/file_handle.h"
@@ -77,7 +78,8 @@ class query_lines {
 };
 
 // Adds the row of one composed line. False if it is refused.
-bool load_row(tarn_tbl *table, const str &composed, int line_number, load_watch *watch) {
+bool load_row(tarn_tbl *table, const str &composed, int line_number, load_watch *watch)
+    NEEDS_LOCK(table->lock) {
   query_scope in;
   if (!parse_table_row(table, composed, &in)) {
     LM_ERR("Could not parse '%s'\n", composed.s);
@@ -87,12 +89,12 @@ bool load_row(tarn_tbl *table, const str &composed, int line_number, load_watch 
     const uint32_t stored = stored_index(in.flds[0]);
     if (stored >= table->next_index) set_tbl_index(table, stored + 1);
   }
-  const memdb_row *const row = memdb_insert(table->tbl, in.flds);
+  const memdb_row *const row = memdb_insert(rows_to_change(table), in.flds);
   if (row == nullptr) {
     LM_ERR("Could not insert '%s'\n", composed.s);
     return false;
   }
-  flag_treatment(table, &in, row, nullptr, 0, PORT_TAKE);
+  flag_treatment(table, &in, row, nullptr, port_operation::take);
   set_tbl_row_count(table, 1);
   if (watch != nullptr) watch->row(watch, line_number, in, row);
   return true;
@@ -111,7 +113,8 @@ bool has_good_version(query_lines *lines, const char *path) {
 
 // Adds the rows of an open file. False if the file is refused; the end of what could be read is a
 // good end.
-bool load_rows(tarn_tbl *table, FILE *file, const char *path, load_watch *watch) {
+bool load_rows(tarn_tbl *table, FILE *file, const char *path, load_watch *watch)
+    NEEDS_LOCK(table->lock) {
   query_lines lines(file, table->table_name, watch);
   if (!has_good_version(&lines, path)) return false;
   while (lines.next()) {
@@ -129,17 +132,17 @@ bool load_rows(tarn_tbl *table, FILE *file, const char *path, load_watch *watch)
 }  // namespace
 
 void empty_table(tarn_tbl *table) {
-  memdb_delete_all(table->tbl);
+  memdb_delete_all(rows_to_change(table));
   reset_tbl_row_count(table);
   reset_tbl_index(table);
 }
 
 bool parse_table_row(const tarn_tbl *table, const str &composed, query_in *in) {
-  char name[TARN_NAME_SIZE] = "";
-  if (tarn_memdb_parse_input(composed, OP_INSERT, in, name) == nullptr) return false;
+  table_name_text name = "";
+  if (!tarn_memdb_parse_input(composed, OP_INSERT, in, name)) return false;
   // The parser finds a table by its name: of two with one name, the first, which may have fewer
   // columns.
-  return in->tbl->col_cnt == table->tbl->col_cnt;
+  return in->table->tbl->col_cnt == table->tbl->col_cnt;
 }
 
 uint32_t stored_index(const char *text) { return static_cast<uint32_t>(atoi(text)); }
@@ -147,11 +150,8 @@ uint32_t stored_index(const char *text) { return static_cast<uint32_t>(atoi(text
 bool table_file_exists(const char *path) { return access(path, F_OK) == 0; }
 
 table_file_state read_table_file(tarn_tbl *table, const char *path, load_watch *watch) {
-  const file_handle file(fopen(path, "r"));
-  if (!file) {
-    LM_ERR("Could not open file '%s'\n", path);
-    return table_file_state::unopened;
-  }
+  const file_handle file(open_for_reading(path));
+  if (!file) return table_file_state::unopened;
   return load_rows(table, file.get(), path, watch) ? table_file_state::loaded
                                                    : table_file_state::refused;
 }

@@ -23,9 +23,8 @@ struct load_watch {
   void (*row)(load_watch *self, int number, const query_in &in, const memdb_row *row);
 };
 
-// Deletes all rows and lets counter and index begin anew. No port is given back. The caller holds
-// the table's lock, or there is one process only.
-void empty_table(tarn_tbl *table);
+// Deletes all rows and lets counter and index begin anew. No port is given back.
+void empty_table(tarn_tbl *table) NEEDS_LOCK(table->lock);
 
 // False if nothing is at path, or nothing that can be seen.
 bool table_file_exists(const char *path);
@@ -38,5 +37,6 @@ bool parse_table_row(const tarn_tbl *table, const str &composed, query_in *in);
 uint32_t stored_index(const char *text);
 
 // Adds the rows of the file at path to the table, counts them and their ports, and moves the next
-// index behind theirs. watch may be null. The lock as in empty_table.
-table_file_state read_table_file(tarn_tbl *table, const char *path, load_watch *watch);
+// index behind theirs. watch may be null.
+table_file_state read_table_file(tarn_tbl *table, const char *path, load_watch *watch)
+    NEEDS_LOCK(table->lock);

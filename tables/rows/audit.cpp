@@ -1,4 +1,4 @@
-// Composing the audit lines.
+// Writing the audit lines.
 #include "tables/rows/audit.h"
 
 #include "host/log.h"
@@ -13,27 +13,24 @@ bool is_audited(const tarn_tbl *table) {
 
 }  // namespace
 
-void audit_insert(const tarn_tbl *table, const audit_source &source, const str &query) {
-  if (!is_audited(table)) return;
-  LM_NOTICE("%*s %s - (%d) %sInserting %.*s", source.indent, "", table->log_tag, table->row_count,
-            source.word, query.len, query.s);
+void audit_insert(const tarn_tbl *table, const audit_query_text &text, const str &query) {
+  if (is_audited(table))
+    LM_TEXT(L_NOTICE, text, table->log_tag, peek_tbl_row_count(table), query.len, query.s);
 }
 
-void audit_statement_insert(const tarn_tbl *table, const char *first_value) {
-  if (!is_audited(table)) return;
-  LM_NOTICE("%*s %s - (%d) %sInserting %s,%s", FROM_STATEMENT.indent, "", table->log_tag,
-            table->row_count, FROM_STATEMENT.word, table->table_name, first_value);
+void audit_values(const tarn_tbl *table, const audit_row_text &text, const char *values) {
+  if (is_audited(table))
+    LM_TEXT(L_NOTICE, text, table->log_tag, get_tbl_row_count(table), table->table_name, values);
 }
 
-void audit_row(const tarn_tbl *table, const audit_source &source, int32_t count, const char *action,
+void audit_row(const tarn_tbl *table, const audit_row_text &text, int32_t count,
                const memdb_row *row) {
-  if (!is_audited(table)) return;
-  LM_NOTICE("%*s %s - (%d) %s%s %s,%s", source.indent, "", table->log_tag, count, source.word,
-            action, table->table_name, row_image(table->tbl, row, row_image_buf));
+  if (is_audited(table))
+    LM_TEXT(L_NOTICE, text, table->log_tag, count, table->table_name,
+            row_image(table->tbl, row, row_image_buf));
 }
 
-void audit_clear(const tarn_tbl *table, const audit_source &source) {
-  if (!is_audited(table)) return;
-  LM_NOTICE("%*s %s - (%d) %sClearing table %s", source.indent, "", table->log_tag,
-            table->row_count, source.word, table->table_name);
+void audit_clear(const tarn_tbl *table, const audit_table_text &text) {
+  if (is_audited(table))
+    LM_TEXT(L_NOTICE, text, table->log_tag, get_tbl_row_count(table), table->table_name);
 }

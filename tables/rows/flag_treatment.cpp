@@ -11,15 +11,17 @@
 namespace {
 
 void take(const tarn_tbl *table, const port_claim &claim) {
+  beside_port_map_lock();
   const int32_t port = claimed_port(claim);
-  if (set_port(claim.map, port) == 1)
+  if (set_port(claim.map, port) == port_result::done)
     increment_port_count(claim.map, port);
   else
     LM_DBG("Port %d NOT set on load for range %s!\n", port, table->range);
 }
 
 void release(const port_claim &claim, const char *port) {
-  if (free_port(claim.map, atoi(port)) != 0) LM_ERR("Port %s not cleared!\n", port);
+  beside_port_map_lock();
+  if (free_port(claim.map, atoi(port)) != port_result::done) LM_ERR("Port %s not cleared!\n", port);
 }
 
 // The two queries are compared and not the row: an update whose selection doesn't name the port
@@ -34,23 +36,21 @@ void release_if_changed(const port_claim &claim, const query_in *in, const query
 
 }  // namespace
 
-void flag_treatment(tarn_tbl *table, const query_in *in, const memdb_row *row,
-                    const query_in *values, int32_t, uint32_t operation) {
+void flag_treatment(const tarn_tbl *table, const query_in *in, const memdb_row *row,
+                    const query_in *values, port_operation operation) {
   LM_DBG("Initializing flag_treatment ...\n");
   if (!holds_ports(*table)) return;
   port_claim claim;
   if (!find_port_claim(table, in, row, &claim)) return;
   switch (operation) {
-    case PORT_TAKE:
+    case port_operation::take:
       take(table, claim);
       break;
-    case PORT_RELEASE:
+    case port_operation::release:
       release(claim, claim.text);
       break;
-    case PORT_RELEASE_ON_UPDATE:
+    case port_operation::release_on_update:
       release_if_changed(claim, in, values);
-      break;
-    default:
       break;
   }
 }

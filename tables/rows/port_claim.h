@@ -36,4 +36,4 @@ bool find_port_claim(const tarn_tbl *table, const query_in *in, const memdb_row 
 
 // The number of the claimed port: of the text, or the map's next one where the query has a
 // wildcard.
-int32_t claimed_port(const port_claim &claim);
+int32_t claimed_port(const port_claim &claim) NEEDS_LOCK(port_map_lock);

@@ -4,16 +4,16 @@
 #include "host/log.h"
 #include "tables/rows/flag_treatment.h"
 
-int32_t delete_rows(tarn_tbl *table, const query_in *in, const audit_source &source) {
+int32_t delete_rows(tarn_tbl *table, const query_in *in, const audit_row_text &deleted) {
   memdb_cursor cursor;
   int32_t removed = 0;
   memdb_row *row = memdb_select(table->tbl, in->flds, &cursor);
   while (row != nullptr && removed < in->max_res) {
-    flag_treatment(table, in, row, nullptr, 0, PORT_RELEASE);
+    flag_treatment(table, in, row, nullptr, port_operation::release);
     // The line tells what remains once this row is gone; the table's own count follows at the end.
-    audit_row(table, source, table->row_count - (removed + 1), "Deleting", row);
+    audit_row(table, deleted, table->row_count - (removed + 1), row);
     memdb_row *const next = memdb_select_next(&cursor);
-    memdb_delete_row(table->tbl, row);
+    memdb_delete_row(rows_to_change(table), row);
     row = next;
     removed++;
   }
@@ -25,23 +25,24 @@ int32_t delete_rows(tarn_tbl *table, const query_in *in, const audit_source &sou
 }
 
 int32_t update_rows(tarn_tbl *table, const query_in *in, const query_in *values, update_rule rule,
-                    const update_source &source) {
+                    const update_texts &texts) {
   memdb_cursor cursor;
   int32_t selected = 0;
   int32_t removed = 0;
   memdb_row *row = memdb_select(table->tbl, in->flds, &cursor);
   while (row != nullptr && selected < in->max_res) {
-    flag_treatment(table, in, row, values, 0, PORT_RELEASE_ON_UPDATE);
-    const bool goes = rule(table->tbl, row, values);
+    flag_treatment(table, in, row, values, port_operation::release_on_update);
+    const bool goes = rule(rows_to_change(table), row, values);
     // The rows selected so far, and not those removed, are told in the count of a removal.
-    audit_row(table, source.audit, goes ? table->row_count - (selected + 1) : table->row_count,
-              goes ? "Deleting from update" : "Updating", row);
+    if (goes)
+      audit_row(table, texts.removed, table->row_count - (selected + 1), row);
+    else
+      audit_row(table, texts.updated, table->row_count, row);
     memdb_row *const next = memdb_select_next(&cursor);
     if (goes) {
-      memdb_delete_row(table->tbl, row);
-      if (source.note_word != nullptr)
-        LM_INFO("%sDeleting row from update for selected index %d in table %s - cols_len: %d\n",
-                source.note_word, selected, table->table_name,
+      memdb_delete_row(rows_to_change(table), row);
+      if (texts.note != nullptr)
+        LM_TEXT(L_INFO, *texts.note, selected, table->table_name,
                 static_cast<int>(table->tbl->col_cnt));
       removed++;
     }
@@ -62,9 +63,9 @@ bool set_given_columns(memdb_tbl *tbl, memdb_row *row, const query_in *values) {
   return empty == tbl->col_cnt;
 }
 
-void clear_rows(tarn_tbl *table, const audit_source &source) {
-  memdb_delete_all(table->tbl);
+void clear_rows(tarn_tbl *table, const audit_table_text &cleared) {
+  memdb_delete_all(rows_to_change(table));
   set_tbl_state(table, TBL_CHANGED);
   table->row_count = 0;
-  audit_clear(table, source);
+  audit_clear(table, cleared);
 }

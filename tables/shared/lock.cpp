@@ -38,7 +38,7 @@ tarn_lock *generate_lock() {
   return new (block) tarn_lock(LOCK_FREE);
 }
 
-void take_lock(tarn_lock *lock) {
+void take_lock(tarn_lock *lock) UNCHECKED_LOCKING {
   if (lock == nullptr) return;
   for (int tries = TRIES_BEFORE_SLEEP;; tries--) {
     uint32_t seen = LOCK_FREE;
@@ -53,7 +53,7 @@ void take_lock(tarn_lock *lock) {
   } while (lock->exchange(LOCK_AWAITED, std::memory_order_acquire) != LOCK_FREE);
 }
 
-void release_lock(tarn_lock *lock) {
+void release_lock(tarn_lock *lock) UNCHECKED_LOCKING {
   if (lock == nullptr) return;
   if (lock->exchange(LOCK_FREE, std::memory_order_release) == LOCK_AWAITED) futex_wake_one(lock);
 }

@@ -75,7 +75,7 @@ void use_read_sections(read_sections *all) {
   own_count = NONE;
 }
 
-void read_section::begin() {
+read_section::read_section() {
   read_sections *const all = sections_in_use;
   if (all == nullptr) return;
   if (own_count == NONE) own_count = std::atomic_ref(all->readers).fetch_add(1) % READER_COUNTS;

@@ -1,10 +1,10 @@
 // Read sections: how functions without a lock walk rows that writers take out meanwhile.
 //
 // A row that is taken out stays as it is, links included, until every section has ended that had
-// begun before. No reader waits for a writer, and no writer for a reader: rows that can't be given
-// back yet are kept until a later removal finds that they can. This is epoch-based reclamation
-// (Fraser, "Practical lock-freedom", 2004) with two counts of readers that take turns, as in the
-// sleepable RCU of Linux (McKenney, "Sleepable Read-Copy Update", 2006).
+// begun before. No section waits for a writer, and no writer for a section: rows that can't be
+// given back yet are kept until a later removal finds that they can. This is epoch-based
+// reclamation (Fraser, "Practical lock-freedom", 2004) with two counts of readers that take turns,
+// as in the sleepable RCU of Linux (McKenney, "Sleepable Read-Copy Update", 2006).
 #pragma once
 
 #include <cstdint>
@@ -37,16 +37,13 @@ struct read_sections {
 // all zero. Null, as at first, for nowhere: no section keeps a row then.
 void use_read_sections(read_sections *all);
 
-// Keeps the rows that it may meet from being given back, until the end of the scope.
+// Keeps the rows that it may meet from being given back, from here to the end of the scope.
 class read_section {
  public:
-  read_section() = default;
+  read_section();
   ~read_section();
   read_section(const read_section &) = delete;
   read_section &operator=(const read_section &) = delete;
-
-  // At most once, before the first row is looked at.
-  void begin();
 
  private:
   uint32_t *inside_ = nullptr;

@@ -113,6 +113,6 @@ def test_each_example_of_the_page_on_tests_stands_in_a_test():
         if block.kind != "sh"
         for name in block.marked("file")
     ]
-    assert len(examples) == 6
+    assert len(examples) == 5
     for name, text in examples:
         assert f"\n{text}" in (TESTS / name).read_text(), name

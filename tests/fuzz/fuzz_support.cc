@@ -207,7 +207,7 @@ void write_file(const std::string &path, std::string_view bytes) {
 }
 
 registry::registry() : tables_(MOST_TABLES) {
-  mngt_.tarn_tbl = tables_.data();
+  mngt_.tables = tables_.data();
   tarn_tbl_mngt = &mngt_;
 }
 
@@ -238,14 +238,13 @@ tarn_tbl *registry::add(const char *name, const std::vector<column> &columns, in
 port_maps::port_maps(const char *private_ranges) {
   std::string text;
   for (const port_map_kind &kind : port_map_kinds) {
-    const_cast<int32_t &>(*kind.min_port) = 100;
-    const_cast<int32_t &>(*kind.max_port) = 131;
+    const_cast<port_bounds &>(*kind.bounds) = {100, 131};
     if (*private_ranges != '\0') text += std::string(kind.word) + " " + private_ranges + "\n";
   }
   const memory_file file(text);
-  private_ranges_file_path = file.path();
-  REQUIRE(init_port_map() == 0);
-  private_ranges_file_path = "";
+  port_settings.private_ranges_file_path = file.path();
+  REQUIRE(init_port_maps());
+  port_settings.private_ranges_file_path = "";
 }
 
 port_maps::~port_maps() {

@@ -55,7 +55,7 @@ void check_parse(const std::string &query) {
   for (const int32_t op : {OP_SELECT, OP_INSERT}) {
     char name[TARN_NAME_SIZE] = "";
     query_scope in;
-    if (tarn_memdb_parse_input(text.get(), op, &in, name) == nullptr) continue;
+    if (!tarn_memdb_parse_input(text.get(), op, &in, name)) continue;
     REQUIRE(in.max_res > 0);
   }
 }

@@ -38,8 +38,8 @@ void drain(port_m *m, int32_t base) {
     REQUIRE(is_port_in_range(m, port));
     REQUIRE(std::find(found->port + 1, found->port + PRIVATE_RANGE_PORTS, port) !=
             found->port + PRIVATE_RANGE_PORTS);
-    REQUIRE(is_port_free(m, port) == 1);
-    REQUIRE(set_port(m, port) == 1);
+    REQUIRE(is_port_free(m, port));
+    REQUIRE(set_port(m, port) == port_result::done);
   }
 }
 
@@ -50,8 +50,8 @@ void use(port_m *m) {
   for (int taken = 0; m->next_free_port != NO_PORT; ++taken) {
     const int32_t port = m->next_free_port;
     REQUIRE(taken <= m->max_port - m->min_port);
-    REQUIRE(taken == 0 || is_port_private(m, port) == 0);
-    REQUIRE(set_port(m, port) == 1);
+    REQUIRE(taken == 0 || !is_port_private(m, port));
+    REQUIRE(set_port(m, port) == port_result::done);
   }
 }
 
@@ -66,11 +66,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const fuzz::run run;
   const fuzz::port_maps maps;
   const fuzz::memory_file file(text);
-  private_ranges_file_path = file.path();
+  port_settings.private_ranges_file_path = file.path();
   fuzz::fail_allocation(failing);
-  const int32_t result = load_port_range();
+  const bool read = load_port_range();
   standin::stop_failing();
-  REQUIRE(result == 0 || (result == -1 && fuzz::memory_was_short()));
+  REQUIRE(read || fuzz::memory_was_short());
   // What follows logs more than it does.
   standin::set_debug_level(L_INFO);
   int64_t ranges = 0;
@@ -85,10 +85,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (const port_map_kind &kind : port_map_kinds) use(*kind.map);
   clear_port_maps();
   for (const port_map_kind &kind : port_map_kinds) {
-    REQUIRE(is_port_private(*kind.map, 100) == 0);
+    REQUIRE(!is_port_private(*kind.map, 100));
     REQUIRE(find_free_port(*kind.map) == 100);
     use(*kind.map);
   }
-  private_ranges_file_path = "";
+  port_settings.private_ranges_file_path = "";
   return 0;
 }

@@ -70,21 +70,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const fuzz::memory_file file(given.rest());
   cfg_file_path = file.path();
   fuzz::fail_allocation(failing);
-  const int32_t result = create_table();
-  REQUIRE(result == 0 || result == -1);
+  const bool made = create_tables();
   REQUIRE(standin::live_count(standin::pool::pkg) == 0);
   REQUIRE(is_terminated(tarn_tbl_mngt->base_dir));
   REQUIRE(is_terminated(tarn_tbl_mngt->base_backup_dir));
-  if (result == 0) {
+  if (made) {
     for (tarn_tbl &table : all_tarn_tbls()) check_table(table);
     for (tarn_tbl &table : all_tarn_tbls()) {
       const tarn_tbl *const found = get_tarn_tbl_by_name(table.table_name);
       REQUIRE(found != nullptr && found <= &table);
     }
-    if (init_lock() != 0) REQUIRE(fuzz::memory_was_short());
+    if (!init_locks()) REQUIRE(fuzz::memory_was_short());
   }
   destroy_tables();
-  tarn_shm_free(tarn_tbl_mngt->tarn_tbl);
+  tarn_shm_free(tarn_tbl_mngt->tables);
   tarn_shm_free(tarn_tbl_mngt);
   tarn_tbl_mngt = nullptr;
   cfg_file_path = "";

@@ -72,7 +72,7 @@ void check_values(const char *text, const tarn_tbl *table) {
 
 void check_pairs(const char *text, const tarn_tbl *table) {
   pkg_owner<char> texts;
-  const pkg_owner<char *> values(generate_value_list2(text, table, &texts));
+  const pkg_owner<char *> values(generate_pair_list(text, table, &texts));
   REQUIRE(static_cast<bool>(values) == static_cast<bool>(texts));
   if (!values) return;
   // A value of 256 bytes starts 32 bytes behind the one before it and may go on from its end.

@@ -14,23 +14,13 @@ class Reload:
     """A reload of a table by the JSON-RPC process, whose answer nobody waits for."""
 
     def __init__(self, server, table):
-        self.pid = self._process(server)
+        self.pid = rpc_host.process_of(server, "JSONRPCS")
         request = {"jsonrpc": "2.0", "method": "tarn_memdb.reload_table", "params": [table]}
         self.counts = pathlib.Path(f"/proc/{self.pid}/io")
         self.before = self._all_bytes()
         self.began = time.monotonic()
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
             client.sendto(json.dumps(request).encode(), str(server.json_socket))
-
-    @staticmethod
-    def _process(server, timeout=5.0):
-        """The one that runs JSON-RPC commands; it can answer before it is told of."""
-        end = time.monotonic() + timeout
-        while time.monotonic() < end:
-            for pid, text in rpc_host.processes(server).items():
-                if "JSONRPCS" in text:
-                    return pid
-        raise host_server.ServerTrouble("there is no process for JSON-RPC")
 
     def _all_bytes(self):
         return int(self.counts.read_text().split()[1])

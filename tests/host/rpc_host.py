@@ -5,8 +5,9 @@ Both give back what the operator gets: a Fault, or the reply in the form that th
 
 import dataclasses
 import re
+import time
 
-from module_host import Table, columns
+from module_host import Table, columns, host_server
 
 PREFIX = "tarn_memdb."
 
@@ -105,3 +106,15 @@ def processes(server):
     """The server's processes: pids by description."""
     ps = server.jsonrpc("core.psx")["result"]
     return {process["PID"]: process["DSC"] for process in ps}
+
+
+def process_of(server, words, timeout=5.0):
+    """The pid of the one process whose description has these words in it. A process can answer
+    before it is told of, and is waited for."""
+    end = time.monotonic() + timeout
+    while time.monotonic() < end:
+        found = [pid for pid, text in processes(server).items() if words in text]
+        if found:
+            (pid,) = found
+            return pid
+    raise host_server.ServerTrouble(f"there is no process {words!r}")

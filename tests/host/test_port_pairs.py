@@ -25,7 +25,7 @@ QUERY = "pairs,$(hdr(X-Q){s.select,0,/})|$(hdr(X-Q){s.select,1,/})|$(hdr(X-Q){s.
 
 @pytest.fixture
 def stored(host):
-    def start(function, query, side="$hdr(X-Side)", before="", rows=ROWS):
+    def start(function, query, side="$hdr(X-Side)", before="", rows=tuple(ROWS)):
         call = Call(f'{function}("{side}", "{query}", "{NAMES}")', before=before, show=SHOWN)
         server = host(start=False, tables=[PAIRS], calls={"pair": call})
         server.write_rows("pairs", rows)

@@ -14,7 +14,7 @@ from rpc_host import (
     jsonrpc,
     kamcmd,
     lines,
-    processes,
+    process_of,
     silently,
 )
 
@@ -207,9 +207,8 @@ def used_by(server, pid):
 
 
 def test_commands_leave_no_private_memory_in_the_processes_that_run_them(server):
-    known = processes(server)
-    (ctl,) = [pid for pid, name in known.items() if name == "ctl handler"]
-    (json,) = [pid for pid, name in known.items() if name == "JSONRPCS DATAGRAM"]
+    ctl = process_of(server, "ctl handler")
+    json = process_of(server, "JSONRPCS DATAGRAM")
     examples = {
         "insert": ("quiet,1|2",),
         "delete": ("quiet,1|2",),

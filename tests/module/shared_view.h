@@ -38,7 +38,7 @@ class shared_view {
 
   tarn_tbl &table(const std::string &name) const {
     for (int32_t i = 0; i < registry_->num_table; i++)
-      if (name == registry_->tarn_tbl[i].table_name) return registry_->tarn_tbl[i];
+      if (name == registry_->tables[i].table_name) return registry_->tables[i];
     throw std::logic_error("no table " + name);
   }
 
@@ -65,8 +65,7 @@ class shared_view {
   texts held_locks() const {
     texts out;
     for (int32_t i = 0; i < registry_->num_table; i++)
-      if (registry_->tarn_tbl[i].lock->load() != 0)
-        out.push_back(registry_->tarn_tbl[i].table_name);
+      if (registry_->tables[i].lock->load() != 0) out.push_back(registry_->tables[i].table_name);
     if (port_lock_->load() != 0) out.push_back("port maps");
     return out;
   }

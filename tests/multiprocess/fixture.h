@@ -118,7 +118,7 @@ class MultiprocessTest : public TablesTest {
   static void expect_same_after_reload(tarn_tbl *of) {
     const texts before = rows(of);
     of->state = TBL_CHANGED;
-    ASSERT_EQ(store_table(of), 0);
+    ASSERT_TRUE(store_table(of));
     load_table(of);
     EXPECT_EQ(rows(of), before);
   }

@@ -127,7 +127,7 @@ TEST_F(WritersTest, AfterTheLastStoreTheFileHoldsTheTableAndTheBackupAWholeGener
       const std::string name = "w" + std::to_string(worker) + "_" + std::to_string(i);
       if (insert("x|" + name + "|a city of some length|g") <= 0) return 1;
       if (i % 3 == 0 && remove("*|" + name + "|*|*") != 1) return 2;
-      if (store_table(table()) != 0) return 3;
+      if (!store_table(table())) return 3;
     }
     return 0;
   }));
@@ -307,7 +307,7 @@ TEST_F(WritersTest, PortsFollowTheRowsOfATable) {
   start_module({spec});
   const function insert = prepare("tarn_memdb_insert", {"t,$var(q)"});
   const function remove = prepare("tarn_memdb_delete", {"t,$var(q)"});
-  const int first = g_min_int_port;
+  const int first = port_settings.internal.min;
   EXPECT_TRUE(run_processes(WORKERS, [&](int worker) {
     std::mt19937 random(static_cast<uint32_t>(worker) + 5);
     std::map<std::string, int> own;
@@ -332,7 +332,7 @@ TEST_F(WritersTest, PortsFollowTheRowsOfATable) {
   for (int worker = 0; worker < WORKERS; worker++)
     for (const std::string &port : lines_of(notes_of(worker))) holders[std::stoi(port)]++;
   int rows_expected = 0;
-  for (int port = first; port <= g_max_int_port; port++) {
+  for (int port = first; port <= port_settings.internal.max; port++) {
     const int expected = holders.count(port) != 0 ? holders[port] : 0;
     ASSERT_LT(expected, 32);
     rows_expected += expected;

@@ -96,7 +96,7 @@ std::vector<std::string> rows_of(const tarn_tbl &table) {
 void check_stored(tarn_tbl &table) {
   const std::vector<std::string> before = rows_of(table);
   table.state = TBL_CHANGED;
-  if (store_table(&table) != 0) deviation("%s: can't be stored", table.table_name);
+  if (!store_table(&table)) deviation("%s: can't be stored", table.table_name);
   load_table(&table);
   if (rows_of(table) != before) deviation("%s: another table after a reload", table.table_name);
   check_table(table);

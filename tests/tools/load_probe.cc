@@ -29,12 +29,12 @@ void print_row(const memdb_tbl *tbl, const memdb_row *row) {
 
 int main(int argc, char **argv) {
   if (argc != 2 && argc != 3) return 2;
-  private_ranges_file_path = "";
+  port_settings.private_ranges_file_path = "";
   cfg_file_path = argv[1];
   install_engine_hooks();
   tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-  if (tarn_tbl_mngt == nullptr || init_port_map() != 0) return 2;
-  if (create_table() != 0) {
+  if (tarn_tbl_mngt == nullptr || !init_port_maps()) return 2;
+  if (!create_tables()) {
     printf("START FAILED\n");
     return 0;
   }

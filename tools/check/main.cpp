@@ -27,17 +27,17 @@ namespace {
 
 // Makes registry and maps as a start does, with private ranges left to their own check.
 bool start_module() {
-  private_ranges_file_path = "";
+  port_settings.private_ranges_file_path = "";
   install_engine_hooks();
   tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-  return tarn_tbl_mngt != nullptr && init_port_map() == 0;
+  return tarn_tbl_mngt != nullptr && init_port_maps();
 }
 
 // Makes the tables of the schema. False if the start fails at that.
 bool create_tables(const std::string &schema, std::string text, findings *out) {
   const file_handle file(fmemopen(text.data(), text.size(), "r"));
   server_memory.was_short();
-  if (file && create_tables_from(file.get()) == 0 && init_lock() == 0) return true;
+  if (file && create_tables_from(file.get()) && init_locks()) return true;
   std::string reason = joined(take_messages());
   if (server_memory.was_short()) reason = "the server has too little shared memory for the tables";
   if (reason.empty()) reason = "a table can't be made with such numbers";

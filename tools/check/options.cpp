@@ -101,16 +101,16 @@ options read_options(int argc, char **argv) {
         set_allocator(optarg);
         break;
       case 'i':
-        set_bounds(optarg, &g_min_int_port, &g_max_int_port);
+        set_bounds(optarg, &port_settings.internal.min, &port_settings.internal.max);
         break;
       case 'e':
-        set_bounds(optarg, &g_min_ext_port, &g_max_ext_port);
+        set_bounds(optarg, &port_settings.external.min, &port_settings.external.max);
         break;
       case 'I':
-        set_bounds(optarg, &g_min_static_int_port, &g_max_static_int_port);
+        set_bounds(optarg, &port_settings.static_internal.min, &port_settings.static_internal.max);
         break;
       case 'E':
-        set_bounds(optarg, &g_min_static_ext_port, &g_max_static_ext_port);
+        set_bounds(optarg, &port_settings.static_external.min, &port_settings.static_external.max);
         break;
       case 'v':
         tell("tarn-memdb-check " TARN_VERSION ", for " TARN_HOST_VERSION "\n");

@@ -58,16 +58,16 @@ class range_walk {
   void rest() {
     std::string item;
     if (std::istringstream(line_.rest) >> item)
-      warn(quoted(item) + (line_.ports == PRIVATE_RANGE_PORTS
+      warn(quoted(item) + (line_.count == PRIVATE_RANGE_PORTS
                                ? " and what follows is passed over: a range has ten ports at most"
                                : " is no port: it and what follows is passed over"));
-    if (line_.ports == 0) warn("names no port: the range is empty");
-    if (line_.ports == 1) warn("names a base port alone: the range has no port to give out");
+    if (line_.count == 0) warn("names no port: the range is empty");
+    if (line_.count == 1) warn("names a base port alone: the range has no port to give out");
   }
 
   void ports() {
     std::set<int> in_range;
-    for (int i = 0; i < line_.ports; i++) {
+    for (int i = 0; i < line_.count; i++) {
       const range_port port = judge_range_port(map_, line_, i);
       if (port.ends_range) warn("-1 ends the range: what follows isn't given out");
       if (port.is_marked)
@@ -76,8 +76,8 @@ class range_walk {
         warn("port " + std::to_string(port.number) + " lies outside its map, " +
              std::to_string(map_->min_port) + " to " + std::to_string(map_->max_port));
     }
-    if (line_.ports > 0 && !bases_.emplace(map_, line_.port[0]).second)
-      warn("the base port " + std::to_string(line_.port[0]) +
+    if (line_.count > 0 && !bases_.emplace(map_, line_.numbers[0]).second)
+      warn("the base port " + std::to_string(line_.numbers[0]) +
            " is that of an earlier range: this range is never found");
   }
 

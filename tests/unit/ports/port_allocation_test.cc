@@ -24,7 +24,7 @@ class PortAllocationTest : public PortTest {
   // What an ordinary allocation does: take the port that the pointer stands on.
   int32_t allocate() const {
     const int32_t port = m->next_free_port;
-    EXPECT_EQ(set_port(m, port), 1);
+    EXPECT_EQ(set_port(m, port), port_result::done);
     return port;
   }
 
@@ -38,8 +38,8 @@ class PortAllocationTest : public PortTest {
   // What a row does.
   void hold(int32_t port, int times = 1) const {
     for (int i = 0; i < times; ++i) {
-      EXPECT_EQ(set_port(m, port), 1);
-      EXPECT_EQ(increment_port_count(m, port), 1);
+      EXPECT_EQ(set_port(m, port), port_result::done);
+      EXPECT_EQ(increment_port_count(m, port), port_result::done);
     }
   }
 
@@ -50,7 +50,7 @@ class PortAllocationTest : public PortTest {
 
 TEST_F(PortAllocationTest, PointerClimbsToTheTopAndThenComesBackToAFreedPort) {
   for (const int32_t port : {100, 101, 102}) EXPECT_EQ(allocate(), port);
-  EXPECT_EQ(free_port(m, 100), 0);
+  EXPECT_EQ(free_port(m, 100), port_result::done);
   EXPECT_EQ(m->next_free_port, 103);
   EXPECT_THAT(allocate_all(), ElementsAre(103, 100));
   EXPECT_THAT(entries(m), ElementsAre(0x80, 0x80, 0x80, 0x80));
@@ -59,10 +59,10 @@ TEST_F(PortAllocationTest, PointerClimbsToTheTopAndThenComesBackToAFreedPort) {
 
 TEST_F(PortAllocationTest, FirstReleaseBringsThePointerBackFromExhaustion) {
   allocate_all();
-  EXPECT_EQ(set_port(m, m->next_free_port), -2);
-  EXPECT_EQ(free_port(m, 102), 0);
+  EXPECT_EQ(set_port(m, m->next_free_port), port_result::out_of_range);
+  EXPECT_EQ(free_port(m, 102), port_result::done);
   EXPECT_EQ(m->next_free_port, 102);
-  EXPECT_EQ(free_port(m, 101), 0);
+  EXPECT_EQ(free_port(m, 101), port_result::done);
   EXPECT_EQ(m->next_free_port, 102) << "the pointer moves down for the first release only";
 }
 
@@ -83,18 +83,18 @@ TEST_F(PortAllocationTest, OnlyAPortThatIsFreeAndNotPrivateEndsExhaustion) {
 }
 
 TEST_F(PortAllocationTest, SettingAPortTwiceIsAcceptedAndUndoneByOneRelease) {
-  EXPECT_EQ(set_port(m, 101), 1);
-  EXPECT_EQ(set_port(m, 101), 1);
+  EXPECT_EQ(set_port(m, 101), port_result::done);
+  EXPECT_EQ(set_port(m, 101), port_result::done);
   EXPECT_EQ(entry(101), 0x80);
-  EXPECT_EQ(free_port(m, 101), 0);
+  EXPECT_EQ(free_port(m, 101), port_result::done);
   EXPECT_EQ(entry(101), 0);
-  EXPECT_EQ(free_port(m, 101), 0) << "nobody holds it";
+  EXPECT_EQ(free_port(m, 101), port_result::done) << "nobody holds it";
   EXPECT_EQ(entry(101), 0);
   EXPECT_EQ(m->next_free_port, 100);
 }
 
 TEST_F(PortAllocationTest, PortSetAboveThePointerIsAnObstacleThatSendsItToTheBottom) {
-  EXPECT_EQ(set_port(m, 102), 1);
+  EXPECT_EQ(set_port(m, 102), port_result::done);
   EXPECT_EQ(m->next_free_port, 100);
   EXPECT_EQ(allocate(), 100);
   EXPECT_EQ(m->next_free_port, 101);
@@ -112,19 +112,19 @@ TEST_F(PortAllocationTest, UpdateFromExhaustionSearches) {
 TEST_F(PortAllocationTest, PortsOutOfRangeChangeNothing) {
   const auto before = entries(m);
   for (const int32_t port : {99, 104, -1, 0, -2147483647 - 1, 2147483647}) {
-    EXPECT_EQ(set_port(m, port), -2);
-    EXPECT_EQ(increment_port_count(m, port), -2);
-    EXPECT_EQ(free_port(m, port), -2);
-    EXPECT_EQ(is_port_free(m, port), 0);
-    EXPECT_EQ(is_port_private(m, port), 0);
+    EXPECT_EQ(set_port(m, port), port_result::out_of_range);
+    EXPECT_EQ(increment_port_count(m, port), port_result::out_of_range);
+    EXPECT_EQ(free_port(m, port), port_result::out_of_range);
+    EXPECT_FALSE(is_port_free(m, port));
+    EXPECT_FALSE(is_port_private(m, port));
   }
   EXPECT_EQ(entries(m), before);
   EXPECT_EQ(m->next_free_port, 100);
 }
 
 TEST_F(PortAllocationTest, NoMapAnswersMinusOne) {
-  EXPECT_EQ(set_port(nullptr, 100), -1);
-  EXPECT_EQ(increment_port_count(nullptr, 100), -1);
+  EXPECT_EQ(set_port(nullptr, 100), port_result::no_map);
+  EXPECT_EQ(increment_port_count(nullptr, 100), port_result::no_map);
   EXPECT_THAT(all_messages(), ElementsAre(dbg("Setting port 100\n"), dbg("NULL value for port_m\n"),
                                           dbg("NULL value for port_m\n")));
 }
@@ -145,9 +145,10 @@ TEST_F(PortAllocationTest, PortComesFreeWithItsLastHolderUnlessThirtyTwoHaveItAt
       const int mark = is_private ? PORT_PRIVATE : 0;
       hold(101, each.holders);
       EXPECT_EQ(entry(101), each.entry | mark);
-      EXPECT_EQ(set_port(m, 101), 1) << "a reservation beside the rows isn't counted";
+      EXPECT_EQ(set_port(m, 101), port_result::done)
+          << "a reservation beside the rows isn't counted";
       EXPECT_EQ(entry(101), each.entry | mark);
-      for (int i = 0; i < each.releases; ++i) EXPECT_EQ(free_port(m, 101), 0);
+      for (int i = 0; i < each.releases; ++i) EXPECT_EQ(free_port(m, 101), port_result::done);
       EXPECT_EQ(entry(101), each.left | mark);
       EXPECT_EQ(is_port_free(m, 101), each.left == 0);
       clear_port_maps();
@@ -157,24 +158,24 @@ TEST_F(PortAllocationTest, PortComesFreeWithItsLastHolderUnlessThirtyTwoHaveItAt
 }
 
 TEST_F(PortAllocationTest, CountAloneTakesThePortAndLeavesThePointer) {
-  EXPECT_EQ(increment_port_count(m, 100), 1);
+  EXPECT_EQ(increment_port_count(m, 100), port_result::done);
   EXPECT_EQ(entry(100), 0x81);
   EXPECT_EQ(m->next_free_port, 100);
 }
 
 TEST_F(PortAllocationTest, PrivatePortsAreSetButNeverHandedOut) {
   restart("INT 101 102\n");
-  EXPECT_EQ(is_port_private(m, 101), 1);
-  EXPECT_EQ(is_port_private(m, 103), 0);
+  EXPECT_TRUE(is_port_private(m, 101));
+  EXPECT_FALSE(is_port_private(m, 103));
   EXPECT_THAT(allocate_all(), ElementsAre(100, 103));
   EXPECT_EQ(find_free_port(m), NO_PORT);
-  EXPECT_EQ(set_port(m, 102), 1);
+  EXPECT_EQ(set_port(m, 102), port_result::done);
   EXPECT_EQ(entry(102), 0xC0);
 }
 
 TEST_F(PortAllocationTest, MarksOfAMapWithoutRangesAreNotLookedAt) {
   m->port_map[1] = PORT_PRIVATE;
-  EXPECT_EQ(is_port_private(m, 101), 0);
+  EXPECT_FALSE(is_port_private(m, 101));
 }
 
 TEST_F(PortAllocationTest, FindFreePortTakesTheLowestWhereverThePointerStands) {

@@ -54,7 +54,7 @@ class PortTest : public testing::Test {
     ASSERT_NE(mkdtemp(name.data()), nullptr);
     directory_ = name;
     path_ = directory_ + "/ranges";
-    private_ranges_file_path = path_.c_str();
+    port_settings.private_ranges_file_path = path_.c_str();
     for (const port_map_kind &kind : port_map_kinds) *kind.map = nullptr;
     port_map_lock = nullptr;
     set_all_bounds(MIN, MAX);
@@ -75,11 +75,8 @@ class PortTest : public testing::Test {
     standin::reset();
   }
 
-  static int32_t &bound(const int32_t *parameter) { return *const_cast<int32_t *>(parameter); }
-
   static void set_bounds(const port_map_kind &kind, int32_t min, int32_t max) {
-    bound(kind.min_port) = min;
-    bound(kind.max_port) = max;
+    const_cast<port_bounds &>(*kind.bounds) = {min, max};
   }
 
   static void set_all_bounds(int32_t min, int32_t max) {
@@ -92,7 +89,7 @@ class PortTest : public testing::Test {
   void start(const std::string &ranges = "") {
     destroy_port_maps();
     if (!ranges.empty()) write_file(ranges);
-    ASSERT_EQ(init_port_map(), 0);
+    ASSERT_TRUE(init_port_maps());
     standin::clear_logs();
   }
 

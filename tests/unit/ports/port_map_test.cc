@@ -15,9 +15,11 @@ using testing::IsEmpty;
 
 // As they stand before any test has changed them.
 const std::vector<int32_t> default_bounds = {
-    g_min_int_port,        g_max_int_port,        g_min_ext_port,        g_max_ext_port,
-    g_min_static_int_port, g_max_static_int_port, g_min_static_ext_port, g_max_static_ext_port};
-const std::string default_path = private_ranges_file_path;
+    port_settings.internal.min,        port_settings.internal.max,
+    port_settings.external.min,        port_settings.external.max,
+    port_settings.static_internal.min, port_settings.static_internal.max,
+    port_settings.static_external.min, port_settings.static_external.max};
+const std::string default_path = port_settings.private_ranges_file_path;
 
 class PortMapTest : public PortTest {
  protected:
@@ -65,10 +67,11 @@ TEST_F(PortMapTest, EachMapHasItsWordToTheLetter) {
 }
 
 TEST_F(PortMapTest, EachMapHasTheBoundsOfItsOwnParameters) {
-  int32_t *const parameters[][2] = {{&g_min_int_port, &g_max_int_port},
-                                    {&g_min_ext_port, &g_max_ext_port},
-                                    {&g_min_static_int_port, &g_max_static_int_port},
-                                    {&g_min_static_ext_port, &g_max_static_ext_port}};
+  int32_t *const parameters[][2] = {
+      {&port_settings.internal.min, &port_settings.internal.max},
+      {&port_settings.external.min, &port_settings.external.max},
+      {&port_settings.static_internal.min, &port_settings.static_internal.max},
+      {&port_settings.static_external.min, &port_settings.static_external.max}};
   int32_t next = 10;
   for (int32_t *const *each : parameters) {
     *each[0] = next++;
@@ -85,7 +88,7 @@ TEST_F(PortMapTest, EachMapHasTheBoundsOfItsOwnParameters) {
 
 TEST_F(PortMapTest, StartTakesNineSharedBlocksAndNeedsNoRangeFile) {
   standin::reset_allocation_count();
-  ASSERT_EQ(init_port_map(), 0);
+  ASSERT_TRUE(init_port_maps());
   EXPECT_EQ(standin::allocation_count(pool::shm), 9u);
   EXPECT_EQ(standin::allocation_count(pool::pkg), 0u);
   EXPECT_THAT(all_messages(),
@@ -120,24 +123,12 @@ TEST_F(PortMapTest, EachAllocationThatFailsStopsTheStartWithItsOwnInfoLine) {
   for (uint64_t n = 1; n <= std::size(lines); ++n) {
     standin::clear_logs();
     standin::fail_at(pool::shm, n);
-    EXPECT_EQ(init_port_map(), -1) << n;
+    EXPECT_FALSE(init_port_maps()) << n;
     EXPECT_EQ(all_messages(), lines[n - 1]) << n;
     destroy_port_maps();
     EXPECT_EQ(standin::live_count(pool::shm), n - 1) << "without the lock, what was made stays";
     free_left_overs();
   }
-}
-
-TEST_F(PortMapTest, LockAloneIsMadeAndFreed) {
-  EXPECT_EQ(init_port_map_lock(), 0);
-  ASSERT_NE(port_map_lock, nullptr);
-  EXPECT_EQ(standin::live_bytes(pool::shm), 4u);
-  EXPECT_TRUE(lock_is_free());
-  destroy_port_map_lock();
-  EXPECT_EQ(port_map_lock, nullptr);
-  standin::fail_at(pool::shm, 1);
-  EXPECT_EQ(init_port_map_lock(), -1);
-  EXPECT_EQ(port_map_lock, nullptr);
 }
 
 TEST_F(PortMapTest, BoundsOneApartBackToFrontAreAMapOfNoPorts) {
@@ -146,10 +137,10 @@ TEST_F(PortMapTest, BoundsOneApartBackToFrontAreAMapOfNoPorts) {
   for (const port_map_kind &kind : port_map_kinds) {
     port_m *const m = *kind.map;
     EXPECT_EQ(m->next_free_port, 100);
-    EXPECT_EQ(set_port(m, 100), -2);
-    EXPECT_EQ(set_port(m, 99), -2);
+    EXPECT_EQ(set_port(m, 100), port_result::out_of_range);
+    EXPECT_EQ(set_port(m, 99), port_result::out_of_range);
     EXPECT_EQ(find_free_port(m), NO_PORT);
-    EXPECT_EQ(is_port_free(m, 99), 0);
+    EXPECT_FALSE(is_port_free(m, 99));
   }
   clear_port_maps();
   EXPECT_EQ(port_m_int->next_free_port, 100);
@@ -162,9 +153,8 @@ TEST_F(PortMapTest, BoundsFurtherBackToFrontOrTooFarApartFailTheStartForTheirMap
       standin::clear_logs();
       set_all_bounds(MIN, MAX);
       set_bounds(kind, min, max);
-      EXPECT_EQ(init_port_map(), -1) << kind.word;
-      EXPECT_THAT(messages(), ElementsAre(info(std::string("Could not allocate memory for ") +
-                                               kind.global + "->port_map\n")));
+      EXPECT_FALSE(init_port_maps()) << kind.word;
+      EXPECT_THAT(messages(), ElementsAre(info(kind.no_entries.format)));
       free_left_overs();
     }
   }
@@ -174,14 +164,14 @@ TEST_F(PortMapTest, BoundsAtTheEndsOfTheNumbersWork) {
   set_bounds(port_map_kinds[0], INT_MAX - 1, INT_MAX);
   set_bounds(port_map_kinds[1], INT_MIN, INT_MIN + 1);
   start();
-  EXPECT_EQ(set_port(port_m_int, INT_MAX - 1), 1);
+  EXPECT_EQ(set_port(port_m_int, INT_MAX - 1), port_result::done);
   EXPECT_EQ(port_m_int->next_free_port, INT_MAX);
-  EXPECT_EQ(set_port(port_m_int, INT_MAX), 1);
+  EXPECT_EQ(set_port(port_m_int, INT_MAX), port_result::done);
   EXPECT_EQ(port_m_int->next_free_port, NO_PORT);
-  EXPECT_EQ(set_port(port_m_int, INT_MIN), -2);
-  EXPECT_EQ(set_port(port_m_ext, INT_MIN), 1);
+  EXPECT_EQ(set_port(port_m_int, INT_MIN), port_result::out_of_range);
+  EXPECT_EQ(set_port(port_m_ext, INT_MIN), port_result::done);
   EXPECT_EQ(port_m_ext->next_free_port, INT_MIN + 1);
-  EXPECT_EQ(set_port(port_m_ext, INT_MAX), -2);
+  EXPECT_EQ(set_port(port_m_ext, INT_MAX), port_result::out_of_range);
 }
 
 TEST_F(PortMapTest, ClearFreesEveryPortOfEveryMapAndStartsAtTheBottom) {
@@ -204,7 +194,7 @@ TEST_F(PortMapTest, ClearFreesEveryPortOfEveryMapAndStartsAtTheBottom) {
 TEST_F(PortMapTest, ClearKeepsThePrivateRangesButNotTheirMarks) {
   start("INT 101 102\n");
   clear_port_maps();
-  EXPECT_EQ(is_port_private(port_m_int, 102), 0);
+  EXPECT_FALSE(is_port_private(port_m_int, 102));
   EXPECT_THAT(range_of(port_m_int, 0), ElementsAre(101, 102, -1, -1, -1, -1, -1, -1, -1, -1));
   EXPECT_EQ(find_free_port_in_range(port_m_int, 101), 102);
   set_port(port_m_int, 100);
@@ -251,7 +241,8 @@ TEST_F(PortMapTest, DestroyWithoutALockDoesNothingAtAll) {
 }
 
 TEST_F(PortMapTest, DestroyPassesOverMapsThatDoNotExist) {
-  ASSERT_EQ(init_port_map_lock(), 0);
+  port_map_lock = generate_lock();
+  ASSERT_NE(port_map_lock, nullptr);
   destroy_port_maps();
   EXPECT_EQ(port_map_lock, nullptr);
 }

@@ -165,7 +165,7 @@ TEST_F(PrivateRangesTest, PortsOutsideTheMapAreNeverFreeAndMinusOneEndsTheRange)
 
 TEST_F(PrivateRangesTest, LinesBeforeTheFirstKnownWordAreSkippedWithAWarningEach) {
   write_file("int 101\n\n102 103\nEXT 104\nint 105\n");
-  ASSERT_EQ(init_port_map(), 0);
+  ASSERT_TRUE(init_port_maps());
   EXPECT_EQ(standin::log_count(L_WARN), 3u);
   EXPECT_EQ(standin::log_count(L_ERR), 0u);
   for (const std::string &text : standin::log_texts(L_WARN)) EXPECT_EQ(text.back(), '\n');
@@ -176,14 +176,14 @@ TEST_F(PrivateRangesTest, LinesBeforeTheFirstKnownWordAreSkippedWithAWarningEach
 
 TEST_F(PrivateRangesTest, EmptyFileIsReadWell) {
   write_file("");
-  ASSERT_EQ(init_port_map(), 0);
+  ASSERT_TRUE(init_port_maps());
   EXPECT_THAT(all_messages(),
               ElementsAre(dbg("Reading private port range file '" + path() + "' OK!\n")));
 }
 
 TEST_F(PrivateRangesTest, EachPortIsToldWithTheWordOfItsLine) {
   write_file("INT 101 200\nother 102\n\nEXT\n");
-  ASSERT_EQ(init_port_map(), 0);
+  ASSERT_TRUE(init_port_maps());
   EXPECT_THAT(all_messages(),
               ElementsAre(dbg("Port 101 was reserved to a private range for INT!\n"),
                           dbg("Port 200 was reserved to a private range for INT!\n"),
@@ -202,21 +202,21 @@ TEST_F(PrivateRangesTest, FullRangeThatIsTakenReportsExhaustion) {
   start("INT 100 101 102 103 104 105 106 107 108 109\n");
   for (int32_t port = 101; port <= 109; ++port) {
     EXPECT_EQ(find_free_port_in_range(port_m_int, 100), port);
-    EXPECT_EQ(set_port(port_m_int, port), 1);
+    EXPECT_EQ(set_port(port_m_int, port), port_result::done);
   }
   standin::clear_logs();
   EXPECT_EQ(find_free_port_in_range(port_m_int, 100), NO_PORT);
   EXPECT_THAT(
       messages(),
       ElementsAre(err("No free port available for this private range with base port 100\n")));
-  EXPECT_EQ(is_port_free(port_m_int, 100), 1) << "the base port is never given out";
+  EXPECT_TRUE(is_port_free(port_m_int, 100)) << "the base port is never given out";
 }
 
 TEST_F(PrivateRangesTest, FileThatCannotBeOpenedIsAsGoodAsMissing) {
   start();
   write_file("INT 101\n");
   standin::fail_file_op("fopen", 1, EACCES);
-  EXPECT_EQ(load_port_range(), -1);
+  EXPECT_FALSE(load_port_range());
   EXPECT_EQ(port_m_int->private_range_count, 0);
   EXPECT_THAT(all_messages(),
               ElementsAre(dbg("Could not open file '" + path() + "' with private port range\n")));
@@ -226,7 +226,7 @@ TEST_F(PrivateRangesTest, LineThatCannotBeReadEndsTheFile) {
   write_file("INT 101\nINT 102\nINT 103\n");
   for (int n = 1; n <= 3; ++n) {
     standin::fail_file_op("getline", n, ENOMEM);
-    ASSERT_EQ(init_port_map(), 0);
+    ASSERT_TRUE(init_port_maps());
     EXPECT_EQ(port_m_int->private_range_count, n - 1);
     EXPECT_THAT(messages(), IsEmpty());
     EXPECT_EQ(standin::open_streams(), 0);
@@ -236,7 +236,7 @@ TEST_F(PrivateRangesTest, LineThatCannotBeReadEndsTheFile) {
 
 TEST_F(PrivateRangesTest, DirectoryInTheFilesPlaceHasNoLines) {
   std::filesystem::create_directory(path());
-  ASSERT_EQ(init_port_map(), 0);
+  ASSERT_TRUE(init_port_maps());
   EXPECT_EQ(port_m_int->private_range_count, 0);
   std::filesystem::remove(path());
 }
@@ -250,7 +250,7 @@ TEST_F(PrivateRangesTest, MemoryThatIsShortEndsTheReadingWithTheCountRaised) {
       SCOPED_TRACE(testing::Message() << "line " << line << (list_fails ? ", list" : ", record"));
       standin::clear_logs();
       standin::fail_at(pool::shm, static_cast<uint64_t>(10 + 2 * line + (list_fails ? 0 : 1)));
-      ASSERT_EQ(init_port_map(), 0) << "the start goes on without further ranges";
+      ASSERT_TRUE(init_port_maps()) << "the start goes on without further ranges";
       EXPECT_THAT(messages(), ElementsAre(NO_MEMORY));
       EXPECT_EQ(standin::open_streams(), 0);
       EXPECT_EQ(port_m_int->private_range_count, line < 2 ? 1 : 2);
@@ -283,7 +283,7 @@ TEST_F(PrivateRangesTest, LoadAnswersMinusOneWhenMemoryIsShort) {
     start();
     write_file("INT 101\n");
     standin::fail_at(pool::shm, n);
-    EXPECT_EQ(load_port_range(), -1) << n;
+    EXPECT_FALSE(load_port_range()) << n;
     EXPECT_THAT(messages(), ElementsAre(NO_MEMORY)) << n;
   }
 }
@@ -291,7 +291,7 @@ TEST_F(PrivateRangesTest, LoadAnswersMinusOneWhenMemoryIsShort) {
 TEST_F(PrivateRangesTest, ReadingNeedsNoPrivateMemoryOfTheHost) {
   write_file("INT 101\nEXT 102\n");
   standin::reset_allocation_count();
-  ASSERT_EQ(init_port_map(), 0);
+  ASSERT_TRUE(init_port_maps());
   EXPECT_EQ(standin::allocation_count(pool::pkg), 0u);
   EXPECT_EQ(standin::allocation_count(pool::shm), 13u);
 }
@@ -300,13 +300,13 @@ TEST_F(PrivateRangesTest, ScanTellsWordPortsAndWhatIsPassedOver) {
   range_line line;
   EXPECT_TRUE(line.scan("  EXT 7 -8 x 9\n"));
   EXPECT_STREQ(line.word, "EXT");
-  EXPECT_EQ(ports(line.port, line.port + line.ports), (ports{7, -8}));
+  EXPECT_EQ(ports(line.numbers, line.numbers + line.count), (ports{7, -8}));
   EXPECT_STREQ(line.rest, " x 9\n");
   EXPECT_TRUE(line.scan("INT 1 2 3 4 5 6 7 8 9 10 11"));
-  EXPECT_EQ(line.ports, PRIVATE_RANGE_PORTS);
+  EXPECT_EQ(line.count, PRIVATE_RANGE_PORTS);
   EXPECT_STREQ(line.rest, " 11");
   EXPECT_TRUE(line.scan("STATIC_INT"));
-  EXPECT_EQ(line.ports, 0);
+  EXPECT_EQ(line.count, 0);
   EXPECT_STREQ(line.rest, "");
 }
 
@@ -317,7 +317,7 @@ TEST_F(PrivateRangesTest, ScanOfALineWithoutAWordKeepsTheWordBefore) {
   EXPECT_TRUE(line.scan("EXT 7"));
   EXPECT_FALSE(line.scan("\t\n"));
   EXPECT_STREQ(line.word, "EXT");
-  EXPECT_EQ(line.ports, 0);
+  EXPECT_EQ(line.count, 0);
 }
 
 TEST_F(PrivateRangesTest, PortOfALineIsMarkedInsideItsMapAndEndsTheRangeAsMinusOne) {

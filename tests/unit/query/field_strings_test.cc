@@ -501,49 +501,49 @@ TEST_F(FieldStringsTest, RandomListsAgreeWithAPlainModel) {
 
 struct number_case {
   const char *text;
-  int32_t result;
+  bool is_number;
   int32_t value;
 };
 
 TEST_F(FieldStringsTest, NumbersAreReadAsFarAsTheyGo) {
   const number_case cases[] = {
-      {"0", 0, 0},
-      {"7", 0, 7},
-      {"+7", 0, 7},
-      {"-7", 0, -7},
-      {"-0", 0, 0},
-      {"007", 0, 7},
-      {"+", 0, 0},
-      {"-", 0, 0},
-      {"2147483647", 0, INT_MAX},
-      {"+2147483647", 0, INT_MAX},
-      {"-2147483648", 0, INT_MIN},
-      {"00000000002147483647", 0, INT_MAX},
-      {"2147483648", -1, INT_MAX},
-      {"2147483650", -1, INT_MAX},
-      {"-2147483649", -1, INT_MIN},
-      {"-2147483650", -1, INT_MIN},
-      {"99999999999", -1, INT_MAX},
-      {"-99999999999", -1, INT_MIN},
-      {"4294967297", -1, INT_MAX},
-      {"2147483648a", -1, INT_MAX},
-      {"12a", -1, 12},
-      {"-12a", -1, -12},
-      {"a12", -1, 0},
-      {" 12", -1, 0},
-      {"12 ", -1, 12},
-      {"1 2", -1, 1},
-      {"+-7", -1, 0},
-      {"--7", -1, 0},
-      {"7+", -1, 7},
-      {"1.5", -1, 1},
-      {"0x10", -1, 0},
-      {"1\\0", -1, 1},
+      {"0", true, 0},
+      {"7", true, 7},
+      {"+7", true, 7},
+      {"-7", true, -7},
+      {"-0", true, 0},
+      {"007", true, 7},
+      {"+", true, 0},
+      {"-", true, 0},
+      {"2147483647", true, INT_MAX},
+      {"+2147483647", true, INT_MAX},
+      {"-2147483648", true, INT_MIN},
+      {"00000000002147483647", true, INT_MAX},
+      {"2147483648", false, INT_MAX},
+      {"2147483650", false, INT_MAX},
+      {"-2147483649", false, INT_MIN},
+      {"-2147483650", false, INT_MIN},
+      {"99999999999", false, INT_MAX},
+      {"-99999999999", false, INT_MIN},
+      {"4294967297", false, INT_MAX},
+      {"2147483648a", false, INT_MAX},
+      {"12a", false, 12},
+      {"-12a", false, -12},
+      {"a12", false, 0},
+      {" 12", false, 0},
+      {"12 ", false, 12},
+      {"1 2", false, 1},
+      {"+-7", false, 0},
+      {"--7", false, 0},
+      {"7+", false, 7},
+      {"1.5", false, 1},
+      {"0x10", false, 0},
+      {"1\\0", false, 1},
   };
   for (const number_case &c : cases) {
     const exact_text text(c.text);
     int32_t value = 4711;
-    EXPECT_EQ(str_to_sint(&text.get(), &value), c.result) << c.text;
+    EXPECT_EQ(str_to_sint(&text.get(), &value), c.is_number) << c.text;
     EXPECT_EQ(value, c.value) << c.text;
   }
   EXPECT_THAT(messages(), IsEmpty());
@@ -554,7 +554,7 @@ TEST_F(FieldStringsTest, NumberOfNoCharactersIsZeroWhateverStandsThere) {
     std::string readable = behind;
     const str text{readable.data(), 0};
     int32_t value = 4711;
-    EXPECT_EQ(str_to_sint(&text, &value), 0) << behind;
+    EXPECT_TRUE(str_to_sint(&text, &value)) << behind;
     EXPECT_EQ(value, 0) << behind;
   }
 }
@@ -563,7 +563,7 @@ TEST_F(FieldStringsTest, NumberEndsAtTheLengthOfItsText) {
   std::string longer = "1234";
   const str text{longer.data(), 2};
   int32_t value = 0;
-  EXPECT_EQ(str_to_sint(&text, &value), 0);
+  EXPECT_TRUE(str_to_sint(&text, &value));
   EXPECT_EQ(value, 12);
 }
 
@@ -571,11 +571,11 @@ TEST_F(FieldStringsTest, NumberFromWhatIsNoTextFailsAndWritesNothing) {
   char digits[] = "12";
   const str good{digits, 2}, null_text{nullptr, 0}, negative{digits, -1};
   int32_t value = 4711;
-  EXPECT_EQ(str_to_sint(nullptr, &value), -1);
-  EXPECT_EQ(str_to_sint(&null_text, &value), -1);
-  EXPECT_EQ(str_to_sint(&negative, &value), -1);
+  EXPECT_FALSE(str_to_sint(nullptr, &value));
+  EXPECT_FALSE(str_to_sint(&null_text, &value));
+  EXPECT_FALSE(str_to_sint(&negative, &value));
   EXPECT_EQ(value, 4711);
-  EXPECT_EQ(str_to_sint(&good, nullptr), -1);
+  EXPECT_FALSE(str_to_sint(&good, nullptr));
 }
 
 }  // namespace

@@ -285,9 +285,8 @@ TEST_P(NamedParamsTest, ResultParsesAsTheQueryThatWasMeant) {
   ASSERT_EQ(convert("c='x\\,y';a=*", "5"), conversion::converted);
   char name[TARN_NAME_SIZE] = "";
   query_scope in;
-  ASSERT_NE(tarn_memdb_parse_input({result.data(), static_cast<int>(result.size())}, OP_SELECT, &in,
-                                   name),
-            nullptr);
+  ASSERT_TRUE(tarn_memdb_parse_input({result.data(), static_cast<int>(result.size())}, OP_SELECT,
+                                     &in, name));
   EXPECT_EQ(values_of(in.flds, 3), (field_values{std::nullopt, std::nullopt, "x,y"}));
   EXPECT_EQ(in.max_res, 5);
 }
@@ -297,9 +296,8 @@ TEST_P(NamedParamsTest, BareResultIsNoQuery) {
   standin::clear_logs();
   char name[TARN_NAME_SIZE] = "";
   query_scope in;
-  EXPECT_EQ(tarn_memdb_parse_input({result.data(), static_cast<int>(result.size())}, OP_SELECT, &in,
-                                   name),
-            nullptr);
+  EXPECT_FALSE(tarn_memdb_parse_input({result.data(), static_cast<int>(result.size())}, OP_SELECT,
+                                      &in, name));
   EXPECT_THAT(messages(), ElementsAre(message{L_ERR, "Field list is missing\n"}));
 }
 

@@ -67,7 +67,7 @@ class QueryLanguageTest : public testing::Test {
     install_engine_hooks();
     registry_ = {};
     tables_.assign(MOST_TABLES, tarn_tbl{});
-    registry_.tarn_tbl = tables_.data();
+    registry_.tables = tables_.data();
     tarn_tbl_mngt = &registry_;
   }
 

@@ -112,7 +112,7 @@ class StatementScannerTest : public QueryLanguageTest {
     standin::clear_logs();
     const statement_text guarded(text);
     pkg_owner<char> texts;
-    const pkg_owner<char *> list(generate_value_list2(guarded.get(), table, &texts));
+    const pkg_owner<char *> list(generate_pair_list(guarded.get(), table, &texts));
     EXPECT_EQ(static_cast<bool>(list), static_cast<bool>(texts))
         << "array and texts are handed over together";
     if (!list) return std::nullopt;

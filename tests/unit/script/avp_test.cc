@@ -8,7 +8,7 @@
 
 #include "host/imports.h"
 #include "host/log.h"
-#include "script/params/raw_text.h"
+#include "script/params/special_slot.h"
 #include "tests/standin/standin.h"
 
 namespace {

@@ -14,25 +14,25 @@ namespace tables_test {
 class AdmissionTest : public TablesTest {
  protected:
   AdmissionTest() {
-    g_min_int_port = 100;
-    g_max_int_port = 109;
-    g_min_ext_port = 200;
-    g_max_ext_port = 209;
-    g_min_static_int_port = 300;
-    g_max_static_int_port = 309;
-    g_min_static_ext_port = 400;
-    g_max_static_ext_port = 409;
+    port_settings.internal.min = 100;
+    port_settings.internal.max = 109;
+    port_settings.external.min = 200;
+    port_settings.external.max = 209;
+    port_settings.static_internal.min = 300;
+    port_settings.static_internal.max = 309;
+    port_settings.static_external.min = 400;
+    port_settings.static_external.max = 409;
   }
 
   ~AdmissionTest() override {
-    g_min_int_port = 21000;
-    g_max_int_port = 21255;
-    g_min_ext_port = 10000;
-    g_max_ext_port = 15000;
-    g_min_static_int_port = 21000;
-    g_max_static_int_port = 21255;
-    g_min_static_ext_port = 9000;
-    g_max_static_ext_port = 9255;
+    port_settings.internal.min = 21000;
+    port_settings.internal.max = 21255;
+    port_settings.external.min = 10000;
+    port_settings.external.max = 15000;
+    port_settings.static_internal.min = 21000;
+    port_settings.static_internal.max = 21255;
+    port_settings.static_external.min = 9000;
+    port_settings.static_external.max = 9255;
   }
 
   // A query of these fields for the first table; a null is a wildcard.
@@ -78,7 +78,7 @@ class AdmissionTest : public TablesTest {
 
   void start_with_ports(const table_spec &spec) {
     start(spec);
-    ASSERT_EQ(init_port_map(), 0);
+    ASSERT_TRUE(init_port_maps());
     standin::clear_logs();
   }
 

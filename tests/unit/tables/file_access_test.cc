@@ -66,7 +66,7 @@ class FileAccessTest : public TablesTest {
   // A store of a change of the first table.
   void store_change() {
     add(table(), {"1", "2", "3"});
-    EXPECT_EQ(store_table(table()), 0);
+    EXPECT_TRUE(store_table(table()));
   }
 
   mode_t usual_;
@@ -186,7 +186,7 @@ TEST_F(FileAccessTest, AClearedTablesFilesKeepTheirRightsAndNewOnesGetThem) {
   write(backup_file(), "Version 1\n");
   chmod(backup_file().c_str(), 0600);
   table()->state = TBL_CLEARED;
-  EXPECT_EQ(store_table(table()), 0);
+  EXPECT_TRUE(store_table(table()));
   EXPECT_EQ(mode_of(main_file()), 0600u);
   EXPECT_EQ(mode_of(backup_file()), 0600u);
 }

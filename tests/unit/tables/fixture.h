@@ -78,7 +78,7 @@ class TablesTest : public testing::Test {
     std::filesystem::create_directory(dir_ + "main");
     std::filesystem::create_directory(dir_ + "backup");
     no_ranges_ = dir_ + "no_private_ranges.txt";
-    private_ranges_file_path = no_ranges_.c_str();
+    port_settings.private_ranges_file_path = no_ranges_.c_str();
     errno = 0;
   }
 
@@ -141,30 +141,30 @@ class TablesTest : public testing::Test {
     return schema_text::schema(path("main/"), path("backup/"), tables);
   }
 
-  // create_table on that schema text, with a new registry.
-  int32_t create(const std::string &schema) {
+  // create_tables on that schema text, with a new registry.
+  bool create(const std::string &schema) {
     end();
     if (!make_registry()) abort();
     schema_path_ = dir_ + "schema.cfg";
     write(schema_path_, schema);
     cfg_file_path = schema_path_.c_str();
-    return create_table();
+    return create_tables();
   }
 
   // Tables with locks below this test's directories; the log starts behind that.
   void start(const std::vector<table_spec> &tables) {
-    ASSERT_EQ(create(schema_of(tables)), 0) << standin::log_dump();
-    ASSERT_EQ(init_lock(), 0);
+    ASSERT_TRUE(create(schema_of(tables))) << standin::log_dump();
+    ASSERT_TRUE(init_locks());
     standin::clear_logs();
     errno = 0;
   }
 
   tarn_tbl *start(const table_spec &table) {
     start(std::vector<table_spec>{table});
-    return &tarn_tbl_mngt->tarn_tbl[0];
+    return &tarn_tbl_mngt->tables[0];
   }
 
-  static tarn_tbl *table(size_t n = 0) { return &tarn_tbl_mngt->tarn_tbl[n]; }
+  static tarn_tbl *table(size_t n = 0) { return &tarn_tbl_mngt->tables[n]; }
 
   // A row through the engine, counted as an insert would.
   static memdb_row *add(tarn_tbl *to, std::initializer_list<const char *> row) {

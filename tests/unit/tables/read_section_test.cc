@@ -45,8 +45,7 @@ TEST_F(ReadSectionTest, ARowThatAReaderMayBeOnStaysAsItIs) {
   memdb_row *const older = add_row();
   memdb_row *const row = add_row();
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     remove_row(row);
     remove_row(older);
     ASSERT_TRUE(is_live(row));
@@ -61,19 +60,11 @@ TEST_F(ReadSectionTest, ARowThatAReaderMayBeOnStaysAsItIs) {
   EXPECT_TRUE(nothing_waits());
 }
 
-TEST_F(ReadSectionTest, AReaderThatHasNotBegunKeepsNothing) {
-  const read_section section;
-  memdb_row *const row = add_row();
-  remove_row(row);
-  EXPECT_FALSE(is_live(row));
-}
-
 TEST_F(ReadSectionTest, AllRowsThatGoAtOnceAreKept) {
   std::vector<memdb_row *> rows(50);
   for (memdb_row *&row : rows) row = add_row();
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     memdb_delete_all(table()->tbl);
     for (memdb_row *const row : rows) EXPECT_TRUE(is_live(row));
   }
@@ -84,11 +75,11 @@ TEST_F(ReadSectionTest, AllRowsThatGoAtOnceAreKept) {
 TEST_F(ReadSectionTest, ReadersThatTakeTurnsWithoutAGapKeepNoMoreThanAFewRows) {
   const size_t before = standin::live_count(pool::shm);
   std::optional<read_section> one, other;
-  one.emplace().begin();
+  one.emplace();
   for (int round = 0; round < 1000; round++) {
     add_and_remove();
     std::optional<read_section> &next = round % 2 == 0 ? other : one;
-    next.emplace().begin();
+    next.emplace();
     (round % 2 == 0 ? one : other).reset();
     EXPECT_LE(standin::live_count(pool::shm), before + 4) << round;
   }
@@ -104,8 +95,7 @@ TEST_F(ReadSectionTest, AWorkerIsNotKeptByTheRowsOfAWholeTable) {
   const size_t before = standin::live_count(pool::shm);
   for (size_t i = 0; i < ROWS; i++) add_row();
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     memdb_delete_all(table()->tbl);
   }
   for (size_t left = ROWS; left > 0;) {
@@ -121,8 +111,7 @@ TEST_F(ReadSectionTest, TheStoreTimerGivesBackWhatIsLeft) {
   const size_t before = standin::live_count(pool::shm);
   for (int i = 0; i < 1000; i++) add_row();
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     memdb_delete_all(table()->tbl);
     store_table_mngt(0, nullptr);
     EXPECT_EQ(standin::live_count(pool::shm), before + 1000) << "not under the reader";
@@ -133,15 +122,11 @@ TEST_F(ReadSectionTest, TheStoreTimerGivesBackWhatIsLeft) {
 }
 
 TEST_F(ReadSectionTest, ASectionOfANewRegistryIsCounted) {
-  {
-    read_section section;
-    section.begin();
-  }
+  { const read_section section; }
   sections() = {};
   use_read_sections(&sections());
   memdb_row *const row = add_row();
-  read_section section;
-  section.begin();
+  const read_section section;
   remove_row(row);
   EXPECT_TRUE(is_live(row));
 }
@@ -149,8 +134,7 @@ TEST_F(ReadSectionTest, ASectionOfANewRegistryIsCounted) {
 TEST_F(ReadSectionTest, WhileAnotherProcessMovesRowsOnTheyWait) {
   memdb_row *const row = add_row();
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     remove_row(row);
   }
   sections().moving = 1;
@@ -178,8 +162,7 @@ TEST_F(ReadSectionTest, AReaderCountsWhicheverTurnItIsCountedUnder) {
 
 TEST_F(ReadSectionTest, AtTheEndAllIsGivenBackWhoeverStillCounts) {
   add_row();
-  read_section section;
-  section.begin();
+  const read_section section;
   add_and_remove();
   memdb_row *const row = add_row();
   remove_row(row);
@@ -197,8 +180,7 @@ TEST_F(ReadSectionTest, WithoutARegistryRowsGoAtOnceAndReadersAreNotCounted) {
   const char *const fields[] = {"abc"};
   memdb_row *const row = memdb_insert(lone, fields);
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     memdb_delete_row(lone, row);
     EXPECT_FALSE(is_live(row));
   }
@@ -218,7 +200,6 @@ TEST_F(ReadSectionTest, NoRowGoesUnderASectionThatWasOpenWhenItWasTakenOut) {
     const unsigned choice = random() % 4;
     if (choice == 0 && open.size() < 5) {
       open[step] = std::make_unique<read_section>();
-      open[step]->begin();
     } else if (choice == 1 && !open.empty()) {
       const auto ended = std::next(open.begin(), static_cast<long>(random() % open.size()));
       for (auto &[row, readers] : kept) readers.erase(ended->first);
@@ -245,8 +226,7 @@ TEST_F(ReadSectionTest, RowsThatManyTakeOutAtOnceAreAllKept) {
   std::vector<memdb_row *> rows(WORKERS * ROWS);
   for (memdb_row *&row : rows) row = add_row();
   {
-    read_section section;
-    section.begin();
+    const read_section section;
     table()->tbl->first = table()->tbl->last = nullptr;
     for (uint32_t i = 0; i < 512; i++)
       table()->tbl->cols[0].idx[i] = table()->tbl->cols[2].idx[i] = nullptr;
@@ -281,8 +261,7 @@ TEST_F(ReadSectionProcessesTest, MoreReadersThanCountsShareThem) {
   std::vector<std::unique_ptr<process>> readers;
   for (int i = 0; i < READERS; i++)
     readers.push_back(std::make_unique<process>([&, i] {
-      read_section section;
-      section.begin();
+      const read_section section;
       ++*inside;
       return eventually([&] { return *go > i; }) ? 0 : 1;
     }));
@@ -315,15 +294,13 @@ TEST_F(ReadSectionProcessesTest, AProcessThatIsKilledAmongRetiredRowsLeavesNoneT
     start(table_spec{});
     process killed([&] {
       {
-        read_section section;
-        section.begin();
+        const read_section section;
         for (int i = 0; i < 4; i++) memdb_delete_row(table()->tbl, add(table(), {"1", "2", "3"}));
       }
       real_free = std::exchange(_shm_root.xfree, free_or_die);
       frees_until_death = deadly;
       {
-        read_section section;
-        section.begin();
+        const read_section section;
         for (int i = 0; i < 4; i++) memdb_delete_row(table()->tbl, add(table(), {"4", "5", "6"}));
       }
       settle_retired_rows();
@@ -370,8 +347,7 @@ TEST_F(ReadSectionProcessesTest, ReadersBesideWritersMeetOnlyTextsThatWereWritte
       const char *const by_scan[] = {nullptr, "text", nullptr};
       const std::set<std::string> written = {"", "key0", "key1", "text"};
       while (*done < 2) {
-        read_section section;
-        section.begin();
+        const read_section section;
         memdb_cursor cursor;
         for (const char *const *wanted : {by_key, by_scan})
           for (const memdb_row *row = memdb_select(table()->tbl, wanted, &cursor); row != nullptr;

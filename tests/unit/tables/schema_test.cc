@@ -66,7 +66,7 @@ struct expected_table {
   std::vector<expected_column> columns;
 };
 struct expected_schema {
-  int result = 0;
+  bool is_good = true;
   bool out_of_bounds = false;  // counts or lengths that a test had better not run
   std::string base_dir, base_backup_dir;
   int num_table = 0;
@@ -87,12 +87,11 @@ class oracle {
     text("BASE_BACKUP_DIR=%4000s\n", &out.base_backup_dir, 255);
     number("NUM_TABLE=%d\n", &out.num_table);
     if (overlong_ || out.num_table < 0) {
-      out.result = -1;
+      out.is_good = false;
       return out;
     }
     if (out.num_table > 1000) out.out_of_bounds = true;
-    for (int i = 0; i < out.num_table && !out.out_of_bounds && out.result == 0; i++)
-      read_table(&out);
+    for (int i = 0; i < out.num_table && !out.out_of_bounds && out.is_good; i++) read_table(&out);
     return out;
   }
 
@@ -112,7 +111,7 @@ class oracle {
     number("MAX_ROWS=%d\n", &table.max_rows);
     number("NUM_FIELDS=%d\n", &table.num_fields);
     if (table.num_fields < 0) {
-      out->result = -1;
+      out->is_good = false;
       return;
     }
     if (table.num_fields > 1000) {
@@ -131,12 +130,12 @@ class oracle {
       if (row > UINT32_MAX) fits = false;
     }
     if (!fits && !overlong_) {
-      out->result = -1;
+      out->is_good = false;
       return;
     }
     const int file_name = text("FILE_NAME=%4000s\n", &table.file_name, 255);
     if (file_name == 0 || overlong_) {
-      out->result = -1;
+      out->is_good = false;
       return;
     }
     out->tables.push_back(table);
@@ -179,9 +178,9 @@ class SchemaTest : public TablesTest {
     if (expected.out_of_bounds) return;
     standin::clear_logs();
     watch();
-    ASSERT_EQ(create(schema), expected.result) << standin::log_dump();
+    ASSERT_EQ(create(schema), expected.is_good) << standin::log_dump();
     ASSERT_EQ(standin::open_streams(), 0);
-    if (expected.result != 0) return;
+    if (!expected.is_good) return;
     ASSERT_EQ(tarn_tbl_mngt->base_dir, expected.base_dir);
     ASSERT_EQ(tarn_tbl_mngt->base_backup_dir, expected.base_backup_dir);
     ASSERT_EQ(tarn_tbl_mngt->num_table, expected.num_table);
@@ -218,14 +217,14 @@ class SchemaTest : public TablesTest {
   void expect_refused(const std::string &schema) {
     standin::clear_logs();
     watch();
-    EXPECT_EQ(create(schema), -1) << schema;
+    EXPECT_FALSE(create(schema)) << schema;
     EXPECT_EQ(errors(), texts{BAD_LINE});
     EXPECT_EQ(standin::open_streams(), 0);
   }
 };
 
 TEST_F(SchemaTest, AGoodSchemaFillsEveryFieldOfTheRegistry) {
-  ASSERT_EQ(create(good_schema()), 0);
+  ASSERT_TRUE(create(good_schema()));
   EXPECT_STREQ(tarn_tbl_mngt->base_dir, "/var/main/");
   EXPECT_STREQ(tarn_tbl_mngt->base_backup_dir, "/var/backup/");
   EXPECT_EQ(tarn_tbl_mngt->num_table, 2);
@@ -269,9 +268,8 @@ TEST_F(SchemaTest, AGoodSchemaFillsEveryFieldOfTheRegistry) {
 }
 
 TEST_F(SchemaTest, EveryStepOfAGoodSchemaIsTold) {
-  ASSERT_EQ(create(joined({"BASE_DIR=/m/", "BASE_BACKUP_DIR=/b/", "NUM_TABLE=1"}) +
-                   joined(plain_block())),
-            0);
+  ASSERT_TRUE(create(joined({"BASE_DIR=/m/", "BASE_BACKUP_DIR=/b/", "NUM_TABLE=1"}) +
+                     joined(plain_block())));
   EXPECT_EQ(debug(),
             (texts{"\nBase Dir = '/m/'\nBase Backup Dir = '/b/'\nNum Tables = 1\n",
                    "\nUSE_INDEX = '0'\nDUPLICATED_DATA_CHECK = '0'\nMAX_ROWS = 20\nNUM_FIELDS = "
@@ -288,7 +286,7 @@ TEST_F(SchemaTest, EveryStepOfAGoodSchemaIsTold) {
 TEST_F(SchemaTest, ThePathIsEmptyUnlessItIsSet) {
   make_registry();
   EXPECT_STREQ(cfg_file_path, "");
-  EXPECT_EQ(create_table(), -1);
+  EXPECT_FALSE(create_tables());
   EXPECT_EQ(errors(), texts{"Could not open file '' with table(s) description\n"});
 }
 
@@ -296,7 +294,7 @@ TEST_F(SchemaTest, AMissingFileIsTold) {
   make_registry();
   const std::string missing = path("missing.cfg");
   cfg_file_path = missing.c_str();
-  EXPECT_EQ(create_table(), -1);
+  EXPECT_FALSE(create_tables());
   EXPECT_EQ(errors(), texts{"Could not open file '" + missing + "' with table(s) description\n"});
   EXPECT_EQ(tarn_tbl_mngt->num_table, 0);
 }
@@ -304,7 +302,7 @@ TEST_F(SchemaTest, AMissingFileIsTold) {
 TEST_F(SchemaTest, AFileThatCannotBeOpenedIsTold) {
   watch();
   standin::fail_file_op("fopen", 1, EACCES);
-  EXPECT_EQ(create(good_schema()), -1);
+  EXPECT_FALSE(create(good_schema()));
   EXPECT_EQ(errors(),
             texts{"Could not open file '" + schema_path_ + "' with table(s) description\n"});
 }
@@ -312,14 +310,14 @@ TEST_F(SchemaTest, AFileThatCannotBeOpenedIsTold) {
 TEST_F(SchemaTest, ADirectoryReadsAsAnEmptyFile) {
   make_registry();
   cfg_file_path = dir_.c_str();
-  EXPECT_EQ(create_table(), 0);
+  EXPECT_TRUE(create_tables());
   EXPECT_EQ(tarn_tbl_mngt->num_table, 0);
 }
 
 TEST_F(SchemaTest, AnEmptyFileIsASchemaWithoutTables) {
-  EXPECT_EQ(create(""), 0);
+  EXPECT_TRUE(create(""));
   EXPECT_EQ(tarn_tbl_mngt->num_table, 0);
-  EXPECT_NE(tarn_tbl_mngt->tarn_tbl, nullptr);
+  EXPECT_NE(tarn_tbl_mngt->tables, nullptr);
   EXPECT_TRUE(all_tarn_tbls().empty());
 }
 
@@ -327,7 +325,7 @@ TEST_F(SchemaTest, BlankLinesAndSpacesBetweenEntriesDoNoHarm) {
   std::string schema;
   for (const std::string &line : good_head() + port_block() + plain_block())
     schema += line + " \t\r\n\n \n";
-  ASSERT_EQ(create(schema), 0);
+  ASSERT_TRUE(create(schema));
   EXPECT_STREQ(table(0)->file_name, "subscribers.txt");
   EXPECT_STREQ(table(1)->file_name, "routes.txt");
   expect_as_told(schema);
@@ -343,40 +341,40 @@ TEST_F(SchemaTest, CarriageReturnsBeforeLineFeedsAreWhiteSpace) {
 
 TEST_F(SchemaTest, BlanksAheadOfTheFirstKeyHideIt) {
   const std::string schema = "\n" + joined({"BASE_DIR=/m/", "NUM_TABLE=0"});
-  EXPECT_EQ(create(schema), 0);
+  EXPECT_TRUE(create(schema));
   EXPECT_STREQ(tarn_tbl_mngt->base_dir, "");
   expect_as_told(schema);
 }
 
 TEST_F(SchemaTest, AValueEndsAtTheFirstBlank) {
-  EXPECT_EQ(create("BASE_DIR=/my dir/\n"), 0);
+  EXPECT_TRUE(create("BASE_DIR=/my dir/\n"));
   EXPECT_STREQ(tarn_tbl_mngt->base_dir, "/my");
   EXPECT_STREQ(tarn_tbl_mngt->base_backup_dir, "");
   EXPECT_EQ(tarn_tbl_mngt->num_table, 0);
 }
 
 TEST_F(SchemaTest, BlanksBehindTheEqualsSignAreSkipped) {
-  ASSERT_EQ(create("BASE_DIR= \n /m/\nBASE_BACKUP_DIR=\t/b/\nNUM_TABLE=\n0"), 0);
+  ASSERT_TRUE(create("BASE_DIR= \n /m/\nBASE_BACKUP_DIR=\t/b/\nNUM_TABLE=\n0"));
   EXPECT_STREQ(tarn_tbl_mngt->base_dir, "/m/");
   EXPECT_STREQ(tarn_tbl_mngt->base_backup_dir, "/b/");
 }
 
 TEST_F(SchemaTest, WhatFollowsTheLastTableIsNotRead) {
-  ASSERT_EQ(create(good_schema() + "anything\nTABLE_NAME=" + std::string(5000, 'x')), 0);
+  ASSERT_TRUE(create(good_schema() + "anything\nTABLE_NAME=" + std::string(5000, 'x')));
   EXPECT_EQ(tarn_tbl_mngt->num_table, 2);
 }
 
 TEST_F(SchemaTest, FewerTablesThanWrittenAreReadWhereTheNumberSaysSo) {
   lines head = good_head();
   head[2] = "NUM_TABLE=1";
-  ASSERT_EQ(create(joined(head + port_block() + plain_block())), 0);
+  ASSERT_TRUE(create(joined(head + port_block() + plain_block())));
   EXPECT_EQ(all_tarn_tbls().size(), 1u);
 }
 
 TEST_F(SchemaTest, ATableWithoutALineTagHasNone) {
   lines block = plain_block();
   std::erase(block, "LOG_TAG=RT");
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_STREQ(table()->log_tag, "");
   EXPECT_EQ(table()->max_rows, 20);
   EXPECT_STREQ(table()->file_name, "routes.txt");
@@ -393,7 +391,7 @@ TEST_F(SchemaTest, EachKeyLeftOutCostsItsOwnValueAlone) {
       continue;
     lines less = all;
     less.erase(less.begin() + static_cast<long>(left_out));
-    ASSERT_EQ(create(joined(less)), 0) << line;
+    ASSERT_TRUE(create(joined(less))) << line;
     EXPECT_STREQ(table(0)->file_name, "subscribers.txt") << line;
     EXPECT_STREQ(table(1)->file_name, "routes.txt") << line;
     expect_as_told(joined(less));
@@ -416,14 +414,14 @@ TEST_F(SchemaTest, EachKeyLeftOutCostsItsOwnValueAlone) {
 TEST_F(SchemaTest, WithoutTheNumberOfTablesThereAreNone) {
   lines all = good_head() + port_block();
   std::erase(all, "NUM_TABLE=2");
-  ASSERT_EQ(create(joined(all)), 0);
+  ASSERT_TRUE(create(joined(all)));
   EXPECT_EQ(tarn_tbl_mngt->num_table, 0);
 }
 
 TEST_F(SchemaTest, WithoutTheFlagATableHoldsNoPorts) {
   lines block = plain_block();
   std::erase(block, "FLAG=0");
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_EQ(table()->flag, 0);
   EXPECT_EQ(table()->max_rows, 20);
 }
@@ -432,7 +430,7 @@ TEST_F(SchemaTest, AFlagOtherThanOneIsKeptAndReadsNoPortKeys) {
   for (const char *flag : {"2", "-1", "7"}) {
     lines block = plain_block();
     block[1] = std::string("FLAG=") + flag;
-    ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+    ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
     EXPECT_EQ(table()->flag, atoi(flag));
     EXPECT_STREQ(table()->log_tag, "RT");
   }
@@ -454,7 +452,7 @@ TEST_F(SchemaTest, PortKeysInATableWithoutPortsFailTheStart) {
 TEST_F(SchemaTest, APortTableWithoutPortKeysReads) {
   lines block = plain_block();
   block[1] = "FLAG=1";
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_STREQ(table()->range, "");
   EXPECT_STREQ(table()->log_tag, "RT");
 }
@@ -483,7 +481,7 @@ TEST_F(SchemaTest, AnEmptyTagTakesTheNextLine) {
   lines block = plain_block();
   block[2] = "LOG_TAG=";
   block[3] = "USE_INDEX=1";
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_STREQ(table()->log_tag, "USE_INDEX=1");
   EXPECT_EQ(table()->use_index, 0);
   EXPECT_EQ(table()->max_rows, 20);
@@ -492,7 +490,7 @@ TEST_F(SchemaTest, AnEmptyTagTakesTheNextLine) {
 TEST_F(SchemaTest, ATagOf15CharactersFitsAndALongerOneStopsTheRest) {
   lines block = plain_block();
   block[2] = "LOG_TAG=" + std::string(15, 'g');
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_EQ(std::string(table()->log_tag), std::string(15, 'g'));
   EXPECT_EQ(table()->max_rows, 20);
   block[2] += 'h';
@@ -507,7 +505,7 @@ TEST_F(SchemaTest, ATagTooLongByExactlyTheNextKeyReadsThatKey) {
   lines block = plain_block();
   block[2] = "LOG_TAG=" + std::string(15, 'g') + "USE_INDEX=5";
   block.erase(block.begin() + 3);
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_EQ(table()->use_index, 5);
   EXPECT_EQ(table()->max_rows, 20);
 }
@@ -540,7 +538,7 @@ TEST_F(SchemaTest, NamesOfTheLongestLengthFitAndOneByteMoreIsRefused) {
         expect_refused(joined(all));
         continue;
       }
-      ASSERT_EQ(create(joined(all)), 0) << each.key;
+      ASSERT_TRUE(create(joined(all))) << each.key;
       EXPECT_EQ(each.value(), value);
     }
   }
@@ -574,7 +572,7 @@ TEST_F(SchemaTest, AMismatchAtTheFileNameFailsTheStartAndClosesTheFile) {
 TEST_F(SchemaTest, AFileThatEndsAfterTheFieldLinesReadsWithoutAFileName) {
   lines block = plain_block();
   block.pop_back();
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_STREQ(table()->file_name, "");
   EXPECT_STREQ(table()->table_name, "routes");
   EXPECT_TRUE(errors().empty());
@@ -593,7 +591,7 @@ TEST_F(SchemaTest, KeysMayBeLeftOutOfASchemaThatIsAPipeToo) {
   make_registry();
   const std::string path = "/dev/fd/" + std::to_string(ends[0]);
   cfg_file_path = path.c_str();
-  EXPECT_EQ(create_table(), 0) << standin::log_dump();
+  EXPECT_TRUE(create_tables()) << standin::log_dump();
   close(ends[0]);
   cfg_file_path = "";
   EXPECT_STREQ(table(0)->file_name, "subscribers.txt");
@@ -607,7 +605,7 @@ TEST_F(SchemaTest, KeysMayBeLeftOutOfASchemaThatIsAPipeToo) {
 TEST_F(SchemaTest, TablesBehindTheFilesEndAreEmptyAndNameless) {
   lines head = good_head();
   head[2] = "NUM_TABLE=3";
-  ASSERT_EQ(create(joined(head + plain_block())), 0);
+  ASSERT_TRUE(create(joined(head + plain_block())));
   EXPECT_STREQ(table(0)->table_name, "routes");
   for (const size_t i : {1UL, 2UL}) {
     EXPECT_STREQ(table(i)->table_name, "");
@@ -619,7 +617,7 @@ TEST_F(SchemaTest, TablesBehindTheFilesEndAreEmptyAndNameless) {
 TEST_F(SchemaTest, AFieldLineLessTakesTheFileNameForAColumn) {
   lines block = plain_block();
   std::erase(block, "target 64 0");
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_STREQ(table()->field_name[1], "FILE_NAME=routes.txt");
   EXPECT_EQ(table()->tbl->cols[1].size, 1u);
   EXPECT_STREQ(table()->file_name, "");
@@ -632,7 +630,7 @@ TEST_F(SchemaTest, AFieldLineMoreFailsTheStart) {
 }
 
 TEST_F(SchemaTest, FieldLinesWithMissingNumbersHaveZeros) {
-  ASSERT_EQ(create("NUM_TABLE=1\nNUM_FIELDS=2\na 5\n"), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\nNUM_FIELDS=2\na 5\n"));
   EXPECT_EQ(table()->tbl->cols[0].size, 6u);
   EXPECT_EQ(table()->tbl->cols[0].flags, 0u);
   EXPECT_STREQ(table()->field_name[1], "");
@@ -657,7 +655,7 @@ TEST_F(SchemaTest, NumbersMayHaveSigns) {
   lines block = plain_block();
   block[3] = "USE_INDEX=-1";
   block[5] = "MAX_ROWS=+7";
-  ASSERT_EQ(create("NUM_TABLE=1\n" + joined(block)), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\n" + joined(block)));
   EXPECT_EQ(table()->use_index, -1);
   EXPECT_EQ(table()->max_rows, 7);
 }
@@ -665,7 +663,7 @@ TEST_F(SchemaTest, NumbersMayHaveSigns) {
 TEST_F(SchemaTest, ANegativeNumberOfTablesFailsTheStart) {
   for (const char *number : {"-1", "-2147483648"}) {
     standin::clear_logs();
-    EXPECT_EQ(create(std::string("NUM_TABLE=") + number + "\n"), -1);
+    EXPECT_FALSE(create(std::string("NUM_TABLE=") + number + "\n"));
     EXPECT_EQ(debug().back(), "Could not create tarn_tbl_mngt->tarn_tbl in shared memory!\n");
     EXPECT_TRUE(errors().empty());
     EXPECT_TRUE(all_tarn_tbls().empty());
@@ -674,7 +672,7 @@ TEST_F(SchemaTest, ANegativeNumberOfTablesFailsTheStart) {
 
 TEST_F(SchemaTest, MoreTablesThanMemoryHoldsFailTheStart) {
   ASSERT_TRUE(standin::use_shared_mapping(1 << 20));
-  EXPECT_EQ(create("NUM_TABLE=2147483647\n"), -1);
+  EXPECT_FALSE(create("NUM_TABLE=2147483647\n"));
   EXPECT_EQ(debug().back(), "Could not create tarn_tbl_mngt->tarn_tbl in shared memory!\n");
   EXPECT_TRUE(all_tarn_tbls().empty());
 }
@@ -682,7 +680,7 @@ TEST_F(SchemaTest, MoreTablesThanMemoryHoldsFailTheStart) {
 TEST_F(SchemaTest, ANegativeNumberOfColumnsFailsTheStart) {
   for (const char *number : {"-1", "-2147483648"}) {
     standin::clear_logs();
-    EXPECT_EQ(create(std::string("NUM_TABLE=1\nNUM_FIELDS=") + number + "\n"), -1);
+    EXPECT_FALSE(create(std::string("NUM_TABLE=1\nNUM_FIELDS=") + number + "\n"));
     EXPECT_EQ(debug().back(), "Could not allocate memory for tbl_dcl!\n");
     EXPECT_TRUE(errors().empty());
   }
@@ -690,12 +688,12 @@ TEST_F(SchemaTest, ANegativeNumberOfColumnsFailsTheStart) {
 
 TEST_F(SchemaTest, MoreColumnsThanMemoryHoldsFailTheStart) {
   standin::fail_from(pool::pkg, 1);
-  EXPECT_EQ(create("NUM_TABLE=1\nNUM_FIELDS=2147483647\n"), -1);
+  EXPECT_FALSE(create("NUM_TABLE=1\nNUM_FIELDS=2147483647\n"));
   EXPECT_EQ(debug().back(), "Could not allocate memory for tbl_dcl!\n");
 }
 
 TEST_F(SchemaTest, ManyColumnsBehindTheFilesEndAreNameless) {
-  ASSERT_EQ(create("NUM_TABLE=1\nNUM_FIELDS=3000\n"), 0);
+  ASSERT_TRUE(create("NUM_TABLE=1\nNUM_FIELDS=3000\n"));
   EXPECT_EQ(table()->tbl->col_cnt, 3000u);
   EXPECT_EQ(column_name(table(), 2999), "");
   EXPECT_EQ(table()->tbl->row_len, 3000u);
@@ -705,7 +703,7 @@ TEST_F(SchemaTest, LengthsThatMakeNoTableFailTheStart) {
   for (const char *column : {"a -1 0", "a 4294967295 0", "a 2147483647 0\nb 2147483647 0"}) {
     standin::clear_logs();
     const std::string count = std::string(column).find('\n') == std::string::npos ? "1" : "2";
-    EXPECT_EQ(create("NUM_TABLE=1\nNUM_FIELDS=" + count + "\n" + column + "\nFILE_NAME=f\n"), -1);
+    EXPECT_FALSE(create("NUM_TABLE=1\nNUM_FIELDS=" + count + "\n" + column + "\nFILE_NAME=f\n"));
     EXPECT_EQ(debug().back(), "Could not allocate memory for tbl!\n");
     EXPECT_TRUE(errors().empty());
   }
@@ -725,12 +723,12 @@ TEST_F(SchemaTest, EachAllocationThatFailsFailsTheStartWithItsMessage) {
       "Could not allocate memory for tbl!\n",   // its columns
       "Could not allocate memory for tbl!\n",   // buckets of the first index
       "Could not allocate memory for tbl!\n"};  // buckets of the second
-  ASSERT_EQ(create(schema), 0);
+  ASSERT_TRUE(create(schema));
   end();
   make_registry();
   standin::reset_allocation_count();
   cfg_file_path = schema_path_.c_str();
-  ASSERT_EQ(create_table(), 0);
+  ASSERT_TRUE(create_tables());
   ASSERT_EQ(standin::allocation_count(pool::both), told.size());
 
   for (size_t i = 0; i < told.size(); i++) {
@@ -739,11 +737,11 @@ TEST_F(SchemaTest, EachAllocationThatFailsFailsTheStartWithItsMessage) {
     standin::clear_logs();
     watch();
     standin::fail_at(pool::both, i + 1);
-    const int32_t result = create_table();
+    const bool made = create_tables();
     EXPECT_EQ(standin::open_streams(), 0);
     EXPECT_EQ(standin::live_count(pool::pkg), 0u);
     if (told[i] == names) {
-      EXPECT_EQ(result, 0);
+      EXPECT_TRUE(made);
       const uint32_t nameless = static_cast<uint32_t>(i - 3);
       for (uint32_t col = 0; col < 3; col++) {
         EXPECT_EQ(column_name(table(), col).empty(), col == nameless);
@@ -752,7 +750,7 @@ TEST_F(SchemaTest, EachAllocationThatFailsFailsTheStartWithItsMessage) {
       EXPECT_STREQ(table()->file_name, "subscribers.txt");
       continue;
     }
-    EXPECT_EQ(result, -1);
+    EXPECT_FALSE(made);
     EXPECT_EQ(debug().back(), told[i]);
     EXPECT_EQ(log_texts(L_INFO), texts{});
     destroy_tables();
@@ -771,20 +769,20 @@ TEST_F(SchemaTest, TheEnginesReasonStandsAheadOfTheStartsOwnLine) {
     make_registry();
     standin::clear_logs();
     standin::fail_at(pool::shm, 5 + i);
-    EXPECT_EQ(create_table(), -1);
+    EXPECT_FALSE(create_tables());
     EXPECT_EQ(errors(), texts{reasons[i]});
   }
 }
 
 TEST_F(SchemaTest, WithoutMemoryFromAnyPointOnTheStartFailsAndAllIsFreed) {
-  ASSERT_EQ(create(good_schema()), 0);
+  ASSERT_TRUE(create(good_schema()));
   for (uint64_t from = 1; from < 30; from++) {
     end();
     make_registry();
     standin::fail_from(pool::both, from);
-    const int32_t result = create_table();
+    const bool made = create_tables();
     standin::stop_failing();
-    if (result == 0) {
+    if (made) {
       EXPECT_GT(from, 15u);
       return;
     }
@@ -798,7 +796,7 @@ TEST_F(SchemaTest, TablesAreMadeFromAnOpenFileThatStaysOpen) {
   make_registry();
   std::string schema = good_schema();
   FILE *const file = fmemopen(schema.data(), schema.size(), "r");
-  EXPECT_EQ(create_tables_from(file), 0);
+  EXPECT_TRUE(create_tables_from(file));
   EXPECT_EQ(getc(file), EOF) << "read to its end";
   EXPECT_EQ(fclose(file), 0);
   EXPECT_EQ(all_tarn_tbls().size(), 2u);
@@ -808,7 +806,7 @@ TEST_F(SchemaTest, TablesAreMadeFromAnOpenFileThatStaysOpen) {
 TEST_F(SchemaTest, AFailureInALaterTableLeavesTheEarlierOnesToTheEnd) {
   lines bad = plain_block();
   bad.back() = "NO_FILE_NAME=x";
-  ASSERT_EQ(create(joined(good_head() + port_block() + bad)), -1);
+  ASSERT_FALSE(create(joined(good_head() + port_block() + bad)));
   EXPECT_STREQ(table(0)->table_name, "subscribers");
   EXPECT_NE(table(0)->tbl, nullptr);
   EXPECT_NE(get_tarn_tbl_by_name("subscribers"), nullptr);

@@ -1,13 +1,7 @@
-// RPC commands that show tables, commands and port maps and change nothing.
+// RPC commands that show settings, names and port maps and change nothing.
 #pragma once
 
 #include "host/abi.h"
-
-// table name. Name, row count, column names and all rows, newest first, under the table's lock.
-void tarn_memdb_rpc_show_tbl(rpc_t *rpc, void *ctx);
-
-// table name. The same for a reader: a text per row, a line per column.
-void tarn_memdb_rpc_show_tbl_p(rpc_t *rpc, void *ctx);
 
 // table name. The table's settings, counters and state, under its lock.
 void tarn_memdb_rpc_show_tbl_info(rpc_t *rpc, void *ctx);

@@ -131,6 +131,24 @@ TEST_F(DifferencesTest, TheLimitOfTheTableStandsInForAMissingOne) {
   EXPECT_THAT(ids(), ElementsAre("a", "b", "c"));
 }
 
+class LimitTest : public DifferencesTest, public testing::WithParamInterface<int> {};
+
+TEST_P(LimitTest, ALimitOfTheTableThatIsNotAboveZeroFindsNoRow) {
+  start_with({all_in_one(GetParam())},
+             {{"t", {line("5", "500", "10.0.0.1", "a"), line("5", "500", "10.0.0.1", "b")}}});
+  EXPECT_EQ(plain(","), -2);
+  EXPECT_EQ(best("5", ","), -2);
+  EXPECT_EQ(out_of_range("0", "4", ","), -2);
+  EXPECT_EQ(within("1", ","), -2);
+  EXPECT_EQ(standin::var("count"), value(0));
+  EXPECT_EQ(subnet("10.0.0.1", ","), -2);
+  EXPECT_EQ(port_type(","), -2);
+  EXPECT_EQ(statement(""), -2);
+  EXPECT_THAT(ids(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Limits, LimitTest, testing::Values(0, -1));
+
 // What a value at the main column means.
 
 TEST_F(DifferencesTest, AWildcardAtTheMainColumnFailsTheBestMatchAlone) {

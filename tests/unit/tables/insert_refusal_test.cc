@@ -1,5 +1,5 @@
 // What is logged about a row that isn't let in.
-#include "script/writes/insert_refusal.h"
+#include "tables/rows/row_admission.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "host/log.h"
+#include "script/writes/write_texts.h"
 #include "tests/standin/standin.h"
 
 namespace {
@@ -27,7 +28,7 @@ class InsertRefusalTest : public testing::Test {
   std::vector<std::string> told(admission outcome, int full_level, int level) const {
     standin::clear_logs();
     const host_log_scope log;
-    log_refusal(outcome, &table_, full_level);
+    log_refusal(outcome, &table_, INSERT_REFUSED, full_level);
     EXPECT_EQ(standin::log_count(level), standin::logs().size());
     return standin::log_texts();
   }
