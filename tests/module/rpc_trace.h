@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "tests/module/fixture.h"
+#include "tests/standin/whole_text.h"
 
 namespace module_test {
 
@@ -48,6 +49,7 @@ inline std::string printed(const char *format, va_list arguments) {
 inline void fault(void *ctx, int code, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
+  standin::expect_whole_text(format, arguments);
   const std::string text = printed(format, arguments);
   va_end(arguments);
   note("fault " + std::to_string(code) + " " + text);
@@ -105,6 +107,8 @@ inline void run(rpc_t *host, void *ctx) {
 inline void log(ksr_logdata_t *data, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
+  if (!std::string_view(data->v_fname).starts_with("memdb/"))
+    standin::expect_whole_text(format, arguments);
   const std::string text = printed(format, arguments);
   va_end(arguments);
   if (data->v_level <= now().least_grave) note(std::string(level_name(data->v_level)) + " " + text);

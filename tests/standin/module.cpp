@@ -9,6 +9,7 @@
 
 #include "tests/standin/calls.h"
 #include "tests/standin/memory.h"
+#include "tests/standin/whole_text.h"
 
 namespace standin {
 bool command::accepted() const {
@@ -131,6 +132,7 @@ int loaded_module::run(const std::string &name, const std::vector<std::string> &
 bool loaded_module::unload() {
   if (image == nullptr) return false;
   keep_block_names();
+  watch_literals_of(nullptr);
   dlclose(image);
   image = nullptr;
   table = nullptr;
@@ -148,6 +150,7 @@ std::unique_ptr<loaded_module> load_module(const std::string &path, std::string 
     if (image != nullptr) dlclose(image);
     return nullptr;
   }
+  watch_literals_of(image);
   return std::unique_ptr<loaded_module>(
       new loaded_module(*static_cast<const module_exports_t *>(exports), image, path));
 }

@@ -94,6 +94,17 @@ TEST_F(ModuleTest, AFixupIsCalledOncePerParameterWithItsNumber) {
   EXPECT_EQ(live_count(pool::pkg), 3u);
 }
 
+TEST_F(ModuleTest, ATextThatIsNotWholeInTheSourceIsAMisuse) {
+  use_log_sink(log_sink::structured);
+  EXPECT_EQ(sample->run("sample_say", {"v", "alice"}, msg), 1);
+  EXPECT_EQ(misuses(), std::vector<std::string>{});
+  EXPECT_EQ(sample->run("sample_say", {"p", ""}, msg), 1);
+  EXPECT_EQ(sample->run("sample_say", {"b", "alice"}, msg), 1);
+  EXPECT_EQ(misuses(), (std::vector<std::string>{
+                           "a text put together: 'the sample's own piece' in '%d, and %s\n'",
+                           "a text that isn't its own format: alice"}));
+}
+
 TEST_F(ModuleTest, TheFirstFailingFixupEndsTheScript) {
   const command call = sample->fixup("sample_digits", {"1", "refuse", "3"});
   EXPECT_FALSE(call.accepted());

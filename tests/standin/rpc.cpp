@@ -7,6 +7,7 @@
 #include "tests/standin/calls.h"
 #include "tests/standin/host.h"
 #include "tests/standin/text.h"
+#include "tests/standin/whole_text.h"
 
 namespace standin {
 namespace {
@@ -48,6 +49,7 @@ void rpc_fault_op(void *ctx, int code, const char *format, ...) {
   call_fails("rpc.fault");
   va_list arguments;
   va_start(arguments, format);
+  expect_whole_text(format, arguments);
   raise(of(ctx), code, print_text(format, arguments));
   va_end(arguments);
 }

@@ -68,6 +68,27 @@ int arity6(sip_msg *msg, char *a, char *b, char *c, char *d, char *e, char *f) {
   return arity5(msg, a, b, c, d, e) * 10 + f[0] - '0';
 }
 
+// Logs the text that is given, in one of the ways in which modules put their lines together.
+int say(sip_msg *, char *way, char *text) {
+  static constexpr char NAME[] = "the sample's own piece";
+  ksr_logdata_t data{};
+  data.v_fname = "sample_module.cpp";
+  switch (way[0]) {
+    case 'v':
+      _ksr_slog_func(&data, "a value (%s) in a text of %d, %.*s, %lu and 100 %%\n", text, 3, 2,
+                     text, 4UL);
+      return 1;
+    case 'p':
+      _ksr_slog_func(&data, "%d, and %s\n", 1, NAME);
+      return 1;
+    case 'b':
+      _ksr_slog_func(&data, "%s", text);
+      return 1;
+    default:
+      return -1;
+  }
+}
+
 void rpc_title(rpc_t *rpc, void *ctx) {
   rpc->rpl_printf(ctx, "%s %d", title != nullptr ? title : "none", limit);
 }
@@ -94,6 +115,7 @@ void destroy() { _ksr_slog_func = nullptr; }
 
 const cmd_export_t functions[] = {{"sample_print", print, 1, fix_format, nullptr, 239},
                                   {"sample_count", count, 0, fix_by_number, nullptr, 239},
+                                  {"sample_say", say, 2, nullptr, nullptr, 239},
                                   {"sample_join", join, 1, fix_join, fixup_free_spve_spve, 239},
                                   {"sample_join", join, 2, fix_join, fixup_free_spve_spve, 239},
                                   {"sample_digits", arity1, 1, nullptr, nullptr, 239},
