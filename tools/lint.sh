@@ -37,6 +37,9 @@ cmake --build "$build/clang" --target tarn_memdb >"$build/clang/lint.log" 2>&1 |
   exit 1
 }
 
+# Lock rules are among clang++'s warnings; here it has to notice broken ones.
+clang++ -std=gnu++20 -fsyntax-only -Wthread-safety -Xclang -verify -I. tests/lint/broken_lock_rules.cc
+
 # The compiler alone, as nothing of it is linked here.
 echo "lint: tarn-memdb-check with clang++ without a warning"
 git ls-files --cached --others --exclude-standard 'tools/check/*.cpp' |
