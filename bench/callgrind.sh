@@ -9,7 +9,7 @@ set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 build=$1
 shift
-[ $# -gt 0 ] || set -- select nl_select insert_delete best_match
+[ $# -gt 0 ] || set -- select nl_select insert_delete best_match best_match_prefix out_of_range within_the_range subnet
 command -v valgrind >/dev/null || {
   echo "callgrind: valgrind is missing (Debian package valgrind)" >&2
   exit 1
