@@ -20,32 +20,36 @@ build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUIL
 
 all: module
 
-help: ## this list
-	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "%-16s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+# This list.
+help:
+	@awk -F : '/^# / { if (!said) said = substr($$0, 3); next } \
+	  /^[a-z-]+:/ && said { printf "%-16s %s\n", $$1, said } { said = "" }' $(MAKEFILE_LIST)
 
-# The installable module, for the host's released version unless KAMAILIO= says otherwise.
-module: ## the installable module, build/module/tarn_memdb.so
+# The installable module, build/module/tarn_memdb.so.
+# For the host's released version unless KAMAILIO= says otherwise.
+module:
 	@$(DEPS) module
 	@$(call build,module,-DBUILD_TESTING=OFF -DKAMAILIO=$(KAMAILIO))
 	@echo "module: $(BUILD)/module/tarn_memdb.so"
 
 # Module and tarn-memdb-check.
-tools: ## module and tarn-memdb-check
+tools:
 	@$(DEPS) module tools
 	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO))
 	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check"
 
-# make install [DESTDIR=] [PREFIX=/usr] [MODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules]
 PREFIX ?= /usr
 MODULES_DIR ?= lib/x86_64-linux-gnu/kamailio/modules
-install: ## module, tool and guide below DESTDIR/PREFIX
+# Module, tool and guide below DESTDIR/PREFIX.
+# make install [DESTDIR=] [PREFIX=/usr] [MODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules]
+install:
 	@$(DEPS) module tools
 	@$(call build,install,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) \
 	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DMODULES_DIR=$(MODULES_DIR))
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/install
 
 # A Debian package of module, tool, guide and an example configuration.
-deb: ## a Debian package of them
+deb:
 	@$(DEPS) module tools deb
 	@$(call build,deb,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) -DCMAKE_INSTALL_PREFIX=/usr)
 	@tools/quiet.sh $(BUILD)/log/deb-pack cpack --config $(BUILD)/deb/CPackConfig.cmake -B $(BUILD)/deb
@@ -57,10 +61,12 @@ host-module:
 	@tools/host-root.sh >/dev/null
 	@$(call build,demo,-DBUILD_TESTING=OFF -DKAMAILIO=$(HOST))
 
-demo: host-module ## the main job on a real server
+# The main job on a real server.
+demo: host-module
 	@demo/run $(BUILD)/demo/tarn_memdb.so
 
-test: lint ## all tests, in minutes
+# All tests, in minutes.
+test: lint
 	@$(DEPS) module tools test deb
 	@tools/host-root.sh >/dev/null
 	@echo "test: building"
@@ -70,17 +76,20 @@ test: lint ## all tests, in minutes
 	@$(DEPS) fuzz
 	@tests/fuzz/run.sh $(BUILD)/fuzz 3
 
-lint: ## form, warnings, static analysis, rooms
+# Form, warnings, static analysis, rooms.
+lint:
 	@$(DEPS) module lint
 	@tools/lint.sh $(BUILD)
 
-format: ## sources brought into form
+# Sources brought into form.
+format:
 	@$(DEPS) lint
 	@git ls-files --cached --others --exclude-standard '*.cpp' '*.cc' '*.h' | xargs clang-format -i
 
-# Everything that can fail, one thing at a time; about three minutes.
 .PHONY: faults
-faults: ## everything that can fail, one thing at a time
+# Everything that can fail, one thing at a time.
+# About three minutes.
+faults:
 	@$(DEPS) module tools test
 	@tools/host-root.sh >/dev/null
 	@tools/quiet.sh $(BUILD)/log/faults-configure cmake -G Ninja -S . -B $(BUILD)/faults \
@@ -89,18 +98,18 @@ faults: ## everything that can fail, one thing at a time
 	  --target faults_sanitized
 	@$(BUILD)/faults/tests/faults/faults_sanitized
 
-# Lines and branches that all tests together run.
 .PHONY: coverage
-coverage: ## lines and branches that all tests together run
+# Lines and branches that all tests together run.
+coverage:
 	@$(DEPS) module tools test coverage
 	@tools/host-root.sh >/dev/null
 	@$(call build,coverage,-DTARN_COVERAGE=ON -DKAMAILIO=$(HOST))
 	@JOBS=$(JOBS) tools/coverage.sh $(BUILD)/coverage
 
-# What tarn-memdb-check tells of random sets of files, against what a real server makes of each; about
-# a minute and a half.
 FORECAST_SETS ?= 600
 .PHONY: forecast
+# What tarn-memdb-check tells of random files, against what a real server makes of them.
+# About a minute and a half.
 forecast:
 	@$(DEPS) module tools test
 	@tools/host-root.sh >/dev/null
@@ -110,16 +119,17 @@ forecast:
 	  /usr/bin/python3 -B tests/tools/forecast/run.py $(FORECAST_SETS)
 
 FUZZ_SECONDS ?= 60
-fuzz: ## random input, FUZZ_SECONDS= for each harness
+# Random input, FUZZ_SECONDS= for each harness.
+fuzz:
 	@$(DEPS) module test fuzz
 	@tests/fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
 
-# All operations by eight processes, then a real server with readers that take no lock beside
-# writers, once for each of its allocators.
 .PHONY: stress
 STRESS_OPERATIONS ?= 10000000
 STRESS_SECONDS ?= 30
-stress: host-module ## eight processes, then readers without a lock beside writers
+# Eight processes, then readers without a lock beside writers.
+# All operations; the readers once for each of the host's allocators.
+stress: host-module
 	@$(DEPS) module tools test
 	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
 	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress
@@ -127,28 +137,32 @@ stress: host-module ## eight processes, then readers without a lock beside write
 	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
 
-bench: ## the engine beside its peers
+# The engine beside its peers.
+bench:
 	@$(DEPS) module bench
 	@$(call build,bench,-DBUILD_TESTING=OFF -DTARN_BENCH=ON -DCMAKE_BUILD_TYPE=Release)
 	@bench/run.sh $(BUILD)/bench
 
-# The module beside its peers on a real host; see the head of bench/host_bench.py for its settings.
 .PHONY: bench-host bench-callgrind
-bench-host: host-module ## the module beside its peers on a real server
+# The module beside its peers on a real server.
+# See the head of bench/host_bench.py for its settings.
+bench-host: host-module
 	@python3 bench/host_bench.py $(BUILD)/demo/tarn_memdb.so
 
-# Instructions of a call, on the stand-in host and then on the real one.
-bench-callgrind: host-module ## instructions of a call
+# Instructions of a call.
+# On the stand-in host and then on the real one.
+bench-callgrind: host-module
 	@$(DEPS) module bench callgrind
 	@$(call build,callgrind,-DBUILD_TESTING=OFF -DTARN_BENCH=ON)
 	@bench/callgrind.sh $(BUILD)/callgrind
 	@python3 bench/host_profile.py $(BUILD)/demo/tarn_memdb.so
 
-# A real server killed, stopped and started on all that can be wrong with its files.
 CRASH_ROUNDS ?= 300
 .PHONY: crash
-crash: host-module ## a server killed and stopped, and all that can be wrong with its files
+# A server killed and stopped, and all that can be wrong with its files.
+crash: host-module
 	@CRASH_ROUNDS=$(CRASH_ROUNDS) tests/crash/run.py $(BUILD)/demo/tarn_memdb.so
 
-clean: ## build/ goes
+# What was built goes.
+clean:
 	rm -rf $(BUILD)

@@ -3,6 +3,7 @@
 import contextlib
 import ctypes
 import dataclasses
+import itertools
 import json
 import os
 import pathlib
@@ -306,7 +307,7 @@ def parse_log(text):
     """Cuts a log into its messages; a message may have several lines, or no line end."""
     starts = list(_PREFIX.finditer(text))
     entries = []
-    for start, following in zip(starts, starts[1:] + [None], strict=True):
+    for start, following in itertools.zip_longest(starts, starts[1:]):
         body = text[start.end() : following.start() if following else len(text)]
         origin = _ORIGIN.match(body)
         entries.append(
