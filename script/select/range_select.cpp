@@ -155,45 +155,57 @@ void report_count(sip_msg *msg, char *target, int32_t count) {
   LM_DBG("ALARM REG_USERS DBG Set AVP rowCount_in = %d successfully\n", count);
 }
 
-}  // namespace
-
-int tarn_memdb_nl_select_field_out_of_range(sip_msg *msg, char *query, char *avps, char *column,
-                                            char *lower, char *upper) {
+// Print, parse, find, enter, read the range, and work on it.
+template <typename Work>
+int select_in_range(sip_msg *msg, const select_params &select, const range_params &params,
+                    Work work) {
   const host_log_scope log;
   select_run run(msg);
-  if (!start_select_or_fail(&run, {query, avps}, delivery_target::avps)) return SCRIPT_FAILED;
+  if (!start_select_or_fail(&run, select, delivery_target::avps)) return SCRIPT_FAILED;
   const table_scope scope(run.table(), table_access::unlocked);
   number_range range;
-  if (!read_range(&run, {column, lower, upper}, &range)) return SCRIPT_FAILED;
-  outside_rows outside(run, range);
+  if (!read_range(&run, params, &range)) return SCRIPT_FAILED;
+  return work(&run, range);
+}
+
+int deliver_outside(select_run *run, const number_range &range) {
+  outside_rows outside(*run, range);
   // The capacity of the list limits the rows visited, the query those held, which a table's
   // MAX_ROWS of 0 or less makes none.
-  const int32_t most = run.max_res() > 0 ? row_list::CAPACITY : 0;
-  memdb_visit(run.tbl(), run.query.flds, most, [&outside](const memdb_row *row, int32_t index) {
+  const int32_t most = run->max_res() > 0 ? row_list::CAPACITY : 0;
+  memdb_visit(run->tbl(), run->query.flds, most, [&outside](const memdb_row *row, int32_t index) {
     return outside.visit(row, index);
   });
-  const int result = deliver_held(&run, outside.rows(), FOUND);
+  const int result = deliver_held(run, outside.rows(), FOUND);
   return result == SCRIPT_OK ? outside.count() : result;
 }
 
 // Counts and delivers nothing, so that a call that doesn't fail finds no row; the count goes into
 // the target.
-int tarn_memdb_nl_select_field_within_the_range(sip_msg *msg, char *query, char *avps, char *column,
-                                                char *lower, char *upper, char *target) {
-  const host_log_scope log;
-  select_run run(msg);
-  if (!start_select_or_fail(&run, {query, avps}, delivery_target::avps)) return SCRIPT_FAILED;
-  const table_scope scope(run.table(), table_access::unlocked);
-  number_range range;
-  if (!read_range(&run, {column, lower, upper}, &range)) return SCRIPT_FAILED;
-  rows_above above(run, range);
-  const int32_t most = std::min(run.max_res(), MOST_ROWS_COUNTED);
-  memdb_visit(run.tbl(), run.query.flds, most, [&above](const memdb_row *row, int32_t index) {
+int count_above(select_run *run, const number_range &range, char *target) {
+  rows_above above(*run, range);
+  const int32_t most = std::min(run->max_res(), MOST_ROWS_COUNTED);
+  memdb_visit(run->tbl(), run->query.flds, most, [&above](const memdb_row *row, int32_t index) {
     above.visit(row, index);
     return true;
   });
-  report_count(msg, target, above.count());
+  report_count(run->msg, target, above.count());
   LM_DBG("ALARM REG_USERS DBG Returning row count result: %d (found=%d, xavp_buff='%s')\n",
          SCRIPT_NO_ROW, 0, printable(nullptr));
   return SCRIPT_NO_ROW;
+}
+
+}  // namespace
+
+int tarn_memdb_nl_select_field_out_of_range(sip_msg *msg, char *query, char *avps, char *column,
+                                            char *lower, char *upper) {
+  return select_in_range(msg, {query, avps}, {column, lower, upper}, deliver_outside);
+}
+
+int tarn_memdb_nl_select_field_within_the_range(sip_msg *msg, char *query, char *avps, char *column,
+                                                char *lower, char *upper, char *target) {
+  return select_in_range(msg, {query, avps}, {column, lower, upper},
+                         [target](select_run *run, const number_range &range) {
+                           return count_above(run, range, target);
+                         });
 }
