@@ -14,26 +14,13 @@ namespace tables_test {
 class AdmissionTest : public TablesTest {
  protected:
   AdmissionTest() {
-    port_settings.internal.min = 100;
-    port_settings.internal.max = 109;
-    port_settings.external.min = 200;
-    port_settings.external.max = 209;
-    port_settings.static_internal.min = 300;
-    port_settings.static_internal.max = 309;
-    port_settings.static_external.min = 400;
-    port_settings.static_external.max = 409;
+    port_settings.internal = {100, 109};
+    port_settings.external = {200, 209};
+    port_settings.static_internal = {300, 309};
+    port_settings.static_external = {400, 409};
   }
 
-  ~AdmissionTest() override {
-    port_settings.internal.min = 21000;
-    port_settings.internal.max = 21255;
-    port_settings.external.min = 10000;
-    port_settings.external.max = 15000;
-    port_settings.static_internal.min = 21000;
-    port_settings.static_internal.max = 21255;
-    port_settings.static_external.min = 9000;
-    port_settings.static_external.max = 9255;
-  }
+  ~AdmissionTest() override { port_settings = usual_; }
 
   // A query of these fields for the first table; a null is a wildcard.
   static std::unique_ptr<query_scope> query(const std::vector<const char *> &fields) {
@@ -93,6 +80,9 @@ class AdmissionTest : public TablesTest {
     }
     return out;
   }
+
+ private:
+  const port_parameters usual_ = port_settings;
 };
 
 }  // namespace tables_test
