@@ -965,10 +965,8 @@ TEST_F(LoadTest, RandomBytesNeverCrash) {
 class PortLoadTest : public LoadTest {
  protected:
   void start_ports() {
-    port_settings.internal.min = 100;
-    port_settings.internal.max = 109;
-    port_settings.external.min = 200;
-    port_settings.external.max = 209;
+    port_settings.internal = {100, 109};
+    port_settings.external = {200, 209};
     table_spec spec;
     spec.ports = {{"dynamic", 6, 9}};
     spec.columns.clear();
@@ -978,17 +976,15 @@ class PortLoadTest : public LoadTest {
     standin::clear_logs();
   }
 
-  ~PortLoadTest() override {
-    port_settings.internal.min = 21000;
-    port_settings.internal.max = 21255;
-    port_settings.external.min = 10000;
-    port_settings.external.max = 15000;
-  }
+  ~PortLoadTest() override { port_settings = usual_; }
 
   static std::string row(const std::string &location, const std::string &internal,
                          const std::string &external) {
     return "n|k1|k2|k3|x|" + location + "|" + internal + "|y|3|" + external + "\n";
   }
+
+ private:
+  const port_parameters usual_ = port_settings;
 };
 
 TEST_F(PortLoadTest, RowsTakeTheirPortsFromTheirOwnValues) {
