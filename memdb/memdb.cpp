@@ -13,7 +13,7 @@
 void *(*memdb_malloc)(size_t size) = malloc;
 void *(*memdb_calloc)(size_t count, size_t size) = calloc;
 void (*memdb_free)(void *block) = free;
-void (*memdb_free_row)(memdb_row *row) = [](memdb_row *row) { memdb_free(row); };
+void (*memdb_retire)(void *block) = [](void *block) { memdb_free(block); };
 uint32_t (*memdb_hash_str)(const char *text) = memdb_hash1;
 void (*memdb_log_err)(const char *message) = nullptr;
 uint32_t memdb_idx_len = 512;
@@ -34,12 +34,15 @@ bool layout_fits(const tbl_dcl *columns, uint32_t col_cnt) {
 }
 
 void free_columns(memdb_tbl *tbl) {
-  for (memdb_col &col : memdb_cols(tbl)) memdb_free(col.idx);
+  for (memdb_col &col : memdb_cols(tbl)) {
+    memdb_empty_idx(&col);
+    memdb_free(col.idx);
+  }
   memdb_free(tbl->cols);
 }
 
 void free_rows(memdb_row *row) {
-  while (row != nullptr) memdb_free_row(std::exchange(row, row->next));
+  while (row != nullptr) memdb_retire(std::exchange(row, row->next));
 }
 
 // Writes value, cut to the column's size, into the field. All that can be done ahead of the copy or
@@ -52,6 +55,12 @@ void write_field(char *field, const memdb_col &col, const char *value) {
   if (len == kept) return;
   MEMDB_LOG(warn, "Value '%s' too long. It will be truncated to fit field size (%d bytes)\n", value,
             static_cast<int>(col.size - 1));
+}
+
+// True if the field's text is what write_field makes of the value.
+bool is_text_of(const char *field, const memdb_col &col, const char *value) {
+  const size_t kept = strnlen(value, col.size - 1);
+  return memcmp(field, value, kept) == 0 && field[kept] == '\0';
 }
 
 // False at the first value that is null. The columns from there on are reported as columns that the
@@ -100,13 +109,12 @@ memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
     memdb_free(tbl);
     return nullptr;
   }
-  for (memdb_col &col : memdb_cols(tbl)) col.idx = nullptr;
+  for (memdb_col &col : memdb_cols(tbl)) col = {};
 
   uint32_t total = 0;
   for (memdb_col &col : memdb_cols(tbl)) {
     const tbl_dcl &declared = *columns++;
     col.flags = declared.flag;
-    col.idx_len = 0;
     if (memdb_is_indexed(col)) {
       total += LINK_SIZE;
       col.idx_len = memdb_idx_len;
@@ -120,9 +128,6 @@ memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
     }
     col.offset = total;
     col.size = declared.len + 1;
-    col.changes = 0;
-    col.changing = nullptr;
-    col.changing_to = nullptr;
     total += col.size;
   }
   tbl->row_len = total;
@@ -160,7 +165,7 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
   if (tbl->last == row) tbl->last = row->prev;
   if (row->next != nullptr) row->next->prev = row->prev;
   if (row->prev != nullptr) row->prev->next = row->next;
-  memdb_free_row(row);
+  memdb_retire(row);
 }
 
 void memdb_delete_all(memdb_tbl *tbl) {
@@ -169,8 +174,7 @@ void memdb_delete_all(memdb_tbl *tbl) {
   tbl->last = nullptr;
   // With every row going, emptying the buckets does what unlinking row by row would do, without
   // walking a chain per row and column.
-  for (const memdb_col &col : memdb_cols(tbl))
-    for (uint32_t i = 0; i < col.idx_len; i++) col.idx[i] = nullptr;
+  for (memdb_col &col : memdb_cols(tbl)) memdb_empty_idx(&col);
   free_rows(rows);
 }
 
@@ -184,8 +188,10 @@ void memdb_mend_list(memdb_tbl *tbl) {
 }
 
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value) {
-  const memdb_col &target = tbl->cols[col];
+  memdb_col &target = tbl->cols[col];
   char *const field = memdb_data(row) + target.offset;
+  if (memdb_is_indexed(target) && !is_text_of(field, target, value))
+    memdb_expect_overwrite(row, &target);
   write_field(field, target, value);
   // Whatever may have been written beyond the text, the field ends within its size.
   field[target.size - 1] = '\0';

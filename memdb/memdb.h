@@ -4,7 +4,7 @@
 // table keeps all others from changing it meanwhile, by whatever lock the embedder gives it. The
 // read side, memdb_select, memdb_select_next and memdb_get_field, may run beside one that changes
 // the table, in any process, if no row that such a reader may be on is given back or becomes
-// another row: memdb_free_row is the place to see to that. It then meets every row that was there
+// another row: memdb_retire is the place to see to that. It then meets every row that was there
 // all the while, none that isn't whole, and texts that may be overwritten while it looks.
 //
 // A row is one block:
@@ -18,6 +18,8 @@
 // Nothing is aligned inside the data, so that chain links may lie at odd places. Each indexed
 // column has an array of buckets, and each bucket heads a chain that runs through the rows' links,
 // sorted by the column's text as it was when the row was inserted, rows of equal text side by side.
+// In large tables a bucket may lead to a directory instead, see memdb_directory.h; all results are
+// those of the chain.
 #pragma once
 
 #include <cstddef>
@@ -50,6 +52,10 @@ struct memdb_col {
   uint32_t changes;  // of links that lie unaligned in their rows; odd while one is being written
   void *changing;    // the link that is or was written last
   memdb_row *changing_to;  // what goes into it
+  // For directories, see memdb_directory.h.
+  uint32_t conversions;      // of chains to directories
+  uint32_t linked;           // rows in the index; about, if a writer was killed
+  uint32_t made_not_before;  // inserts to pass before one more directory is tried
 };
 
 struct memdb_tbl {
@@ -73,9 +79,10 @@ struct memdb_cursor {
 extern void *(*memdb_malloc)(size_t size);
 extern void *(*memdb_calloc)(size_t count, size_t size);
 extern void (*memdb_free)(void *block);  // accepts null
-// Gives back a row that was taken out of its table, by memdb_free if nothing else is set. For a
-// caller whose readers take no lock, and so may be on it still. Never called with null.
-extern void (*memdb_free_row)(memdb_row *row);
+// Gives back a block that nothing in a table leads to any more, a row or a part of an index, by
+// memdb_free if nothing else is set. For a caller whose readers take no lock, and so may be in it
+// still: they read all of it but the first 8 bytes. Never called with null.
+extern void (*memdb_retire)(void *block);
 extern uint32_t (*memdb_hash_str)(const char *text);
 extern void (*memdb_log_err)(const char *message);  // may be null
 extern uint32_t memdb_idx_len;                      // buckets per index of tables made from now on
@@ -104,9 +111,10 @@ void memdb_delete_all(memdb_tbl *tbl);
 void memdb_mend_list(memdb_tbl *tbl);
 
 // Overwrites one text in place, cut as in memdb_insert, by one copy: a reader without a lock may
-// meet a mix of both texts while it runs, and nothing else is done in that time. The column's index
-// isn't touched: the row stays findable through it by the old bucket only. Scripts know indexed
-// columns to be keys that an update doesn't move.
+// meet a mix of both texts while it runs, and nothing else is done in that time. The row keeps its
+// place in the column's index: it stays findable through it by the old bucket only. Scripts know
+// indexed columns to be keys that an update doesn't move. Another text than before makes the bucket
+// a chain for as long as that shows.
 memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value);
 
 // Where the row's texts and links begin, row_len bytes that belong to the row's block.

@@ -5,96 +5,74 @@
 #include <cstdint>
 #include <cstring>
 
+#include "memdb/memdb_directory.h"
+#include "memdb/memdb_link.h"
+
 namespace {
-
-// Chain links lie at any byte of a row, so they are moved as bytes.
-memdb_row *read_link(const void *place) {
-  memdb_row *row;
-  memcpy(&row, place, sizeof(row));
-  return row;
-}
-
-void write_link(void *place, memdb_row *row) { memcpy(place, &row, sizeof(row)); }
-
-// The processor moves an aligned link as a whole, but one that isn't may be seen half written. So
-// the writer of such a link first tells the column which one it writes and what, in aligned words,
-// and counts the change when it begins and when it ends. A search that meets a change takes what
-// was told for that link and any other link as it is: it needs no end of the change, which never
-// comes if the writer has been killed. The counting is that of a sequence lock (Lameter, "Effective
-// Synchronization on Linux/NUMA Systems", 2005).
-bool may_tear(const void *place) {
-  return reinterpret_cast<uintptr_t>(place) % sizeof(memdb_row *) != 0;
-}
-
-// For searches, whose caller may hold no lock. Looks again only where another change has begun or
-// ended meanwhile.
-memdb_row *read_link_beside_writer(const void *place, const memdb_col *col) {
-  if (!may_tear(place)) return read_link(place);
-  auto &shared = const_cast<memdb_col &>(*col);
-  const std::atomic_ref changes(shared.changes);
-  for (;;) {
-    const uint32_t before = changes.load(std::memory_order_acquire);
-    memdb_row *row = read_link(place);
-    if (before % 2 != 0) {
-      const void *const changing = std::atomic_ref(shared.changing).load(std::memory_order_relaxed);
-      memdb_row *const to = std::atomic_ref(shared.changing_to).load(std::memory_order_relaxed);
-      if (changing == place) row = to;
-    }
-    std::atomic_thread_fence(std::memory_order_acquire);
-    if (changes.load(std::memory_order_relaxed) == before) return row;
-  }
-}
-
-// For a link of a chain that readers may be in. The writer holds the table's lock.
-void write_link_beside_readers(void *place, memdb_row *row, memdb_col *col) {
-  // What the link leads to is complete before it can be met, and the change before is over.
-  std::atomic_thread_fence(std::memory_order_release);
-  if (!may_tear(place)) {
-    write_link(place, row);
-    return;
-  }
-  const std::atomic_ref changes(col->changes);
-  uint32_t begun = changes.load(std::memory_order_relaxed) + 1;
-  // A writer that was killed has left the count odd: its change ends here, ahead of the next one.
-  if (begun % 2 == 0) {
-    changes.store(begun, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    begun++;
-  }
-  std::atomic_ref(col->changing).store(place, std::memory_order_relaxed);
-  std::atomic_ref(col->changing_to).store(row, std::memory_order_relaxed);
-  changes.store(begun, std::memory_order_release);
-  std::atomic_thread_fence(std::memory_order_release);
-  write_link(place, row);
-  changes.store(begun + 1, std::memory_order_release);
-}
-
-char *link_of(memdb_row *row, const memdb_col *col) {
-  return memdb_data(row) + col->offset - sizeof(memdb_row *);
-}
-
-const char *link_of(const memdb_row *row, const memdb_col *col) {
-  return memdb_data(row) + col->offset - sizeof(memdb_row *);
-}
-
-const char *field_of(const memdb_row *row, const memdb_col *col) {
-  return memdb_data(row) + col->offset;
-}
 
 memdb_row **bucket_of(const memdb_col *col, const char *key) {
   return &col->idx[memdb_hash_str(key) % col->idx_len];
 }
 
+// Puts the row into the chain of its bucket, and tells how many rows are ahead of it.
+uint32_t link_into_chain(void *place, memdb_row *row, memdb_col *col) {
+  const char *const key = memdb_text_of(row, col);
+  uint32_t ahead = 0;
+  memdb_row *at = memdb_read_link(place);
+  for (; at != nullptr && strcmp(key, memdb_text_of(at, col)) > 0; at = memdb_read_link(place)) {
+    place = memdb_link_of(at, col);
+    ahead++;
+  }
+  memdb_write_link(memdb_link_of(row, col), at);
+  memdb_write_link_beside_readers(place, row, col);
+  return ahead;
+}
+
+bool is_long(const memdb_row *chain, const memdb_col *col) {
+  uint32_t rows = 0;
+  for (; chain != nullptr && rows <= memdb_directories.plain_chain; rows++)
+    chain = memdb_read_link(memdb_link_of(chain, col));
+  return rows > memdb_directories.plain_chain;
+}
+
+// Whether the chain in which so many rows are ahead of the new one is to become a directory. Rows
+// that come in falling order have none ahead of them, so now and then the chain is looked at whole.
+bool wants_directory(const memdb_row *chain, uint32_t ahead, memdb_col *col) {
+  constexpr uint32_t LOOKED_AT_ONCE_IN = 8;
+  if (col->linked <= memdb_directories.plain_rows) return false;
+  if (col->made_not_before > 0) {
+    col->made_not_before--;
+    return false;
+  }
+  return ahead > memdb_directories.plain_chain ||
+         (col->linked % LOOKED_AT_ONCE_IN == 0 && is_long(chain, col));
+}
+
 // Takes the row out of the chain that starts at place. False if it isn't in it.
 bool unlink_from_chain(void *place, memdb_row *row, memdb_col *col) {
-  for (memdb_row *at = read_link(place); at != nullptr; at = read_link(place)) {
+  for (memdb_row *at = memdb_read_link(place); at != nullptr; at = memdb_read_link(place)) {
     if (at == row) {
-      write_link_beside_readers(place, read_link(link_of(row, col)), col);
+      memdb_write_link_beside_readers(place, memdb_read_link(memdb_link_of(row, col)), col);
       return true;
     }
-    place = link_of(at, col);
+    place = memdb_link_of(at, col);
   }
   return false;
+}
+
+bool unlink_from_bucket(memdb_row **bucket, memdb_row *row, memdb_col *col) {
+  return memdb_bucket_kind(*bucket).is_chain() ? unlink_from_chain(bucket, row, col)
+                                               : memdb_directory_delete(bucket, row, col);
+}
+
+// For searches, whose caller may hold no lock.
+memdb_row *find_in_chain(memdb_row *row, const memdb_col *col, const char *key) {
+  for (; row != nullptr; row = memdb_read_link_beside_writer(memdb_link_of(row, col), col)) {
+    const int order = strcmp(key, memdb_text_of(row, col));
+    if (order == 0) return row;
+    if (order < 0) return nullptr;
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -112,24 +90,44 @@ uint32_t memdb_hash1(const char *text) {
 }
 
 void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
-  const char *const key = field_of(row, col);
-  void *place = bucket_of(col, key);
-  memdb_row *at = read_link(place);
-  while (at != nullptr && strcmp(key, field_of(at, col)) > 0) {
-    place = link_of(at, col);
-    at = read_link(place);
+  memdb_row **const bucket = bucket_of(col, memdb_text_of(row, col));
+  col->linked++;
+  if (!memdb_bucket_kind(*bucket).is_chain()) {
+    if (memdb_directory_insert(bucket, row, col)) return;
+    memdb_directory_dissolve(bucket, col);
   }
-  write_link(link_of(row, col), at);
-  write_link_beside_readers(place, row, col);
+  const uint32_t ahead = link_into_chain(bucket, row, col);
+  if (wants_directory(*bucket, ahead, col)) memdb_directory_make(bucket, col);
 }
 
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
-  if (unlink_from_chain(bucket_of(col, field_of(row, col)), row, col)) return;
+  if (col->linked > 0) col->linked--;
+  memdb_row **const bucket = bucket_of(col, memdb_text_of(row, col));
+  if (unlink_from_bucket(bucket, row, col)) return;
   memdb_report_missing_entry();
   // The text was overwritten since the row was linked. No chain may lead to a block that is about
-  // to be freed, so the other buckets are searched as well.
+  // to be freed, so the other buckets are searched as well, but for those whose rows all have the
+  // texts that lead there.
   for (uint32_t i = 0; i < col->idx_len; i++)
-    if (unlink_from_chain(&col->idx[i], row, col)) return;
+    if (memdb_bucket_kind(col->idx[i]).is_chain() && unlink_from_chain(&col->idx[i], row, col))
+      return;
+}
+
+void memdb_expect_overwrite(memdb_row *row, memdb_col *col) {
+  memdb_row **const bucket = bucket_of(col, memdb_text_of(row, col));
+  if (!memdb_bucket_kind(*bucket).is_chain() && memdb_directory_has(bucket, row, col))
+    memdb_directory_dissolve(bucket, col);
+}
+
+void memdb_empty_idx(memdb_col *col) {
+  if (col->idx == nullptr) return;
+  for (uint32_t i = 0; i < col->idx_len; i++) {
+    const memdb_bucket_kind kind(col->idx[i]);
+    std::atomic_ref(col->idx[i]).store(nullptr, std::memory_order_relaxed);
+    memdb_directory_give_back(kind, memdb_retire);
+  }
+  col->linked = 0;
+  col->made_not_before = 0;
 }
 
 void memdb_report_missing_entry() {
@@ -137,16 +135,22 @@ void memdb_report_missing_entry() {
 }
 
 memdb_row *memdb_idx_find(const memdb_col *col, const char *key) {
-  memdb_row *row = *bucket_of(col, key);
-  for (; row != nullptr; row = read_link_beside_writer(link_of(row, col), col)) {
-    const int order = strcmp(key, field_of(row, col));
-    if (order == 0) return row;
-    if (order < 0) return nullptr;
+  memdb_row **const bucket = bucket_of(col, key);
+  const std::atomic_ref conversions(const_cast<memdb_col *>(col)->conversions);
+  for (;;) {
+    const uint32_t before = conversions.load(std::memory_order_acquire);
+    memdb_row *const word = std::atomic_ref(*bucket).load(std::memory_order_acquire);
+    const memdb_bucket_kind kind(word);
+    memdb_row *const row =
+        kind.is_chain() ? find_in_chain(word, col, key) : memdb_directory_find(kind, col, key);
+    if (row != nullptr) return row;
+    std::atomic_thread_fence(std::memory_order_acquire);
+    // A chain that became a directory meanwhile may have ended too early.
+    if (conversions.load(std::memory_order_relaxed) == before) return nullptr;
   }
-  return nullptr;
 }
 
 memdb_row *memdb_idx_next_res(const memdb_row *row, const memdb_col *col, const char *key) {
-  memdb_row *const next = read_link_beside_writer(link_of(row, col), col);
-  return next != nullptr && strcmp(key, field_of(next, col)) == 0 ? next : nullptr;
+  memdb_row *const next = memdb_read_link_beside_writer(memdb_link_of(row, col), col);
+  return next != nullptr && strcmp(key, memdb_text_of(next, col)) == 0 ? next : nullptr;
 }

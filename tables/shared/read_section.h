@@ -51,7 +51,8 @@ class read_section {
 
 // Gives a row's block back that no list and no chain leads to any more: at once if no section is
 // open. Else it is kept until all have ended that are open now, and goes with a later row or with
-// settle_retired_rows. Takes no lock and no memory. The row's prev is overwritten.
+// settle_retired_rows. Takes no lock and no memory. The row's prev is overwritten, and nothing else
+// is looked at: any block goes whose first 8 bytes no reader needs.
 void retire_row(memdb_row *row);
 
 // Gives back what need not be kept any longer. To be called now and then with no lock held.

@@ -57,6 +57,6 @@ void install_engine_hooks() {
   memdb_malloc = tarn_shm_malloc;
   memdb_calloc = tarn_shm_calloc;
   memdb_free = tarn_shm_free;
-  memdb_free_row = retire_row;
+  memdb_retire = [](void *block) { retire_row(static_cast<memdb_row *>(block)); };
   memdb_log_sink = log_engine_message;
 }

@@ -141,14 +141,14 @@ class MomentsTest : public EngineTest {
   MomentsTest() {
     memdb_idx_len = 1;
     table = make({{7, INDEXED}, {31, PLAIN}, {7, INDEXED}, {31, PLAIN}});
-    memdb_free_row = [](memdb_row *) {};  // for the caller to give back
+    memdb_retire = [](void *) {};  // for the caller to give back
     moments = with_subject = 0;
     deviation = nullptr;
     subject = nullptr;
     new_text = nullptr;
   }
   ~MomentsTest() override {
-    memdb_free_row = [](memdb_row *row) { memdb_free(row); };
+    memdb_retire = [](void *block) { memdb_free(block); };
   }
 
   static memdb_row *insert_all(std::span<const row_texts> rows) {
@@ -180,9 +180,9 @@ TEST_F(MomentsTest, ADeletedRowIsWholeOrNotThere) {
     insert_all(std::span(OLDER).subspan(place));
     expect_whole_at_each_moment([] { memdb_delete_row(table, subject); });
     memdb_free(subject);
-    memdb_free_row = [](memdb_row *row) { memdb_free(row); };
+    memdb_retire = [](void *block) { memdb_free(block); };
     memdb_delete_all(table);
-    memdb_free_row = [](memdb_row *) {};
+    memdb_retire = [](void *) {};
     moments = with_subject = 0;
   }
 }

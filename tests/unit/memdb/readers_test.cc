@@ -45,7 +45,7 @@ void *shared_calloc(size_t count, size_t size) {
 void *shared_malloc(size_t size) { return shared_calloc(1, size); }
 void shared_free(void *) {}
 void say_nothing(memdb_log_level, const memdb_log_site &, const char *, ...) {}
-void keep_row(memdb_row *row) { gone[gone_count++ % gone.size()] = row; }
+void keep_block(void *block) { gone[gone_count++ % gone.size()] = block; }
 
 class ReadersTest : public EngineTest {
  protected:
@@ -56,12 +56,12 @@ class ReadersTest : public EngineTest {
     memdb_malloc = shared_malloc;
     memdb_calloc = shared_calloc;
     memdb_free = shared_free;
-    memdb_free_row = keep_row;
+    memdb_retire = keep_block;
     memdb_log_err = nullptr;
     memdb_log_sink = say_nothing;
   }
   ~ReadersTest() override {
-    memdb_free_row = [](memdb_row *row) { memdb_free(row); };
+    memdb_retire = [](void *block) { memdb_free(block); };
     munmap(arena, ARENA);
   }
 

@@ -1,0 +1,134 @@
+// From chain to directory and back.
+//
+// A directory is whole when the last row of each text leads nowhere. While it isn't, the last rows
+// may lead to other texts' first ones, which no reader takes for more than the end of the text; the
+// next writer may find it so if this one is killed.
+#include "memdb/memdb_directory_chain.h"
+
+#include <array>
+#include <atomic>
+
+#include "memdb/memdb_directory_blocks.h"
+
+namespace {
+
+bool same_text(const memdb_row *a, const memdb_row *b, const memdb_col *col) {
+  return strcmp(memdb_text_of(a, col), memdb_text_of(b, col)) == 0;
+}
+
+// The last of the rows of one text that follow each other.
+memdb_row *last_of_text(memdb_row *row, const memdb_col *col) {
+  for (;;) {
+    memdb_row *const next = memdb_read_link(memdb_link_of(row, col));
+    if (next == nullptr || !same_text(row, next, col)) return row;
+    row = next;
+  }
+}
+
+struct chain_size {
+  uint64_t rows = 0;
+  uint64_t texts = 0;
+  bool sorted = true;  // and all of them of this bucket; if not, the counts end where that shows
+};
+
+chain_size measure(memdb_row *const *bucket, const memdb_col *col) {
+  chain_size size;
+  const memdb_row *newer = nullptr;
+  for (const memdb_row *row = *bucket; row != nullptr && size.sorted;
+       row = memdb_read_link(memdb_link_of(row, col))) {
+    const char *const text = memdb_text_of(row, col);
+    const int order = newer == nullptr ? -1 : strcmp(memdb_text_of(newer, col), text);
+    size.rows++;
+    if (order != 0) size.texts++;
+    size.sorted = order <= 0 && &col->idx[memdb_hash_str(text) % col->idx_len] == bucket;
+    newer = row;
+  }
+  return size;
+}
+
+// The directory of a chain that is sorted, as a bucket's word; null without memory.
+void *directory_of(memdb_row *chain, uint64_t texts, memdb_col *col) {
+  void *const word = memdb_new_directory(texts);
+  if (word == nullptr) return nullptr;
+  const memdb_bucket_kind fresh(word);
+  while (chain != nullptr) {
+    if (!memdb_fill_directory(fresh, chain, col)) {
+      memdb_directory_give_back(fresh, memdb_free);
+      return nullptr;
+    }
+    chain = memdb_read_link(memdb_link_of(last_of_text(chain, col), col));
+  }
+  memdb_directory_is_whole(fresh, false);
+  return word;
+}
+
+// Merges two chains of texts that differ, each sorted.
+memdb_row *merge(memdb_row *a, memdb_row *b, memdb_col *col) {
+  memdb_row *first = nullptr;
+  memdb_row *last = nullptr;
+  const auto append = [&](memdb_row *row) {
+    if (last == nullptr)
+      first = row;
+    else if (memdb_read_link(memdb_link_of(last, col)) != row)
+      memdb_write_link_beside_readers(memdb_link_of(last, col), row, col);
+  };
+  while (a != nullptr && b != nullptr) {
+    memdb_row *&lower = strcmp(memdb_text_of(a, col), memdb_text_of(b, col)) < 0 ? a : b;
+    append(lower);
+    last = last_of_text(lower, col);
+    lower = memdb_read_link(memdb_link_of(last, col));
+  }
+  append(a != nullptr ? a : b);
+  return first;
+}
+
+}  // namespace
+
+void memdb_make_whole(memdb_bucket_kind kind, memdb_col *col) {
+  const memdb_slots *const table = kind.table();
+  if (table != nullptr ? table->whole : kind.parts()->whole) return;
+  memdb_each_table(kind, [col](const memdb_slots *each) {
+    memdb_each_text(each, [col](memdb_row *newest) {
+      char *const link = memdb_link_of(last_of_text(newest, col), col);
+      if (memdb_read_link(link) != nullptr) memdb_write_link_beside_readers(link, nullptr, col);
+    });
+  });
+  memdb_directory_is_whole(kind, true);
+}
+
+void memdb_directory_make(memdb_row **bucket, memdb_col *col) {
+  const chain_size size = measure(bucket, col);
+  void *const word = size.sorted ? directory_of(*bucket, size.texts, col) : nullptr;
+  if (word == nullptr) {
+    // A try costs a walk of the chain; so many inserts make up for it.
+    col->made_not_before = static_cast<uint32_t>(size.rows);
+    return;
+  }
+  memdb_publish(bucket, word);
+  const std::atomic_ref conversions(col->conversions);
+  conversions.store(conversions.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  memdb_make_whole(memdb_bucket_kind(word), col);
+}
+
+// A merge sort from below: the n-th of the bins holds a chain of 2^n texts or none.
+void memdb_directory_dissolve(memdb_row **bucket, memdb_col *col) {
+  const memdb_bucket_kind kind(*bucket);
+  memdb_make_whole(kind, col);
+  memdb_directory_is_whole(kind, false);
+  std::array<memdb_row *, 48> bins{};
+  memdb_each_table(kind, [&](const memdb_slots *table) {
+    memdb_each_text(table, [&](memdb_row *newest) {
+      size_t bin = 0;
+      for (; bins[bin] != nullptr; bin++) {
+        newest = merge(bins[bin], newest, col);
+        bins[bin] = nullptr;
+      }
+      bins[bin] = newest;
+    });
+  });
+  memdb_row *chain = nullptr;
+  for (memdb_row *const sorted : bins)
+    if (sorted != nullptr) chain = merge(sorted, chain, col);
+  memdb_publish(bucket, chain);
+  memdb_directory_give_back(kind, memdb_retire);
+}
