@@ -126,14 +126,16 @@ fuzz:
 
 .PHONY: stress
 STRESS_OPERATIONS ?= 10000000
+STRESS_SEEDS ?= 5000
 STRESS_SECONDS ?= 30
-# Eight processes, then readers without a lock beside writers.
+# Eight processes, the engine beside plain chains, readers without a lock beside writers.
 # All operations; the readers once for each of the host's allocators.
 stress: host-module
 	@$(DEPS) module tools test
 	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
-	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress
+	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress stress_directories
 	@$(BUILD)/stress/tests/stress/stress $(STRESS_OPERATIONS)
+	@$(BUILD)/stress/tests/stress/stress_directories $(STRESS_SEEDS)
 	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
 

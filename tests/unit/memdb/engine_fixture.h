@@ -17,7 +17,9 @@
 #include <vector>
 
 #include "memdb/memdb.h"
+#include "memdb/memdb_directory.h"
 #include "memdb/memdb_index.h"
+#include "tests/support/bucket_rows.h"
 
 namespace engine_test {
 
@@ -107,6 +109,8 @@ class EngineTest : public testing::Test {
     memdb_malloc = malloc;
     memdb_calloc = calloc;
     memdb_free = free;
+    memdb_retire = [](void *block) { memdb_free(block); };
+    memdb_directories = {};
     memdb_hash_str = memdb_hash1;
     memdb_log_err = nullptr;
     memdb_idx_len = 512;
@@ -180,10 +184,8 @@ class EngineTest : public testing::Test {
 
   // The rows of one chain.
   static std::vector<memdb_row *> chain(const memdb_col &col, uint32_t bucket) {
-    std::vector<memdb_row *> out;
-    for (memdb_row *row = col.idx[bucket]; row != nullptr; row = link_of(row, col))
-      out.push_back(row);
-    return out;
+    EXPECT_TRUE(memdb_bucket_kind(col.idx[bucket]).is_chain());
+    return bucket_rows(col, bucket);
   }
 
   // Number of rows in all chains of a column.
