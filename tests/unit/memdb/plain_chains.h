@@ -87,26 +87,50 @@ class plain_chains {
 
   row *of(memdb_row *twin) const { return at_.at(twin); }
 
-  // The rows that a select gives, in its order; a null matches any text.
+  // The first row that a select gives, or null; a null in wanted matches any text.
+  row *first(const std::vector<const char *> &wanted) const {
+    const size_t key = key_of(wanted);
+    if (key == wanted.size()) return listed_from(list_.size(), wanted);
+    row *at = heads_[key][memdb_hash1(wanted[key]) % heads_[key].size()];
+    while (at != nullptr && at->fields[key] < wanted[key]) at = at->links[key];
+    return chained_from(at, key, wanted);
+  }
+
+  // The one behind a row that it gave, whatever has been written to that meanwhile.
+  row *next(row *last, const std::vector<const char *> &wanted) const {
+    const size_t key = key_of(wanted);
+    return key == wanted.size() ? listed_from(numbers_.at(last), wanted)
+                                : chained_from(last->links[key], key, wanted);
+  }
+
   std::vector<memdb_row *> matching(const std::vector<const char *> &wanted) const {
     std::vector<memdb_row *> out;
-    size_t key = 0;
-    while (key < wanted.size() && (wanted[key] == nullptr || !indexed(key))) key++;
-    if (key == wanted.size()) {
-      for (auto at = list_.rbegin(); at != list_.rend(); ++at)
-        if (*at != nullptr && matches(**at, wanted)) out.push_back((*at)->twin);
-      return out;
-    }
-    const row *at = chain(key, memdb_hash1(wanted[key]) % heads_[key].size());
-    while (at != nullptr && at->fields[key] < wanted[key]) at = at->links[key];
-    for (; at != nullptr && at->fields[key] == wanted[key]; at = at->links[key])
-      if (matches(*at, wanted)) out.push_back(at->twin);
+    for (row *at = first(wanted); at != nullptr; at = next(at, wanted)) out.push_back(at->twin);
     return out;
   }
 
   const row *chain(size_t col, size_t bucket) const { return heads_[col][bucket]; }
 
  private:
+  size_t key_of(const std::vector<const char *> &wanted) const {
+    size_t key = 0;
+    while (key < wanted.size() && (wanted[key] == nullptr || !indexed(key))) key++;
+    return key;
+  }
+
+  row *chained_from(row *at, size_t key, const std::vector<const char *> &wanted) const {
+    for (; at != nullptr && at->fields[key] == wanted[key]; at = at->links[key])
+      if (matches(*at, wanted)) return at;
+    return nullptr;
+  }
+
+  // The newest that is older than the one of that number.
+  row *listed_from(size_t number, const std::vector<const char *> &wanted) const {
+    while (number-- > 0)
+      if (list_[number] != nullptr && matches(*list_[number], wanted)) return list_[number];
+    return nullptr;
+  }
+
   bool indexed(size_t col) const { return (columns_[col].flag & MEMDB_COL_INDEXED) != 0; }
 
   row *&head(size_t col, const std::string &text) {
