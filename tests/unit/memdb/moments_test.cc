@@ -1,47 +1,14 @@
 // A writer may be killed at any instruction. So at each of them the table is looked at: by the list
 // from its oldest row on, as a stop stores it, and by the list from its newest row on and the
 // chains, as readers without a lock go. What is met is whole.
-#include <ucontext.h>
-
 #include <array>
-#include <csignal>
 #include <span>
 
 #include "tests/unit/memdb/engine_fixture.h"
+#include "tests/unit/memdb/single_steps.h"
 
 namespace engine_test {
 namespace {
-
-// Stops this process behind each instruction of some work, to have a look. The look may allocate
-// nothing, since the work may be amid an allocation.
-class single_steps {
- public:
-  static void run(void (*look)(), void (*work)()) {
-    looks_ = look;
-    struct sigaction action = {};
-    struct sigaction before;
-    action.sa_flags = SA_SIGINFO;
-    action.sa_sigaction = stopped;
-    sigaction(SIGTRAP, &action, &before);
-    goes_on_ = true;
-    raise(SIGTRAP);
-    work();
-    goes_on_ = false;
-    sigaction(SIGTRAP, &before, nullptr);
-  }
-
- private:
-  static constexpr greg_t SINGLE_STEP = 0x100;  // of the processor's flags
-
-  static void stopped(int, siginfo_t *, void *context) {
-    greg_t &flags = static_cast<ucontext_t *>(context)->uc_mcontext.gregs[REG_EFL];
-    flags = goes_on_ ? flags | SINGLE_STEP : flags & ~SINGLE_STEP;
-    if (goes_on_) looks_();
-  }
-
-  static inline void (*looks_)();
-  static inline volatile bool goes_on_;
-};
 
 constexpr uint32_t COLUMNS = 4;
 using row_texts = std::array<const char *, COLUMNS>;
