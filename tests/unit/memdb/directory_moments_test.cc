@@ -143,7 +143,7 @@ TEST_F(DirectoryMomentsTest, ADirectoryIsEnlarged) {
 }
 
 TEST_F(DirectoryMomentsTest, ADirectoryIsMadeInParts) {
-  looked_at_once_in = 7;
+  looked_at_once_in = 31;
   insert_others(45);
   ASSERT_EQ(slots(), 64u);
   expect_no_moment_without_the_kept(insert_subject);
@@ -151,7 +151,7 @@ TEST_F(DirectoryMomentsTest, ADirectoryIsMadeInParts) {
 }
 
 TEST_F(DirectoryMomentsTest, PartsBecomeOneTable) {
-  looked_at_once_in = 7;
+  looked_at_once_in = 31;
   insert_subject();
   insert_others(46);
   delete_others(41);
@@ -179,7 +179,7 @@ TEST_F(DirectoryMomentsTest, ADirectoryBecomesAChainAheadOfAnOverwrite) {
 }
 
 TEST_F(DirectoryMomentsTest, PartsBecomeAChainAheadOfAnOverwrite) {
-  looked_at_once_in = 7;
+  looked_at_once_in = 31;
   insert_others(60);
   subject = insert_key("zz");
   ASSERT_NE(bucket().parts(), nullptr);
@@ -195,6 +195,87 @@ TEST_F(DirectoryMomentsTest, RowsOfAnyPlaceAmongThoseOfTheirTextComeAndGo) {
     expect_no_moment_without_the_kept(delete_subject);
     EXPECT_EQ(count_of("subject"), newer * (newer + 1) / 2);
   }
+}
+
+// The other way round: a reader is stopped at its instructions, and at each of them a process of
+// its own does all of some work and then goes on as the reader.
+void (*work_meanwhile)();
+bool is_reader_after_work;
+size_t found_by_reader;
+
+void work_and_go_on() {
+  constexpr size_t STOPPED_ONCE_IN = 3;
+  if (deviation != nullptr || moments++ % STOPPED_ONCE_IN != 0) return;
+  const pid_t other = fork();
+  if (other == 0) {
+    work_meanwhile();
+    is_reader_after_work = true;
+    single_steps::end();
+    return;
+  }
+  int status = 0;
+  waitpid(other, &status, 0);
+  if (status != 0) deviation = "a reader misses a row";
+}
+
+void convert() { insert_key("zz"); }
+void convert_and_dissolve() {
+  convert();
+  memdb_set_field(table, table->first, 1, "zzz");
+}
+void convert_twice() {
+  convert_and_dissolve();
+  for (int i = 0; i < 9; i++) insert_key("zzzz");
+}
+void grow_to_parts() {
+  for (char c = '\0'; c < 100; c++) {
+    const char key[] = {static_cast<char>(' ' + c), '~', '\0'};
+    insert_key(key);
+  }
+}
+void go_as_far_as_the_kept() {
+  while (table->first->next->next->next->next->next->next != nullptr)
+    memdb_delete_row(table, table->first);
+}
+
+class InterruptedReaderTest : public DirectoryMomentsTest {
+ protected:
+  void expect_that_kept_are_found(void (*work)()) {
+    work_meanwhile = work;
+    moments = 0;
+    is_reader_after_work = false;
+    blocks_.begin_read();
+    single_steps::run(work_and_go_on, [] { found_by_reader = count_of(KEPT[2]); });
+    if (is_reader_after_work) _exit(found_by_reader == TWINS ? 0 : 1);
+    blocks_.end_read();
+    EXPECT_EQ(deviation, nullptr) << deviation << " after moment " << moments;
+    EXPECT_GT(moments, 100u);
+  }
+};
+
+void overwrite_newest() { memdb_set_field(table, table->first, 1, "zzz"); }
+
+TEST_F(InterruptedReaderTest, FindsItsRowsWhateverBecomesOfAChainMeanwhile) {
+  insert_others(1);
+  for (const auto work : {convert, convert_and_dissolve, convert_twice, grow_to_parts})
+    expect_that_kept_are_found(work);
+  EXPECT_TRUE(bucket().is_chain());
+}
+
+TEST_F(InterruptedReaderTest, FindsItsRowsWhateverBecomesOfADirectoryMeanwhile) {
+  insert_others(1);
+  insert_key("zz");
+  for (const auto work : {overwrite_newest, grow_to_parts, go_as_far_as_the_kept})
+    expect_that_kept_are_found(work);
+  EXPECT_NE(bucket().table(), nullptr);
+}
+
+TEST_F(InterruptedReaderTest, FindsItsRowsWhateverBecomesOfPartsMeanwhile) {
+  grow_to_parts();
+  insert_key("zz");
+  for (const auto work : {overwrite_newest, grow_to_parts, go_as_far_as_the_kept})
+    expect_that_kept_are_found(work);
+  EXPECT_NE(bucket().parts(), nullptr);
 }
 
 }  // namespace

@@ -30,6 +30,8 @@ class DirectoryReadersTest : public EngineTest {
     memdb_directories = {.plain_rows = 0, .plain_chain = 4, .slots_in_one = 256};
   }
 
+  ~DirectoryReadersTest() override { end_other(); }
+
   void make_table(uint32_t lead) {
     others_.fill(nullptr);
     const tbl_dcl columns[] = {{lead, PLAIN}, {25, INDEXED}};
@@ -73,28 +75,46 @@ class DirectoryReadersTest : public EngineTest {
     return met == TWINS;
   }
 
-  // Forks a process that reads until it is ended, which it is by itself at a wrong read.
-  pid_t start_reader() {
+  // Forks a process that does something again and again, until it is ended, which it is by itself
+  // when that gives false.
+  void start(bool (*again)(DirectoryReadersTest *self, uint32_t number)) {
     blocks_.begin_reading();
-    const pid_t reader = fork();
-    if (reader == 0)
-      for (uint32_t number = 0;; number++)
-        if (!read(number)) _exit(1);
-    return reader;
+    other_ = fork();
+    if (other_ != 0) return;
+    for (uint32_t number = 0; again(this, number); number++) {
+    }
+    _exit(1);
+  }
+  void start_reader() {
+    start([](DirectoryReadersTest *self, uint32_t number) { return self->read(number); });
+  }
+  void start_writer() {
+    start([](DirectoryReadersTest *self, uint32_t number) {
+      self->write(number);
+      return true;
+    });
   }
 
-  static void expect_that_it_still_reads(pid_t reader) {
+  void end_other() {
+    if (other_ == 0) return;
+    kill(other_, SIGKILL);
+    waitpid(other_, nullptr, 0);
+    other_ = 0;
+  }
+
+  void expect_that_it_still_reads() {
     int status = 0;
-    EXPECT_EQ(waitpid(reader, &status, WNOHANG), 0)
-        << (WIFEXITED(status) ? "a read missed a row" : "a read ended badly");
-    kill(reader, SIGKILL);
-    waitpid(reader, nullptr, 0);
+    const pid_t ended = waitpid(other_, &status, WNOHANG);
+    EXPECT_EQ(ended, 0) << (WIFEXITED(status) ? "a read missed a row" : "a read ended badly");
+    if (ended != 0) other_ = 0;
+    end_other();
   }
 
   shared_blocks blocks_;
   memdb_tbl *table_ = nullptr;
   memdb_row *changed_ = nullptr;
   std::array<memdb_row *, OTHERS> others_{};
+  pid_t other_ = 0;
 };
 
 // With links that are aligned and that aren't: they lie behind a column of that length.
@@ -102,12 +122,12 @@ TEST_F(DirectoryReadersTest, EveryRowThatStaysIsFoundWhateverBecomesOfItsBucket)
   for (const uint32_t lead : {7u, 10u}) {
     SCOPED_TRACE(lead);
     make_table(lead);
-    const pid_t reader = start_reader();
+    start_reader();
     const auto end = std::chrono::steady_clock::now() + WORK;
     uint32_t number = 0;
     while (std::chrono::steady_clock::now() < end)
       for (int i = 0; i < 100; i++) write(number++);
-    expect_that_it_still_reads(reader);
+    expect_that_it_still_reads();
     EXPECT_GT(table_->cols[1].conversions, 100u);
   }
 }
@@ -115,19 +135,16 @@ TEST_F(DirectoryReadersTest, EveryRowThatStaysIsFoundWhateverBecomesOfItsBucket)
 // The writer is stopped wherever it is, again and again, and each time every row is read.
 TEST_F(DirectoryReadersTest, AWriterThatIsStoppedAnywhereStopsNoReader) {
   make_table(10);
-  const pid_t writer = fork();
-  if (writer == 0)
-    for (uint32_t number = 0;; number++) write(number);
+  start_writer();
   for (uint32_t i = 0; i < 600; i++) {
     usleep(50 + i % 7);
-    kill(writer, SIGSTOP);
+    kill(other_, SIGSTOP);
     int status = 0;
-    waitpid(writer, &status, WUNTRACED);
+    waitpid(other_, &status, WUNTRACED);
     for (uint32_t number = 0; number < KEPT; number++) ASSERT_TRUE(read(number));
-    kill(writer, SIGCONT);
+    kill(other_, SIGCONT);
   }
-  kill(writer, SIGKILL);
-  waitpid(writer, nullptr, 0);
+  end_other();
   EXPECT_GT(table_->cols[1].conversions, 10u);
 }
 

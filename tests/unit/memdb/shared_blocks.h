@@ -65,6 +65,7 @@ class shared_blocks {
     block_head *head;
     if (queue.first != queue.end && may_be_reused(*queue.blocks[queue.first % MOST])) {
       head = queue.blocks[queue.first++ % MOST];
+      memset(head + 1, 0, size);
     } else {
       const size_t at = (used_ + LINE - 1) / LINE * LINE;
       if (at + whole > SIZE) return nullptr;
@@ -72,7 +73,6 @@ class shared_blocks {
       used_ = at + whole;
     }
     head->size_class = size_class;
-    memset(head + 1, 0, size);
     return head + 1;
   }
 

@@ -25,13 +25,16 @@ class single_steps {
     sigaction(SIGTRAP, &before, nullptr);
   }
 
+  // For a look: the last one, and the work goes on by itself.
+  static void end() { goes_on_ = false; }
+
  private:
   static constexpr greg_t SINGLE_STEP = 0x100;  // of the processor's flags
 
   static void stopped(int, siginfo_t *, void *context) {
+    if (goes_on_) looks_();
     greg_t &flags = static_cast<ucontext_t *>(context)->uc_mcontext.gregs[REG_EFL];
     flags = goes_on_ ? flags | SINGLE_STEP : flags & ~SINGLE_STEP;
-    if (goes_on_) looks_();
   }
 
   static inline void (*looks_)();
