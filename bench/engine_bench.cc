@@ -1,6 +1,6 @@
 // The engine beside std::unordered_multimap and an in-memory SQLite table: one row put in, taken
-// out, found by its indexed key, and looked for by a text without an index, with 100 to 100,000
-// rows in place.
+// out, found by its indexed key, and looked for by a text without an index, with 100 to 1,000,000
+// rows in place; and a table filled.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -11,6 +11,8 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "bench/benches.h"
 #include "bench/rows.h"
@@ -171,12 +173,20 @@ class sqlite_store {
   sqlite3_stmt *scan_;
 };
 
+// The rows for a store of so many and for what is put in beside; the same ones for all stores.
+const std::vector<row> &rows_for(size_t count, key_ending ending) {
+  static std::map<std::pair<size_t, key_ending>, std::vector<row>> kept;
+  std::vector<row> &out = kept[{count, ending}];
+  if (out.empty()) out = make_rows(count + SPARE_ROWS, ending);
+  return out;
+}
+
 // A filled store and what its benchmarks ask of it. Made at the first benchmark of its size and
 // kept for the others, since the order of the runs is random; they leave the same rows in it.
 template <typename Store>
 struct filled {
-  explicit filled(size_t count)
-      : rows(make_rows(count + SPARE_ROWS)), places(shuffled_places(count)), size(count) {
+  filled(size_t count, key_ending ending)
+      : rows(rows_for(count, ending)), places(shuffled_places(count)), size(count) {
     for (size_t i = 0; i < size; i++) store.insert(rows[i]);
   }
 
@@ -186,7 +196,7 @@ struct filled {
   }
 
   Store store;
-  std::vector<row> rows;
+  const std::vector<row> &rows;
   std::vector<size_t> places;
   size_t size;
   size_t at = 0;
@@ -201,17 +211,17 @@ void use_engine_defaults() {
 }
 
 template <typename Store>
-filled<Store> &filled_with(size_t count) {
+filled<Store> &filled_with(size_t count, key_ending ending) {
   use_engine_defaults();
-  static std::map<size_t, std::unique_ptr<filled<Store>>> kept;
-  std::unique_ptr<filled<Store>> &out = kept[count];
-  if (out == nullptr) out = std::make_unique<filled<Store>>(count);
+  static std::map<std::pair<size_t, key_ending>, std::unique_ptr<filled<Store>>> kept;
+  std::unique_ptr<filled<Store>> &out = kept[{count, ending}];
+  if (out == nullptr) out = std::make_unique<filled<Store>>(count, ending);
   return *out;
 }
 
 template <typename Store>
-void insert_rows(benchmark::State &state, size_t count) {
-  filled<Store> &f = filled_with<Store>(count);
+void insert_rows(benchmark::State &state, size_t count, key_ending ending) {
+  filled<Store> &f = filled_with<Store>(count, ending);
   size_t spare = 0;
   while (state.KeepRunningBatch(BATCH)) {
     const row *const added = &f.rows[count + spare];
@@ -224,8 +234,8 @@ void insert_rows(benchmark::State &state, size_t count) {
 }
 
 template <typename Store>
-void delete_rows(benchmark::State &state, size_t count) {
-  filled<Store> &f = filled_with<Store>(count);
+void delete_rows(benchmark::State &state, size_t count, key_ending ending) {
+  filled<Store> &f = filled_with<Store>(count, ending);
   std::array<const row *, BATCH> chosen;
   while (state.KeepRunningBatch(BATCH)) {
     for (const row *&one : chosen) one = &f.next();
@@ -237,8 +247,8 @@ void delete_rows(benchmark::State &state, size_t count) {
 }
 
 template <typename Store>
-void find_row(benchmark::State &state, size_t count) {
-  filled<Store> &f = filled_with<Store>(count);
+void find_row(benchmark::State &state, size_t count, key_ending ending) {
+  filled<Store> &f = filled_with<Store>(count, ending);
   while (state.KeepRunningBatch(BATCH)) {
     const stopwatch watch;
     for (size_t i = 0; i < BATCH; i++) {
@@ -252,8 +262,8 @@ void find_row(benchmark::State &state, size_t count) {
 }
 
 template <typename Store>
-void scan_rows(benchmark::State &state, size_t count) {
-  filled<Store> &f = filled_with<Store>(count);
+void scan_rows(benchmark::State &state, size_t count, key_ending ending) {
+  filled<Store> &f = filled_with<Store>(count, ending);
   for (auto _ : state) {
     const stopwatch watch;
     if (f.store.scan(ABSENT_VALUE) != 0) give_up("a scan finds what isn't there");
@@ -261,39 +271,66 @@ void scan_rows(benchmark::State &state, size_t count) {
   }
 }
 
+// A store filled from nothing, in the time of one row.
+template <typename Store>
+void fill(benchmark::State &state, size_t count, key_ending ending) {
+  use_engine_defaults();
+  const std::vector<row> &rows = rows_for(count, ending);
+  while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(count))) {
+    Store store;
+    const stopwatch watch;
+    for (size_t i = 0; i < count; i++) store.insert(rows[i]);
+    state.SetIterationTime(watch.seconds());
+  }
+}
+
 struct operation {
   const char *name;
-  void (*engine)(benchmark::State &, size_t);
-  void (*multimap)(benchmark::State &, size_t);
-  void (*sqlite)(benchmark::State &, size_t);
+  size_t least;  // rows
+  size_t most;
+  void (*engine)(benchmark::State &, size_t, key_ending);
+  void (*multimap)(benchmark::State &, size_t, key_ending);
+  void (*sqlite)(benchmark::State &, size_t, key_ending);
 };
 
-#define OPERATION(name, function) \
-  operation { name, function<engine_store>, function<multimap_store>, function<sqlite_store> }
+#define OPERATION(name, least, most, function)                                                  \
+  operation {                                                                                   \
+    name, least, most, function<engine_store>, function<multimap_store>, function<sqlite_store> \
+  }
 
 const operation operations[] = {
-    OPERATION("engine insert", insert_rows),
-    OPERATION("engine delete", delete_rows),
-    OPERATION("engine search by index", find_row),
-    OPERATION("engine search without index", scan_rows),
+    OPERATION("engine insert", 100, 1000000, insert_rows),
+    OPERATION("engine delete", 100, 1000000, delete_rows),
+    OPERATION("engine search by index", 100, 1000000, find_row),
+    OPERATION("engine search without index", 100, 100000, scan_rows),
+    OPERATION("engine filling, each row", 100000, 1000000, fill),
 };
 
 #undef OPERATION
 
 void register_one(const std::string &of_case, const char *side,
-                  void (*function)(benchmark::State &, size_t), size_t count) {
-  benchmark::RegisterBenchmark((of_case + "/" + side).c_str(), function, count)->UseManualTime();
+                  void (*function)(benchmark::State &, size_t, key_ending), size_t count,
+                  key_ending ending) {
+  benchmark::RegisterBenchmark((of_case + "/" + side).c_str(), function, count, ending)
+      ->UseManualTime();
+}
+
+void register_operation(const operation &op, size_t count, key_ending ending) {
+  const std::string of_case = std::string(op.name) + ", " + std::to_string(count) +
+                              (ending == key_ending::common ? ", keys of a common ending" : "");
+  register_one(of_case, engine_store::NAME, op.engine, count, ending);
+  register_one(of_case, multimap_store::NAME, op.multimap, count, ending);
+  register_one(of_case, sqlite_store::NAME, op.sqlite, count, ending);
 }
 
 }  // namespace
 
 void register_engine_benches() {
   for (const operation &op : operations)
-    for (const size_t count : {100U, 1000U, 10000U, 100000U}) {
-      const std::string of_case = std::string(op.name) + ", " + std::to_string(count);
-      register_one(of_case, engine_store::NAME, op.engine, count);
-      register_one(of_case, multimap_store::NAME, op.multimap, count);
-      register_one(of_case, sqlite_store::NAME, op.sqlite, count);
+    for (const size_t count : {100U, 1000U, 10000U, 100000U, 1000000U}) {
+      if (count < op.least || count > op.most) continue;
+      register_operation(op, count, key_ending::own);
+      if (count >= 1000) register_operation(op, count, key_ending::common);
     }
 }
 

@@ -9,7 +9,7 @@
 
 namespace bench {
 
-std::vector<row> make_rows(size_t count) {
+std::vector<row> make_rows(size_t count, key_ending ending) {
   std::vector<row> out;
   out.reserve(count);
   for (size_t i = 0; i < count; i++) {
@@ -18,7 +18,8 @@ std::vector<row> make_rows(size_t count) {
     char key[32];
     char group[32];
     char value[64];
-    snprintf(key, sizeof(key), "user%08u", number);
+    snprintf(key, sizeof(key), "user%08u%s", number,
+             ending == key_ending::common ? "@sip.example.org" : "");
     snprintf(group, sizeof(group), "group%03u", number % 100);
     snprintf(value, sizeof(value), "sip:user%08u@10.0.%u.%u:5060", number, number / 256 % 256,
              number % 256);
