@@ -7,6 +7,7 @@
 #include <set>
 #include <thread>
 
+#include "memdb/memdb_directory.h"
 #include "tests/unit/tables/fixture.h"
 #include "tests/unit/tables/processes.h"
 
@@ -224,7 +225,9 @@ TEST_F(ReadSectionTest, RowsThatManyTakeOutAtOnceAreAllKept) {
   constexpr size_t ROWS = 5000;
   const size_t before = standin::live_count(pool::shm);
   std::vector<memdb_row *> rows(WORKERS * ROWS);
+  memdb_directories.plain_rows = UINT32_MAX;  // so that the buckets need but be emptied
   for (memdb_row *&row : rows) row = add_row();
+  memdb_directories = {};
   {
     const read_section section;
     table()->tbl->first = table()->tbl->last = nullptr;
