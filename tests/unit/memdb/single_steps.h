@@ -4,8 +4,16 @@
 #include <ucontext.h>
 
 #include <csignal>
+#include <cstddef>
+
+extern "C" void __asan_init() __attribute__((weak));
 
 namespace engine_test {
+
+// Of so many moments one is to be forked at: a process under the sanitizers takes long to fork.
+inline size_t forked_at_once_in(size_t moments) {
+  return &__asan_init != nullptr ? 40 * moments : moments;
+}
 
 // Stops this process behind each instruction of some work, to have a look. The look may allocate
 // nothing, since the work may be amid an allocation.
