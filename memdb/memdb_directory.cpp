@@ -4,7 +4,6 @@
 #include <atomic>
 
 #include "memdb/memdb_directory_blocks.h"
-#include "memdb/memdb_directory_chain.h"
 
 namespace {
 

@@ -25,10 +25,12 @@ memdb_parts *new_parts(uint64_t texts) {
 }
 
 bool take_over(memdb_bucket_kind fresh, uint64_t hash, uint64_t slot) {
-  if (memdb_slots *const table = fresh.table()) return memdb_slots_take_over(table, hash, slot);
-  memdb_parts *const parts = fresh.parts();
-  parts->texts++;
-  return memdb_slots_take_over(parts->parts[memdb_part_of(hash)], hash, slot);
+  if (memdb_parts *const parts = fresh.parts()) {
+    parts->texts++;
+    return memdb_slots_take_over(parts->parts[memdb_part_of(hash)], hash, slot);
+  }
+  memdb_slots *const table = fresh.table();
+  return table != nullptr && memdb_slots_take_over(table, hash, slot);
 }
 
 // Puts the texts of a table into a fresh directory.

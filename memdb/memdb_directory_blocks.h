@@ -13,6 +13,10 @@ void *memdb_new_directory(uint64_t texts);
 // Puts a text with its rows into such a directory. False if there is no room.
 bool memdb_fill_directory(memdb_bucket_kind fresh, memdb_row *newest, memdb_col *col);
 
+// In memdb_directory_chain.cpp. Ends what a writer began that was killed while the links between
+// texts were being cut or made, so that each text's last row leads nowhere again.
+void memdb_make_whole(memdb_bucket_kind kind, memdb_col *col);
+
 // Marks such a directory as one whose texts' last rows lead nowhere.
 void memdb_directory_is_whole(memdb_bucket_kind kind, bool whole);
 

@@ -3,8 +3,6 @@
 // A directory is whole when the last row of each text leads nowhere. While it isn't, the last rows
 // may lead to other texts' first ones, which no reader takes for more than the end of the text; the
 // next writer may find it so if this one is killed.
-#include "memdb/memdb_directory_chain.h"
-
 #include <array>
 #include <atomic>
 
