@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "memdb/memdb_index.h"
+#include "memdb/memdb_prefix.h"
 
 void *(*memdb_malloc)(size_t size) = malloc;
 void *(*memdb_calloc)(size_t count, size_t size) = calloc;
@@ -78,6 +79,10 @@ bool fill_row(const memdb_tbl *tbl, memdb_row *row, const char *const *values) {
   return true;
 }
 
+void count_rows(memdb_tbl *tbl, uint32_t count) {
+  std::atomic_ref(tbl->row_cnt).store(count, std::memory_order_relaxed);
+}
+
 // Puts a row that is filled at the head of the list and into the chains. Whoever is killed in
 // between leaves a list that is whole in the one direction or in both.
 void link_row(memdb_tbl *tbl, memdb_row *row) {
@@ -133,11 +138,13 @@ memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
   tbl->row_len = total;
   tbl->first = nullptr;
   tbl->last = nullptr;
+  memdb_begin_prefixes(tbl);
   return tbl;
 }
 
 void memdb_destroy_tbl(memdb_tbl *tbl) {
   if (tbl == nullptr) return;
+  memdb_end_prefixes(tbl);
   free_columns(tbl);
   free_rows(tbl->first);
   memdb_free(tbl);
@@ -154,27 +161,33 @@ memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
     memdb_free(row);
     return nullptr;
   }
+  count_rows(tbl, tbl->row_cnt + 1);
   link_row(tbl, row);
+  memdb_join_prefixes(tbl, row);
   return row;
 }
 
 void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
+  memdb_leave_prefixes(tbl, row);
   for (memdb_col &col : memdb_cols(tbl))
     if (memdb_is_indexed(col)) memdb_delete_idx_entry(row, &col);
   if (tbl->first == row) tbl->first = row->next;
   if (tbl->last == row) tbl->last = row->prev;
   if (row->next != nullptr) row->next->prev = row->prev;
   if (row->prev != nullptr) row->prev->next = row->next;
+  count_rows(tbl, std::max(tbl->row_cnt, 1U) - 1);
   memdb_retire(row);
 }
 
 void memdb_delete_all(memdb_tbl *tbl) {
+  memdb_empty_prefixes(tbl);
   memdb_row *const rows = tbl->first;
   tbl->first = nullptr;
   tbl->last = nullptr;
   // With every row going, emptying the buckets does what unlinking row by row would do, without
   // walking a chain per row and column.
   for (memdb_col &col : memdb_cols(tbl)) memdb_empty_idx(&col);
+  count_rows(tbl, 0);
   free_rows(rows);
 }
 
@@ -192,6 +205,7 @@ memdb_row *memdb_set_field(memdb_tbl *tbl, memdb_row *row, uint32_t col, const c
   char *const field = memdb_data(row) + target.offset;
   if (memdb_is_indexed(target) && !is_text_of(field, target, value))
     memdb_expect_overwrite(row, &target);
+  const memdb_prefix_overwrite overwrite(tbl, row, col, value);
   write_field(field, target, value);
   // Whatever may have been written beyond the text, the field ends within its size.
   field[target.size - 1] = '\0';

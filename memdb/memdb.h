@@ -42,6 +42,8 @@ struct memdb_row {
   memdb_row *next;
 };
 
+struct memdb_prefix_slots;
+
 struct memdb_col {
   uint32_t flags;
   uint32_t idx_len;  // buckets; 0 without an index
@@ -50,6 +52,7 @@ struct memdb_col {
   uint32_t size;     // bytes of the text area: declared length and terminator
   // For searches beside a writer, see memdb_index.cpp.
   uint32_t changes;  // of links that lie unaligned in their rows; odd while one is being written
+  bool overwritten;  // some row's text, in an indexed column, since the table was empty
   void *changing;    // the link that is or was written last
   memdb_row *changing_to;  // what goes into it
   // For directories, see memdb_directory.h.
@@ -58,12 +61,24 @@ struct memdb_col {
   uint32_t made_not_before;  // inserts to pass before one more directory is tried
 };
 
+// A form of searches for the longest prefix, see memdb_prefix.h.
+struct memdb_prefix_form {
+  int16_t main;               // column of the prefixes; MEMDB_NO_COL ends the forms in use
+  bool given_up;              // no look-up is to be made
+  uint32_t given;             // columns that searches give beside it, bit by bit
+  memdb_prefix_slots *slots;  // the look-up, null without one
+};
+inline constexpr size_t MEMDB_PREFIX_FORMS = 4;
+
 struct memdb_tbl {
   uint32_t row_len;
+  uint32_t row_cnt;  // one off where a writer was killed
   memdb_row *first;  // newest row
   memdb_row *last;   // oldest row
   uint32_t col_cnt;
+  uint32_t overwrites;  // of texts that look-ups go by; odd amid one
   memdb_col *cols;
+  memdb_prefix_form prefixes[MEMDB_PREFIX_FORMS];
 };
 
 // A search in progress. values, one entry per column, a null matching any text, is the caller's and

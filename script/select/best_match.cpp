@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "host/log.h"
+#include "memdb/memdb_prefix.h"
 #include "query/text/field_strings.h"
 #include "script/params/read_param.h"
 #include "script/select/row_list.h"
@@ -89,6 +90,11 @@ class best_rows {
   bool tells_all() const { return debug_; }
   std::span<const memdb_row *const> rows() const { return rows_.rows(); }
 
+  // Takes rows that were found otherwise than by visits.
+  void take(std::span<const memdb_row *const> found) {
+    for (const memdb_row *const row : found) rows_.add(row);
+  }
+
   // Judges the row that was visited as the given one. False once the list is full: that ends the
   // scan, even with a longer entry ahead. Few rows come here, and what is done about them isn't to
   // take registers from the scan's loop.
@@ -149,6 +155,20 @@ class best_rows {
   row_list rows_;
 };
 
+// What a scan would come to, from the table's look-up. False, with nothing done, where there is
+// none that could tell, or where the visits themselves are to be told.
+bool look_up(const select_run &run, const prefix_search &search, best_rows *best) {
+  // A scan ends with a full list, so that the engine's limit is that list's.
+  static_assert(MEMDB_PREFIX_MOST_EQUAL < row_list::CAPACITY);
+  if (host_log_enabled(L_DBG) || search.left_out != 0) return false;
+  const memdb_row *found[MEMDB_PREFIX_MOST_EQUAL];
+  const int32_t count = memdb_longest_prefix(
+      run.tbl(), {search.column, search.key, run.query.flds, run.max_res()}, found);
+  if (count == MEMDB_PREFIX_UNKNOWN) return false;
+  best->take({found, static_cast<size_t>(count)});
+  return true;
+}
+
 // max_res limits the rows visited. Nearly every entry differs from the key in its first characters:
 // with nothing to tell, that is all there is to do about such a row.
 void scan(const select_run &run, const prefix_search &search, best_rows *best) {
@@ -180,7 +200,7 @@ int select_best_match(sip_msg *msg, const select_params &params, const char *col
   prefix_search search;
   if (!read_search(&run, column_text, flags, &search)) return SCRIPT_FAILED;
   best_rows best(search);
-  scan(run, search, &best);
+  if (!look_up(run, search, &best)) scan(run, search, &best);
   return deliver_held(&run, best.rows(), FOUND);
 }
 

@@ -1,0 +1,235 @@
+// Keeping look-ups in step with their table.
+#include "memdb/memdb_prefix.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstring>
+
+#include "memdb/memdb_prefix_slots.h"
+
+uint32_t memdb_prefix_rows = 1000;
+
+namespace {
+
+constexpr uint32_t MOST_COLUMNS = 32;
+// Where the ages of a new look-up begin. The rows that are there already have lower ones.
+constexpr uint64_t FIRST_AGE = uint64_t{1} << 40;
+constexpr uint64_t NOT_IN = 0;
+
+uint32_t bit_of(uint32_t col) { return uint32_t{1} << col; }
+
+bool goes_by(const memdb_prefix_form &form, uint32_t col) {
+  return form.main == static_cast<int32_t>(col) || (form.given & bit_of(col)) != 0;
+}
+
+// The column whose chains a walk goes along, MEMDB_NO_COL for the list.
+int32_t leading_col(const memdb_tbl *tbl, const memdb_prefix_form &form) {
+  for (uint32_t given = form.given; given != 0; given &= given - 1) {
+    const int col = std::countr_zero(given);
+    if (memdb_is_indexed(tbl->cols[col])) return col;
+  }
+  return MEMDB_NO_COL;
+}
+
+void set_slots(memdb_prefix_form *form, memdb_prefix_slots *table) {
+  memdb_prefix_slots *const before = form->slots;
+  std::atomic_ref(form->slots).store(table, std::memory_order_release);
+  if (before != nullptr) memdb_retire(before);
+}
+
+void do_without(memdb_prefix_form *form) {
+  set_slots(form, nullptr);
+  form->given_up = true;
+}
+
+memdb_prefix_entry entry_of(const memdb_tbl *tbl, const memdb_prefix_form &form, memdb_row *row) {
+  uint64_t hash = memdb_prefix_hash_given(
+      form.given, [tbl, row](uint32_t col) { return memdb_get_field(tbl, row, col); });
+  const char *const entry = memdb_get_field(tbl, row, static_cast<uint32_t>(form.main));
+  uint32_t length = 0;
+  for (; entry[length] != '\0'; length++) hash = memdb_prefix_hash_char(hash, entry[length]);
+  return {row, NOT_IN, memdb_prefix_hash_end(hash), length};
+}
+
+// Puts the entry in, where there is room and an end of it; else there is no look-up any more.
+void put_or_do_without(memdb_tbl *tbl, memdb_prefix_form *form, const memdb_prefix_entry &entry) {
+  if (memdb_prefix_is_full(form->slots)) {
+    memdb_prefix_slots *const larger = memdb_prefix_copy_slots(form->slots, tbl->row_cnt);
+    if (larger == nullptr) {
+      do_without(form);
+      return;
+    }
+    set_slots(form, larger);
+  }
+  if (!memdb_prefix_put(form->slots, entry)) do_without(form);
+}
+
+// Fills a table with all rows. False if some entry has too many.
+bool fill(memdb_prefix_slots *table, const memdb_tbl *tbl, const memdb_prefix_form &form) {
+  uint64_t age = FIRST_AGE;
+  table->next_age = FIRST_AGE;
+  for (memdb_row *row = tbl->first; row != nullptr; row = row->next) {
+    memdb_prefix_entry entry = entry_of(tbl, form, row);
+    entry.age = --age;
+    if (memdb_prefix_is_full(table) || !memdb_prefix_put(table, entry)) return false;
+  }
+  return true;
+}
+
+void make(const memdb_tbl *tbl, memdb_prefix_form *form) {
+  const int32_t leading = leading_col(tbl, *form);
+  const bool in_order = leading == MEMDB_NO_COL || !tbl->cols[leading].overwritten;
+  memdb_prefix_slots *const table = in_order ? memdb_prefix_make_slots(tbl->row_cnt) : nullptr;
+  if (table != nullptr && fill(table, tbl, *form)) {
+    set_slots(form, table);
+    return;
+  }
+  memdb_free(table);
+  form->given_up = true;
+}
+
+void make_if_large(const memdb_tbl *tbl, memdb_prefix_form *form) {
+  if (tbl->row_cnt > memdb_prefix_rows && !form->given_up) make(tbl, form);
+}
+
+// The forms that were asked for.
+std::span<memdb_prefix_form> forms(memdb_tbl *tbl) {
+  size_t count = 0;
+  while (count < MEMDB_PREFIX_FORMS && tbl->prefixes[count].main != MEMDB_NO_COL) count++;
+  return {tbl->prefixes, count};
+}
+
+void set_overwrites(memdb_tbl *tbl, uint32_t count) {
+  // What is done before the count is odd, and what after it is even, isn't seen amid it.
+  std::atomic_ref(tbl->overwrites).store(count, std::memory_order_release);
+  std::atomic_thread_fence(std::memory_order_release);
+}
+
+// A writer that was killed amid an overwrite has left the count odd, and a row in a wrong place or
+// in none.
+void take_over(memdb_tbl *tbl) {
+  if (tbl->overwrites % 2 == 0) return;
+  for (memdb_prefix_form &form : forms(tbl)) do_without(&form);
+  set_overwrites(tbl, tbl->overwrites + 1);
+}
+
+void begin_again(memdb_tbl *tbl) {
+  for (memdb_prefix_form &form : forms(tbl)) {
+    set_slots(&form, nullptr);
+    form.given_up = false;
+  }
+}
+
+void forget_overwritten(memdb_tbl *tbl) {
+  for (memdb_col &col : memdb_cols(tbl)) col.overwritten = false;
+}
+
+// True if the value, cut to the column, is what the row has.
+bool is_same(const memdb_tbl *tbl, const memdb_row *row, uint32_t col, const char *value) {
+  return strncmp(memdb_get_field(tbl, row, col), value, tbl->cols[col].size - 1) == 0;
+}
+
+}  // namespace
+
+void memdb_begin_prefixes(memdb_tbl *tbl) {
+  tbl->row_cnt = 0;
+  tbl->overwrites = 0;
+  for (memdb_prefix_form &form : tbl->prefixes) form = {MEMDB_NO_COL, false, 0, nullptr};
+  forget_overwritten(tbl);
+}
+
+void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given) {
+  if (tbl->col_cnt > MOST_COLUMNS || main >= tbl->col_cnt || memdb_is_indexed(tbl->cols[main]))
+    return;
+  given &= ~bit_of(main);
+  if (tbl->col_cnt < MOST_COLUMNS && given >> tbl->col_cnt != 0) return;
+  const std::span<memdb_prefix_form> present = forms(tbl);
+  for (const memdb_prefix_form &form : present)
+    if (form.main == static_cast<int32_t>(main) && form.given == given) return;
+  if (present.size() == MEMDB_PREFIX_FORMS) return;
+  memdb_prefix_form &form = tbl->prefixes[present.size()];
+  form = {static_cast<int16_t>(main), false, given, nullptr};
+  make_if_large(tbl, &form);
+}
+
+void memdb_join_prefixes(memdb_tbl *tbl, memdb_row *row) {
+  take_over(tbl);
+  for (memdb_prefix_form &form : forms(tbl)) {
+    if (form.slots == nullptr) {
+      make_if_large(tbl, &form);
+      continue;
+    }
+    memdb_prefix_entry entry = entry_of(tbl, form, row);
+    entry.age = form.slots->next_age++;
+    put_or_do_without(tbl, &form, entry);
+  }
+}
+
+void memdb_leave_prefixes(memdb_tbl *tbl, const memdb_row *row) {
+  const uint32_t left = std::max(tbl->row_cnt, 1U) - 1;
+  if (left == 0) forget_overwritten(tbl);
+  take_over(tbl);
+  if (left <= memdb_prefix_rows / 2) {
+    begin_again(tbl);
+    return;
+  }
+  for (memdb_prefix_form &form : forms(tbl)) {
+    if (form.slots == nullptr) continue;
+    memdb_prefix_entry entry = entry_of(tbl, form, const_cast<memdb_row *>(row));
+    if (!memdb_prefix_take(form.slots, &entry)) {
+      do_without(&form);
+    } else if (memdb_prefix_is_wide(form.slots, left)) {
+      memdb_prefix_slots *const smaller = memdb_prefix_copy_slots(form.slots, left);
+      if (smaller != nullptr) set_slots(&form, smaller);
+    }
+  }
+}
+
+void memdb_empty_prefixes(memdb_tbl *tbl) {
+  take_over(tbl);
+  begin_again(tbl);
+  forget_overwritten(tbl);
+}
+
+void memdb_end_prefixes(memdb_tbl *tbl) {
+  for (memdb_prefix_form &form : forms(tbl)) memdb_free(form.slots);
+}
+
+memdb_prefix_overwrite::memdb_prefix_overwrite(memdb_tbl *tbl, memdb_row *row, uint32_t col,
+                                               const char *value)
+    : tbl_(nullptr), row_(row), ages_{} {
+  const bool indexed = memdb_is_indexed(tbl->cols[col]);
+  const std::span<memdb_prefix_form> all = forms(tbl);
+  const auto concerned = [col](const memdb_prefix_form &form) {
+    return form.slots != nullptr && goes_by(form, col);
+  };
+  const bool concerns = std::any_of(all.begin(), all.end(), concerned);
+  if ((!indexed && !concerns) || is_same(tbl, row, col, value)) return;
+  if (indexed) tbl->cols[col].overwritten = true;
+  if (!concerns) return;
+  take_over(tbl);
+  tbl_ = tbl;
+  set_overwrites(tbl, tbl->overwrites + 1);
+  for (size_t i = 0; i < all.size(); i++) {
+    if (!concerned(all[i])) continue;
+    memdb_prefix_entry entry = entry_of(tbl, all[i], row);
+    if (leading_col(tbl, all[i]) == static_cast<int32_t>(col) ||
+        !memdb_prefix_take(all[i].slots, &entry))
+      do_without(&all[i]);
+    else
+      ages_[i] = entry.age;
+  }
+}
+
+memdb_prefix_overwrite::~memdb_prefix_overwrite() {
+  if (tbl_ == nullptr) return;
+  const std::span<memdb_prefix_form> all = forms(tbl_);
+  for (size_t i = 0; i < all.size(); i++) {
+    if (ages_[i] == NOT_IN) continue;
+    memdb_prefix_entry entry = entry_of(tbl_, all[i], row_);
+    entry.age = ages_[i];
+    put_or_do_without(tbl_, &all[i], entry);
+  }
+  set_overwrites(tbl_, tbl_->overwrites + 1);
+}

@@ -1,0 +1,82 @@
+// Look-ups for the longest entry of a column that begins a key, so that such a search needn't visit
+// every row.
+//
+// A look-up belongs to one form of searches: the column of the entries, and the columns that
+// searches give beside it, by which they filter. The embedder names the forms that it will use. The
+// engine makes the look-up of each once a table is large, keeps it in step with the rows, and does
+// without, silently, where memory is short or where a walk of the rows could tell anything else:
+//
+//   - rows in a chain whose texts were overwritten no longer stand newest first;
+//   - a walk ends once it has met more than MEMDB_PREFIX_MOST_EQUAL rows of the best entry, even
+//     with a longer one ahead.
+//
+// It comes back when the table has been emptied or has become small. A look-up is a table of
+// slots, one per row, in a block of its own, see memdb_prefix_slots.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "memdb/memdb.h"
+
+// Rows that a table may have before look-ups are made for it. They go when half of them are left.
+extern uint32_t memdb_prefix_rows;
+
+// Most rows that a look-up holds of one entry, with equal texts in all columns that are given.
+inline constexpr size_t MEMDB_PREFIX_MOST_EQUAL = 511;
+
+// A search for the rows with the longest entry that begins the key.
+struct memdb_prefix_search {
+  uint32_t main;              // the column of the entries
+  const char *key;            // not empty
+  const char *const *values;  // one per column, null for any text, as it is for main
+  int32_t most;               // rows that a walk would visit at the most
+};
+
+inline constexpr int32_t MEMDB_PREFIX_UNKNOWN = -1;
+
+// How many rows a walk of all rows that match values would find to have the longest entry, entries
+// of no characters included, and these rows in found, newest first; found has room for
+// MEMDB_PREFIX_MOST_EQUAL. Or MEMDB_PREFIX_UNKNOWN, if only a walk can tell. May run beside a
+// writer on the conditions of memdb_select, and finds what that would.
+int32_t memdb_longest_prefix(const memdb_tbl *tbl, const memdb_prefix_search &search,
+                             std::span<const memdb_row *> found);
+
+// Asks for look-ups for searches in the column main that give the columns of the bits in given as
+// well, and makes the first if the table is large already. Does nothing for an indexed column, for
+// one that the table hasn't, or where there are MEMDB_PREFIX_FORMS already. For whoever may change
+// the table.
+void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given);
+
+// What the engine calls. Whoever does may change the table.
+
+// Of a new table: nothing is wanted.
+void memdb_begin_prefixes(memdb_tbl *tbl);
+
+// Takes in a row that is the newest in the list, and is counted.
+void memdb_join_prefixes(memdb_tbl *tbl, memdb_row *row);
+
+// Takes out a row that is about to be taken out of the table, and still counted.
+void memdb_leave_prefixes(memdb_tbl *tbl, const memdb_row *row);
+
+// Gives all look-ups back, ahead of the rows of a table that is being emptied.
+void memdb_empty_prefixes(memdb_tbl *tbl);
+
+// Frees all look-ups of a table that nobody else is at.
+void memdb_end_prefixes(memdb_tbl *tbl);
+
+// The time in which a text is overwritten. Searches that run or begin meanwhile are left to a walk,
+// which meets the row in any case; the row then has its new place and its old age.
+class memdb_prefix_overwrite {
+ public:
+  memdb_prefix_overwrite(memdb_tbl *tbl, memdb_row *row, uint32_t col, const char *value);
+  ~memdb_prefix_overwrite();
+  memdb_prefix_overwrite(const memdb_prefix_overwrite &) = delete;
+  memdb_prefix_overwrite &operator=(const memdb_prefix_overwrite &) = delete;
+
+ private:
+  memdb_tbl *tbl_;  // null if no look-up goes by the column, or the text stays
+  memdb_row *row_;
+  uint64_t ages_[MEMDB_PREFIX_FORMS];  // of the row in each look-up that it has to go back to
+};
