@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench/benches.h"
 #include "bench/started_module.h"
 #include "bench/stopwatch.h"
 #include "host/loader_symbols.h"
+#include "memdb/memdb_prefix.h"
 #include "tables/tarn_tbl.h"
 
 namespace bench {
@@ -50,8 +52,13 @@ tarn_tbl *filled_table(size_t rows) {
 
 standin::command best_match(size_t rows) {
   filled_table(rows);
-  return module()->prepare("tarn_memdb_nl_select_best_match",
-                           {table_name(rows) + "," + KEY + "|*|*", "$avp(prefix)", "0"});
+  // A look-up would leave nothing to scan.
+  const uint32_t as_built = std::exchange(memdb_prefix_rows, UINT32_MAX);
+  standin::command call =
+      module()->prepare("tarn_memdb_nl_select_best_match",
+                        {table_name(rows) + "," + KEY + "|*|*", "$avp(prefix)", "0"});
+  memdb_prefix_rows = as_built;
+  return call;
 }
 
 double seconds_of(const standin::command &call) {
@@ -112,12 +119,14 @@ void register_module_benches() {
        MAX_ROWS}};
   for (const size_t rows : {1U, 1000U, 10000U, 100000U})
     tables.push_back({table_name(rows), {{"prefix", 15}, {"trunk", 15}, {"host"}}, MAX_ROWS});
+  for (const table &one : prefix_tables()) tables.push_back(one);
   module() =
       std::make_unique<started_module>(std::make_unique<standin::loaded_module>(exports), tables);
   use_plain_allocators();
   register_query_benches();
   register_file_benches();
   register_scan_benches();
+  register_prefix_benches(module().get());
 }
 
 }  // namespace bench
