@@ -98,6 +98,16 @@ void link_row(memdb_tbl *tbl, memdb_row *row) {
     if (memdb_is_indexed(col)) memdb_update_col_idx(row, &col);
 }
 
+void unlink_row(memdb_tbl *tbl, memdb_row *row) {
+  const memdb_prefix_leave leave(tbl, row);
+  for (memdb_col &col : memdb_cols(tbl))
+    if (memdb_is_indexed(col)) memdb_delete_idx_entry(row, &col);
+  if (tbl->first == row) tbl->first = row->next;
+  if (tbl->last == row) tbl->last = row->prev;
+  if (row->next != nullptr) row->next->prev = row->prev;
+  if (row->prev != nullptr) row->prev->next = row->next;
+}
+
 }  // namespace
 
 memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
@@ -162,19 +172,13 @@ memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
     return nullptr;
   }
   count_rows(tbl, tbl->row_cnt + 1);
+  const memdb_prefix_join join(tbl, row);
   link_row(tbl, row);
-  memdb_join_prefixes(tbl, row);
   return row;
 }
 
 void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
-  memdb_leave_prefixes(tbl, row);
-  for (memdb_col &col : memdb_cols(tbl))
-    if (memdb_is_indexed(col)) memdb_delete_idx_entry(row, &col);
-  if (tbl->first == row) tbl->first = row->next;
-  if (tbl->last == row) tbl->last = row->prev;
-  if (row->next != nullptr) row->next->prev = row->prev;
-  if (row->prev != nullptr) row->prev->next = row->next;
+  unlink_row(tbl, row);
   count_rows(tbl, std::max(tbl->row_cnt, 1U) - 1);
   memdb_retire(row);
 }

@@ -65,6 +65,16 @@ void put_or_do_without(memdb_tbl *tbl, memdb_prefix_form *form, const memdb_pref
   if (!memdb_prefix_put(form->slots, entry)) do_without(form);
 }
 
+// Takes the entry out, and makes the slots fewer where so many rows that are left need few.
+void take_or_do_without(memdb_prefix_form *form, memdb_prefix_entry *entry, uint32_t left) {
+  if (!memdb_prefix_take(form->slots, entry)) {
+    do_without(form);
+  } else if (memdb_prefix_is_wide(form->slots, left)) {
+    memdb_prefix_slots *const smaller = memdb_prefix_copy_slots(form->slots, left);
+    if (smaller != nullptr) set_slots(form, smaller);
+  }
+}
+
 // Fills a table with all rows. False if some entry has too many.
 bool fill(memdb_prefix_slots *table, const memdb_tbl *tbl, const memdb_prefix_form &form) {
   uint64_t age = FIRST_AGE;
@@ -98,6 +108,16 @@ std::span<memdb_prefix_form> forms(memdb_tbl *tbl) {
   size_t count = 0;
   while (count < MEMDB_PREFIX_FORMS && tbl->prefixes[count].main != MEMDB_NO_COL) count++;
   return {tbl->prefixes, count};
+}
+
+void hash_and_fetch(memdb_tbl *tbl, memdb_row *row, memdb_prefix_entry *entry) {
+  for (const memdb_prefix_form &form : forms(tbl)) {
+    if (form.slots != nullptr) {
+      *entry = entry_of(tbl, form, row);
+      memdb_prefix_fetch(form.slots, entry->hash);
+    }
+    entry++;
+  }
 }
 
 void set_overwrites(memdb_tbl *tbl, uint32_t count) {
@@ -153,36 +173,40 @@ void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given) {
   make_if_large(tbl, &form);
 }
 
-void memdb_join_prefixes(memdb_tbl *tbl, memdb_row *row) {
+memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
   take_over(tbl);
-  for (memdb_prefix_form &form : forms(tbl)) {
+  hash_and_fetch(tbl, row, entries_);
+}
+
+memdb_prefix_join::~memdb_prefix_join() {
+  memdb_prefix_entry *entry = entries_;
+  for (memdb_prefix_form &form : forms(tbl_)) {
     if (form.slots == nullptr) {
-      make_if_large(tbl, &form);
-      continue;
+      make_if_large(tbl_, &form);
+    } else {
+      entry->age = form.slots->next_age++;
+      put_or_do_without(tbl_, &form, *entry);
     }
-    memdb_prefix_entry entry = entry_of(tbl, form, row);
-    entry.age = form.slots->next_age++;
-    put_or_do_without(tbl, &form, entry);
+    entry++;
   }
 }
 
-void memdb_leave_prefixes(memdb_tbl *tbl, const memdb_row *row) {
-  const uint32_t left = std::max(tbl->row_cnt, 1U) - 1;
-  if (left == 0) forget_overwritten(tbl);
+memdb_prefix_leave::memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
   take_over(tbl);
+  hash_and_fetch(tbl, row, entries_);
+}
+
+memdb_prefix_leave::~memdb_prefix_leave() {
+  const uint32_t left = std::max(tbl_->row_cnt, 1U) - 1;
+  if (left == 0) forget_overwritten(tbl_);
   if (left <= memdb_prefix_rows / 2) {
-    begin_again(tbl);
+    begin_again(tbl_);
     return;
   }
-  for (memdb_prefix_form &form : forms(tbl)) {
-    if (form.slots == nullptr) continue;
-    memdb_prefix_entry entry = entry_of(tbl, form, const_cast<memdb_row *>(row));
-    if (!memdb_prefix_take(form.slots, &entry)) {
-      do_without(&form);
-    } else if (memdb_prefix_is_wide(form.slots, left)) {
-      memdb_prefix_slots *const smaller = memdb_prefix_copy_slots(form.slots, left);
-      if (smaller != nullptr) set_slots(&form, smaller);
-    }
+  memdb_prefix_entry *entry = entries_;
+  for (memdb_prefix_form &form : forms(tbl_)) {
+    if (form.slots != nullptr) take_or_do_without(&form, entry, left);
+    entry++;
   }
 }
 

@@ -54,17 +54,47 @@ void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given);
 // Of a new table: nothing is wanted.
 void memdb_begin_prefixes(memdb_tbl *tbl);
 
-// Takes in a row that is the newest in the list, and is counted.
-void memdb_join_prefixes(memdb_tbl *tbl, memdb_row *row);
-
-// Takes out a row that is about to be taken out of the table, and still counted.
-void memdb_leave_prefixes(memdb_tbl *tbl, const memdb_row *row);
-
 // Gives all look-ups back, ahead of the rows of a table that is being emptied.
 void memdb_empty_prefixes(memdb_tbl *tbl);
 
 // Frees all look-ups of a table that nobody else is at.
 void memdb_end_prefixes(memdb_tbl *tbl);
+
+// What a slot is told of its row.
+struct memdb_prefix_entry {
+  memdb_row *row;
+  uint64_t age;
+  uint32_t hash;
+  uint32_t length;  // of the entry
+};
+
+// The time in which a row, filled and counted, becomes the newest one: the look-ups have it in the
+// end. Its slots, which lie anywhere, are fetched meanwhile.
+class memdb_prefix_join {
+ public:
+  memdb_prefix_join(memdb_tbl *tbl, memdb_row *row);
+  ~memdb_prefix_join();
+  memdb_prefix_join(const memdb_prefix_join &) = delete;
+  memdb_prefix_join &operator=(const memdb_prefix_join &) = delete;
+
+ private:
+  memdb_tbl *tbl_;
+  memdb_prefix_entry entries_[MEMDB_PREFIX_FORMS];  // of those forms that have slots
+};
+
+// The time in which a row is taken out of list and chains, still counted and not given back yet:
+// the look-ups don't have it in the end.
+class memdb_prefix_leave {
+ public:
+  memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row);
+  ~memdb_prefix_leave();
+  memdb_prefix_leave(const memdb_prefix_leave &) = delete;
+  memdb_prefix_leave &operator=(const memdb_prefix_leave &) = delete;
+
+ private:
+  memdb_tbl *tbl_;
+  memdb_prefix_entry entries_[MEMDB_PREFIX_FORMS];
+};
 
 // The time in which a text is overwritten. Searches that run or begin meanwhile are left to a walk,
 // which meets the row in any case; the row then has its new place and its old age.

@@ -105,12 +105,11 @@ class prefix_walk {
   bool hash_beginnings() {
     uint64_t hash =
         memdb_prefix_hash_given(given_, [this](uint32_t col) { return search_.values[col]; });
-    const memdb_prefix_slot *const slots = memdb_prefix_slots_of(table_);
     for (uint32_t length = 0;; length++) {
       if (length > MEMDB_PREFIX_LONGEST) return !has_entries(length);
       if (has_entries(length)) {
         const uint32_t end = memdb_prefix_hash_end(hash);
-        __builtin_prefetch(&slots[memdb_prefix_home(table_, end)]);
+        memdb_prefix_fetch(table_, end);
         candidates_[count_++] = {end, length};
       }
       if (search_.key[length] == '\0') return true;

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "memdb/memdb_prefix.h"
-
 namespace {
 
 constexpr uint32_t FEWEST_SLOTS = 64;
@@ -32,6 +30,18 @@ void copy_slot(memdb_prefix_slots *table, const memdb_prefix_slot &slot) {
   while (slots[at].tag != MEMDB_PREFIX_FREE) at = memdb_prefix_next(table, at);
   slots[at] = slot;
   table->used++;
+}
+
+// Frees a marked slot that no probe goes on behind, and those ahead of it of which that is true
+// then.
+void free_end_of_run(memdb_prefix_slots *table, uint32_t at) {
+  memdb_prefix_slot *const slots = memdb_prefix_slots_of(table);
+  if (slots[memdb_prefix_next(table, at)].tag != MEMDB_PREFIX_FREE) return;
+  while (slots[at].tag == MEMDB_PREFIX_LEFT) {
+    std::atomic_ref(slots[at].tag).store(MEMDB_PREFIX_FREE, std::memory_order_release);
+    table->used--;
+    at = at != 0 ? at - 1 : table->slot_cnt - 1;
+  }
 }
 
 }  // namespace
@@ -98,6 +108,7 @@ bool memdb_prefix_take(memdb_prefix_slots *table, memdb_prefix_entry *entry) {
     entry->age = memdb_prefix_age_of(slot);
     std::atomic_ref(slot.tag).store(MEMDB_PREFIX_LEFT, std::memory_order_release);
     count_length(table, entry->length, false);
+    free_end_of_run(table, at);
     return true;
   }
   return false;

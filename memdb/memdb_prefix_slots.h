@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "memdb/memdb.h"
+#include "memdb/memdb_prefix.h"
 
 inline constexpr uint32_t MEMDB_PREFIX_LONGEST = 64;  // characters of an entry that can be searched
 
@@ -56,9 +56,12 @@ inline memdb_prefix_slot *memdb_prefix_slots_of(const memdb_prefix_slots *table)
   return reinterpret_cast<memdb_prefix_slot *>(const_cast<memdb_prefix_slots *>(table + 1));
 }
 
-// Where the probing for a hash begins, and the slot behind one.
+// Where the probing for a hash begins; sending for that slot; and the slot behind one.
 inline uint32_t memdb_prefix_home(const memdb_prefix_slots *table, uint32_t hash) {
   return static_cast<uint32_t>(uint64_t{hash} * table->slot_cnt >> 32);
+}
+inline void memdb_prefix_fetch(const memdb_prefix_slots *table, uint32_t hash) {
+  __builtin_prefetch(&memdb_prefix_slots_of(table)[memdb_prefix_home(table, hash)]);
 }
 inline uint32_t memdb_prefix_next(const memdb_prefix_slots *table, uint32_t slot) {
   return slot + 1 != table->slot_cnt ? slot + 1 : 0;
@@ -111,14 +114,6 @@ uint64_t memdb_prefix_hash_given(uint32_t given, TextOf text_of) {
     hash = memdb_prefix_hash_text(hash, text_of(static_cast<uint32_t>(std::countr_zero(given))));
   return hash;
 }
-
-// What a slot is told of its row.
-struct memdb_prefix_entry {
-  memdb_row *row;
-  uint64_t age;
-  uint32_t hash;
-  uint32_t length;  // of the entry
-};
 
 // A block without rows, with room for twice so many. Null if memory is short.
 memdb_prefix_slots *memdb_prefix_make_slots(uint32_t rows);
