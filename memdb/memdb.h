@@ -65,6 +65,7 @@ struct memdb_col {
 struct memdb_prefix_form {
   int16_t main;               // column of the prefixes; MEMDB_NO_COL ends the forms in use
   bool given_up;              // no look-up is to be made
+  bool changing;              // a row comes or goes; stays so where a writer was killed
   uint32_t given;             // columns that searches give beside it, bit by bit
   memdb_prefix_slots *slots;  // the look-up, null without one
 };

@@ -126,12 +126,31 @@ void set_overwrites(memdb_tbl *tbl, uint32_t count) {
   std::atomic_thread_fence(std::memory_order_release);
 }
 
-// A writer that was killed amid an overwrite has left the count odd, and a row in a wrong place or
-// in none.
+// A writer that was killed has left a row in a wrong place or in none.
 void take_over(memdb_tbl *tbl) {
-  if (tbl->overwrites % 2 == 0) return;
-  for (memdb_prefix_form &form : forms(tbl)) do_without(&form);
-  set_overwrites(tbl, tbl->overwrites + 1);
+  const bool overwriting = tbl->overwrites % 2 != 0;
+  for (memdb_prefix_form &form : forms(tbl)) {
+    if (!overwriting && !form.changing) continue;
+    do_without(&form);
+    form.changing = false;
+  }
+  if (overwriting) set_overwrites(tbl, tbl->overwrites + 1);
+}
+
+void set_changing(memdb_tbl *tbl, bool changing) {
+  // For whoever comes after a killed writer, so that it is the order of the instructions that
+  // counts.
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  for (memdb_prefix_form &form : forms(tbl))
+    std::atomic_ref(form.changing).store(changing, std::memory_order_relaxed);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+// Before a row comes or goes.
+void begin_change(memdb_tbl *tbl, memdb_row *row, memdb_prefix_entry *entries) {
+  take_over(tbl);
+  hash_and_fetch(tbl, row, entries);
+  set_changing(tbl, true);
 }
 
 void begin_again(memdb_tbl *tbl) {
@@ -155,7 +174,7 @@ bool is_same(const memdb_tbl *tbl, const memdb_row *row, uint32_t col, const cha
 void memdb_begin_prefixes(memdb_tbl *tbl) {
   tbl->row_cnt = 0;
   tbl->overwrites = 0;
-  for (memdb_prefix_form &form : tbl->prefixes) form = {MEMDB_NO_COL, false, 0, nullptr};
+  for (memdb_prefix_form &form : tbl->prefixes) form = {MEMDB_NO_COL, false, false, 0, nullptr};
   forget_overwritten(tbl);
 }
 
@@ -169,13 +188,12 @@ void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given) {
     if (form.main == static_cast<int32_t>(main) && form.given == given) return;
   if (present.size() == MEMDB_PREFIX_FORMS) return;
   memdb_prefix_form &form = tbl->prefixes[present.size()];
-  form = {static_cast<int16_t>(main), false, given, nullptr};
+  form = {static_cast<int16_t>(main), false, false, given, nullptr};
   make_if_large(tbl, &form);
 }
 
 memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
-  take_over(tbl);
-  hash_and_fetch(tbl, row, entries_);
+  begin_change(tbl, row, entries_);
 }
 
 memdb_prefix_join::~memdb_prefix_join() {
@@ -189,25 +207,23 @@ memdb_prefix_join::~memdb_prefix_join() {
     }
     entry++;
   }
+  set_changing(tbl_, false);
 }
 
 memdb_prefix_leave::memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
-  take_over(tbl);
-  hash_and_fetch(tbl, row, entries_);
+  begin_change(tbl, row, entries_);
 }
 
 memdb_prefix_leave::~memdb_prefix_leave() {
   const uint32_t left = std::max(tbl_->row_cnt, 1U) - 1;
   if (left == 0) forget_overwritten(tbl_);
-  if (left <= memdb_prefix_rows / 2) {
-    begin_again(tbl_);
-    return;
-  }
+  if (left <= memdb_prefix_rows / 2) begin_again(tbl_);
   memdb_prefix_entry *entry = entries_;
   for (memdb_prefix_form &form : forms(tbl_)) {
     if (form.slots != nullptr) take_or_do_without(&form, entry, left);
     entry++;
   }
+  set_changing(tbl_, false);
 }
 
 void memdb_empty_prefixes(memdb_tbl *tbl) {
