@@ -25,8 +25,11 @@ inline found_rows walk_for_prefix(memdb_tbl *table, const memdb_prefix_search &s
        row != nullptr && visited < search.most && best.size() < 512;
        row = memdb_select_next(&cursor, row), visited++) {
     const char *const entry = memdb_get_field(table, row, search.main);
-    const size_t len = strlen(entry);
-    if (strncmp(search.key, entry, len) != 0 || len < longest) continue;
+    // An entry may be overwritten meanwhile, so no character is read twice.
+    size_t len = 0;
+    char c;
+    while ((c = entry[len]) != '\0' && c == search.key[len]) len++;
+    if (c != '\0' || len < longest) continue;
     if (len > longest) best.clear();
     longest = len;
     best.push_back(row);
