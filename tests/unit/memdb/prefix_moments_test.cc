@@ -30,9 +30,8 @@ void *take_zeroed(size_t count, size_t size) {
 
 memdb_tbl *table;
 memdb_row *subject;
-// Names of which one is in every row that readers may find.
+// One of these characters is in the name of each row that readers may find.
 const char *may_be_found;
-// What the later writer leaves to be found at the least: nothing is lost that wasn't being changed.
 size_t moments;
 size_t known;
 size_t taken_over;
@@ -200,6 +199,115 @@ TEST_F(PrefixMomentsTest, ATableThatIsEmptiedIsFoundAsItWasOrEmpty) {
   EXPECT_GT(moments, 50u);
   insert_route("g", "4", "again");
   EXPECT_EQ(found_name(KEY), "again");
+}
+
+// The other way round: a writer's whole work between two instructions of a search, at each place,
+// each time in a process of its own, which ends the search.
+class PrefixSearchMomentsTest : public PrefixMomentsTest {
+ protected:
+  // Three rows of the longest entry, named 1, 2 and 3 by age, one of a shorter one, and others.
+  PrefixSearchMomentsTest() {
+    memdb_delete_all(table);
+    insert_route("g", "49", "0");
+    rows_[0] = subject;
+    for (const char *name : {"1", "2", "3"}) {
+      insert_route("g", "493", name);
+      rows_[static_cast<size_t>(*name - '0')] = subject;
+    }
+    for (int i = 0; i < 40; i++) insert_route("h", "493", "other group");
+  }
+
+  // A search is right wherever the work is done amid it.
+  static void expect_right_wherever(void (*work)(), bool (*is_right)(const texts &names)) {
+    work_ = work;
+    amid_work_ = false;
+    const memdb_row *found[MEMDB_PREFIX_MOST_EQUAL];
+    static int32_t count;
+    static std::span<const memdb_row *> room;
+    room = found;
+    single_steps::run(do_work_in_another,
+                      [] { count = memdb_longest_prefix(table, search_for(KEY), room); });
+    if (amid_work_) {
+      texts names;
+      for (int32_t i = 0; i < count; i++)
+        names.push_back(memdb_get_field(table, found[static_cast<size_t>(i)], 2));
+      _exit(count == MEMDB_PREFIX_UNKNOWN || is_right(names) ? 0 : 1);
+    }
+    EXPECT_EQ(count, 3);
+    EXPECT_GT(moments, 200u);
+    EXPECT_EQ(deviation, nullptr) << deviation;
+  }
+
+  static bool has(const texts &names, const char *name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+  }
+  static bool is_newest_first(const texts &names) {
+    return std::is_sorted(names.rbegin(), names.rend());
+  }
+
+  static inline std::array<memdb_row *, 4> rows_;  // by name
+
+ private:
+  static void do_work_in_another() {
+    moments++;
+    const pid_t other = fork();
+    if (other == 0) {
+      single_steps::end();
+      amid_work_ = true;
+      work_();
+      return;
+    }
+    int status = 0;
+    waitpid(other, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) deviation = "a search goes wrong";
+  }
+
+  static inline void (*work_)();
+  static inline bool amid_work_;
+};
+
+TEST_F(PrefixSearchMomentsTest, ASlotThatIsUsedAgainIsReadAsOneRow) {
+  expect_right_wherever(
+      [] {
+        memdb_delete_row(table, rows_[1]);
+        insert_route("g", "493", "4");
+      },
+      [](const texts &names) {
+        return is_newest_first(names) && has(names, "2") && has(names, "3");
+      });
+}
+
+TEST_F(PrefixSearchMomentsTest, ARowWithAnotherEntryIsFoundByOneOfThem) {
+  expect_right_wherever(
+      [] {
+        for (size_t name = 1; name <= 3; name++)
+          memdb_set_field(table, rows_[name], PREFIX, name == 2 ? "49" : "4");
+      },
+      [](const texts &names) {
+        return names == texts{"3", "2", "1"} || names == texts{"2", "0"};
+      });
+}
+
+TEST_F(PrefixSearchMomentsTest, SlotsThatAreReplacedStillAnswer) {
+  expect_right_wherever(
+      [] {
+        for (int i = 0; i < 30; i++) insert_route("g", "7", "more");
+      },
+      [](const texts &names) {
+        return names == texts{"3", "2", "1"};
+      });
+}
+
+TEST_F(PrefixSearchMomentsTest, ARowThatStaysIsFoundThoughLongerEntriesGo) {
+  expect_right_wherever(
+      [] {
+        for (size_t name = 1; name <= 3; name++) memdb_delete_row(table, rows_[name]);
+        insert_route("h", "493", "again");
+      },
+      [](const texts &names) {
+        return names == texts{"0"} ||
+               (!names.empty() && !has(names, "0") && is_newest_first(names));
+      });
 }
 
 }  // namespace

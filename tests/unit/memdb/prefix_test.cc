@@ -1,4 +1,7 @@
 // When there is a look-up for prefixes, what it takes, and what it leaves to a walk of the rows.
+#include <unordered_map>
+
+#include "memdb/memdb_prefix_slots.h"
 #include "tests/unit/memdb/prefix_fixture.h"
 
 namespace engine_test {
@@ -104,6 +107,36 @@ TEST_F(PrefixLookUpTest, GoesByTextsAsTheyWereCut) {
   EXPECT_THAT(route(table, "group name", "1234"), IsEmpty()) << "no row has that text";
   memdb_set_field(table, row, PREFIX, "98765");
   EXPECT_THAT(route(table, "group n", "9876"), ElementsAre("group n|987|a"));
+}
+
+// Two numbers whose rows have one hash: as groups of the default entry, or as entries of group g.
+std::pair<std::string, std::string> numbers_of_one_hash(bool as_groups) {
+  std::unordered_map<uint32_t, std::string> by_hash;
+  for (int number = 100000;; number++) {
+    std::string text = std::to_string(number);
+    const char *const group = as_groups ? text.c_str() : "g";
+    uint64_t hash = memdb_prefix_hash_given(GROUP_GIVEN, [group](uint32_t) { return group; });
+    if (!as_groups)
+      for (const char c : text) hash = memdb_prefix_hash_char(hash, c);
+    const auto [place, is_new] = by_hash.emplace(memdb_prefix_hash_end(hash), text);
+    if (!is_new) return {place->second, text};
+  }
+}
+
+TEST_F(PrefixLookUpTest, TellsTextsOfOneHashApart) {
+  memdb_tbl *const table = make_routes();
+  const auto [entry, other_entry] = numbers_of_one_hash(false);
+  insert(table, {"g", entry.c_str(), "a"});
+  EXPECT_THAT(route(table, "g", entry.c_str()), ElementsAre("g|" + entry + "|a"));
+  EXPECT_THAT(route(table, "g", other_entry.c_str()), IsEmpty());
+  insert(table, {"g", other_entry.c_str(), "b"});
+  EXPECT_THAT(route(table, "g", entry.c_str()), ElementsAre("g|" + entry + "|a"));
+  EXPECT_THAT(route(table, "g", other_entry.c_str()), ElementsAre("g|" + other_entry + "|b"));
+
+  const auto [group, other_group] = numbers_of_one_hash(true);
+  insert(table, {group.c_str(), "", "c"});
+  EXPECT_THAT(route(table, group.c_str(), "9"), ElementsAre(group + "||c"));
+  EXPECT_THAT(route(table, other_group.c_str(), "9"), IsEmpty());
 }
 
 TEST_F(PrefixLookUpTest, IsOfOneFormOfSearches) {
