@@ -63,18 +63,25 @@ class form_reader {
 
   void list_character(char c) {
     if (over_) return;
-    if (escaped_)
-      value();
-    else if (c == FIELD_ESCAPE)
-      escaped_ = true;
-    else if (c == FIELD_SEPARATOR)
-      end_field();
-    else if (c == PART_SEPARATOR)
-      over_ = true;
-    else if (c == *WILDCARD)
-      stars_++;
-    else
-      value();
+    if (!escaped_) {
+      switch (c) {
+        case FIELD_ESCAPE:
+          escaped_ = true;
+          return;
+        case FIELD_SEPARATOR:
+          end_field();
+          return;
+        case PART_SEPARATOR:
+          over_ = true;
+          return;
+        case *WILDCARD:
+          stars_++;
+          return;
+        default:
+          break;
+      }
+    }
+    value();
   }
 
   void value() {
