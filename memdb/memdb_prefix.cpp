@@ -178,18 +178,26 @@ void memdb_begin_prefixes(memdb_tbl *tbl) {
   forget_overwritten(tbl);
 }
 
-void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given) {
+bool memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given) {
   if (tbl->col_cnt > MOST_COLUMNS || main >= tbl->col_cnt || memdb_is_indexed(tbl->cols[main]))
-    return;
+    return false;
   given &= ~bit_of(main);
-  if (tbl->col_cnt < MOST_COLUMNS && given >> tbl->col_cnt != 0) return;
+  if (tbl->col_cnt < MOST_COLUMNS && given >> tbl->col_cnt != 0) return false;
   const std::span<memdb_prefix_form> present = forms(tbl);
   for (const memdb_prefix_form &form : present)
-    if (form.main == static_cast<int32_t>(main) && form.given == given) return;
-  if (present.size() == MEMDB_PREFIX_FORMS) return;
+    if (form.main == static_cast<int32_t>(main) && form.given == given) return false;
+  if (present.size() == MEMDB_PREFIX_FORMS) return false;
   memdb_prefix_form &form = tbl->prefixes[present.size()];
   form = {static_cast<int16_t>(main), false, false, given, nullptr};
   make_if_large(tbl, &form);
+  return true;
+}
+
+void memdb_unwant_prefixes(memdb_tbl *tbl) {
+  const std::span<memdb_prefix_form> present = forms(tbl);
+  if (present.empty()) return;
+  set_slots(&present.back(), nullptr);
+  present.back().main = MEMDB_NO_COL;
 }
 
 memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {

@@ -46,8 +46,11 @@ int32_t memdb_longest_prefix(const memdb_tbl *tbl, const memdb_prefix_search &se
 // Asks for look-ups for searches in the column main that give the columns of the bits in given as
 // well, and makes the first if the table is large already. Does nothing for an indexed column, for
 // one that the table hasn't, or where there are MEMDB_PREFIX_FORMS already. For whoever may change
-// the table.
-void memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given);
+// the table. True if these weren't asked for before.
+bool memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given);
+
+// Takes back what was asked for last.
+void memdb_unwant_prefixes(memdb_tbl *tbl);
 
 // What the engine calls. Whoever does may change the table.
 

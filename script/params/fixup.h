@@ -45,8 +45,3 @@ int fix_named_query_and_xavp(void **param, int param_no);
 
 // 1: format; 2: query and 3: AVP name list, each widened by the place of the other port.
 int fix_port_pair_query(void **param, int param_no);
-
-// As fix_query_avps_and_numbers, and as fix_named_query_and_xavp, for the best-match selects: at
-// start, their table is told which columns such searches give, as far as the script says so.
-int fix_best_match_and_avps(void **param, int param_no);
-int fix_best_match_and_xavp(void **param, int param_no);

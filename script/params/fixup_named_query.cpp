@@ -10,6 +10,7 @@
 #include "query/text/field_strings.h"
 #include "script/params/fixup.h"
 #include "script/params/fixup_pieces.h"
+#include "script/params/prefix_searches.h"
 #include "script/params/special_slot.h"
 
 namespace {
@@ -49,19 +50,7 @@ int fix_named_query(void **param) {
   return put_format(param, query, FORMAT_TEXTS.refused);
 }
 
-}  // namespace
-
-int fix_named_query_and_avps(void **param, int param_no) {
-  if (!is_given(param, param_no, FORMAT_TEXTS.missing)) return -1;
-  return param_no == 1 ? fix_named_query(param) : fix_query_and_avps(param, param_no);
-}
-
-int fix_named_query_and_formats(void **param, int param_no) {
-  if (!is_given(param, param_no, FORMAT_TEXTS.missing)) return -1;
-  return param_no == 1 ? fix_named_query(param) : fix_formats(param, param_no);
-}
-
-int fix_named_query_and_xavp(void **param, int param_no) {
+int fix_query_and_xavp(void **param, int param_no) {
   switch (param_no) {
     case 1:
       if (start_is_over()) return refuse_late_query(param);
@@ -76,4 +65,22 @@ int fix_named_query_and_xavp(void **param, int param_no) {
     default:
       return 0;
   }
+}
+
+}  // namespace
+
+int fix_named_query_and_avps(void **param, int param_no) {
+  if (!is_given(param, param_no, FORMAT_TEXTS.missing)) return -1;
+  return param_no == 1 ? fix_named_query(param) : fix_query_and_avps(param, param_no);
+}
+
+int fix_named_query_and_formats(void **param, int param_no) {
+  if (!is_given(param, param_no, FORMAT_TEXTS.missing)) return -1;
+  return param_no == 1 ? fix_named_query(param) : fix_formats(param, param_no);
+}
+
+int fix_named_query_and_xavp(void **param, int param_no) {
+  const int result = fix_query_and_xavp(param, param_no);
+  if (result == 0) note_prefix_search(*param, param_no);
+  return result;
 }

@@ -6,6 +6,7 @@
 #include "script/params/fixup.h"
 #include "script/params/fixup_pieces.h"
 #include "script/params/param_record.h"
+#include "script/params/prefix_searches.h"
 #include "script/params/special_slot.h"
 
 namespace {
@@ -69,6 +70,20 @@ int fix_row_count_target(void **param, int param_no) {
   return fix_number_pv(param, TEXTS);
 }
 
+int fix_avps_and_numbers(void **param, int param_no) {
+  switch (param_no) {
+    case 3:
+      return check_number_text(param, param_no);
+    case 4:
+    case 5:
+      return fix_num_or_pv(param, param_no);
+    case 6:
+      return fix_row_count_target(param, param_no);
+    default:
+      return fix_query_and_avps(param, param_no);
+  }
+}
+
 }  // namespace
 
 int fix_formats(void **param, int param_no) { return fix_format(param, FORMAT_TEXTS, param_no); }
@@ -85,17 +100,9 @@ int fix_query_and_avps(void **param, int param_no) {
 }
 
 int fix_query_avps_and_numbers(void **param, int param_no) {
-  switch (param_no) {
-    case 3:
-      return check_number_text(param, param_no);
-    case 4:
-    case 5:
-      return fix_num_or_pv(param, param_no);
-    case 6:
-      return fix_row_count_target(param, param_no);
-    default:
-      return fix_query_and_avps(param, param_no);
-  }
+  const int result = fix_avps_and_numbers(param, param_no);
+  if (result == 0) note_prefix_search(*param, param_no);
+  return result;
 }
 
 int fix_query_avps_and_formats(void **param, int param_no) {

@@ -140,6 +140,18 @@ TEST_F(PrefixLookUpTest, IsNotMadeForAnIndexedColumn) {
   EXPECT_EQ(blocks_of("routes,g|$var(key)|*"), 1U);
 }
 
+TEST_F(PrefixLookUpTest, IsNotMadeForRangeSelects) {
+  start_large();
+  EXPECT_EQ(blocks_of("tarn_memdb_nl_select_field_out_of_range",
+                      {"routes,g|5|*", ALL_AVPS, "1", "5", "7"}),
+            0U);
+  EXPECT_EQ(blocks_of("routes,g|$var(key)|*"), 1U);
+  EXPECT_EQ(blocks_of("tarn_memdb_nl_select_field_out_of_range",
+                      {"routes,g|5|*", ALL_AVPS, "1", "5", "7"}),
+            0U)
+      << "that of the other select stays";
+}
+
 TEST_F(PrefixLookUpTest, IsMadeOfTheFirstOfTwoTablesOfOneName) {
   start_with({routes(), {"routes", {{"prefix"}, {"gw"}}, 5000}}, {{"routes", many_rows(LARGE)}});
   EXPECT_EQ(blocks_of("routes,$var(key)|*", "0"), 0U);

@@ -55,7 +55,7 @@ void *take_zeroed(size_t count, size_t size) {
   return memset(block, 0, total);
 }
 
-void keep(memdb_row *row) { gone[sizes[row]].push_back({row, state->searches.load()}); }
+void keep(void *block) { gone[sizes[block]].push_back({block, state->searches.load()}); }
 
 class PrefixReadersTest : public PrefixTest {
  protected:
@@ -67,7 +67,7 @@ class PrefixReadersTest : public PrefixTest {
     memdb_malloc = [](size_t size) { return take_zeroed(1, size); };
     memdb_calloc = take_zeroed;
     memdb_free = [](void *) {};
-    memdb_free_row = keep;
+    memdb_retire = keep;
     memdb_log_err = nullptr;
     table_ =
         memdb_create_tbl(std::array<tbl_dcl, 3>{{{7, PLAIN}, {15, PLAIN}, {15, PLAIN}}}.data(), 3);
@@ -75,7 +75,7 @@ class PrefixReadersTest : public PrefixTest {
     insert_route("g", "49", "stays");
   }
   ~PrefixReadersTest() override {
-    memdb_free_row = [](memdb_row *row) { memdb_free(row); };
+    memdb_retire = [](void *block) { memdb_free(block); };
     munmap(arena, ARENA + sizeof(shared_state));
     gone.clear();
     sizes.clear();

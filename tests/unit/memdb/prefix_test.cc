@@ -374,14 +374,14 @@ TEST_F(PrefixLookUpTest, KeepsWideSlotsWhereThereIsNoMemoryForFewer) {
 TEST_F(PrefixLookUpTest, GivesSlotsBackTheWayRowsAre) {
   static std::vector<void *> given_back;
   given_back.clear();
-  memdb_free_row = [](memdb_row *row) { given_back.push_back(row); };
+  memdb_retire = [](void *block) { given_back.push_back(block); };
   memdb_tbl *const table = make_routes();
   insert_many(table, 100);
   const size_t replaced = given_back.size();
   EXPECT_GT(replaced, 0U);
   memdb_delete_all(table);
   EXPECT_EQ(given_back.size(), replaced + 1 + 100);
-  memdb_free_row = [](memdb_row *row) { memdb_free(row); };
+  memdb_retire = [](void *block) { memdb_free(block); };
   for (void *block : given_back) memdb_free(block);
 }
 

@@ -1,5 +1,4 @@
-// Fix-ups of the best-match selects: those of their kind, and a word to the table about the
-// searches to come.
+// Telling a table of the best-match searches to come.
 //
 // It is said here, in the main process ahead of the fork, since nobody has to wait for anybody yet:
 // tables are loaded, a look-up that is made now delays no call, and readers without a lock never
@@ -10,7 +9,7 @@
 
 #include "memdb/memdb_prefix.h"
 #include "query/text/field_strings.h"
-#include "script/params/fixup.h"
+#include "script/params/prefix_searches.h"
 #include "script/params/special_slot.h"
 #include "tables/tarn_tbl.h"
 
@@ -129,28 +128,22 @@ query_form read_form(const pv_elem_t *format) {
 
 // Of the call whose parameters are being fixed up, one after the other.
 query_form present;
-
-// Takes in what a fix-up that went well has left in a slot.
-void note(const void *slot, int param_no) {
-  if (start_is_over()) return;
-  if (param_no == 1)
-    present = is_raw_text(slot) ? query_form{} : read_form(static_cast<const pv_elem_t *>(slot));
-  if (param_no != 3 || present.tbl == nullptr) return;
-  const auto column = static_cast<uint32_t>(atoi(static_cast<const char *>(slot)));
-  if (column < present.fields && (present.given >> column & 1) != 0)
-    memdb_want_prefixes(present.tbl, column, present.given);
-}
+bool asked_for;
 
 }  // namespace
 
-int fix_best_match_and_avps(void **param, int param_no) {
-  const int result = fix_query_avps_and_numbers(param, param_no);
-  if (result == 0) note(*param, param_no);
-  return result;
-}
-
-int fix_best_match_and_xavp(void **param, int param_no) {
-  const int result = fix_named_query_and_xavp(param, param_no);
-  if (result == 0) note(*param, param_no);
-  return result;
+void note_prefix_search(const void *slot, int param_no) {
+  if (start_is_over()) return;
+  if (param_no == 1) {
+    present = is_raw_text(slot) ? query_form{} : read_form(static_cast<const pv_elem_t *>(slot));
+    asked_for = false;
+  } else if (param_no == 3 && present.tbl != nullptr) {
+    const auto column = static_cast<uint32_t>(atoi(static_cast<const char *>(slot)));
+    asked_for = column < present.fields && (present.given >> column & 1) != 0 &&
+                memdb_want_prefixes(present.tbl, column, present.given);
+  } else if (param_no == 5 && asked_for) {
+    // Range selects have the same fix-up and a parameter more.
+    memdb_unwant_prefixes(present.tbl);
+    asked_for = false;
+  }
 }
