@@ -13,7 +13,7 @@
 #include "bench/benches.h"
 #include "bench/started_module.h"
 #include "bench/stopwatch.h"
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 #include "tables/tarn_tbl.h"
 
 namespace bench {

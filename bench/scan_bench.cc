@@ -14,7 +14,7 @@
 #include "bench/started_module.h"
 #include "bench/stopwatch.h"
 #include "host/loader_symbols.h"
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 #include "tables/tarn_tbl.h"
 
 namespace bench {

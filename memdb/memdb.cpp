@@ -8,8 +8,8 @@
 #include <limits>
 #include <utility>
 
-#include "memdb/memdb_index.h"
-#include "memdb/memdb_prefix.h"
+#include "memdb/index/index.h"
+#include "memdb/prefix/prefix.h"
 
 void *(*memdb_malloc)(size_t size) = malloc;
 void *(*memdb_calloc)(size_t count, size_t size) = calloc;

@@ -2,7 +2,7 @@
 #include "rpc/rpc_data.h"
 
 #include "host/log.h"
-#include "memdb/memdb_visit.h"
+#include "memdb/visit.h"
 #include "query/text/buffers.h"
 #include "query/text/field_strings.h"
 #include "rpc/rpc_query.h"

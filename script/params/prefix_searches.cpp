@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 #include "query/text/field_strings.h"
 #include "script/params/prefix_searches.h"
 #include "script/params/special_slot.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "host/log.h"
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 #include "query/text/field_strings.h"
 #include "script/params/read_param.h"
 #include "script/select/row_list.h"

@@ -3,7 +3,7 @@
 
 #include "host/log.h"
 #include "host/memory.h"
-#include "memdb/memdb_visit.h"
+#include "memdb/visit.h"
 #include "script/params/avp.h"
 #include "script/params/script_query.h"
 

@@ -12,7 +12,7 @@
 #include <iterator>
 #include <set>
 
-#include "memdb/memdb_index.h"
+#include "memdb/index/index.h"
 #include "tables/shared/shared_memory.h"
 #include "tests/support/bucket_rows.h"
 

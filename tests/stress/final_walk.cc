@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "memdb/memdb_index.h"
+#include "memdb/index/index.h"
 #include "tables/files/table_files.h"
 #include "tests/stress/ledger.h"
 #include "tests/support/bucket_rows.h"

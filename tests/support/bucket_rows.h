@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "memdb/memdb_directory_blocks.h"
+#include "memdb/index/directory_blocks.h"
 
 // In the order of the bucket's chain; of a directory, each text's rows in their order, the texts in
 // none. Not more than most, for links that may run in a circle.

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <functional>
 
-#include "memdb/memdb_index.h"
+#include "memdb/search.h"
 #include "tables/rows/duplicate_key.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <random>
 
-#include "memdb/memdb_directory.h"
+#include "memdb/index/directory.h"
 #include "tests/support/bucket_rows.h"
 #include "tests/unit/memdb/plain_chains.h"
 

@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "memdb/index/directory.h"
+#include "memdb/index/index.h"
 #include "memdb/memdb.h"
-#include "memdb/memdb_directory.h"
-#include "memdb/memdb_index.h"
 #include "tests/support/bucket_rows.h"
 
 namespace engine_test {

@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "memdb/index/index.h"
 #include "memdb/memdb.h"
-#include "memdb/memdb_index.h"
 
 namespace engine_test {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 #include "tests/unit/memdb/engine_fixture.h"
 
 namespace engine_test {

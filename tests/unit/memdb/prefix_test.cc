@@ -1,7 +1,7 @@
 // When there is a look-up for prefixes, what it takes, and what it leaves to a walk of the rows.
 #include <unordered_map>
 
-#include "memdb/memdb_prefix_slots.h"
+#include "memdb/prefix/slots.h"
 #include "tests/unit/memdb/prefix_fixture.h"
 
 namespace engine_test {

@@ -1,4 +1,6 @@
 // The cursor search: which column leads, which rows match, in which order they come.
+#include "memdb/search.h"
+
 #include "tests/unit/memdb/engine_fixture.h"
 
 namespace engine_test {

@@ -22,8 +22,8 @@
 #include <vector>
 
 #include "host/imports.h"
+#include "memdb/index/index.h"
 #include "memdb/memdb.h"
-#include "memdb/memdb_index.h"
 #include "ports/port_allocation.h"
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"

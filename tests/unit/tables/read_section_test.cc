@@ -7,7 +7,7 @@
 #include <set>
 #include <thread>
 
-#include "memdb/memdb_directory.h"
+#include "memdb/index/directory.h"
 #include "tests/unit/tables/fixture.h"
 #include "tests/unit/tables/processes.h"
 

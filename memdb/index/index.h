@@ -1,7 +1,7 @@
 // The column indexes: hash, buckets, and the chains that run through the rows. Serves the engine.
 #pragma once
 
-#include "memdb/memdb.h"
+#include "memdb/layout/layout.h"
 
 // Multiplicative string hash, h = h * 130 + c over signed bytes, modulo 2^32 (the family of
 // Kernighan and Ritchie's hash, "The C Programming Language", section 6.6).
@@ -29,10 +29,3 @@ memdb_row *memdb_idx_find(const memdb_col *col, const char *key);
 
 // The row that this one's link leads to if its text equals the key too, else null.
 memdb_row *memdb_idx_next_res(const memdb_row *row, const memdb_col *col, const char *key);
-
-// First row from start (may be null) towards the oldest whose text equals the key, or null.
-memdb_row *memdb_find(memdb_row *start, const memdb_col *col, const char *key);
-
-// True if every column but skip_col is a wildcard or equal to the row's text.
-bool memdb_row_match(const memdb_tbl *tbl, const memdb_row *row, int32_t skip_col,
-                     const char *const *values);

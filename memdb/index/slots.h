@@ -14,8 +14,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include "memdb/memdb_link.h"
-#include "memdb/memdb_text_hash.h"
+#include "memdb/index/link.h"
+#include "memdb/index/text_hash.h"
 
 // The head of the block; the slots follow.
 struct memdb_slots {
@@ -23,7 +23,7 @@ struct memdb_slots {
   uint32_t mask;     // number of slots, a power of two, less one
   uint32_t used;     // slots that aren't free, marked ones included; never too few
   uint32_t texts;    // slots that lead to rows
-  uint32_t whole;    // see memdb_directory.cpp
+  uint32_t whole;    // see directory.cpp
 };
 
 // What a slot holds that leads to no row.

@@ -6,7 +6,8 @@
 #include <array>
 #include <atomic>
 
-#include "memdb/memdb_directory_blocks.h"
+#include "memdb/index/directory_blocks.h"
+#include "memdb/layout/hooks.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// The slots of one look-up for prefixes. Serves memdb_prefix.cpp.
+// The slots of one look-up for prefixes. Serves prefix.cpp.
 //
 // Open addressing with linear probing (Knuth, "The Art of Computer Programming", volume 3, section
 // 6.4, algorithm L). A slot holds a row, the hash of its entry and of the texts that searches give
@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 
 inline constexpr uint32_t MEMDB_PREFIX_LONGEST = 64;  // characters of an entry that can be searched
 

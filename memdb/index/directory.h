@@ -25,14 +25,14 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "memdb/memdb_slots.h"
+#include "memdb/index/slots.h"
 
 inline constexpr uint32_t MEMDB_PARTS = 256;
 
 struct memdb_parts {
   void *given_back;  // as in memdb_slots
   uint64_t texts;    // of all parts; never too few
-  uint64_t whole;    // see memdb_directory.cpp
+  uint64_t whole;    // see directory.cpp
   memdb_slots *parts[MEMDB_PARTS];
 };
 

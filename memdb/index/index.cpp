@@ -1,12 +1,13 @@
 // Hash and chains of the column indexes.
-#include "memdb/memdb_index.h"
+#include "memdb/index/index.h"
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 
-#include "memdb/memdb_directory.h"
-#include "memdb/memdb_link.h"
+#include "memdb/index/directory.h"
+#include "memdb/index/link.h"
+#include "memdb/layout/hooks.h"
 
 namespace {
 

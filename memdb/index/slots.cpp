@@ -1,8 +1,10 @@
 // Probing, filling and emptying tables of slots.
-#include "memdb/memdb_slots.h"
+#include "memdb/index/slots.h"
 
 #include <algorithm>
 #include <bit>
+
+#include "memdb/layout/hooks.h"
 
 namespace {
 

@@ -1,7 +1,9 @@
 // Making, filling and emptying slots.
-#include "memdb/memdb_prefix_slots.h"
+#include "memdb/prefix/slots.h"
 
 #include <algorithm>
+
+#include "memdb/layout/hooks.h"
 
 namespace {
 

@@ -1,9 +1,10 @@
 // Finding texts in directories, and rows that come and go.
-#include "memdb/memdb_directory.h"
+#include "memdb/index/directory.h"
 
 #include <atomic>
 
-#include "memdb/memdb_directory_blocks.h"
+#include "memdb/index/directory_blocks.h"
+#include "memdb/layout/hooks.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The sink that stands until the embedder sets its own.
-#include "memdb/memdb_log.h"
+#include "memdb/layout/log.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,8 +1,10 @@
 // The cursor search: exact texts and wildcards over all columns.
+#include "memdb/search.h"
+
 #include <cstring>
 
+#include "memdb/index/index.h"
 #include "memdb/memdb.h"
-#include "memdb/memdb_index.h"
 
 namespace {
 

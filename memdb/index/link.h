@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "memdb/memdb.h"
+#include "memdb/layout/layout.h"
 
 inline char *memdb_link_of(memdb_row *row, const memdb_col *col) {
   return memdb_data(row) + col->offset - sizeof(memdb_row *);

@@ -1,5 +1,5 @@
 // Changing a link beside readers.
-#include "memdb/memdb_link.h"
+#include "memdb/index/link.h"
 
 void memdb_write_link_beside_readers(void *place, memdb_row *row, memdb_col *col) {
   // What the link leads to is complete before it can be met, and the change before is over.

@@ -1,7 +1,9 @@
 // Making directories, and replacing them by larger and smaller ones.
-#include "memdb/memdb_directory_blocks.h"
+#include "memdb/index/directory_blocks.h"
 
 #include <atomic>
+
+#include "memdb/layout/hooks.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <array>
 #include <cstring>
 
-#include "memdb/memdb_prefix.h"
-#include "memdb/memdb_prefix_slots.h"
+#include "memdb/prefix/prefix.h"
+#include "memdb/prefix/slots.h"
 
 namespace {
 

@@ -11,14 +11,14 @@
 //     with a longer one ahead.
 //
 // It comes back when the table has been emptied or has become small. A look-up is a table of
-// slots, one per row, in a block of its own, see memdb_prefix_slots.h.
+// slots, one per row, in a block of its own, see slots.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-#include "memdb/memdb.h"
+#include "memdb/layout/layout.h"
 
 // Rows that a table may have before look-ups are made for it. They go when half of them are left.
 extern uint32_t memdb_prefix_rows;

@@ -1,7 +1,7 @@
 // The blocks of directories: making, filling, replacing and giving back. Serves the directory.
 #pragma once
 
-#include "memdb/memdb_directory.h"
+#include "memdb/index/directory.h"
 
 // Which of the parts a text goes to, by bits that neither slot nor probing use.
 inline uint32_t memdb_part_of(uint64_t hash) { return static_cast<uint32_t>(hash >> 56); }
@@ -13,7 +13,7 @@ void *memdb_new_directory(uint64_t texts);
 // Puts a text with its rows into such a directory. False if there is no room.
 bool memdb_fill_directory(memdb_bucket_kind fresh, memdb_row *newest, memdb_col *col);
 
-// In memdb_directory_chain.cpp. Ends what a writer began that was killed while the links between
+// In directory_chain.cpp. Ends what a writer began that was killed while the links between
 // texts were being cut or made, so that each text's last row leads nowhere again.
 void memdb_make_whole(memdb_bucket_kind kind, memdb_col *col);
 

@@ -1,12 +1,13 @@
 // Keeping look-ups in step with their table.
-#include "memdb/memdb_prefix.h"
+#include "memdb/prefix/prefix.h"
 
 #include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstring>
 
-#include "memdb/memdb_prefix_slots.h"
+#include "memdb/layout/hooks.h"
+#include "memdb/prefix/slots.h"
 
 uint32_t memdb_prefix_rows = 1000;
 
