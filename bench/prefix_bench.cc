@@ -52,13 +52,13 @@ std::string group(const shape &of, size_t number, size_t rows) {
 // Tables of up to 1000 rows are scanned unless they are told otherwise.
 class look_ups_of_all_tables {
  public:
-  look_ups_of_all_tables() { memdb_prefix_rows = 0; }
-  ~look_ups_of_all_tables() { memdb_prefix_rows = as_built_; }
+  look_ups_of_all_tables() { memdb_prefixes.rows = 0; }
+  ~look_ups_of_all_tables() { memdb_prefixes.rows = as_built_; }
   look_ups_of_all_tables(const look_ups_of_all_tables &) = delete;
   look_ups_of_all_tables &operator=(const look_ups_of_all_tables &) = delete;
 
  private:
-  const uint32_t as_built_ = memdb_prefix_rows;
+  const uint32_t as_built_ = memdb_prefixes.rows;
 };
 
 void fill(memdb_tbl *tbl, const shape &of, size_t rows) {

@@ -53,11 +53,11 @@ tarn_tbl *filled_table(size_t rows) {
 standin::command best_match(size_t rows) {
   filled_table(rows);
   // A look-up would leave nothing to scan.
-  const uint32_t as_built = std::exchange(memdb_prefix_rows, UINT32_MAX);
+  const uint32_t as_built = std::exchange(memdb_prefixes.rows, UINT32_MAX);
   standin::command call =
       module()->prepare("tarn_memdb_nl_select_best_match",
                         {table_name(rows) + "," + KEY + "|*|*", "$avp(prefix)", "0"});
-  memdb_prefix_rows = as_built;
+  memdb_prefixes.rows = as_built;
   return call;
 }
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 
+#include "memdb/prefix/hash.h"
 #include "memdb/prefix/prefix.h"
 #include "memdb/prefix/slots.h"
 
@@ -109,7 +110,7 @@ class prefix_walk {
       if (length > MEMDB_PREFIX_LONGEST) return !has_entries(length);
       if (has_entries(length)) {
         const uint32_t end = memdb_prefix_hash_end(hash);
-        memdb_prefix_fetch(table_, end);
+        memdb_prefix_probe(table_, end).fetch();
         candidates_[count_++] = {end, length};
       }
       if (search_.key[length] == '\0') return true;
@@ -129,11 +130,9 @@ class prefix_walk {
   }
 
   bool gather(const candidate &wanted, rows_by_age *met) const {
-    memdb_prefix_slot *const slots = memdb_prefix_slots_of(table_);
-    uint32_t at = memdb_prefix_home(table_, wanted.hash);
-    for (;; at = memdb_prefix_next(table_, at)) {
+    for (memdb_prefix_probe probe(table_, wanted.hash);; probe.go_on()) {
       met_row one;
-      switch (read_slot(&slots[at], wanted.hash, &one)) {
+      switch (read_slot(&probe.slot(), wanted.hash, &one)) {
         case slot_kind::free:
           return true;
         case slot_kind::other:

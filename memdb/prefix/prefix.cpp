@@ -7,9 +7,8 @@
 #include <cstring>
 
 #include "memdb/layout/hooks.h"
+#include "memdb/prefix/hash.h"
 #include "memdb/prefix/slots.h"
-
-uint32_t memdb_prefix_rows = 1000;
 
 namespace {
 
@@ -36,7 +35,7 @@ int32_t leading_col(const memdb_tbl *tbl, const memdb_prefix_form &form) {
 void set_slots(memdb_prefix_form *form, memdb_prefix_slots *table) {
   memdb_prefix_slots *const before = form->slots;
   std::atomic_ref(form->slots).store(table, std::memory_order_release);
-  if (before != nullptr) memdb_retire(before);
+  memdb_prefix_give_back(before, memdb_retire);
 }
 
 void do_without(memdb_prefix_form *form) {
@@ -53,37 +52,53 @@ memdb_prefix_entry entry_of(const memdb_tbl *tbl, const memdb_prefix_form &form,
   return {row, NOT_IN, memdb_prefix_hash_end(hash), length};
 }
 
-// Puts the entry in, where there is room and an end of it; else there is no look-up any more.
-void put_or_do_without(memdb_tbl *tbl, memdb_prefix_form *form, const memdb_prefix_entry &entry) {
-  if (memdb_prefix_is_full(form->slots)) {
-    memdb_prefix_slots *const larger = memdb_prefix_copy_slots(form->slots, tbl->row_cnt);
-    if (larger == nullptr) {
-      do_without(form);
-      return;
-    }
-    set_slots(form, larger);
-  }
-  if (!memdb_prefix_put(form->slots, entry)) do_without(form);
+// Makes room for one more row of the hash among so many. False if memory is short.
+bool enlarge(memdb_prefix_form *form, uint32_t hash, uint32_t rows) {
+  if (!memdb_prefix_wants_more_parts(form->slots, rows))
+    return memdb_prefix_fit_part(form->slots, hash, memdb_retire);
+  memdb_prefix_slots *const larger = memdb_prefix_copy_slots(form->slots, rows);
+  if (larger == nullptr) return false;
+  set_slots(form, larger);
+  return true;
 }
 
-// Takes the entry out, and makes the slots fewer where so many rows that are left need few.
-void take_or_do_without(memdb_prefix_form *form, memdb_prefix_entry *entry, uint32_t left) {
-  if (!memdb_prefix_take(form->slots, entry)) {
-    do_without(form);
-  } else if (memdb_prefix_is_wide(form->slots, left)) {
+// Makes the slots fewer where so many rows that are left need few, if memory isn't short.
+void shrink(memdb_prefix_form *form, uint32_t hash, uint32_t left) {
+  if (memdb_prefix_wants_one_part(form->slots, left)) {
     memdb_prefix_slots *const smaller = memdb_prefix_copy_slots(form->slots, left);
     if (smaller != nullptr) set_slots(form, smaller);
+  } else if (memdb_prefix_is_wide(form->slots, hash)) {
+    memdb_prefix_fit_part(form->slots, hash, memdb_retire);
   }
 }
 
-// Fills a table with all rows. False if some entry has too many.
+// Puts the entry in, where there is room and an end of it; else there is no look-up any more.
+void put_or_do_without(memdb_tbl *tbl, memdb_prefix_form *form, const memdb_prefix_entry &entry) {
+  if (memdb_prefix_is_full(form->slots, entry.hash) && !enlarge(form, entry.hash, tbl->row_cnt))
+    do_without(form);
+  else if (!memdb_prefix_put(form->slots, entry))
+    do_without(form);
+}
+
+void take_or_do_without(memdb_prefix_form *form, memdb_prefix_entry *entry, uint32_t left) {
+  if (memdb_prefix_take(form->slots, entry))
+    shrink(form, entry->hash, left);
+  else
+    do_without(form);
+}
+
+// Fills slots that nobody meets yet with all rows. False if memory is short or some entry has too
+// many.
 bool fill(memdb_prefix_slots *table, const memdb_tbl *tbl, const memdb_prefix_form &form) {
   uint64_t age = FIRST_AGE;
   table->next_age = FIRST_AGE;
   for (memdb_row *row = tbl->first; row != nullptr; row = row->next) {
     memdb_prefix_entry entry = entry_of(tbl, form, row);
     entry.age = --age;
-    if (memdb_prefix_is_full(table) || !memdb_prefix_put(table, entry)) return false;
+    if (memdb_prefix_is_full(table, entry.hash) &&
+        !memdb_prefix_fit_part(table, entry.hash, memdb_free))
+      return false;
+    if (!memdb_prefix_put(table, entry)) return false;
   }
   return true;
 }
@@ -96,12 +111,12 @@ void make(const memdb_tbl *tbl, memdb_prefix_form *form) {
     set_slots(form, table);
     return;
   }
-  memdb_free(table);
+  memdb_prefix_give_back(table, memdb_free);
   form->given_up = true;
 }
 
 void make_if_large(const memdb_tbl *tbl, memdb_prefix_form *form) {
-  if (tbl->row_cnt > memdb_prefix_rows && !form->given_up) make(tbl, form);
+  if (tbl->row_cnt > memdb_prefixes.rows && !form->given_up) make(tbl, form);
 }
 
 // The forms that were asked for.
@@ -115,7 +130,7 @@ void hash_and_fetch(memdb_tbl *tbl, memdb_row *row, memdb_prefix_entry *entry) {
   for (const memdb_prefix_form &form : forms(tbl)) {
     if (form.slots != nullptr) {
       *entry = entry_of(tbl, form, row);
-      memdb_prefix_fetch(form.slots, entry->hash);
+      memdb_prefix_probe(form.slots, entry->hash).fetch();
     }
     entry++;
   }
@@ -226,7 +241,7 @@ memdb_prefix_leave::memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row) : tbl_(tb
 memdb_prefix_leave::~memdb_prefix_leave() {
   const uint32_t left = std::max(tbl_->row_cnt, 1U) - 1;
   if (left == 0) forget_overwritten(tbl_);
-  if (left <= memdb_prefix_rows / 2) begin_again(tbl_);
+  if (left <= memdb_prefixes.rows / 2) begin_again(tbl_);
   memdb_prefix_entry *entry = entries_;
   for (memdb_prefix_form &form : forms(tbl_)) {
     if (form.slots != nullptr) take_or_do_without(&form, entry, left);
@@ -242,7 +257,7 @@ void memdb_empty_prefixes(memdb_tbl *tbl) {
 }
 
 void memdb_end_prefixes(memdb_tbl *tbl) {
-  for (memdb_prefix_form &form : forms(tbl)) memdb_free(form.slots);
+  for (memdb_prefix_form &form : forms(tbl)) memdb_prefix_give_back(form.slots, memdb_free);
 }
 
 memdb_prefix_overwrite::memdb_prefix_overwrite(memdb_tbl *tbl, memdb_row *row, uint32_t col,

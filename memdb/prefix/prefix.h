@@ -11,7 +11,7 @@
 //     with a longer one ahead.
 //
 // It comes back when the table has been emptied or has become small. A look-up is a table of
-// slots, one per row, in a block of its own, see slots.h.
+// slots, one per row, in blocks of its own, see slots.h.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +20,13 @@
 
 #include "memdb/layout/layout.h"
 
-// Rows that a table may have before look-ups are made for it. They go when half of them are left.
-extern uint32_t memdb_prefix_rows;
+// From when on look-ups are made, and how. To be changed by tests only.
+struct memdb_prefix_rules {
+  uint32_t rows = 64;               // of larger tables; a look-up goes when half of them are left
+  uint32_t slots_in_one = 1 << 16;  // more are made in parts
+  uint32_t part_bits = 8;           // 2 to the power of this is their number
+};
+extern memdb_prefix_rules memdb_prefixes;
 
 // Most rows that a look-up holds of one entry, with equal texts in all columns that are given.
 inline constexpr size_t MEMDB_PREFIX_MOST_EQUAL = 511;

@@ -15,45 +15,73 @@ memdb_prefix_slot slot_of(const memdb_prefix_entry &entry) {
           (entry.age >> 32) << MEMDB_PREFIX_ADDRESS_BITS | reinterpret_cast<uintptr_t>(entry.row)};
 }
 
-uint32_t *length_count(memdb_prefix_slots *table, uint32_t length) {
-  return &table->lengths[std::min(length, MEMDB_PREFIX_LONGEST + 1)];
+uint32_t slots_for(uint32_t rows) { return std::max(2 * rows, FEWEST_SLOTS); }
+
+uint32_t part_bits_for(uint32_t rows) {
+  return slots_for(rows) > memdb_prefixes.slots_in_one ? memdb_prefixes.part_bits : 0;
+}
+
+memdb_prefix_part *make_part(uint32_t rows) {
+  const uint32_t slot_cnt = slots_for(rows);
+  auto *const part = static_cast<memdb_prefix_part *>(
+      memdb_calloc(1, sizeof(memdb_prefix_part) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
+  if (part != nullptr) part->slot_cnt = slot_cnt;
+  return part;
 }
 
 // A row's length is counted for as long as readers may meet it.
 void count_length(memdb_prefix_slots *table, uint32_t length, bool comes) {
-  const std::atomic_ref count(*length_count(table, length));
+  const std::atomic_ref count(table->lengths[std::min(length, MEMDB_PREFIX_LONGEST + 1)]);
   const uint32_t before = count.load(std::memory_order_relaxed);
   count.store(comes ? before + 1 : before - 1, std::memory_order_release);
 }
 
-void copy_slot(memdb_prefix_slots *table, const memdb_prefix_slot &slot) {
-  memdb_prefix_slot *const slots = memdb_prefix_slots_of(table);
-  uint32_t at = memdb_prefix_home(table, memdb_prefix_hash_of(slot));
-  while (slots[at].tag != MEMDB_PREFIX_FREE) at = memdb_prefix_next(table, at);
-  slots[at] = slot;
-  table->used++;
+// Puts a slot that holds a row into a part that isn't full and that readers don't meet yet.
+void add(memdb_prefix_part *part, uint32_t rest, const memdb_prefix_slot &slot) {
+  memdb_prefix_probe probe(part, rest);
+  while (probe.slot().tag != MEMDB_PREFIX_FREE) probe.go_on();
+  probe.slot() = slot;
+  part->used++;
+  part->rows++;
+}
+
+// Calls visit for each slot of a part that holds a row, until it gives false.
+template <typename Visit>
+bool each_row(const memdb_prefix_part *part, Visit visit) {
+  const memdb_prefix_slot *const slots = memdb_prefix_slots_of(part);
+  for (uint32_t i = 0; i < part->slot_cnt; i++)
+    if (slots[i].tag > MEMDB_PREFIX_LEFT && !visit(slots[i])) return false;
+  return true;
 }
 
 // Frees a marked slot that no probe goes on behind, and those ahead of it of which that is true
 // then.
-void free_end_of_run(memdb_prefix_slots *table, uint32_t at) {
-  memdb_prefix_slot *const slots = memdb_prefix_slots_of(table);
-  if (slots[memdb_prefix_next(table, at)].tag != MEMDB_PREFIX_FREE) return;
-  while (slots[at].tag == MEMDB_PREFIX_LEFT) {
-    std::atomic_ref(slots[at].tag).store(MEMDB_PREFIX_FREE, std::memory_order_release);
-    table->used--;
-    at = at != 0 ? at - 1 : table->slot_cnt - 1;
+void free_end_of_run(memdb_prefix_probe probe) {
+  probe.go_on();
+  if (probe.slot().tag != MEMDB_PREFIX_FREE) return;
+  for (probe.go_back(); probe.slot().tag == MEMDB_PREFIX_LEFT; probe.go_back()) {
+    std::atomic_ref(probe.slot().tag).store(MEMDB_PREFIX_FREE, std::memory_order_release);
+    probe.part()->used--;
   }
 }
 
 }  // namespace
 
+memdb_prefix_rules memdb_prefixes;
+
 memdb_prefix_slots *memdb_prefix_make_slots(uint32_t rows) {
   if (rows > MOST_ROWS) return nullptr;
-  const uint32_t slot_cnt = std::max(2 * rows, FEWEST_SLOTS);
+  const uint32_t part_bits = part_bits_for(rows);
   auto *const table = static_cast<memdb_prefix_slots *>(
-      memdb_calloc(1, sizeof(memdb_prefix_slots) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
-  if (table != nullptr) table->slot_cnt = slot_cnt;
+      memdb_calloc(1, sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_part *) << part_bits)));
+  if (table == nullptr) return nullptr;
+  table->part_bits = part_bits;
+  for (memdb_prefix_part *&part : memdb_prefix_parts(table)) {
+    part = make_part(rows >> part_bits);
+    if (part != nullptr) continue;
+    memdb_prefix_give_back(table, memdb_free);
+    return nullptr;
+  }
   return table;
 }
 
@@ -61,37 +89,77 @@ memdb_prefix_slots *memdb_prefix_copy_slots(const memdb_prefix_slots *table, uin
   memdb_prefix_slots *const copy = memdb_prefix_make_slots(rows);
   if (copy == nullptr) return nullptr;
   copy->next_age = table->next_age;
-  memcpy(copy->lengths, table->lengths, sizeof(copy->lengths));
-  const memdb_prefix_slot *const slots = memdb_prefix_slots_of(table);
-  for (uint32_t i = 0; i < table->slot_cnt; i++)
-    if (slots[i].tag > MEMDB_PREFIX_LEFT) copy_slot(copy, slots[i]);
+  std::copy(std::begin(table->lengths), std::end(table->lengths), std::begin(copy->lengths));
+  const auto take_over = [copy](const memdb_prefix_slot &slot) {
+    const uint32_t hash = memdb_prefix_hash_of(slot);
+    if (memdb_prefix_is_full(copy, hash) && !memdb_prefix_fit_part(copy, hash, memdb_free))
+      return false;
+    add(*memdb_prefix_part_of(copy, hash), memdb_prefix_rest_of(copy, hash), slot);
+    return true;
+  };
+  for (const memdb_prefix_part *const part : memdb_prefix_parts(table)) {
+    if (each_row(part, take_over)) continue;
+    memdb_prefix_give_back(copy, memdb_free);
+    return nullptr;
+  }
   return copy;
 }
 
-bool memdb_prefix_is_full(const memdb_prefix_slots *table) {
-  return uint64_t{table->used} + 1 > uint64_t{table->slot_cnt} * 3 / 4;
+void memdb_prefix_give_back(memdb_prefix_slots *table, void (*give_back)(void *block)) {
+  if (table == nullptr) return;
+  for (memdb_prefix_part *const part : memdb_prefix_parts(table))
+    if (part != nullptr) give_back(part);
+  give_back(table);
 }
 
-bool memdb_prefix_is_wide(const memdb_prefix_slots *table, uint32_t rows) {
-  return table->slot_cnt > FEWEST_SLOTS && uint64_t{rows} * 3 < table->slot_cnt;
+bool memdb_prefix_wants_more_parts(const memdb_prefix_slots *table, uint32_t rows) {
+  return part_bits_for(rows) > table->part_bits;
+}
+
+bool memdb_prefix_wants_one_part(const memdb_prefix_slots *table, uint32_t rows) {
+  return table->part_bits != 0 && uint64_t{rows} * 8 < memdb_prefixes.slots_in_one;
+}
+
+bool memdb_prefix_is_full(const memdb_prefix_slots *table, uint32_t hash) {
+  const memdb_prefix_part *const part = memdb_prefix_probe(table, hash).part();
+  return uint64_t{part->used} + 1 > uint64_t{part->slot_cnt} * 3 / 4;
+}
+
+bool memdb_prefix_is_wide(const memdb_prefix_slots *table, uint32_t hash) {
+  const memdb_prefix_part *const part = memdb_prefix_probe(table, hash).part();
+  return part->slot_cnt > FEWEST_SLOTS && uint64_t{part->rows} * 8 < uint64_t{part->slot_cnt} * 3;
+}
+
+bool memdb_prefix_fit_part(memdb_prefix_slots *table, uint32_t hash, void (*give_back)(void *)) {
+  memdb_prefix_part **const place = memdb_prefix_part_of(table, hash);
+  memdb_prefix_part *const former = *place;
+  memdb_prefix_part *const fresh = make_part(former->rows + 1);
+  if (fresh == nullptr) return false;
+  each_row(former, [table, fresh](const memdb_prefix_slot &slot) {
+    add(fresh, memdb_prefix_rest_of(table, memdb_prefix_hash_of(slot)), slot);
+    return true;
+  });
+  std::atomic_ref(*place).store(fresh, std::memory_order_release);
+  give_back(former);
+  return true;
 }
 
 bool memdb_prefix_put(memdb_prefix_slots *table, const memdb_prefix_entry &entry) {
-  memdb_prefix_slot *const slots = memdb_prefix_slots_of(table);
+  memdb_prefix_probe probe(table, entry.hash);
   memdb_prefix_slot *left = nullptr;
   size_t equal = 0;
-  uint32_t at = memdb_prefix_home(table, entry.hash);
-  for (; slots[at].tag != MEMDB_PREFIX_FREE; at = memdb_prefix_next(table, at)) {
-    if (slots[at].tag == MEMDB_PREFIX_LEFT) {
-      if (left == nullptr) left = &slots[at];
-    } else if (memdb_prefix_hash_of(slots[at]) == entry.hash) {
+  for (; probe.slot().tag != MEMDB_PREFIX_FREE; probe.go_on()) {
+    if (probe.slot().tag == MEMDB_PREFIX_LEFT) {
+      if (left == nullptr) left = &probe.slot();
+    } else if (memdb_prefix_hash_of(probe.slot()) == entry.hash) {
       equal++;
     }
   }
   if (equal >= MEMDB_PREFIX_MOST_EQUAL) return false;
-  if (left == nullptr) table->used++;
+  if (left == nullptr) probe.part()->used++;
+  probe.part()->rows++;
   count_length(table, entry.length, true);
-  memdb_prefix_slot &slot = left != nullptr ? *left : slots[at];
+  memdb_prefix_slot &slot = left != nullptr ? *left : probe.slot();
   const memdb_prefix_slot filled = slot_of(entry);
   // A reader that meets the row here finds no tag of a row that was here before.
   std::atomic_thread_fence(std::memory_order_release);
@@ -101,16 +169,16 @@ bool memdb_prefix_put(memdb_prefix_slots *table, const memdb_prefix_entry &entry
 }
 
 bool memdb_prefix_take(memdb_prefix_slots *table, memdb_prefix_entry *entry) {
-  memdb_prefix_slot *const slots = memdb_prefix_slots_of(table);
-  uint32_t at = memdb_prefix_home(table, entry->hash);
-  for (; slots[at].tag != MEMDB_PREFIX_FREE; at = memdb_prefix_next(table, at)) {
-    memdb_prefix_slot &slot = slots[at];
+  memdb_prefix_probe probe(table, entry->hash);
+  for (; probe.slot().tag != MEMDB_PREFIX_FREE; probe.go_on()) {
+    memdb_prefix_slot &slot = probe.slot();
     if (memdb_prefix_hash_of(slot) != entry->hash || memdb_prefix_row_of(slot) != entry->row)
       continue;
     entry->age = memdb_prefix_age_of(slot);
     std::atomic_ref(slot.tag).store(MEMDB_PREFIX_LEFT, std::memory_order_release);
     count_length(table, entry->length, false);
-    free_end_of_run(table, at);
+    probe.part()->rows--;
+    free_end_of_run(probe);
     return true;
   }
   return false;

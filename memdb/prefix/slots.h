@@ -2,19 +2,19 @@
 //
 // Open addressing with linear probing (Knuth, "The Art of Computer Programming", volume 3, section
 // 6.4, algorithm L). A slot holds a row, the hash of its entry and of the texts that searches give
-// beside it, and the row's age, by which rows of one entry are told newest first. Places grow with
-// the hash, so that a table of another size is filled from one end to the other.
+// beside it, and the row's age, by which rows of one entry are told newest first. Many slots are
+// made in parts, chosen by the hash, none of which takes long to be enlarged. Parts, and places in
+// them, grow with the hash, so that others are filled from one end to the other.
 //
-// Readers may be in a table while its writer changes it, and need no end of a change. A slot's row
+// Readers may be in a part while its writer changes it, and need no end of a change. A slot's row
 // is written ahead of its tag, and a reader that finds the tag as it was behind the row has read
 // both as they belong together. Of a row that goes, the slot is marked, so that probes go on behind
-// it. A table that has been replaced stays as it is.
+// it. A part that has been replaced stays as it is.
 #pragma once
 
 #include <atomic>
-#include <bit>
 #include <cstdint>
-#include <cstring>
+#include <span>
 
 #include "memdb/prefix/prefix.h"
 
@@ -41,93 +41,87 @@ inline memdb_row *memdb_prefix_row_of(const memdb_prefix_slot &slot) {
   return reinterpret_cast<memdb_row *>(slot.row & ((uint64_t{1} << MEMDB_PREFIX_ADDRESS_BITS) - 1));
 }
 
-// The head of the block. The counts are never too low, not even when a writer was killed.
-struct memdb_prefix_slots {
+// The head of a part; its slots follow. They don't lie in two cache lines each if the block doesn't
+// begin at an odd place.
+struct alignas(sizeof(memdb_prefix_slot)) memdb_prefix_part {
   void *given_back;   // left free for whoever keeps the block until no reader can be in it
   uint32_t slot_cnt;  // at least a quarter of them free
   uint32_t used;      // slots that aren't free
-  uint64_t next_age;  // of 48 bits, which last for years at a million insertions a second
+  uint32_t rows;
+};
+
+inline memdb_prefix_slot *memdb_prefix_slots_of(const memdb_prefix_part *part) {
+  return reinterpret_cast<memdb_prefix_slot *>(const_cast<memdb_prefix_part *>(part + 1));
+}
+
+// The head of a look-up; the addresses of its parts follow. The counts, these and those of the
+// parts, are never too low, not even when a writer was killed.
+struct memdb_prefix_slots {
+  void *given_back;    // as above
+  uint64_t next_age;   // of 48 bits, which last for years at a million insertions a second
+  uint32_t part_bits;  // upper bits of a hash that choose the part
   uint32_t lengths[MEMDB_PREFIX_LONGEST + 2];  // rows by length of their entry; last: longer ones
 };
-// No slot lies in two cache lines if the block doesn't begin at an odd place.
-static_assert(sizeof(memdb_prefix_slots) % sizeof(memdb_prefix_slot) == 0);
+static_assert(sizeof(memdb_prefix_slots) % alignof(memdb_prefix_part *) == 0);
 
-inline memdb_prefix_slot *memdb_prefix_slots_of(const memdb_prefix_slots *table) {
-  return reinterpret_cast<memdb_prefix_slot *>(const_cast<memdb_prefix_slots *>(table + 1));
+inline std::span<memdb_prefix_part *> memdb_prefix_parts(const memdb_prefix_slots *table) {
+  auto *const behind = const_cast<memdb_prefix_slots *>(table + 1);
+  return {reinterpret_cast<memdb_prefix_part **>(behind), size_t{1} << table->part_bits};
 }
 
-// Where the probing for a hash begins; sending for that slot; and the slot behind one.
-inline uint32_t memdb_prefix_home(const memdb_prefix_slots *table, uint32_t hash) {
-  return static_cast<uint32_t>(uint64_t{hash} * table->slot_cnt >> 32);
+// The part that a hash goes to, and what is left of the hash then.
+inline memdb_prefix_part **memdb_prefix_part_of(const memdb_prefix_slots *table, uint32_t hash) {
+  return &memdb_prefix_parts(table)[uint64_t{hash} << table->part_bits >> 32];
 }
-inline void memdb_prefix_fetch(const memdb_prefix_slots *table, uint32_t hash) {
-  __builtin_prefetch(&memdb_prefix_slots_of(table)[memdb_prefix_home(table, hash)]);
-}
-inline uint32_t memdb_prefix_next(const memdb_prefix_slots *table, uint32_t slot) {
-  return slot + 1 != table->slot_cnt ? slot + 1 : 0;
+inline uint32_t memdb_prefix_rest_of(const memdb_prefix_slots *table, uint32_t hash) {
+  return hash << table->part_bits;
 }
 
-// Hashing: the given texts first, then the entry character by character, so that one pass over a
-// key gives the hash of each of its beginnings.
+// Where the probing for a hash is.
+class memdb_prefix_probe {
+ public:
+  memdb_prefix_probe(memdb_prefix_part *part, uint32_t rest)
+      : part_(part), slot_(static_cast<uint32_t>(uint64_t{rest} * part->slot_cnt >> 32)) {}
+  memdb_prefix_probe(const memdb_prefix_slots *table, uint32_t hash)
+      : memdb_prefix_probe(
+            std::atomic_ref(*memdb_prefix_part_of(table, hash)).load(std::memory_order_acquire),
+            memdb_prefix_rest_of(table, hash)) {}
+  memdb_prefix_part *part() const { return part_; }
+  memdb_prefix_slot &slot() const { return memdb_prefix_slots_of(part_)[slot_]; }
+  void fetch() const { __builtin_prefetch(&slot()); }
+  void go_on() { slot_ = slot_ + 1 != part_->slot_cnt ? slot_ + 1 : 0; }
+  void go_back() { slot_ = slot_ != 0 ? slot_ - 1 : part_->slot_cnt - 1; }
 
-inline constexpr uint64_t MEMDB_PREFIX_HASH_BEGIN = 0x9E3779B97F4A7C15;
+ private:
+  memdb_prefix_part *part_;
+  uint32_t slot_;
+};
 
-// Multiplies in as Fowler, Noll and Vo's hash FNV-1a does.
-inline uint64_t memdb_prefix_hash_word(uint64_t hash, uint64_t word) {
-  return (hash ^ word) * 0xD6E8FEB86659FD93;
-}
-
-inline uint64_t memdb_prefix_hash_char(uint64_t hash, char c) {
-  return memdb_prefix_hash_word(hash, static_cast<unsigned char>(c));
-}
-
-inline uint64_t memdb_prefix_hash_text(uint64_t hash, const char *text) {
-  size_t left = strlen(text);
-  hash = memdb_prefix_hash_word(hash, left);
-  for (;; text += sizeof(uint64_t), left -= sizeof(uint64_t)) {
-    uint64_t word = 0;
-    if (left <= sizeof(word)) {
-      memcpy(&word, text, left);
-      hash = memdb_prefix_hash_word(hash, word);
-      return hash ^ hash >> 32;
-    }
-    memcpy(&word, text, sizeof(word));
-    hash = memdb_prefix_hash_word(hash, word);
-    hash ^= hash >> 32;
-  }
-}
-
-// The slots' part of it, never 0 (the last steps of Steele's SplitMix64, "Fast Splittable
-// Pseudorandom Number Generators", 2014).
-inline uint32_t memdb_prefix_hash_end(uint64_t hash) {
-  hash = (hash ^ hash >> 30) * 0xBF58476D1CE4E5B9;
-  hash = (hash ^ hash >> 27) * 0x94D049BB133111EB;
-  const auto end = static_cast<uint32_t>(hash >> 32);
-  return end != 0 ? end : 1;
-}
-
-// The hash of texts in the columns of the bits in given; text_of(column) gives each.
-template <typename TextOf>
-uint64_t memdb_prefix_hash_given(uint32_t given, TextOf text_of) {
-  uint64_t hash = MEMDB_PREFIX_HASH_BEGIN;
-  for (; given != 0; given &= given - 1)
-    hash = memdb_prefix_hash_text(hash, text_of(static_cast<uint32_t>(std::countr_zero(given))));
-  return hash;
-}
-
-// A block without rows, with room for twice so many. Null if memory is short.
+// Slots without rows, with room for twice so many. Null if memory is short.
 memdb_prefix_slots *memdb_prefix_make_slots(uint32_t rows);
 
-// The same with the rows of a table in it.
+// The same with the rows of others in them.
 memdb_prefix_slots *memdb_prefix_copy_slots(const memdb_prefix_slots *table, uint32_t rows);
 
-// True if one more row needs a larger block, or one without the marks of rows that went.
-bool memdb_prefix_is_full(const memdb_prefix_slots *table);
+// Gives all blocks of it back; null is ignored.
+void memdb_prefix_give_back(memdb_prefix_slots *table, void (*give_back)(void *block));
 
-// True if the block is much too large for so many rows.
-bool memdb_prefix_is_wide(const memdb_prefix_slots *table, uint32_t rows);
+// True if slots for so many rows would be in more parts, or in one in place of many.
+bool memdb_prefix_wants_more_parts(const memdb_prefix_slots *table, uint32_t rows);
+bool memdb_prefix_wants_one_part(const memdb_prefix_slots *table, uint32_t rows);
 
-// Puts the entry into a slot of a table that isn't full. False if there are already
+// True if one more row of this hash needs a larger part, or one without the marks of rows that
+// went.
+bool memdb_prefix_is_full(const memdb_prefix_slots *table, uint32_t hash);
+
+// True if the part of this hash is much too large for its rows.
+bool memdb_prefix_is_wide(const memdb_prefix_slots *table, uint32_t hash);
+
+// Replaces the part of this hash by one that fits its rows and one more. False, with nothing done,
+// if memory is short.
+bool memdb_prefix_fit_part(memdb_prefix_slots *table, uint32_t hash, void (*give_back)(void *));
+
+// Puts the entry into a slot of a part that isn't full. False if there are already
 // MEMDB_PREFIX_MOST_EQUAL rows of its hash.
 bool memdb_prefix_put(memdb_prefix_slots *table, const memdb_prefix_entry &entry);
 

@@ -49,8 +49,8 @@ inline std::optional<found_rows> look_up_prefix(const memdb_tbl *table,
 // Look-ups are made for tables of any size unless a test says otherwise.
 class PrefixTest : public EngineTest {
  protected:
-  PrefixTest() { memdb_prefix_rows = 0; }
-  ~PrefixTest() override { memdb_prefix_rows = rows_as_built_; }
+  PrefixTest() { memdb_prefixes.rows = 0; }
+  ~PrefixTest() override { memdb_prefixes = as_built_; }
 
   static std::optional<found_rows> look_up(const memdb_tbl *table, uint32_t main, const char *key,
                                            const values &given, int32_t most = INT32_MAX) {
@@ -67,7 +67,7 @@ class PrefixTest : public EngineTest {
     return out;
   }
 
-  const uint32_t rows_as_built_ = memdb_prefix_rows;
+  const memdb_prefix_rules as_built_ = memdb_prefixes;
 };
 
 }  // namespace engine_test

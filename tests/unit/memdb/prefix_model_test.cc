@@ -123,7 +123,8 @@ class PrefixModelTest : public PrefixTest {
     memdb_tbl *table;
     {
       random_run first(nullptr, seed);
-      memdb_prefix_rows = first.one_in(2) ? 0 : static_cast<uint32_t>(first.below(24));
+      memdb_prefixes.rows = first.one_in(2) ? 0 : static_cast<uint32_t>(first.below(24));
+      memdb_prefixes.slots_in_one = first.one_in(2) ? as_built_.slots_in_one : 128;
       table = random_table(&first);
     }
     random_run random(table, seed + 1);

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "memdb/prefix/slots.h"
 #include "tests/unit/memdb/prefix_fixture.h"
 #include "tests/unit/memdb/single_steps.h"
 
@@ -183,12 +184,28 @@ TEST_F(PrefixMomentsTest, ARowThatComesIntoTheGroupIsFoundOrNot) {
 
 TEST_F(PrefixMomentsTest, SlotsGrowAndAreMadeWithNoRowMissing) {
   for (int i = 0; i < 43; i++) insert_route("g", "7", "filler");
-  const memdb_prefix_slots *const before = table->prefixes[0].slots;
+  const auto part = [] { return memdb_prefix_parts(table->prefixes[0].slots)[0]; };
+  const memdb_prefix_part *const before = part();
   expect_right_at_each_moment([] {
     insert_route("g", "7", "filler");
     insert_route("g", "7", "filler");
   });
-  EXPECT_NE(table->prefixes[0].slots, before);
+  EXPECT_NE(part(), before);
+  EXPECT_EQ(found_name(KEY), "stays");
+}
+
+TEST_F(PrefixMomentsTest, SlotsAreMadeInPartsAndInOneWithNoRowMissing) {
+  memdb_prefixes.slots_in_one = 64;
+  memdb_prefixes.part_bits = 1;
+  const auto parts = [] { return memdb_prefix_parts(table->prefixes[0].slots).size(); };
+  for (int i = 0; i < 44; i++) insert_route("g", "7", "filler");
+  EXPECT_EQ(parts(), 1U);
+  expect_right_at_each_moment([] { insert_route("g", "7", "filler"); });
+  EXPECT_GT(parts(), 1U);
+  while (table->row_cnt > 8) memdb_delete_row(table, table->first);
+  EXPECT_GT(parts(), 1U);
+  expect_right_at_each_moment([] { memdb_delete_row(table, table->first); });
+  EXPECT_EQ(parts(), 1U);
   EXPECT_EQ(found_name(KEY), "stays");
 }
 

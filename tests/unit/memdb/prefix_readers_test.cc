@@ -125,6 +125,7 @@ class PrefixReadersTest : public PrefixTest {
 };
 
 TEST_F(PrefixReadersTest, ARowThatStaysIsFoundWhateverComesAndGoes) {
+  memdb_prefixes.slots_in_one = 1 << 10;
   size_t next = 0;
   EXPECT_TRUE(hold_together(
       [&] {
