@@ -49,18 +49,6 @@ std::string group(const shape &of, size_t number, size_t rows) {
   return of.groups == grouping::none ? "any" : "group" + std::to_string(number % groups);
 }
 
-// Tables of up to 1000 rows are scanned unless they are told otherwise.
-class look_ups_of_all_tables {
- public:
-  look_ups_of_all_tables() { memdb_prefixes.rows = 0; }
-  ~look_ups_of_all_tables() { memdb_prefixes.rows = as_built_; }
-  look_ups_of_all_tables(const look_ups_of_all_tables &) = delete;
-  look_ups_of_all_tables &operator=(const look_ups_of_all_tables &) = delete;
-
- private:
-  const uint32_t as_built_ = memdb_prefixes.rows;
-};
-
 void fill(memdb_tbl *tbl, const shape &of, size_t rows) {
   for (size_t i = 0; i < rows; i++) {
     const std::string entry = prefix(i);
@@ -94,7 +82,6 @@ std::vector<wanted> make_keys(const shape &of, size_t rows) {
 }
 
 void select_module(benchmark::State &state, started_module *module, const shape &of, size_t rows) {
-  const look_ups_of_all_tables made;
   filled_table(of, rows);
   const std::string query = table_name(of, rows) + ",$var(key)|" +
                             (of.groups == grouping::none ? "*" : "$var(group)") + "|*";
@@ -114,7 +101,6 @@ void select_module(benchmark::State &state, started_module *module, const shape 
 }
 
 void look_up_engine(benchmark::State &state, const shape &of, size_t rows) {
-  const look_ups_of_all_tables made;
   memdb_tbl *const tbl = filled_table(of, rows)->tbl;
   memdb_want_prefixes(tbl, 0, of.groups == grouping::none ? 0 : 1U << 1);
   const std::vector<wanted> keys = make_keys(of, rows);
@@ -156,15 +142,15 @@ void in_and_out(benchmark::State &state, bool with_look_up, size_t rows) {
   const shape &of = SHAPES[1];
   memdb_tbl *const tbl = memdb_create_tbl(columns, 3);
   fill(tbl, of, rows);
-  const look_ups_of_all_tables made;
   if (with_look_up) memdb_want_prefixes(tbl, 0, 1U << 1);
   size_t next = rows;
   while (state.KeepRunningBatch(BATCH)) {
-    std::vector<std::string> entries;
-    for (size_t i = 0; i < BATCH; i++) entries.push_back(prefix(next++));
+    std::vector<wanted> entries;
+    for (size_t i = 0; i < BATCH; i++, next++)
+      entries.push_back({prefix(next), group(of, next, rows)});
     const stopwatch watch;
-    for (const std::string &entry : entries) {
-      const char *const values[] = {entry.c_str(), "group7", "10.0.0.1"};
+    for (const wanted &entry : entries) {
+      const char *const values[] = {entry.key.c_str(), entry.group.c_str(), "10.0.0.1"};
       memdb_insert(tbl, values);
       memdb_delete_row(tbl, tbl->last);
     }

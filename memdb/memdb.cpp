@@ -161,6 +161,7 @@ void memdb_destroy_tbl(memdb_tbl *tbl) {
 }
 
 memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
+  memdb_prefix_join join(tbl, values);
   auto *const row =
       static_cast<memdb_row *>(memdb_calloc(1, size_t{tbl->row_len} + sizeof(memdb_row)));
   if (row == nullptr) {
@@ -172,7 +173,7 @@ memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
     return nullptr;
   }
   count_rows(tbl, tbl->row_cnt + 1);
-  const memdb_prefix_join join(tbl, row);
+  join.begin(row);
   link_row(tbl, row);
   return row;
 }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 
 #include "memdb/prefix/hash.h"
 #include "memdb/prefix/prefix.h"
@@ -104,8 +105,8 @@ class prefix_walk {
   // Finds those beginnings of the key whose length any entry has, shortest first, and has their
   // slots fetched, which lie anywhere.
   bool hash_beginnings() {
-    uint64_t hash =
-        memdb_prefix_hash_given(given_, [this](uint32_t col) { return search_.values[col]; });
+    uint64_t hash = memdb_prefix_hash_given(
+        given_, [this](uint32_t col) { return std::string_view(search_.values[col]); });
     for (uint32_t length = 0;; length++) {
       if (length > MEMDB_PREFIX_LONGEST) return !has_entries(length);
       if (has_entries(length)) {

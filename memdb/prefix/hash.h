@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 // The hash of an entry: the given texts first, then the entry character by character, so that one
 // pass over a key gives the hash of each of its beginnings.
@@ -19,17 +20,16 @@ inline uint64_t memdb_prefix_hash_char(uint64_t hash, char c) {
   return memdb_prefix_hash_word(hash, static_cast<unsigned char>(c));
 }
 
-inline uint64_t memdb_prefix_hash_text(uint64_t hash, const char *text) {
-  size_t left = strlen(text);
-  hash = memdb_prefix_hash_word(hash, left);
-  for (;; text += sizeof(uint64_t), left -= sizeof(uint64_t)) {
+inline uint64_t memdb_prefix_hash_text(uint64_t hash, std::string_view text) {
+  hash = memdb_prefix_hash_word(hash, text.size());
+  for (;; text.remove_prefix(sizeof(uint64_t))) {
     uint64_t word = 0;
-    if (left <= sizeof(word)) {
-      memcpy(&word, text, left);
+    if (text.size() <= sizeof(word)) {
+      memcpy(&word, text.data(), text.size());
       hash = memdb_prefix_hash_word(hash, word);
       return hash ^ hash >> 32;
     }
-    memcpy(&word, text, sizeof(word));
+    memcpy(&word, text.data(), sizeof(word));
     hash = memdb_prefix_hash_word(hash, word);
     hash ^= hash >> 32;
   }

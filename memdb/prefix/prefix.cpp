@@ -5,6 +5,7 @@
 #include <atomic>
 #include <bit>
 #include <cstring>
+#include <string_view>
 
 #include "memdb/layout/hooks.h"
 #include "memdb/prefix/hash.h"
@@ -43,13 +44,19 @@ void do_without(memdb_prefix_form *form) {
   form->given_up = true;
 }
 
+// The entry of a row with the texts that text_of(column) gives.
+template <typename TextOf>
+memdb_prefix_entry entry_with(const memdb_prefix_form &form, memdb_row *row, TextOf text_of) {
+  uint64_t hash = memdb_prefix_hash_given(form.given, text_of);
+  const std::string_view entry = text_of(static_cast<uint32_t>(form.main));
+  for (const char c : entry) hash = memdb_prefix_hash_char(hash, c);
+  return {row, NOT_IN, memdb_prefix_hash_end(hash), static_cast<uint32_t>(entry.size())};
+}
+
 memdb_prefix_entry entry_of(const memdb_tbl *tbl, const memdb_prefix_form &form, memdb_row *row) {
-  uint64_t hash = memdb_prefix_hash_given(
-      form.given, [tbl, row](uint32_t col) { return memdb_get_field(tbl, row, col); });
-  const char *const entry = memdb_get_field(tbl, row, static_cast<uint32_t>(form.main));
-  uint32_t length = 0;
-  for (; entry[length] != '\0'; length++) hash = memdb_prefix_hash_char(hash, entry[length]);
-  return {row, NOT_IN, memdb_prefix_hash_end(hash), length};
+  return entry_with(form, row, [tbl, row](uint32_t col) {
+    return std::string_view(memdb_get_field(tbl, row, col));
+  });
 }
 
 // Makes room for one more row of the hash among so many. False if memory is short.
@@ -126,10 +133,12 @@ std::span<memdb_prefix_form> forms(memdb_tbl *tbl) {
   return {tbl->prefixes, count};
 }
 
-void hash_and_fetch(memdb_tbl *tbl, memdb_row *row, memdb_prefix_entry *entry) {
+// Sets the entries of those forms that have slots, by make_entry(form), and has the slots fetched.
+template <typename MakeEntry>
+void hash_and_fetch(memdb_tbl *tbl, memdb_prefix_entry *entry, MakeEntry make_entry) {
   for (const memdb_prefix_form &form : forms(tbl)) {
     if (form.slots != nullptr) {
-      *entry = entry_of(tbl, form, row);
+      *entry = make_entry(form);
       memdb_prefix_probe(form.slots, entry->hash).fetch();
     }
     entry++;
@@ -160,13 +169,6 @@ void set_changing(memdb_tbl *tbl, bool changing) {
   for (memdb_prefix_form &form : forms(tbl))
     std::atomic_ref(form.changing).store(changing, std::memory_order_relaxed);
   std::atomic_signal_fence(std::memory_order_seq_cst);
-}
-
-// Before a row comes or goes.
-void begin_change(memdb_tbl *tbl, memdb_row *row, memdb_prefix_entry *entries) {
-  take_over(tbl);
-  hash_and_fetch(tbl, row, entries);
-  set_changing(tbl, true);
 }
 
 void begin_again(memdb_tbl *tbl) {
@@ -216,16 +218,31 @@ void memdb_unwant_prefixes(memdb_tbl *tbl) {
   present.back().main = MEMDB_NO_COL;
 }
 
-memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
-  begin_change(tbl, row, entries_);
+memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, const char *const *values)
+    : tbl_(tbl), row_(nullptr) {
+  take_over(tbl);
+  hash_and_fetch(tbl, entries_, [tbl, values](const memdb_prefix_form &form) {
+    return entry_with(form, nullptr, [tbl, values](uint32_t col) {
+      return values[col] != nullptr
+                 ? std::string_view(values[col], strnlen(values[col], tbl->cols[col].size - 1))
+                 : std::string_view();
+    });
+  });
+}
+
+void memdb_prefix_join::begin(memdb_row *row) {
+  row_ = row;
+  set_changing(tbl_, true);
 }
 
 memdb_prefix_join::~memdb_prefix_join() {
+  if (row_ == nullptr) return;
   memdb_prefix_entry *entry = entries_;
   for (memdb_prefix_form &form : forms(tbl_)) {
     if (form.slots == nullptr) {
       make_if_large(tbl_, &form);
     } else {
+      entry->row = row_;
       entry->age = form.slots->next_age++;
       put_or_do_without(tbl_, &form, *entry);
     }
@@ -235,7 +252,10 @@ memdb_prefix_join::~memdb_prefix_join() {
 }
 
 memdb_prefix_leave::memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
-  begin_change(tbl, row, entries_);
+  take_over(tbl);
+  hash_and_fetch(tbl, entries_,
+                 [tbl, row](const memdb_prefix_form &form) { return entry_of(tbl, form, row); });
+  set_changing(tbl, true);
 }
 
 memdb_prefix_leave::~memdb_prefix_leave() {

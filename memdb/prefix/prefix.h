@@ -76,17 +76,21 @@ struct memdb_prefix_entry {
   uint32_t length;  // of the entry
 };
 
-// The time in which a row, filled and counted, becomes the newest one: the look-ups have it in the
-// end. Its slots, which lie anywhere, are fetched meanwhile.
+// The time in which a row is made of values, of which some may be null, and becomes the newest one:
+// the look-ups have it in the end. Its slots, which lie anywhere, are fetched meanwhile.
 class memdb_prefix_join {
  public:
-  memdb_prefix_join(memdb_tbl *tbl, memdb_row *row);
+  memdb_prefix_join(memdb_tbl *tbl, const char *const *values);
+  // To be called with the row, filled and counted, ahead of the first link to it; without that the
+  // look-ups stay as they are.
+  void begin(memdb_row *row);
   ~memdb_prefix_join();
   memdb_prefix_join(const memdb_prefix_join &) = delete;
   memdb_prefix_join &operator=(const memdb_prefix_join &) = delete;
 
  private:
   memdb_tbl *tbl_;
+  memdb_row *row_;
   memdb_prefix_entry entries_[MEMDB_PREFIX_FORMS];  // of those forms that have slots
 };
 

@@ -115,7 +115,8 @@ std::pair<std::string, std::string> numbers_of_one_hash(bool as_groups) {
   for (int number = 100000;; number++) {
     std::string text = std::to_string(number);
     const char *const group = as_groups ? text.c_str() : "g";
-    uint64_t hash = memdb_prefix_hash_given(GROUP_GIVEN, [group](uint32_t) { return group; });
+    uint64_t hash =
+        memdb_prefix_hash_given(GROUP_GIVEN, [group](uint32_t) { return std::string_view(group); });
     if (!as_groups)
       for (const char c : text) hash = memdb_prefix_hash_char(hash, c);
     const auto [place, is_new] = by_hash.emplace(memdb_prefix_hash_end(hash), text);
