@@ -12,6 +12,9 @@ tarn_mngt *tarn_tbl_mngt;
 
 namespace {
 
+// The table that was found last: a script asks the same one several times in a row.
+size_t found_last;
+
 // The character behind the length is looked at first: it tells most other names apart.
 bool has_name(const tarn_tbl &table, std::string_view name) {
   return name.size() < sizeof(table.table_name) && table.table_name[name.size()] == '\0' &&
@@ -46,6 +49,7 @@ void delete_rows_without_text(memdb_tbl *tbl) {
 bool make_registry() {
   tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
   if (tarn_tbl_mngt == nullptr) return false;
+  found_last = 0;
   use_read_sections(&tarn_tbl_mngt->sections);
   return true;
 }
@@ -76,8 +80,13 @@ tarn_tbl *get_tarn_tbl_by_name(std::string_view name) {
     LM_ERR("tarn_tbl_mngt undefined.\n");
     return nullptr;
   }
-  for (tarn_tbl &table : all_tarn_tbls())
-    if (has_name(table, name)) return &table;
+  const std::span<tarn_tbl> tables = all_tarn_tbls();
+  if (found_last < tables.size() && has_name(tables[found_last], name)) return &tables[found_last];
+  for (size_t i = 0; i < tables.size(); i++) {
+    if (!has_name(tables[i], name)) continue;
+    found_last = i;
+    return &tables[i];
+  }
   LM_ERR("Table '%.*s' was not found\n", static_cast<int>(name.size()), name.data());
   return nullptr;
 }

@@ -218,10 +218,9 @@ void memdb_unwant_prefixes(memdb_tbl *tbl) {
   present.back().main = MEMDB_NO_COL;
 }
 
-memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, const char *const *values)
-    : tbl_(tbl), row_(nullptr) {
-  take_over(tbl);
-  hash_and_fetch(tbl, entries_, [tbl, values](const memdb_prefix_form &form) {
+void memdb_prefix_join::prepare(const char *const *values) {
+  take_over(tbl_);
+  hash_and_fetch(tbl_, entries_, [tbl = tbl_, values](const memdb_prefix_form &form) {
     return entry_with(form, nullptr, [tbl, values](uint32_t col) {
       return values[col] != nullptr
                  ? std::string_view(values[col], strnlen(values[col], tbl->cols[col].size - 1))
@@ -230,13 +229,12 @@ memdb_prefix_join::memdb_prefix_join(memdb_tbl *tbl, const char *const *values)
   });
 }
 
-void memdb_prefix_join::begin(memdb_row *row) {
+void memdb_prefix_join::begin_change(memdb_row *row) {
   row_ = row;
   set_changing(tbl_, true);
 }
 
-memdb_prefix_join::~memdb_prefix_join() {
-  if (row_ == nullptr) return;
+void memdb_prefix_join::end_change() {
   memdb_prefix_entry *entry = entries_;
   for (memdb_prefix_form &form : forms(tbl_)) {
     if (form.slots == nullptr) {
@@ -251,16 +249,16 @@ memdb_prefix_join::~memdb_prefix_join() {
   set_changing(tbl_, false);
 }
 
-memdb_prefix_leave::memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
-  take_over(tbl);
-  hash_and_fetch(tbl, entries_,
-                 [tbl, row](const memdb_prefix_form &form) { return entry_of(tbl, form, row); });
-  set_changing(tbl, true);
+void memdb_prefix_leave::begin_change(memdb_row *row) {
+  take_over(tbl_);
+  hash_and_fetch(tbl_, entries_, [tbl = tbl_, row](const memdb_prefix_form &form) {
+    return entry_of(tbl, form, row);
+  });
+  set_changing(tbl_, true);
 }
 
-memdb_prefix_leave::~memdb_prefix_leave() {
+void memdb_prefix_leave::end_change() {
   const uint32_t left = std::max(tbl_->row_cnt, 1U) - 1;
-  if (left == 0) forget_overwritten(tbl_);
   if (left <= memdb_prefixes.rows / 2) begin_again(tbl_);
   memdb_prefix_entry *entry = entries_;
   for (memdb_prefix_form &form : forms(tbl_)) {
@@ -269,6 +267,8 @@ memdb_prefix_leave::~memdb_prefix_leave() {
   }
   set_changing(tbl_, false);
 }
+
+void memdb_prefix_leave::all_have_gone() { forget_overwritten(tbl_); }
 
 void memdb_empty_prefixes(memdb_tbl *tbl) {
   take_over(tbl);

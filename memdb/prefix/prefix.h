@@ -68,6 +68,11 @@ void memdb_empty_prefixes(memdb_tbl *tbl);
 // Frees all look-ups of a table that nobody else is at.
 void memdb_end_prefixes(memdb_tbl *tbl);
 
+// True if look-ups were asked for: writes of other tables pay nothing for them.
+inline bool memdb_wants_prefixes(const memdb_tbl *tbl) {
+  return tbl->prefixes[0].main != MEMDB_NO_COL;
+}
+
 // What a slot is told of its row.
 struct memdb_prefix_entry {
   memdb_row *row;
@@ -80,15 +85,25 @@ struct memdb_prefix_entry {
 // the look-ups have it in the end. Its slots, which lie anywhere, are fetched meanwhile.
 class memdb_prefix_join {
  public:
-  memdb_prefix_join(memdb_tbl *tbl, const char *const *values);
+  memdb_prefix_join(memdb_tbl *tbl, const char *const *values) : tbl_(tbl), row_(nullptr) {
+    if (memdb_wants_prefixes(tbl)) prepare(values);
+  }
   // To be called with the row, filled and counted, ahead of the first link to it; without that the
   // look-ups stay as they are.
-  void begin(memdb_row *row);
-  ~memdb_prefix_join();
+  void begin(memdb_row *row) {
+    if (memdb_wants_prefixes(tbl_)) begin_change(row);
+  }
+  ~memdb_prefix_join() {
+    if (row_ != nullptr) end_change();
+  }
   memdb_prefix_join(const memdb_prefix_join &) = delete;
   memdb_prefix_join &operator=(const memdb_prefix_join &) = delete;
 
  private:
+  void prepare(const char *const *values);
+  void begin_change(memdb_row *row);
+  void end_change();
+
   memdb_tbl *tbl_;
   memdb_row *row_;
   memdb_prefix_entry entries_[MEMDB_PREFIX_FORMS];  // of those forms that have slots
@@ -98,12 +113,21 @@ class memdb_prefix_join {
 // the look-ups don't have it in the end.
 class memdb_prefix_leave {
  public:
-  memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row);
-  ~memdb_prefix_leave();
+  memdb_prefix_leave(memdb_tbl *tbl, memdb_row *row) : tbl_(tbl) {
+    if (memdb_wants_prefixes(tbl)) begin_change(row);
+  }
+  ~memdb_prefix_leave() {
+    if (memdb_wants_prefixes(tbl_)) end_change();
+    if (tbl_->row_cnt <= 1) all_have_gone();
+  }
   memdb_prefix_leave(const memdb_prefix_leave &) = delete;
   memdb_prefix_leave &operator=(const memdb_prefix_leave &) = delete;
 
  private:
+  void begin_change(memdb_row *row);
+  void end_change();
+  void all_have_gone();
+
   memdb_tbl *tbl_;
   memdb_prefix_entry entries_[MEMDB_PREFIX_FORMS];
 };

@@ -7,6 +7,7 @@
 
 #include "host/log.h"
 #include "host/memory.h"
+#include "query/text/query_marks.h"
 
 namespace {
 
@@ -121,27 +122,19 @@ char **create_walked_fields(const str &list, const uint32_t *expected) {
   return fields;
 }
 
-// The fields of a list without a backslash, as nearly all are: each is the text between two bars as
-// it stands, and one pass finds them.
+// The fields of a list whose marks tell where they are, as in nearly all: each is the text between
+// two bars as it stands.
 class plain_fields {
  public:
-  explicit plain_fields(const str &list) : text_(list.s) {
-    const char *const end = list.s + list.len;
-    const char *at = list.s;
-    for (uint32_t i = 0; i < CAPACITY; i++) {
-      const char *const stop = find_or_end(at, end, FIELD_SEPARATOR);
-      starts_[i] = static_cast<size_t>(at - text_);
-      if (is_wildcard(at, static_cast<size_t>(stop - at))) wildcards_++;
-      if (stop == end) {
-        starts_[i + 1] = static_cast<size_t>(end - text_) + 1;
-        count_ = i + 1;
-        return;
-      }
-      at = stop + 1;
+  plain_fields(const str &list, std::span<const uint32_t> marks, uint32_t first) : text_(list.s) {
+    starts_[0] = 0;
+    for (const uint32_t mark : marks) {
+      const uint32_t place = mark - first;
+      if (text_[place] == FIELD_SEPARATOR) end_field(place);
     }
+    end_field(static_cast<uint32_t>(list.len));
   }
 
-  // 0 for a list of more fields than there is room for.
   uint32_t count() const { return count_; }
 
   // Behind each field stands a bar or the end, where its terminator goes.
@@ -163,22 +156,18 @@ class plain_fields {
   }
 
  private:
-  static constexpr uint32_t CAPACITY = 64;  // beyond it the list is walked twice
-
   size_t len(uint32_t field) const { return starts_[field + 1] - starts_[field] - 1; }
 
+  void end_field(uint32_t end) {
+    if (is_wildcard(text_ + starts_[count_], end - starts_[count_])) wildcards_++;
+    starts_[++count_] = end + 1;
+  }
+
   const char *text_;
-  size_t starts_[CAPACITY + 1];  // of the fields in the text, and where one more would start
+  uint32_t starts_[query_marks::CAPACITY + 2];  // of the fields, and where one more would start
   uint32_t count_ = 0;
   uint32_t wildcards_ = 0;
 };
-
-char **create_plain_fields(const plain_fields &plain, const uint32_t *expected) {
-  if (!is_expected(plain.count(), expected)) return nullptr;
-  char **const fields = allocate_fields(plain.count(), plain.text_total());
-  if (fields != nullptr) plain.copy_to(fields);
-  return fields;
-}
 
 }  // namespace
 
@@ -194,11 +183,19 @@ uint32_t tarn_memdb_get_next_field(const str &line, char sep, char **cursor, str
 }
 
 char **tarn_memdb_create_fields(const str &list, const uint32_t *expected) {
-  if (!is_usable(&list) || has_escape(list.s, list.len))
-    return create_walked_fields(list, expected);
-  const plain_fields plain(list);
-  return plain.count() != 0 ? create_plain_fields(plain, expected)
-                            : create_walked_fields(list, expected);
+  if (!is_usable(&list)) return create_walked_fields(list, expected);
+  const query_marks marks(text_of(list));
+  return marks.tell() ? tarn_memdb_create_fields(list, marks.places(), 0, expected)
+                      : create_walked_fields(list, expected);
+}
+
+char **tarn_memdb_create_fields(const str &list, std::span<const uint32_t> marks, uint32_t first,
+                                const uint32_t *expected) {
+  const plain_fields plain(list, marks, first);
+  if (!is_expected(plain.count(), expected)) return nullptr;
+  char **const fields = allocate_fields(plain.count(), plain.text_total());
+  if (fields != nullptr) plain.copy_to(fields);
+  return fields;
 }
 
 void tarn_memdb_destroy_fields(char **fields) { pkg_free(fields); }

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "host/abi.h"
@@ -31,6 +32,11 @@ uint32_t tarn_memdb_get_next_field(const str &line, char sep, char **cursor, str
 // the unescaped texts. Null when the number of fields isn't *expected (if given) or memory is
 // short. The caller gives the block to tarn_memdb_destroy_fields.
 char **tarn_memdb_create_fields(const str &list, const uint32_t *expected);
+
+// The same for a list whose marks have been found: their places in a text in which the list begins
+// at first. Nothing in it is an escape or a zero byte.
+char **tarn_memdb_create_fields(const str &list, std::span<const uint32_t> marks, uint32_t first,
+                                const uint32_t *expected);
 
 // Gives a field array back; null is ignored.
 void tarn_memdb_destroy_fields(char **fields);
