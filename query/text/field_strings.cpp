@@ -142,6 +142,23 @@ class plain_fields {
 
   void copy_to(char **fields) const {
     char *text = reinterpret_cast<char *>(fields + count_);
+    if (wildcards_ == 0)
+      copy_all_to(fields, text);
+    else
+      copy_each_to(fields, text);
+  }
+
+ private:
+  // In one piece, bars included.
+  void copy_all_to(char **fields, char *text) const {
+    memcpy(text, text_, starts_[count_] - 1);
+    for (uint32_t i = 0; i < count_; i++) {
+      fields[i] = text + starts_[i];
+      text[starts_[i + 1] - 1] = '\0';
+    }
+  }
+
+  void copy_each_to(char **fields, char *text) const {
     for (uint32_t i = 0; i < count_; i++) {
       const char *const field = text_ + starts_[i];
       if (is_wildcard(field, len(i))) {
@@ -155,7 +172,6 @@ class plain_fields {
     }
   }
 
- private:
   size_t len(uint32_t field) const { return starts_[field + 1] - starts_[field] - 1; }
 
   void end_field(uint32_t end) {

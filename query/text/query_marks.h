@@ -10,8 +10,8 @@ class query_marks {
  public:
   explicit query_marks(std::string_view text);
 
-  // False if the text holds an escape or a zero byte, or more separators than there is room for:
-  // then only a walk tells where its parts end.
+  // False if the text holds an escape or a zero byte, or nearly as many separators as there is room
+  // for: then only a walk tells where its parts end.
   bool tell() const { return tell_; }
 
   // Ascending.
@@ -20,8 +20,6 @@ class query_marks {
   static constexpr uint32_t CAPACITY = 128;
 
  private:
-  bool take(const char *text, uint32_t from, uint32_t which);
-
   uint32_t places_[CAPACITY];
   uint32_t count_ = 0;
   bool tell_ = false;
