@@ -107,6 +107,8 @@ class prefix_walk {
   bool hash_beginnings() {
     uint64_t hash = memdb_prefix_hash_given(
         given_, [this](uint32_t col) { return std::string_view(search_.values[col]); });
+    const uint32_t longest =
+        std::atomic_ref(const_cast<uint32_t &>(table_->longest)).load(std::memory_order_acquire);
     for (uint32_t length = 0;; length++) {
       if (length > MEMDB_PREFIX_LONGEST) return !has_entries(length);
       if (has_entries(length)) {
@@ -114,7 +116,7 @@ class prefix_walk {
         memdb_prefix_probe(table_, end).fetch();
         candidates_[count_++] = {end, length};
       }
-      if (search_.key[length] == '\0') return true;
+      if (length == longest || search_.key[length] == '\0') return true;
       hash = memdb_prefix_hash_char(hash, search_.key[length]);
     }
   }

@@ -31,7 +31,10 @@ memdb_prefix_part *make_part(uint32_t rows) {
 
 // A row's length is counted for as long as readers may meet it.
 void count_length(memdb_prefix_slots *table, uint32_t length, bool comes) {
-  const std::atomic_ref count(table->lengths[std::min(length, MEMDB_PREFIX_LONGEST + 1)]);
+  length = std::min(length, MEMDB_PREFIX_LONGEST + 1);
+  if (length > table->longest)
+    std::atomic_ref(table->longest).store(length, std::memory_order_relaxed);
+  const std::atomic_ref count(table->lengths[length]);
   const uint32_t before = count.load(std::memory_order_relaxed);
   count.store(comes ? before + 1 : before - 1, std::memory_order_release);
 }
@@ -89,6 +92,7 @@ memdb_prefix_slots *memdb_prefix_copy_slots(const memdb_prefix_slots *table, uin
   memdb_prefix_slots *const copy = memdb_prefix_make_slots(rows);
   if (copy == nullptr) return nullptr;
   copy->next_age = table->next_age;
+  copy->longest = table->longest;
   std::copy(std::begin(table->lengths), std::end(table->lengths), std::begin(copy->lengths));
   const auto take_over = [copy](const memdb_prefix_slot &slot) {
     const uint32_t hash = memdb_prefix_hash_of(slot);

@@ -60,6 +60,7 @@ struct memdb_prefix_slots {
   void *given_back;    // as above
   uint64_t next_age;   // of 48 bits, which last for years at a million insertions a second
   uint32_t part_bits;  // upper bits of a hash that choose the part
+  uint32_t longest;    // no entry has more characters
   uint32_t lengths[MEMDB_PREFIX_LONGEST + 2];  // rows by length of their entry; last: longer ones
 };
 static_assert(sizeof(memdb_prefix_slots) % alignof(memdb_prefix_part *) == 0);
