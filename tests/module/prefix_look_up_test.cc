@@ -11,7 +11,7 @@ using testing::IsEmpty;
 constexpr char NL[] = "tarn_memdb_nl_select_best_match";
 
 constexpr char ALL_AVPS[] = "$avp(g)|$avp(p)|$avp(w)";
-constexpr size_t LARGE = 200;   // the fewest rows
+constexpr size_t LARGE = 200;  // the fewest rows
 
 table routes(bool indexed = false) {
   return {"routes", {{"grp", 31, indexed}, {"prefix"}, {"gw"}}, 5000};
