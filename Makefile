@@ -133,9 +133,10 @@ STRESS_SECONDS ?= 30
 stress: host-module
 	@$(DEPS) module tools test
 	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
-	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress stress_directories
+	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress stress_directories stress_threads
 	@$(BUILD)/stress/tests/stress/stress $(STRESS_OPERATIONS)
 	@$(BUILD)/stress/tests/stress/stress_directories $(STRESS_SEEDS)
+	@setarch -R $(BUILD)/stress/tests/stress/stress_threads $(STRESS_SECONDS)
 	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
 

@@ -28,6 +28,11 @@ inline memdb_row *memdb_read_link(const void *place) {
 
 inline void memdb_write_link(void *place, memdb_row *row) { memcpy(place, &row, sizeof(row)); }
 
+// An aligned link, which is moved as a whole.
+inline std::atomic_ref<memdb_row *> memdb_aligned_link(const void *place) {
+  return std::atomic_ref(*static_cast<memdb_row **>(const_cast<void *>(place)));
+}
+
 // The processor moves an aligned link as a whole, but one that isn't may be seen half written. So
 // the writer of such a link first tells the column which one it writes and what, in aligned words,
 // and counts the change when it begins and when it ends. A search that meets a change takes what
@@ -41,7 +46,7 @@ inline bool memdb_link_may_tear(const void *place) {
 // For searches, whose caller may hold no lock. Looks again only where another change has begun or
 // ended meanwhile.
 inline memdb_row *memdb_read_link_beside_writer(const void *place, const memdb_col *col) {
-  if (!memdb_link_may_tear(place)) return memdb_read_link(place);
+  if (!memdb_link_may_tear(place)) return memdb_aligned_link(place).load(std::memory_order_acquire);
   auto &shared = const_cast<memdb_col &>(*col);
   const std::atomic_ref changes(shared.changes);
   for (;;) {
