@@ -138,12 +138,13 @@ uint64_t texts_of(memdb_bucket_kind kind) {
 bool link_by_order(memdb_bucket_kind kind, memdb_col *col, memdb_row **chain) {
   constexpr size_t AHEAD = 16;
   const uint64_t texts = texts_of(kind);
-  auto *const block = static_cast<memdb_numbered_row *>(
-      memdb_malloc(2 * texts * sizeof(memdb_numbered_row)));
+  auto *const block = static_cast<uint64_t *>(memdb_malloc(2 * texts * sizeof(uint64_t)));
   if (block == nullptr) return false;
   size_t count = 0;
   memdb_each_table(kind, [&](const memdb_slots *table) {
-    memdb_each_text(table, [&](memdb_row *newest) { block[count++].row = newest; });
+    memdb_each_text(table, [&](memdb_row *newest) {
+      block[count++] = reinterpret_cast<uintptr_t>(newest);
+    });
   });
   const std::span rows(block, count);
   memdb_order_by_text(rows, {block + texts, count}, col);
@@ -151,11 +152,12 @@ bool link_by_order(memdb_bucket_kind kind, memdb_col *col, memdb_row **chain) {
   memdb_directory_is_whole(kind, false);
   text_ends ends(col);
   for (size_t i = 0; i + 1 < count; i++) {
-    __builtin_prefetch(memdb_link_of(rows[std::min(i + AHEAD, count - 1)].row, col), 1);
-    ends.lead_on(rows[i].row, rows[i + 1].row);
+    memdb_row *const later = memdb_row_at(rows[std::min(i + AHEAD, count - 1)]);
+    __builtin_prefetch(memdb_link_of(later, col), 1);
+    ends.lead_on(memdb_row_at(rows[i]), memdb_row_at(rows[i + 1]));
   }
   ends.finish();
-  *chain = rows[0].row;
+  *chain = memdb_row_at(rows[0]);
   memdb_free(block);
   return true;
 }
