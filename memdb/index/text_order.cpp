@@ -16,7 +16,7 @@ using words = std::span<uint64_t>;
 // A row's text is far away, and is asked for so many rows ahead.
 constexpr size_t AHEAD = 16;
 // Up to so many rows are sorted by comparing.
-constexpr size_t FEW = 32;
+constexpr size_t FEW = 64;
 // From so many on the rows' addresses tell in which order they are visited.
 constexpr size_t MANY = 4096;
 // Parts of texts that are looked at before the rest is compared as a whole.
@@ -107,20 +107,15 @@ size_t shared_beginning(words rows, const memdb_col *col) {
   return length;
 }
 
-// The bytes from place on, the first one highest; those behind the text's end are 0.
+// The bytes from place on, the first one highest. What is behind a text's end tells nothing of its
+// order, and does no harm, as texts that differ do so up to there.
 uint64_t part_of(const char *text, size_t place, const memdb_col *col) {
   // At the end of the column bytes ahead of the part are read too, its link's or the text's, and
   // none behind, which may be no row's.
   const size_t missing = place + PART > col->size ? place + PART - col->size : 0;
   uint64_t bytes;
   memcpy(&bytes, text + place - missing, PART);
-  bytes >>= 8 * missing;
-  constexpr uint64_t ONES = 0x0101010101010101;
-  constexpr uint64_t HIGHEST = 0x8080808080808080;
-  // The lowest bit is exact: it is the first byte's that is 0.
-  const uint64_t ends = (bytes - ONES) & ~bytes & HIGHEST;
-  if (ends != 0) bytes &= ((ends & -ends) >> 7) - 1;
-  return __builtin_bswap64(bytes);
+  return __builtin_bswap64(bytes >> 8 * missing);
 }
 
 uint8_t byte_of(uint64_t part, size_t place) {
