@@ -127,6 +127,7 @@ class text_ends {
   size_t count_ = 0;
 };
 
+// Never too few.
 uint64_t texts_of(memdb_bucket_kind kind) {
   uint64_t texts = 0;
   memdb_each_table(kind, [&](const memdb_slots *table) { texts += table->texts; });
@@ -142,10 +143,10 @@ bool link_by_order(memdb_bucket_kind kind, memdb_col *col, memdb_row **chain) {
   if (block == nullptr) return false;
   size_t count = 0;
   memdb_each_table(kind, [&](const memdb_slots *table) {
-    memdb_each_text(table, [&](memdb_row *newest) {
-      block[count++] = reinterpret_cast<uintptr_t>(newest);
-    });
+    memdb_each_text(
+        table, [&](memdb_row *newest) { block[count++] = reinterpret_cast<uintptr_t>(newest); });
   });
+  // None where a writer was killed ahead of giving an empty directory back.
   const std::span rows(block, count);
   memdb_order_by_text(rows, {block + texts, count}, col);
 
@@ -157,7 +158,7 @@ bool link_by_order(memdb_bucket_kind kind, memdb_col *col, memdb_row **chain) {
     ends.lead_on(memdb_row_at(rows[i]), memdb_row_at(rows[i + 1]));
   }
   ends.finish();
-  *chain = memdb_row_at(rows[0]);
+  if (count > 0) *chain = memdb_row_at(rows[0]);
   memdb_free(block);
   return true;
 }

@@ -216,8 +216,7 @@ class radix_sort {
   radix_sort sort(form.bits, bits - lost, rows.size());
   for (size_t i = 0; i < rows.size(); i++) {
     uint64_t number = 0;
-    for (size_t place = 0; place < PART; place++)
-      number += shares[place][byte_of(parts[i], place)];
+    for (size_t place = 0; place < PART; place++) number += shares[place][byte_of(parts[i], place)];
     parts[i] = number >> lost << form.bits | form.pack(rows[i]);
     sort.count(parts[i]);
   }
@@ -226,9 +225,8 @@ class radix_sort {
 }
 
 void sort_by_comparing(words rows, const memdb_col *col) {
-  std::sort(rows.begin(), rows.end(), [col](uint64_t a, uint64_t b) {
-    return strcmp(text_at(a, col), text_at(b, col)) < 0;
-  });
+  std::sort(rows.begin(), rows.end(),
+            [col](uint64_t a, uint64_t b) { return strcmp(text_at(a, col), text_at(b, col)) < 0; });
 }
 
 void order(words rows, words spare, const memdb_col *col, int parts) {

@@ -2,10 +2,10 @@
 //
 // A comparison of two rows' texts waits for memory twice, and a sort of n rows compares n log n
 // times. So each row's text is visited once, in the order of the rows' addresses and with the next
-// ones on their way meanwhile. The eight bytes that follow the beginning that all texts share become
-// a number, by which the rows are sorted, and only rows of one number are looked at again, by the
-// bytes behind (Kärkkäinen and Rantala, "Engineering Radix Sort for Strings", 2008). Texts that lack
-// the shared beginning, which is found from a few of them, are sorted apart.
+// ones on their way meanwhile. The eight bytes that follow the beginning that all texts share
+// become a number, by which the rows are sorted, and only rows of one number are looked at again,
+// by the bytes behind (Kärkkäinen and Rantala, "Engineering Radix Sort for Strings", 2008). Texts
+// that lack the shared beginning, which is found from a few of them, are sorted apart.
 #pragma once
 
 #include <cstdint>

@@ -23,7 +23,8 @@ class DirectoryOrderTest : public EngineTest {
     memdb_directories = {.plain_rows = 0, .plain_chain = 1, .slots_in_one = 4096};
   }
 
-  // The rows of these texts, inserted in a random order, in the order of the chain that they become.
+  // The rows of these texts, inserted in a random order, in the order of the chain that they
+  // become.
   void expect_order(texts all, bool has_memory) {
     SCOPED_TRACE(has_memory ? "with memory" : "without memory");
     memdb_tbl *const table = make({{7, PLAIN}, {LONGEST, INDEXED}});
@@ -83,7 +84,8 @@ TEST_F(DirectoryOrderTest, TextsThatEndWhereOthersGoOnAndTheEmptyText) {
     for (const char *ending : {"", "b"}) all.push_back(std::string(i, 'a') + ending);
   all.resize(all.size() - 1);
   expect_order(all);
-  for (std::string &one : all) one.insert(0, "a beginning").resize(std::min<size_t>(one.size(), 40));
+  for (std::string &one : all)
+    one.insert(0, "a beginning").resize(std::min<size_t>(one.size(), 40));
   std::sort(all.begin(), all.end());
   all.erase(std::unique(all.begin(), all.end()), all.end());
   expect_order(all);
@@ -102,7 +104,8 @@ TEST_F(DirectoryOrderTest, TextsThatAreAlikeFarBeyondTheirBeginning) {
   texts all;
   for (size_t i = 0; i < 40; i++)
     for (size_t k = 0; k < 100; k++)
-      all.push_back(numbered("", i, "aaaaaaaaaaaaaaaaaaaaaaaa") + numbered("", k, k % 2 ? "" : "b"));
+      all.push_back(numbered("", i, "aaaaaaaaaaaaaaaaaaaaaaaa") +
+                    numbered("", k, k % 2 ? "" : "b"));
   expect_order(all);
 }
 
