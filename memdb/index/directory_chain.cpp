@@ -188,7 +188,8 @@ memdb_row *link_by_merging(memdb_bucket_kind kind, memdb_col *col) {
 
 void memdb_make_whole(memdb_bucket_kind kind, memdb_col *col) {
   const memdb_slots *const table = kind.table();
-  if (table != nullptr ? table->whole : kind.parts()->whole) return;
+  const memdb_parts *const parts = kind.parts();
+  if ((table != nullptr && table->whole) || (parts != nullptr && parts->whole)) return;
   memdb_each_table(kind, [col](const memdb_slots *each) {
     memdb_each_text(each, [col](memdb_row *newest) {
       char *const link = memdb_link_of(last_of_text(newest, col), col);

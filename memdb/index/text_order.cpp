@@ -30,7 +30,7 @@ constexpr uint64_t BYTE = 0xFF;
 // A digit of a radix sort.
 constexpr int DIGIT_BITS = 8;
 constexpr size_t DIGIT_VALUES = size_t{1} << DIGIT_BITS;
-constexpr int MOST_DIGITS = 4;
+constexpr size_t MOST_DIGITS = 4;
 using digit_counts = std::array<uint64_t, DIGIT_VALUES>;
 
 // The values that the bytes of a part have, by their place in it.
@@ -166,20 +166,21 @@ int share_out(const byte_values &occurring, byte_shares &shares) {
 // the upper ones at first that few words are alike in them.
 class radix_sort {
  public:
-  radix_sort(int lowest, int bits, size_t count)
-      : digits_(std::min((bits + DIGIT_BITS - 1) / DIGIT_BITS,
-                         count < DIGIT_VALUES * 32 ? MOST_DIGITS - 1 : MOST_DIGITS)),
-        width_(digits_ > 0 ? std::min((bits + digits_ - 1) / digits_, DIGIT_BITS) : 0),
-        lowest_(lowest),
-        left_out_(lowest + std::max(bits - digits_ * width_, 0)) {}
+  radix_sort(int lowest, int bits, size_t count) : lowest_(lowest) {
+    const size_t most = count < MANY ? MOST_DIGITS - 1 : MOST_DIGITS;
+    while (digits_ < most && static_cast<int>(digits_) * DIGIT_BITS < bits) digits_++;
+    const int of_all = digits_ > 0 ? (bits - 1) / static_cast<int>(digits_) + 1 : 0;
+    width_ = std::min(of_all, DIGIT_BITS);
+    left_out_ = lowest + std::max(bits - static_cast<int>(digits_) * width_, 0);
+  }
 
   void count(uint64_t word) {
-    for (int digit = 0; digit < digits_; digit++) counts_[digit][value_of(word, digit)]++;
+    for (size_t digit = 0; digit < digits_; digit++) counts_[digit][value_of(word, digit)]++;
   }
 
   // Sorts what was counted. Gives where it is then.
   words sort(words from, words to) {
-    for (int digit = 0; digit < digits_; digit++) {
+    for (size_t digit = 0; digit < digits_; digit++) {
       add_up(counts_[digit]);
       for (const uint64_t word : from) to[counts_[digit][value_of(word, digit)]++] = word;
       std::swap(from, to);
@@ -195,14 +196,14 @@ class radix_sort {
   }
 
  private:
-  uint64_t value_of(uint64_t word, int digit) const {
-    return word >> (left_out_ + digit * width_) & ((uint64_t{1} << width_) - 1);
+  uint64_t value_of(uint64_t word, size_t digit) const {
+    return word >> (left_out_ + static_cast<int>(digit) * width_) & ((uint64_t{1} << width_) - 1);
   }
 
-  int digits_;
-  int width_;
-  int lowest_;
-  int left_out_;
+  int lowest_;    // bit that counts
+  int left_out_;  // bits below the lowest digit
+  int width_;     // bits of a digit
+  size_t digits_ = 0;
   std::array<digit_counts, MOST_DIGITS> counts_{};
 };
 
