@@ -65,14 +65,13 @@ memdb_row *memdb_directory_find(memdb_bucket_kind kind, const memdb_col *col, co
 
 bool memdb_directory_insert(memdb_row **bucket, memdb_row *row, memdb_col *col) {
   memdb_make_whole(memdb_bucket_kind(*bucket), col);
-  const char *const text = memdb_text_of(row, col);
-  const uint64_t hash = memdb_slot_hash(col, text);
+  const uint64_t hash = memdb_slot_hash(col, memdb_text_of(row, col));
   table_place place = place_of(memdb_bucket_kind(*bucket), hash);
-  memdb_slot_place slot = memdb_slots_look(place.table, col, hash, text);
+  memdb_slot_place slot = memdb_slots_look(place.table, col, hash, row);
   if (slot.newest == nullptr && memdb_slots_crowded(place.table)) {
     if (enlarge(bucket, place, col)) {
       place = place_of(memdb_bucket_kind(*bucket), hash);
-      slot = memdb_slots_look(place.table, col, hash, text);
+      slot = memdb_slots_look(place.table, col, hash, row);
     } else if (memdb_slots_full(place.table)) {
       return false;
     }
@@ -87,10 +86,9 @@ bool memdb_directory_insert(memdb_row **bucket, memdb_row *row, memdb_col *col) 
 bool memdb_directory_delete(memdb_row **bucket, memdb_row *row, memdb_col *col) {
   const memdb_bucket_kind kind(*bucket);
   memdb_make_whole(kind, col);
-  const char *const text = memdb_text_of(row, col);
-  const uint64_t hash = memdb_slot_hash(col, text);
+  const uint64_t hash = memdb_slot_hash(col, memdb_text_of(row, col));
   const table_place place = place_of(kind, hash);
-  const memdb_slot_place slot = memdb_slots_look(place.table, col, hash, text);
+  const memdb_slot_place slot = memdb_slots_look(place.table, col, hash, row);
   memdb_row *const older = memdb_read_link(memdb_link_of(row, col));
   if (slot.newest == row) {
     memdb_slots_step(place.table, slot.slot, older);
@@ -110,7 +108,8 @@ bool memdb_directory_delete(memdb_row **bucket, memdb_row *row, memdb_col *col) 
 bool memdb_directory_has(memdb_row **bucket, const memdb_row *row, memdb_col *col) {
   const memdb_bucket_kind kind(*bucket);
   memdb_make_whole(kind, col);
-  const memdb_row *at = memdb_directory_find(kind, col, memdb_text_of(row, col));
+  const uint64_t hash = memdb_slot_hash(col, memdb_text_of(row, col));
+  const memdb_row *at = memdb_slots_look(place_of(kind, hash).table, col, hash, row).newest;
   while (at != nullptr && at != row) at = memdb_read_link(memdb_link_of(at, col));
   return at != nullptr;
 }

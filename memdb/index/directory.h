@@ -83,7 +83,8 @@ bool memdb_directory_has(memdb_row **bucket, const memdb_row *row, memdb_col *co
 // try again.
 void memdb_directory_make(memdb_row **bucket, memdb_col *col);
 
-// Makes the chain of it that it stands for. Needs no memory.
+// Makes the chain of it that it stands for. Needs no memory, but takes ten times as long without
+// 16 bytes a text meanwhile.
 void memdb_directory_dissolve(memdb_row **bucket, memdb_col *col);
 
 // Gives the blocks of a directory back that no word leads to any more; chains are left alone.

@@ -3,10 +3,13 @@
 // A directory is whole when the last row of each text leads nowhere. While it isn't, the last rows
 // may lead to other texts' first ones, which no reader takes for more than the end of the text; the
 // next writer may find it so if this one is killed.
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <span>
 
 #include "memdb/index/directory_blocks.h"
+#include "memdb/index/text_order.h"
 #include "memdb/layout/hooks.h"
 
 namespace {
@@ -81,11 +84,112 @@ memdb_row *merge(memdb_row *a, memdb_row *b, memdb_col *col) {
   return first;
 }
 
+// Rows that are on their way to the last ones of their texts, step by step together, as each step
+// waits for memory.
+class text_ends {
+ public:
+  explicit text_ends(memdb_col *col) : col_(col) {}
+
+  // The last row of the text that a row is of, which leads nowhere, is to lead on to the next one.
+  void lead_on(memdb_row *row, memdb_row *to) {
+    memdb_row *const older = memdb_read_link(memdb_link_of(row, col_));
+    if (older == nullptr) {
+      memdb_write_link_beside_readers(memdb_link_of(row, col_), to, col_);
+      return;
+    }
+    __builtin_prefetch(memdb_link_of(older, col_));
+    under_way_[count_++] = {older, to};
+    if (count_ == under_way_.size()) finish();
+  }
+
+  void finish() {
+    while (count_ > 0)
+      for (size_t i = 0; i < count_;) {
+        const auto [row, to] = under_way_[i];
+        memdb_row *const older = memdb_read_link(memdb_link_of(row, col_));
+        if (older != nullptr) {
+          __builtin_prefetch(memdb_link_of(older, col_));
+          under_way_[i++].row = older;
+          continue;
+        }
+        memdb_write_link_beside_readers(memdb_link_of(row, col_), to, col_);
+        under_way_[i] = under_way_[--count_];
+      }
+  }
+
+ private:
+  struct step {
+    memdb_row *row;
+    memdb_row *to;
+  };
+  memdb_col *col_;
+  std::array<step, 16> under_way_;
+  size_t count_ = 0;
+};
+
+// Never too few.
+uint64_t texts_of(memdb_bucket_kind kind) {
+  uint64_t texts = 0;
+  memdb_each_table(kind, [&](const memdb_slots *table) { texts += table->texts; });
+  return texts;
+}
+
+// Makes the chain of a directory that is whole, by sorting its texts in memory of their own. False,
+// with nothing done, if there is none.
+bool link_by_order(memdb_bucket_kind kind, memdb_col *col, memdb_row **chain) {
+  constexpr size_t AHEAD = 16;
+  const uint64_t texts = texts_of(kind);
+  auto *const block = static_cast<uint64_t *>(memdb_malloc(2 * texts * sizeof(uint64_t)));
+  if (block == nullptr) return false;
+  size_t count = 0;
+  memdb_each_table(kind, [&](const memdb_slots *table) {
+    memdb_each_text(
+        table, [&](memdb_row *newest) { block[count++] = reinterpret_cast<uintptr_t>(newest); });
+  });
+  // None where a writer was killed ahead of giving an empty directory back.
+  const std::span rows(block, count);
+  memdb_order_by_text(rows, {block + texts, count}, col);
+
+  memdb_directory_is_whole(kind, false);
+  text_ends ends(col);
+  for (size_t i = 0; i + 1 < count; i++) {
+    memdb_row *const later = memdb_row_at(rows[std::min(i + AHEAD, count - 1)]);
+    __builtin_prefetch(memdb_link_of(later, col), 1);
+    ends.lead_on(memdb_row_at(rows[i]), memdb_row_at(rows[i + 1]));
+  }
+  ends.finish();
+  if (count > 0) *chain = memdb_row_at(rows[0]);
+  memdb_free(block);
+  return true;
+}
+
+// The same without memory, by a merge sort from below: the n-th of the bins holds a chain of 2^n
+// texts or none.
+memdb_row *link_by_merging(memdb_bucket_kind kind, memdb_col *col) {
+  memdb_directory_is_whole(kind, false);
+  std::array<memdb_row *, 48> bins{};
+  memdb_each_table(kind, [&](const memdb_slots *table) {
+    memdb_each_text(table, [&](memdb_row *newest) {
+      size_t bin = 0;
+      for (; bins[bin] != nullptr; bin++) {
+        newest = merge(bins[bin], newest, col);
+        bins[bin] = nullptr;
+      }
+      bins[bin] = newest;
+    });
+  });
+  memdb_row *chain = nullptr;
+  for (memdb_row *const sorted : bins)
+    if (sorted != nullptr) chain = merge(sorted, chain, col);
+  return chain;
+}
+
 }  // namespace
 
 void memdb_make_whole(memdb_bucket_kind kind, memdb_col *col) {
   const memdb_slots *const table = kind.table();
-  if (table != nullptr ? table->whole : kind.parts()->whole) return;
+  const memdb_parts *const parts = kind.parts();
+  if ((table != nullptr && table->whole) || (parts != nullptr && parts->whole)) return;
   memdb_each_table(kind, [col](const memdb_slots *each) {
     memdb_each_text(each, [col](memdb_row *newest) {
       char *const link = memdb_link_of(last_of_text(newest, col), col);
@@ -109,25 +213,11 @@ void memdb_directory_make(memdb_row **bucket, memdb_col *col) {
   memdb_make_whole(memdb_bucket_kind(word), col);
 }
 
-// A merge sort from below: the n-th of the bins holds a chain of 2^n texts or none.
 void memdb_directory_dissolve(memdb_row **bucket, memdb_col *col) {
   const memdb_bucket_kind kind(*bucket);
   memdb_make_whole(kind, col);
-  memdb_directory_is_whole(kind, false);
-  std::array<memdb_row *, 48> bins{};
-  memdb_each_table(kind, [&](const memdb_slots *table) {
-    memdb_each_text(table, [&](memdb_row *newest) {
-      size_t bin = 0;
-      for (; bins[bin] != nullptr; bin++) {
-        newest = merge(bins[bin], newest, col);
-        bins[bin] = nullptr;
-      }
-      bins[bin] = newest;
-    });
-  });
   memdb_row *chain = nullptr;
-  for (memdb_row *const sorted : bins)
-    if (sorted != nullptr) chain = merge(sorted, chain, col);
+  if (!link_by_order(kind, col, &chain)) chain = link_by_merging(kind, col);
   memdb_publish(bucket, chain);
   memdb_directory_give_back(kind, memdb_retire);
 }

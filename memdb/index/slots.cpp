@@ -46,7 +46,8 @@ memdb_row *memdb_slots_find(const memdb_slots *table, const memdb_col *col, uint
 }
 
 memdb_slot_place memdb_slots_look(memdb_slots *table, const memdb_col *col, uint64_t hash,
-                                  const char *text) {
+                                  const memdb_row *row) {
+  const char *const text = memdb_text_of(row, col);
   uint64_t *const slots = memdb_slots_of(table);
   uint64_t *left = nullptr;
   for (uint64_t at = hash & table->mask;; at = (at + 1) & table->mask) {
@@ -57,8 +58,8 @@ memdb_slot_place memdb_slots_look(memdb_slots *table, const memdb_col *col, uint
       continue;
     }
     if (!may_be(slot, hash)) continue;
-    memdb_row *const row = memdb_row_of_slot(slot);
-    if (strcmp(text, memdb_text_of(row, col)) == 0) return {&slots[at], row};
+    memdb_row *const newest = memdb_row_of_slot(slot);
+    if (newest == row || strcmp(text, memdb_text_of(newest, col)) == 0) return {&slots[at], newest};
   }
 }
 

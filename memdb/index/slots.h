@@ -74,8 +74,9 @@ memdb_row *memdb_slots_find(const memdb_slots *table, const memdb_col *col, uint
 
 // The rest is for the writer, who holds the table's lock.
 
+// The place of a row's text, whose hash that is.
 memdb_slot_place memdb_slots_look(memdb_slots *table, const memdb_col *col, uint64_t hash,
-                                  const char *text);
+                                  const memdb_row *row);
 
 // True if a text more makes the table crowded: probes get long, and it had better be larger.
 bool memdb_slots_crowded(const memdb_slots *table);

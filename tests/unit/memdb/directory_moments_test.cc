@@ -179,6 +179,15 @@ TEST_F(DirectoryMomentsTest, ADirectoryBecomesAChainAheadOfAnOverwrite) {
   EXPECT_TRUE(bucket().is_chain());
 }
 
+TEST_F(DirectoryMomentsTest, ADirectoryBecomesAChainWithoutMemory) {
+  insert_others(12);
+  subject = insert_key("zz");
+  ASSERT_FALSE(bucket().is_chain());
+  memdb_malloc = [](size_t) -> void * { return nullptr; };
+  expect_no_moment_without_the_kept([] { memdb_set_field(table, subject, 1, "zzz"); });
+  EXPECT_TRUE(bucket().is_chain());
+}
+
 TEST_F(DirectoryMomentsTest, PartsBecomeAChainAheadOfAnOverwrite) {
   looked_at_once_in = 31;
   insert_others(60);
