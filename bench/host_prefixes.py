@@ -18,7 +18,7 @@ MATCH_GOAL = 2.0
 WRITE_GOAL = 100  # nanoseconds
 # The same formula in Python and in the script: numbers of eight digits all over a plan.
 STEP, FIRST_NUMBER, NUMBERS = 61803399, 10000000, 90000000
-REST = "5551234"  # what the numbers that are called have behind these digits
+NEAR = 9  # the place of a prefix of six digits, that all near numbers have
 FUNCTIONS = ("select", "nl_select", "xavp_select", "nl_xavp_select")
 
 
@@ -90,13 +90,33 @@ def known(shape, count):
     return found
 
 
-def place(i, count):
-    return i * 617 % count
+@dataclasses.dataclass(frozen=True)
+class Calls:
+    """Which numbers are looked up one after the other."""
+
+    name: str
+    title: str
+    place: str  # of the number's first eight digits, by the repeat's $var(i) and {count}
+
+    def __call__(self, i, count):
+        return i * 617 % count if "617" in self.place else NEAR
+
+    def each(self, count):
+        return (
+            f"$var(n) = {self.place.format(count=count)};\n"
+            f'$var(g) = "group" + ($var(n) mod {groups(count)});\n'
+            f"$var(n) = {FIRST_NUMBER} + ($var(n) * {STEP}) mod {NUMBERS};\n"
+            # The digits behind them.
+            '$var(k) = "" + $var(n) + (1000000 + $var(i));'
+        )
 
 
-def expected(shape, count, i):
-    """The target of the longest prefix for the i-th repeat."""
-    n = place(i, count)
+NEAR_CALLS = Calls("near", "numbers of one prefix", f"{NEAR}")
+CALLS = (NEAR_CALLS, Calls("apart", "numbers all over the plan", "($var(i) * 617) mod {count}"))
+
+
+def expected(shape, count, n):
+    """The target of the longest prefix of the n-th number."""
     of_group = known(shape, count)[group(n, count) if shape.grouped else None]
     called = number(n)
     return next(
@@ -114,10 +134,13 @@ class PrefixStock:
     # The tree's module takes its whole table as one result at the start.
     private_mb = 1024
 
+    def __init__(self, counts=COUNTS):
+        self.counts = counts
+
     def tables(self):
         return [
             table_text(f"{name}{count}", columns, 2 * count)
-            for count in COUNTS
+            for count in self.counts
             for name, columns in (
                 *((shape.name, shape.columns) for shape in SHAPES),
                 *((name, WRITTEN_COLUMNS) for name in WRITTEN),
@@ -125,14 +148,14 @@ class PrefixStock:
         ]
 
     def write(self, where):
-        for count in COUNTS:
+        for count in self.counts:
             for shape in SHAPES:
                 write_rows(where, f"{shape.name}{count}", (shape.row(n, count) for n in range(count)))
             for name in WRITTEN:
                 rows = ((f"{n}", *SHAPES[0].row(n, count)) for n in range(count))
                 write_rows(where, f"{name}{count}", rows)
         with contextlib.closing(sqlite3.connect(where / "trees.db")) as trees:
-            for count in COUNTS:
+            for count in self.counts:
                 trees.execute(f"create table tree{count}(tprefix varchar(15), tvalue varchar(31))")
                 trees.executemany(
                     f"insert into tree{count} values(?, ?)",
@@ -140,45 +163,41 @@ class PrefixStock:
                 )
             trees.execute("create table version(table_name varchar(31), table_version int)")
             trees.executemany(
-                "insert into version values(?, 1)", [(f"tree{count}",) for count in COUNTS]
+                "insert into version values(?, 1)", [(f"tree{count}",) for count in self.counts]
             )
             trees.commit()
 
     def parameters(self, where):
         return [f'modparam("mtree", "db_url", "sqlite:///{where}/trees.db")'] + [
-            tree(f"tree{count}") for count in COUNTS
+            tree(f"tree{count}") for count in self.counts
         ]
 
 
-def match(shape, function, count):
-    table = f"{shape.name}{count}"
+def match(shape, function, count, calls):
     is_xavp = "xavp" in function
     into = "to" if is_xavp else shape.avps()
     return Loop(
         f"{function}_{shape.name}",
         f"tarn_memdb_{function}_best_match"
-        f'("{table},{shape.query()}", "{into}", "{shape.main()}");',
+        f'("{shape.name}{count},{shape.query()}", "{into}", "{shape.main()}");',
         check="$xavp(to=>target)" if is_xavp else "$avp(target)",
-        expected=lambda i: expected(shape, count, i),
+        expected=lambda i: expected(shape, count, calls(i, count)),
     )
 
 
-def matches(count):
+def matches(count, calls):
     return group_of(
-        f"Best match among {count} prefixes",
-        f"m{count}",
-        f"$var(n) = ($var(i) * 617) mod {count};\n"
-        f'$var(g) = "group" + ($var(n) mod {groups(count)});\n'
-        f"$var(n) = {FIRST_NUMBER} + ($var(n) * {STEP}) mod {NUMBERS};\n"
-        f'$var(k) = "" + $var(n) + "{REST}";',
+        f"Best match among {count} prefixes, {calls.title}",
+        f"{calls.name}{count}",
+        calls.each(count),
         [
             Loop(
                 "mtree",
                 f'mt_match("tree{count}", "$var(k)", "0");',
                 check="$avp(s:tvalue)",
-                expected=lambda i: expected(SHAPES[0], count, i),
+                expected=lambda i: expected(SHAPES[0], count, calls(i, count)),
             ),
-            *(match(shape, function, count) for shape in SHAPES for function in FUNCTIONS),
+            *(match(shape, function, count, calls) for shape in SHAPES for function in FUNCTIONS),
         ],
     )
 
@@ -231,17 +250,22 @@ def meet(runner, searched, written):
 
 
 def run(bench, allocator):
-    searched = {count: matches(count) for count in COUNTS}
+    searched = {
+        calls: {count: matches(count, calls) for count in COUNTS} for calls in CALLS
+    }
     written = {count: writes(count) for count in COUNTS}
     routes = {
         loop.name: loop.route()
-        for some in (*searched.values(), *written.values())
-        for loop in some.loops
+        for some in (*searched.values(), written)
+        for group in some.values()
+        for loop in group.loops
     }
     with bench.runner(routes, allocator, PrefixStock()) as runner:
-        meet(runner, searched, written)
-        nets = host_sizes.measured(bench, runner, searched)
-        names = [name for name in host_sizes.names_of(nets) if name != "mtree"]
-        host_sizes.print_times(f"Best match among so many prefixes (allocator {allocator})", nets)
-        host_sizes.print_ratios(nets, [(name, "mtree", MATCH_GOAL, COUNTS) for name in names])
+        meet(runner, searched[CALLS[-1]], written)
+        for calls, some in searched.items():
+            nets = host_sizes.measured(bench, runner, some)
+            names = [name for name in host_sizes.names_of(nets) if name != "mtree"]
+            title = f"Best match among so many prefixes, {calls.title} (allocator {allocator})"
+            host_sizes.print_times(title, nets)
+            host_sizes.print_ratios(nets, [(name, "mtree", MATCH_GOAL, COUNTS) for name in names])
         print_writes(host_sizes.measured(bench, runner, written), allocator)

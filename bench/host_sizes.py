@@ -56,7 +56,9 @@ def growth(nets, name):
 def verdict(reached, goal):
     """What is to be said of ratios or times by the number of rows beside their goal."""
     missed = [str(count) for count, value in reached.items() if value > goal]
-    return f"at most {goal}: " + (f"not met at {', '.join(missed)}" if missed else "met")
+    if not missed:
+        return f"at most {goal}: met"
+    return f"at most {goal}: not met" + ("" if len(missed) == len(reached) else f" at {', '.join(missed)}")
 
 
 def print_times(title, nets):
