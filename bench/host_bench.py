@@ -7,8 +7,10 @@ Environment:
   TARN_BENCH_ROUNDS      rounds of each case (default 41)
   TARN_BENCH_ALLOCATORS  the host's allocators, in order (default "fm qm"; qm is what it takes
                          without being told)
-  TARN_BENCH_CASES       the cases to run, of: loops ports rpc processes store memory
-                         large
+  TARN_BENCH_CASES       the cases to run, of: loops ports rpc processes store memory large
+  TARN_BENCH_LARGE_ALLOCATORS
+                         those of the case large among them (default "fm": filling takes qm two
+                         minutes)
 """
 
 import contextlib
@@ -31,8 +33,6 @@ import host_site  # noqa: E402
 
 CASES = ("loops", "ports", "rpc", "processes", "store", "memory", "large")
 DEFAULT_ALLOCATOR = "qm"
-# Millions of blocks take qm too long.
-LARGE_ALLOCATORS = ("fm",)
 median = statistics.median
 
 
@@ -43,6 +43,7 @@ class Bench:
         self.module = module
         self.rounds = int(environment.get("TARN_BENCH_ROUNDS", "41"))
         self.allocators = environment.get("TARN_BENCH_ALLOCATORS", "fm qm").split()
+        self.large_allocators = environment.get("TARN_BENCH_LARGE_ALLOCATORS", "fm").split()
         self.cases = environment.get("TARN_BENCH_CASES", " ".join(CASES)).split()
         if self.rounds < 3 or set(self.cases) - set(CASES):
             raise SystemExit(__doc__)
@@ -429,7 +430,7 @@ def run_memory(bench, allocator):
 
 
 def run_large(bench, allocator):
-    if allocator not in LARGE_ALLOCATORS:
+    if allocator not in bench.large_allocators:
         return
     host_large.run(bench, allocator)
     host_prefixes.run(bench, allocator)

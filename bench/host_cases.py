@@ -256,7 +256,7 @@ def best_matches(count):
                 expected=expected,
             ),
         ],
-        (("best_match", "mtree", None), ("nl_best_match", "mtree", None)),
+        (("best_match", "mtree", 2.0), ("nl_best_match", "mtree", 2.0)),
     )
 
 

@@ -1,5 +1,5 @@
-"""The best match among up to 1,000,000 prefixes, beside mtree, and what a look-up for it adds to the
-writes."""
+"""The best match among up to 1,000,000 prefixes, beside mtree, and what a look-up for it adds to
+the writes."""
 
 import contextlib
 import dataclasses
@@ -150,7 +150,8 @@ class PrefixStock:
     def write(self, where):
         for count in self.counts:
             for shape in SHAPES:
-                write_rows(where, f"{shape.name}{count}", (shape.row(n, count) for n in range(count)))
+                rows = (shape.row(n, count) for n in range(count))
+                write_rows(where, f"{shape.name}{count}", rows)
             for name in WRITTEN:
                 rows = ((f"{n}", *SHAPES[0].row(n, count)) for n in range(count))
                 write_rows(where, f"{name}{count}", rows)
@@ -205,7 +206,8 @@ def matches(count, calls):
 def writes(count):
     def loop(name):
         # The select, which isn't timed, is what makes the look-up.
-        select = f'tarn_memdb_select_best_match("written{count},*|{number(0)}|*", "|$avp(p)", "1");\n'
+        query = f"written{count},*|{number(0)}|*"
+        select = f'tarn_memdb_select_best_match("{query}", "|$avp(found)", "1");\n'
         return Loop(
             name,
             f'tarn_memdb_insert("{name}{count},$var(k)|$var(n)|target");\n'

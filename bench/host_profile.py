@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Counts the instructions of selects, writes and best matches on a real server under callgrind, and tells
-in whose files they stand: the split between the host's calls and the module's code.
+"""Counts the instructions of selects, writes and best matches on a real server under callgrind, and
+tells in whose files they stand: the split between the host's calls and the module's code.
 
 Usage: bench/host_profile.py MODULE.so
 

@@ -107,8 +107,8 @@ SCANS = (
     Scan(
         "out_of_range",
         "out",
-        'tarn_memdb_nl_select_field_out_of_range("{table},{group}|{set}|*|*", "||$avp(name)", "3", "5", '
-        '"100");',
+        'tarn_memdb_nl_select_field_out_of_range("{table},{group}|{set}|*|*", "||$avp(name)", '
+        '"3", "5", "100");',
         few=100,
         many=500,
         grouped=1000000,
@@ -117,8 +117,8 @@ SCANS = (
     Scan(
         "within_the_range",
         "within",
-        'tarn_memdb_nl_select_field_within_the_range("{table},{group}|{set}|*|*", "$avp(none)", "3", '
-        '"100", "0", "$var(above)");',
+        'tarn_memdb_nl_select_field_within_the_range("{table},{group}|{set}|*|*", "$avp(none)", '
+        '"3", "100", "0", "$var(above)");',
         few=100,
         many=30000,
         grouped=1000000,
@@ -153,7 +153,10 @@ def run(bench, allocator):
     def by_row(scan):
         net = nets[scan]
         return host_sizes.median(
-            [(b - a) / (scan.many - scan.few) for a, b in zip(net["few"], net["many"], strict=True)]
+            [
+                (many - few) / (scan.many - scan.few)
+                for few, many in zip(net["few"], net["many"], strict=True)
+            ]
         )
 
     def text(scan, name, rows):
@@ -179,7 +182,7 @@ def run(bench, allocator):
         )
     host_loops.print_table(
         f"The same by an indexed column with {ROWS_OF_A_GROUP} rows of a text: ns",
-        ["", "rows", f"a table of {ROWS_OF_A_GROUP}", "one group", "any group", "any set, rows apart"]
-        + ["one group / that table", "goal"],
+        ["", "rows", f"all of a table of {ROWS_OF_A_GROUP}", "one group", "any group"]
+        + ["any set, rows apart", "one group / that table", "goal"],
         rows,
     )

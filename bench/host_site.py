@@ -158,7 +158,8 @@ def tree(name):
 
 
 class BenchServer(host_server.Server):
-    """A server with all tables, trees and databases of a stock, and with these routes in its script.
+    """A server with all tables, trees and databases of a stock, and with these routes in its
+    script.
 
     `routes` maps the user of a request to the route's lines. `allocator` is the host's -x, or None
     for its default.

@@ -58,7 +58,8 @@ def verdict(reached, goal):
     missed = [str(count) for count, value in reached.items() if value > goal]
     if not missed:
         return f"at most {goal}: met"
-    return f"at most {goal}: not met" + ("" if len(missed) == len(reached) else f" at {', '.join(missed)}")
+    where = f" at {', '.join(missed)}" if len(missed) < len(reached) else ""
+    return f"at most {goal}: not met{where}"
 
 
 def print_times(title, nets):
