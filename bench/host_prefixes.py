@@ -96,8 +96,8 @@ class Calls:
 
     name: str
     title: str
-    # The place of the number in a plan of so many prefixes, from the number of the repeat: here, and
-    # in the script.
+    # The number's place in a plan of so many prefixes, by the number of the repeat: here and in the
+    # script.
     place: object
     script: str
 
