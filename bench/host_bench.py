@@ -7,7 +7,10 @@ Environment:
   TARN_BENCH_ROUNDS      rounds of each case (default 41)
   TARN_BENCH_ALLOCATORS  the host's allocators, in order (default "fm qm"; qm is what it takes
                          without being told)
-  TARN_BENCH_CASES       the cases to run, of: loops ports rpc processes store memory
+  TARN_BENCH_CASES       the cases to run, of: loops ports rpc processes store memory large
+  TARN_BENCH_LARGE_ALLOCATORS
+                         those of the case large among them (default "fm": filling takes qm two
+                         minutes)
 """
 
 import contextlib
@@ -22,10 +25,13 @@ import time
 sys.dont_write_bytecode = True
 
 import host_cases  # noqa: E402  (no byte code of these)
+import host_large  # noqa: E402
 import host_loops  # noqa: E402
+import host_prefixes  # noqa: E402
+import host_ranges  # noqa: E402
 import host_site  # noqa: E402
 
-CASES = ("loops", "ports", "rpc", "processes", "store", "memory")
+CASES = ("loops", "ports", "rpc", "processes", "store", "memory", "large")
 DEFAULT_ALLOCATOR = "qm"
 median = statistics.median
 
@@ -37,23 +43,32 @@ class Bench:
         self.module = module
         self.rounds = int(environment.get("TARN_BENCH_ROUNDS", "41"))
         self.allocators = environment.get("TARN_BENCH_ALLOCATORS", "fm qm").split()
+        self.large_allocators = environment.get("TARN_BENCH_LARGE_ALLOCATORS", "fm").split()
         self.cases = environment.get("TARN_BENCH_CASES", " ".join(CASES)).split()
         if self.rounds < 3 or set(self.cases) - set(CASES):
             raise SystemExit(__doc__)
 
     @contextlib.contextmanager
-    def server(self, routes, allocator, children=1):
+    def server(self, routes, allocator, children=1, stock=None):
         """A running server that must not have complained at its end."""
         with tempfile.TemporaryDirectory(prefix="tarn-bench-") as directory:
-            server = host_site.BenchServer(directory, self.module, routes, allocator, children)
+            server = host_site.BenchServer(
+                directory, self.module, routes, allocator, children, stock
+            )
             try:
-                server.start(timeout=60)
+                server.start(timeout=120)
                 yield server
                 trouble = server.complaints()
                 if trouble:
                     raise host_loops.WrongResult(f"the server complains: {trouble[0]}")
             finally:
                 server.kill()
+
+    @contextlib.contextmanager
+    def runner(self, routes, allocator, stock):
+        """A runner of loops on such a server."""
+        with self.server(routes, allocator, 1, stock) as server, server.phone("bench") as phone:
+            yield host_loops.Runner(server, phone)
 
 
 def titled(text, allocator):
@@ -411,6 +426,17 @@ def run_memory(bench, allocator):
     )
 
 
+# Case 8: up to 1,000,000 rows, on servers of their own.
+
+
+def run_large(bench, allocator):
+    if allocator not in bench.large_allocators:
+        return
+    host_large.run(bench, allocator)
+    host_prefixes.run(bench, allocator)
+    host_ranges.run(bench, allocator)
+
+
 RUNS = {
     "loops": run_loops,
     "ports": run_ports,
@@ -418,6 +444,7 @@ RUNS = {
     "processes": run_processes,
     "store": run_store,
     "memory": run_memory,
+    "large": run_large,
 }
 
 

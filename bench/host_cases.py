@@ -19,7 +19,7 @@ class Group:
     ratios: tuple = ()
 
 
-def _group(title, tag, each, loops, ratios):
+def group_of(title, tag, each, loops, ratios=()):
     """A group whose loops share their preparation; names are made unlike other groups' by a tag."""
     named = [Loop(EMPTY, "", each)] + loops
     return Group(
@@ -117,7 +117,7 @@ def selects(count):
         "htable": "{table}_{field}=>$var(k)",
         "htable_one": "{table}=>$var(k)::{field}",
     }
-    return _group(
+    return group_of(
         f"Exact select of one row into 3 AVPs, {count} rows",
         f"s{count}",
         _keys(count),
@@ -179,7 +179,7 @@ def _left_in(table):
 
 
 def writes():
-    return _group(
+    return group_of(
         f"Insert and delete of one row, {WRITE_ROWS} rows in place",
         "w",
         _new_keys(),
@@ -219,7 +219,7 @@ def writes():
             ),
         ],
         (
-            ("insert_delete", "htable", 1.5),
+            ("insert_delete", "htable", 2.0),
             ("insert_delete", "htable_three", None),
             ("insert_delete", "sqlite", 0.1),
         ),
@@ -242,7 +242,7 @@ def best_matches(count):
 
     target = {"check": "$avp(target)", "expected": expected}
     query = f'"prefix{count},$var(k)|*", "|$avp(target)", "0"'
-    return _group(
+    return group_of(
         f"Best match among {count} prefixes",
         f"b{count}",
         f'$var(n) = 10000000 + $var(i) mod 1000000;\n$var(k) = "{NUMBER}" + $var(n);',
@@ -256,7 +256,7 @@ def best_matches(count):
                 expected=expected,
             ),
         ],
-        (("best_match", "mtree", None), ("nl_best_match", "mtree", None)),
+        (("best_match", "mtree", 2.0), ("nl_best_match", "mtree", 2.0)),
     )
 
 
@@ -277,7 +277,7 @@ def ports():
         for table in ("media", "calls")
     ]
     freed = {"after": "tarn_memdb_clear_pmap();"}
-    return _group(
+    return group_of(
         "Ports",
         "p",
         '$var(k) = 2000000 + $var(i);\n$var(p) = 1024 + $var(i) mod 60000;',
@@ -299,7 +299,7 @@ def statements():
     found = _contact(1000)
     where = "WHERE key=$var(k) MAX=1"
     return [
-        _group(
+        group_of(
             "SELECT statement and tarn_memdb_select, 1000 rows",
             "qs",
             _keys(1000),
@@ -317,9 +317,9 @@ def statements():
                     **found,
                 ),
             ],
-            (("statement", "positional", None),),
+            (("statement", "positional", 1.6),),
         ),
-        _group(
+        group_of(
             "UPDATE statement and tarn_memdb_update, 1000 rows",
             "qu",
             _keys(1000),
@@ -333,9 +333,9 @@ def statements():
                     'tarn_memdb_update("flat1000,$var(k)|*|*|*,1", "*|*|*|away");',
                 ),
             ],
-            (("statement", "positional", None),),
+            (("statement", "positional", 1.6),),
         ),
-        _group(
+        group_of(
             "INSERT and DELETE statements and their twins, 1000 rows in place",
             "qw",
             _new_keys(),
@@ -354,7 +354,7 @@ def statements():
                     **_left_in("write"),
                 ),
             ],
-            (("statement", "positional", None),),
+            (("statement", "positional", 1.6),),
         ),
     ]
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Counts the instructions of the loops of cases 1 and 2 on a real server under callgrind, and tells
-in whose files they stand: the split between the host's calls and the module's code.
+"""Counts the instructions of selects, writes and best matches on a real server under callgrind, and
+tells in whose files they stand: the split between the host's calls and the module's code.
 
 Usage: bench/host_profile.py MODULE.so
 
@@ -20,6 +20,7 @@ sys.dont_write_bytecode = True
 
 import host_cases  # noqa: E402  (no byte code of these)
 import host_loops  # noqa: E402
+import host_prefixes  # noqa: E402
 import host_site  # noqa: E402
 
 ROWS = 1000
@@ -30,8 +31,18 @@ MODULE = "tarn_memdb.so"
 ENTRY = "run_top_route"
 
 
-def profiled_groups():
-    return [host_cases.selects(ROWS), host_cases.writes()]
+def profiled():
+    """Groups of loops, the loops that fill for them, and what their server holds."""
+    fillers = [
+        (loop, count)
+        for loop, count in host_cases.fillers()
+        if loop.name in (f"fill_flat{ROWS}", "fill_write")
+    ]
+    prefixes = host_prefixes.PrefixStock(counts=(ROWS,))
+    return (
+        ([host_cases.selects(ROWS), host_cases.writes()], fillers, host_site.SmallStock()),
+        ([host_prefixes.matches(ROWS, host_prefixes.NEAR_CALLS)], [], prefixes),
+    )
 
 
 class ProfiledServer(host_site.BenchServer):
@@ -161,24 +172,18 @@ def print_profile(title, profiles):
     )
 
 
-def run(module, allocator, directory):
-    groups = profiled_groups()
-    host_site.STORE_COUNTS = ()
+def run(module, allocator, directory, groups, fillers, stock):
     routes = {"make_lite": host_cases.make_lite()}
-    fillers = [
-        (loop, count)
-        for loop, count in host_cases.fillers()
-        if loop.name in (f"fill_flat{ROWS}", "fill_write")
-    ]
     loops = [loop for group in groups for loop in group.loops if "db_text" not in loop.name]
     for loop in [loop for loop, _ in fillers] + loops:
         routes[loop.name] = loop.route()
-    server = ProfiledServer(directory, module, routes, allocator)
+    server = ProfiledServer(directory, module, routes, allocator, 1, stock)
     try:
         server.start(timeout=120)
         (pid,) = host_site.worker_pids(server)
         with server.phone("bench") as phone:
-            phone.request("OPTIONS", server.uri("make_lite"))
+            if fillers:
+                phone.request("OPTIONS", server.uri("make_lite"))
             runner = host_loops.Runner(server, phone)
             for loop, count in fillers:
                 for _ in range(0, count, 100):
@@ -202,9 +207,11 @@ def main():
         raise SystemExit(__doc__)
     if not shutil.which("valgrind"):
         raise SystemExit("host_profile: valgrind is missing (Debian package valgrind)")
-    for allocator in ALLOCATORS:
-        with tempfile.TemporaryDirectory(prefix="tarn-profile-") as directory:
-            run(sys.argv[1], allocator, directory)
+    host_site.STORE_COUNTS = ()
+    for groups, fillers, stock in profiled():
+        for allocator in ALLOCATORS:
+            with tempfile.TemporaryDirectory(prefix="tarn-profile-") as directory:
+                run(sys.argv[1], allocator, directory, groups, fillers, stock)
 
 
 if __name__ == "__main__":

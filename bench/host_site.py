@@ -16,8 +16,7 @@ WRITE_ROWS = 1000  # in place while rows are added and removed
 STORE_COUNTS = (1000, 10000, 100000)
 FIRST_KEY = 1000000
 
-MODULES = ["pv.so", "sl.so", "textops.so", "ctl.so", "jsonrpcs.so"]
-MODULES += ["db_text.so", "db_sqlite.so", "htable.so", "mtree.so", "sqlops.so"]
+MODULES = ("pv.so", "sl.so", "textops.so", "ctl.so", "jsonrpcs.so", "db_sqlite.so", "sqlops.so")
 
 # The columns of the tables that stand for subscribers: an indexed key and three texts.
 FLAT_COLUMNS = ("key 31 1", "grp 15 0", "contact 63 0", "state 15 0")
@@ -66,81 +65,59 @@ def table_text(name, columns, max_rows, ports=None):
     return schema_text.table(name, columns, ports, MAX_ROWS=max_rows)
 
 
-def schema_tables():
-    """All tables of the module, by name."""
-    tables = {}
-    for count in ROW_COUNTS:
-        tables[f"flat{count}"] = table_text(f"flat{count}", FLAT_COLUMNS, 2 * count)
-        tables[f"prefix{count}"] = table_text(
-            f"prefix{count}", ("prefix 15 0", "target 31 0"), 2 * count
-        )
-    tables["write"] = table_text("write", FLAT_COLUMNS, 2 * WRITE_ROWS)
-    tables["calls"] = table_text("calls", PORT_COLUMNS, 2 * WRITE_ROWS)
-    tables["media"] = table_text("media", PORT_COLUMNS, 2 * WRITE_ROWS, ("dynamic", 4, 6))
-    for count in STORE_COUNTS:
-        tables[f"store{count}"] = table_text(
-            f"store{count}", FLAT_COLUMNS + ("expires 7 0",), 2 * count
-        )
-    tables["tight"] = table_text(
-        "tight", ("key 11 1", "grp 8 0", "contact 29 0", "state 10 0"), 1000000
-    )
-    tables["roomy"] = table_text("roomy", FLAT_COLUMNS, 1000000)
-    return tables
-
-
 def write_file(path, lines):
     path.write_text("".join(f"{line}\n" for line in lines))
 
 
-class BenchServer(host_server.Server):
-    """A server with all tables, trees and databases, and with these routes in its script.
+def write_rows(where, table, rows):
+    """The file of a table of the module."""
+    write_file(
+        where / "tables" / f"{table}.tbl", ["Version 1", *("|".join(fields) for fields in rows)]
+    )
 
-    `routes` maps the user of a request to the route's lines. `allocator` is the host's -x, or None
-    for its default.
-    """
 
-    def __init__(self, directory, module, routes, allocator=None, children=1):
-        super().__init__(
-            directory, self._config, kamailio=None, memory=512, private_memory=32
-        )
-        self.module = pathlib.Path(module).resolve()
-        self.routes = dict(routes)
-        self.children = children
-        self.kamailio = str(self._starter(allocator))
-        for name in ("tables", "backup", "text"):
-            (self.directory / name).mkdir()
-        self._write_tables()
-        self._write_text_database()
+class SmallStock:
+    """What a server holds: up to 10,000 rows, and 100,000 for the store."""
 
-    def _starter(self, allocator):
-        path = self.directory / "kamailio"
-        option = f"-x {allocator} " if allocator else ""
-        path.write_text(f'#!/bin/sh\nexec "{TOOLS}/host-kamailio" {option}"$@"\n')
-        path.chmod(0o755)
-        return path
+    modules = ("db_text.so", "htable.so", "mtree.so")
+    shared_mb = 512
+    private_mb = 32
 
-    def _write_tables(self):
-        where = self.directory
-        (where / "schema.cfg").write_text(
-            schema_text.schema(f"{where}/tables/", f"{where}/backup/", schema_tables().values())
-        )
+    def tables(self):
+        """All tables of the module, in the schema's words."""
+        tables = []
         for count in ROW_COUNTS:
-            self._write_rows(f"flat{count}", (row(n) for n in range(count)))
-            self._write_rows(
-                f"prefix{count}", ((text, f"target{text}") for text in prefixes(count))
+            tables.append(table_text(f"flat{count}", FLAT_COLUMNS, 2 * count))
+            tables.append(
+                table_text(f"prefix{count}", ("prefix 15 0", "target 31 0"), 2 * count)
             )
-        self._write_rows("write", (row(n) for n in range(WRITE_ROWS)))
+        tables.append(table_text("write", FLAT_COLUMNS, 2 * WRITE_ROWS))
+        tables.append(table_text("calls", PORT_COLUMNS, 2 * WRITE_ROWS))
+        tables.append(table_text("media", PORT_COLUMNS, 2 * WRITE_ROWS, ("dynamic", 4, 6)))
         for count in STORE_COUNTS:
-            self._write_rows(f"store{count}", ((*row(n), "3600") for n in range(count)))
-
-    def _write_rows(self, table, rows):
-        write_file(
-            self.directory / "tables" / f"{table}.tbl",
-            ["Version 1", *("|".join(fields) for fields in rows)],
+            tables.append(
+                table_text(f"store{count}", FLAT_COLUMNS + ("expires 7 0",), 2 * count)
+            )
+        tables.append(
+            table_text("tight", ("key 11 1", "grp 8 0", "contact 29 0", "state 10 0"), 1000000)
         )
+        tables.append(table_text("roomy", FLAT_COLUMNS, 1000000))
+        return tables
 
-    def _write_text_database(self):
-        text = self.directory / "text"
+    def write(self, where):
+        """Writes what the module and its peers load at their start."""
+        for count in ROW_COUNTS:
+            write_rows(where, f"flat{count}", (row(n) for n in range(count)))
+            write_rows(
+                where, f"prefix{count}", ((text, f"target{text}") for text in prefixes(count))
+            )
+        write_rows(where, "write", (row(n) for n in range(WRITE_ROWS)))
+        for count in STORE_COUNTS:
+            write_rows(where, f"store{count}", ((*row(n), "3600") for n in range(count)))
+        self._write_text_database(where / "text")
+
+    def _write_text_database(self, text):
+        text.mkdir()
         tables = {}
         for count in ROW_COUNTS:
             # The database's own colon stands between the fields, and so needs an escape within.
@@ -156,6 +133,66 @@ class BenchServer(host_server.Server):
         for name, lines in tables.items():
             write_file(text / name, lines)
 
+    def parameters(self, where):
+        """The peers' parameters."""
+        lines = [
+            f'modparam("mtree", "db_url", "text://{where}/text")',
+            f'modparam("sqlops", "sqlcon", "text=>text://{where}/text")',
+        ]
+        for count in ROW_COUNTS:
+            for field, items in (("", 3), ("_grp", 1), ("_contact", 1), ("_state", 1)):
+                lines.append(hash_table(f"flat{count}{field}", items * count))
+            lines.append(tree(f"tree{count}"))
+        for name in ("write", "memory"):
+            lines.append(f'modparam("htable", "htable", "{name}=>size=14;")')
+        return lines
+
+
+def hash_table(name, items):
+    """A htable with a bucket for each item, as its guide has it."""
+    return f'modparam("htable", "htable", "{name}=>size={items.bit_length()};")'
+
+
+def tree(name):
+    return f'modparam("mtree", "mtree", "name={name};dbtable={name};type=0")'
+
+
+class BenchServer(host_server.Server):
+    """A server with all tables, trees and databases of a stock, and with these routes in its
+    script.
+
+    `routes` maps the user of a request to the route's lines. `allocator` is the host's -x, or None
+    for its default.
+    """
+
+    def __init__(self, directory, module, routes, allocator=None, children=1, stock=None):
+        self.stock = stock or SmallStock()
+        super().__init__(
+            directory,
+            self._config,
+            kamailio=None,
+            memory=self.stock.shared_mb,
+            private_memory=self.stock.private_mb,
+        )
+        self.module = pathlib.Path(module).resolve()
+        self.routes = dict(routes)
+        self.children = children
+        self.kamailio = str(self._starter(allocator))
+        where = self.directory
+        for name in ("tables", "backup"):
+            (where / name).mkdir()
+        (where / "schema.cfg").write_text(
+            schema_text.schema(f"{where}/tables/", f"{where}/backup/", self.stock.tables())
+        )
+        self.stock.write(where)
+
+    def _starter(self, allocator):
+        path = self.directory / "kamailio"
+        option = f"-x {allocator} " if allocator else ""
+        path.write_text(f'#!/bin/sh\nexec "{TOOLS}/host-kamailio" {option}"$@"\n')
+        path.chmod(0o755)
+        return path
+
     def _config(self, _):
         lines = [
             "#!KAMAILIO",
@@ -168,7 +205,7 @@ class BenchServer(host_server.Server):
             "max_while_loops=10000000",
             f"listen=udp:{self.address}:{self.port}",
         ]
-        lines += [f'loadmodule "{name}"' for name in (*MODULES, self.module)]
+        lines += [f'loadmodule "{name}"' for name in (*MODULES, *self.stock.modules, self.module)]
         lines += [
             f'modparam("ctl", "binrpc", "unix:{self.ctl_socket}")',
             'modparam("ctl", "binrpc_max_body_size", 1024)',
@@ -182,20 +219,9 @@ class BenchServer(host_server.Server):
             'modparam("tarn_memdb", "max_int_port", 65535)',
             'modparam("tarn_memdb", "min_ext_port", 1024)',
             'modparam("tarn_memdb", "max_ext_port", 65535)',
-            f'modparam("mtree", "db_url", "text://{self.directory}/text")',
             'modparam("sqlops", "sqlcon", "lite=>sqlite:///:memory:")',
-            f'modparam("sqlops", "sqlcon", "text=>text://{self.directory}/text")',
         ]
-        for count in ROW_COUNTS:
-            # A bucket for each entry, as its guide has it.
-            for field, items in (("", 3), ("_grp", 1), ("_contact", 1), ("_state", 1)):
-                size = (items * count).bit_length()
-                lines.append(f'modparam("htable", "htable", "flat{count}{field}=>size={size};")')
-            lines.append(
-                f'modparam("mtree", "mtree", "name=tree{count};dbtable=tree{count};type=0")'
-            )
-        for name in ("write", "memory"):
-            lines.append(f'modparam("htable", "htable", "{name}=>size=14;")')
+        lines += self.stock.parameters(self.directory)
         return "\n".join(lines) + "\n\n" + self._script()
 
     def _script(self):
