@@ -8,25 +8,37 @@
 namespace {
 
 constexpr uint32_t FEWEST_SLOTS = 64;
-constexpr uint32_t MOST_ROWS = UINT32_MAX / 2;
+// So that the size of a part fits its word.
+constexpr uint32_t MOST_SLOTS = UINT16_MAX * memdb_prefix_part_word::UNIT;
 
 memdb_prefix_slot slot_of(const memdb_prefix_entry &entry) {
   return {uint64_t{entry.hash} << 32 | (entry.age & UINT32_MAX),
           (entry.age >> 32) << MEMDB_PREFIX_ADDRESS_BITS | reinterpret_cast<uintptr_t>(entry.row)};
 }
 
-uint32_t slots_for(uint32_t rows) { return std::max(2 * rows, FEWEST_SLOTS); }
+// Of a part; too many if they can't be had.
+uint32_t slots_for(uint32_t rows) {
+  const uint32_t wanted = std::max(2 * std::min(rows, MOST_SLOTS), FEWEST_SLOTS);
+  return (wanted + memdb_prefix_part_word::UNIT - 1) & ~(memdb_prefix_part_word::UNIT - 1);
+}
 
 uint32_t part_bits_for(uint32_t rows) {
   return slots_for(rows) > memdb_prefixes.slots_in_one ? memdb_prefixes.part_bits : 0;
 }
 
-memdb_prefix_part *make_part(uint32_t rows) {
+// Sets a part without rows, with room for twice so many. False if there is none.
+bool make_part(memdb_prefix_place *place, uint32_t rows) {
   const uint32_t slot_cnt = slots_for(rows);
-  auto *const part = static_cast<memdb_prefix_part *>(
+  if (slot_cnt > MOST_SLOTS) return false;
+  const auto *const part = static_cast<memdb_prefix_part *>(
       memdb_calloc(1, sizeof(memdb_prefix_part) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
-  if (part != nullptr) part->slot_cnt = slot_cnt;
-  return part;
+  if (part == nullptr) return false;
+  *place = {memdb_prefix_part_word(part, slot_cnt).word(), 0, 0};
+  return true;
+}
+
+memdb_prefix_part_word part_of(const memdb_prefix_place &place) {
+  return memdb_prefix_part_word(place.part);
 }
 
 // A row's length is counted for as long as readers may meet it.
@@ -40,31 +52,31 @@ void count_length(memdb_prefix_slots *table, uint32_t length, bool comes) {
 }
 
 // Puts a slot that holds a row into a part that isn't full and that readers don't meet yet.
-void add(memdb_prefix_part *part, uint32_t rest, const memdb_prefix_slot &slot) {
-  memdb_prefix_probe probe(part, rest);
+void add(memdb_prefix_place *place, uint32_t rest, const memdb_prefix_slot &slot) {
+  memdb_prefix_probe probe(part_of(*place), rest);
   while (probe.slot().tag != MEMDB_PREFIX_FREE) probe.go_on();
   probe.slot() = slot;
-  part->used++;
-  part->rows++;
+  place->used++;
+  place->rows++;
 }
 
 // Calls visit for each slot of a part that holds a row, until it gives false.
 template <typename Visit>
-bool each_row(const memdb_prefix_part *part, Visit visit) {
-  const memdb_prefix_slot *const slots = memdb_prefix_slots_of(part);
-  for (uint32_t i = 0; i < part->slot_cnt; i++)
+bool each_row(memdb_prefix_part_word part, Visit visit) {
+  const memdb_prefix_slot *const slots = memdb_prefix_slots_of(part.part());
+  for (uint32_t i = 0; i < part.slot_cnt(); i++)
     if (slots[i].tag > MEMDB_PREFIX_LEFT && !visit(slots[i])) return false;
   return true;
 }
 
 // Frees a marked slot that no probe goes on behind, and those ahead of it of which that is true
 // then.
-void free_end_of_run(memdb_prefix_probe probe) {
+void free_end_of_run(memdb_prefix_place *place, memdb_prefix_probe probe) {
   probe.go_on();
   if (probe.slot().tag != MEMDB_PREFIX_FREE) return;
   for (probe.go_back(); probe.slot().tag == MEMDB_PREFIX_LEFT; probe.go_back()) {
     std::atomic_ref(probe.slot().tag).store(MEMDB_PREFIX_FREE, std::memory_order_release);
-    probe.part()->used--;
+    place->used--;
   }
 }
 
@@ -73,15 +85,13 @@ void free_end_of_run(memdb_prefix_probe probe) {
 memdb_prefix_rules memdb_prefixes;
 
 memdb_prefix_slots *memdb_prefix_make_slots(uint32_t rows) {
-  if (rows > MOST_ROWS) return nullptr;
   const uint32_t part_bits = part_bits_for(rows);
   auto *const table = static_cast<memdb_prefix_slots *>(
-      memdb_calloc(1, sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_part *) << part_bits)));
+      memdb_calloc(1, sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_place) << part_bits)));
   if (table == nullptr) return nullptr;
   table->part_bits = part_bits;
-  for (memdb_prefix_part *&part : memdb_prefix_parts(table)) {
-    part = make_part(rows >> part_bits);
-    if (part != nullptr) continue;
+  for (memdb_prefix_place &place : memdb_prefix_places(table)) {
+    if (make_part(&place, rows >> part_bits)) continue;
     memdb_prefix_give_back(table, memdb_free);
     return nullptr;
   }
@@ -98,11 +108,11 @@ memdb_prefix_slots *memdb_prefix_copy_slots(const memdb_prefix_slots *table, uin
     const uint32_t hash = memdb_prefix_hash_of(slot);
     if (memdb_prefix_is_full(copy, hash) && !memdb_prefix_fit_part(copy, hash, memdb_free))
       return false;
-    add(*memdb_prefix_part_of(copy, hash), memdb_prefix_rest_of(copy, hash), slot);
+    add(memdb_prefix_place_of(copy, hash), memdb_prefix_rest_of(copy, hash), slot);
     return true;
   };
-  for (const memdb_prefix_part *const part : memdb_prefix_parts(table)) {
-    if (each_row(part, take_over)) continue;
+  for (const memdb_prefix_place &place : memdb_prefix_places(table)) {
+    if (each_row(part_of(place), take_over)) continue;
     memdb_prefix_give_back(copy, memdb_free);
     return nullptr;
   }
@@ -111,8 +121,8 @@ memdb_prefix_slots *memdb_prefix_copy_slots(const memdb_prefix_slots *table, uin
 
 void memdb_prefix_give_back(memdb_prefix_slots *table, void (*give_back)(void *block)) {
   if (table == nullptr) return;
-  for (memdb_prefix_part *const part : memdb_prefix_parts(table))
-    if (part != nullptr) give_back(part);
+  for (const memdb_prefix_place &place : memdb_prefix_places(table))
+    if (memdb_prefix_part *const part = part_of(place).part()) give_back(part);
   give_back(table);
 }
 
@@ -125,30 +135,34 @@ bool memdb_prefix_wants_one_part(const memdb_prefix_slots *table, uint32_t rows)
 }
 
 bool memdb_prefix_is_full(const memdb_prefix_slots *table, uint32_t hash) {
-  const memdb_prefix_part *const part = memdb_prefix_probe(table, hash).part();
-  return uint64_t{part->used} + 1 > uint64_t{part->slot_cnt} * 3 / 4;
+  const memdb_prefix_place &place = *memdb_prefix_place_of(table, hash);
+  return (uint64_t{place.used} + 1) * 4 > uint64_t{part_of(place).slot_cnt()} * 3;
 }
 
 bool memdb_prefix_is_wide(const memdb_prefix_slots *table, uint32_t hash) {
-  const memdb_prefix_part *const part = memdb_prefix_probe(table, hash).part();
-  return part->slot_cnt > FEWEST_SLOTS && uint64_t{part->rows} * 8 < uint64_t{part->slot_cnt} * 3;
+  const memdb_prefix_place &place = *memdb_prefix_place_of(table, hash);
+  const uint64_t slot_cnt = part_of(place).slot_cnt();
+  return slot_cnt > FEWEST_SLOTS && uint64_t{place.rows} * 8 < slot_cnt * 3;
 }
 
 bool memdb_prefix_fit_part(memdb_prefix_slots *table, uint32_t hash, void (*give_back)(void *)) {
-  memdb_prefix_part **const place = memdb_prefix_part_of(table, hash);
-  memdb_prefix_part *const former = *place;
-  memdb_prefix_part *const fresh = make_part(former->rows + 1);
-  if (fresh == nullptr) return false;
-  each_row(former, [table, fresh](const memdb_prefix_slot &slot) {
-    add(fresh, memdb_prefix_rest_of(table, memdb_prefix_hash_of(slot)), slot);
+  memdb_prefix_place *const place = memdb_prefix_place_of(table, hash);
+  const memdb_prefix_part_word former = part_of(*place);
+  memdb_prefix_place fresh;
+  if (!make_part(&fresh, place->rows + 1)) return false;
+  each_row(former, [table, &fresh](const memdb_prefix_slot &slot) {
+    add(&fresh, memdb_prefix_rest_of(table, memdb_prefix_hash_of(slot)), slot);
     return true;
   });
-  std::atomic_ref(*place).store(fresh, std::memory_order_release);
-  give_back(former);
+  std::atomic_ref(place->part).store(fresh.part, std::memory_order_release);
+  place->used = fresh.used;
+  place->rows = fresh.rows;
+  give_back(former.part());
   return true;
 }
 
 bool memdb_prefix_put(memdb_prefix_slots *table, const memdb_prefix_entry &entry) {
+  memdb_prefix_place *const place = memdb_prefix_place_of(table, entry.hash);
   memdb_prefix_probe probe(table, entry.hash);
   memdb_prefix_slot *left = nullptr;
   size_t equal = 0;
@@ -160,8 +174,8 @@ bool memdb_prefix_put(memdb_prefix_slots *table, const memdb_prefix_entry &entry
     }
   }
   if (equal >= MEMDB_PREFIX_MOST_EQUAL) return false;
-  if (left == nullptr) probe.part()->used++;
-  probe.part()->rows++;
+  if (left == nullptr) place->used++;
+  place->rows++;
   count_length(table, entry.length, true);
   memdb_prefix_slot &slot = left != nullptr ? *left : probe.slot();
   const memdb_prefix_slot filled = slot_of(entry);
@@ -173,6 +187,7 @@ bool memdb_prefix_put(memdb_prefix_slots *table, const memdb_prefix_entry &entry
 }
 
 bool memdb_prefix_take(memdb_prefix_slots *table, memdb_prefix_entry *entry) {
+  memdb_prefix_place *const place = memdb_prefix_place_of(table, entry->hash);
   memdb_prefix_probe probe(table, entry->hash);
   for (; probe.slot().tag != MEMDB_PREFIX_FREE; probe.go_on()) {
     memdb_prefix_slot &slot = probe.slot();
@@ -181,8 +196,8 @@ bool memdb_prefix_take(memdb_prefix_slots *table, memdb_prefix_entry *entry) {
     entry->age = memdb_prefix_age_of(slot);
     std::atomic_ref(slot.tag).store(MEMDB_PREFIX_LEFT, std::memory_order_release);
     count_length(table, entry->length, false);
-    probe.part()->rows--;
-    free_end_of_run(probe);
+    place->rows--;
+    free_end_of_run(place, probe);
     return true;
   }
   return false;

@@ -41,38 +41,63 @@ inline memdb_row *memdb_prefix_row_of(const memdb_prefix_slot &slot) {
   return reinterpret_cast<memdb_row *>(slot.row & ((uint64_t{1} << MEMDB_PREFIX_ADDRESS_BITS) - 1));
 }
 
-// The head of a part; its slots follow. They don't lie in two cache lines each if the block doesn't
-// begin at an odd place.
+// The head of a part's block; its slots follow. They don't lie in two cache lines each if the block
+// doesn't begin at an odd place.
 struct alignas(sizeof(memdb_prefix_slot)) memdb_prefix_part {
-  void *given_back;   // left free for whoever keeps the block until no reader can be in it
-  uint32_t slot_cnt;  // at least a quarter of them free
-  uint32_t used;      // slots that aren't free
-  uint32_t rows;
+  void *given_back;  // left free for whoever keeps the block until no reader can be in it
 };
 
 inline memdb_prefix_slot *memdb_prefix_slots_of(const memdb_prefix_part *part) {
   return reinterpret_cast<memdb_prefix_slot *>(const_cast<memdb_prefix_part *>(part + 1));
 }
 
-// The head of a look-up; the addresses of its parts follow. The counts, these and those of the
-// parts, are never too low, not even when a writer was killed.
-struct memdb_prefix_slots {
+// Address and size of a part in one word, which readers have whole and without a look at the part.
+class memdb_prefix_part_word {
+ public:
+  static constexpr uint32_t UNIT = 16;  // slot counts are multiples of it
+
+  explicit memdb_prefix_part_word(uint64_t word) : word_(word) {}
+  memdb_prefix_part_word(const memdb_prefix_part *part, uint32_t slot_cnt)
+      : word_(uint64_t{slot_cnt / UNIT} << MEMDB_PREFIX_ADDRESS_BITS |
+              reinterpret_cast<uintptr_t>(part)) {}
+  uint64_t word() const { return word_; }
+  memdb_prefix_part *part() const {
+    return reinterpret_cast<memdb_prefix_part *>(word_ &
+                                                 ((uint64_t{1} << MEMDB_PREFIX_ADDRESS_BITS) - 1));
+  }
+  uint32_t slot_cnt() const {
+    return static_cast<uint32_t>(word_ >> MEMDB_PREFIX_ADDRESS_BITS) * UNIT;
+  }
+
+ private:
+  uint64_t word_;
+};
+
+// A part's place in the look-up.
+struct memdb_prefix_place {
+  uint64_t part;  // a memdb_prefix_part_word; at least a quarter of its slots are free
+  uint32_t used;  // slots that aren't free
+  uint32_t rows;
+};
+
+// The head of a look-up; the places of its parts follow. The counts, these and those of the parts,
+// are never too low, not even when a writer was killed.
+struct alignas(alignof(memdb_prefix_place)) memdb_prefix_slots {
   void *given_back;    // as above
   uint64_t next_age;   // of 48 bits, which last for years at a million insertions a second
   uint32_t part_bits;  // upper bits of a hash that choose the part
   uint32_t longest;    // no entry has more characters
   uint32_t lengths[MEMDB_PREFIX_LONGEST + 2];  // rows by length of their entry; last: longer ones
 };
-static_assert(sizeof(memdb_prefix_slots) % alignof(memdb_prefix_part *) == 0);
 
-inline std::span<memdb_prefix_part *> memdb_prefix_parts(const memdb_prefix_slots *table) {
+inline std::span<memdb_prefix_place> memdb_prefix_places(const memdb_prefix_slots *table) {
   auto *const behind = const_cast<memdb_prefix_slots *>(table + 1);
-  return {reinterpret_cast<memdb_prefix_part **>(behind), size_t{1} << table->part_bits};
+  return {reinterpret_cast<memdb_prefix_place *>(behind), size_t{1} << table->part_bits};
 }
 
-// The part that a hash goes to, and what is left of the hash then.
-inline memdb_prefix_part **memdb_prefix_part_of(const memdb_prefix_slots *table, uint32_t hash) {
-  return &memdb_prefix_parts(table)[uint64_t{hash} << table->part_bits >> 32];
+// The place of the part that a hash goes to, and what is left of the hash then.
+inline memdb_prefix_place *memdb_prefix_place_of(const memdb_prefix_slots *table, uint32_t hash) {
+  return &memdb_prefix_places(table)[uint64_t{hash} << table->part_bits >> 32];
 }
 inline uint32_t memdb_prefix_rest_of(const memdb_prefix_slots *table, uint32_t hash) {
   return hash << table->part_bits;
@@ -81,20 +106,23 @@ inline uint32_t memdb_prefix_rest_of(const memdb_prefix_slots *table, uint32_t h
 // Where the probing for a hash is.
 class memdb_prefix_probe {
  public:
-  memdb_prefix_probe(memdb_prefix_part *part, uint32_t rest)
-      : part_(part), slot_(static_cast<uint32_t>(uint64_t{rest} * part->slot_cnt >> 32)) {}
+  memdb_prefix_probe(memdb_prefix_part_word part, uint32_t rest)
+      : slots_(memdb_prefix_slots_of(part.part())),
+        slot_cnt_(part.slot_cnt()),
+        slot_(static_cast<uint32_t>(uint64_t{rest} * slot_cnt_ >> 32)) {}
   memdb_prefix_probe(const memdb_prefix_slots *table, uint32_t hash)
       : memdb_prefix_probe(
-            std::atomic_ref(*memdb_prefix_part_of(table, hash)).load(std::memory_order_acquire),
+            memdb_prefix_part_word(std::atomic_ref(memdb_prefix_place_of(table, hash)->part)
+                                       .load(std::memory_order_acquire)),
             memdb_prefix_rest_of(table, hash)) {}
-  memdb_prefix_part *part() const { return part_; }
-  memdb_prefix_slot &slot() const { return memdb_prefix_slots_of(part_)[slot_]; }
+  memdb_prefix_slot &slot() const { return slots_[slot_]; }
   void fetch() const { __builtin_prefetch(&slot()); }
-  void go_on() { slot_ = slot_ + 1 != part_->slot_cnt ? slot_ + 1 : 0; }
-  void go_back() { slot_ = slot_ != 0 ? slot_ - 1 : part_->slot_cnt - 1; }
+  void go_on() { slot_ = slot_ + 1 != slot_cnt_ ? slot_ + 1 : 0; }
+  void go_back() { slot_ = slot_ != 0 ? slot_ - 1 : slot_cnt_ - 1; }
 
  private:
-  memdb_prefix_part *part_;
+  memdb_prefix_slot *slots_;
+  uint32_t slot_cnt_;
   uint32_t slot_;
 };
 

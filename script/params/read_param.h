@@ -1,6 +1,7 @@
 // Reading of script parameters for the message in work.
 #pragma once
 
+#include <cstdlib>
 #include <span>
 
 #include "host/abi.h"
@@ -23,3 +24,9 @@ str print_or_refuse(sip_msg *msg, const char *slot, std::span<char> buffer,
 // holds no integer; not_integer is the message of the latter.
 bool read_number(sip_msg *msg, const num_or_pv *param, const message_text<> &not_integer,
                  int32_t *number);
+
+// The number of a column as atoi reads it. Nearly all have one digit.
+inline int32_t column_number(const char *text) {
+  const bool is_digit = *text >= '0' && *text <= '9';
+  return is_digit && text[1] == '\0' ? *text - '0' : atoi(text);
+}

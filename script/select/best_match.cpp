@@ -1,7 +1,6 @@
 // The longest-prefix select: a column holds prefixes, the query gives a full value, and the rows
 // with the longest prefix of it are delivered. Rows with an empty prefix are the default. The other
 // fields of the query filter, so that one table can hold several groups of prefixes.
-#include <cstdlib>
 #include <cstring>
 
 #include "host/log.h"
@@ -55,7 +54,7 @@ void take_key(select_run *run, prefix_search *search) {
 
 bool read_search(select_run *run, const char *column_text, const num_or_pv *flags,
                  prefix_search *search) {
-  const int32_t column = atoi(column_text);
+  const int32_t column = column_number(column_text);
   int32_t left_out = 0;
   if (flags != nullptr && !read_number(run->msg, flags, FLAGS_NOT_INTEGER, &left_out)) return false;
   if (!check_column(*run, column, COLUMN_TEXTS, has_key)) return false;

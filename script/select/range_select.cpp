@@ -50,7 +50,7 @@ bool read_limit(sip_msg *msg, const char *slot, const message_text<> &not_intege
 // Reads limits and column, and makes the column a wildcard of the query: what the query says there
 // has no meaning.
 bool read_range(select_run *run, const range_params &params, number_range *range) {
-  const int32_t column = atoi(params.column);
+  const int32_t column = column_number(params.column);
   if (!read_limit(run->msg, params.lower, LOWER_NOT_INTEGER, &range->lower) ||
       !read_limit(run->msg, params.upper, UPPER_NOT_INTEGER, &range->upper) ||
       !check_column(*run, column, COLUMN_TEXTS))

@@ -184,8 +184,8 @@ TEST_F(PrefixMomentsTest, ARowThatComesIntoTheGroupIsFoundOrNot) {
 
 TEST_F(PrefixMomentsTest, SlotsGrowAndAreMadeWithNoRowMissing) {
   for (int i = 0; i < 43; i++) insert_route("g", "7", "filler");
-  const auto part = [] { return memdb_prefix_parts(table->prefixes[0].slots)[0]; };
-  const memdb_prefix_part *const before = part();
+  const auto part = [] { return memdb_prefix_places(table->prefixes[0].slots)[0].part; };
+  const uint64_t before = part();
   expect_right_at_each_moment([] {
     insert_route("g", "7", "filler");
     insert_route("g", "7", "filler");
@@ -197,7 +197,7 @@ TEST_F(PrefixMomentsTest, SlotsGrowAndAreMadeWithNoRowMissing) {
 TEST_F(PrefixMomentsTest, SlotsAreMadeInPartsAndInOneWithNoRowMissing) {
   memdb_prefixes.slots_in_one = 64;
   memdb_prefixes.part_bits = 1;
-  const auto parts = [] { return memdb_prefix_parts(table->prefixes[0].slots).size(); };
+  const auto parts = [] { return memdb_prefix_places(table->prefixes[0].slots).size(); };
   for (int i = 0; i < 44; i++) insert_route("g", "7", "filler");
   EXPECT_EQ(parts(), 1U);
   expect_right_at_each_moment([] { insert_route("g", "7", "filler"); });
