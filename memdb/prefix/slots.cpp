@@ -24,7 +24,7 @@ uint32_t part_bits_for(uint32_t rows) {
 memdb_prefix_part *make_part(uint32_t rows) {
   const uint32_t slot_cnt = slots_for(rows);
   auto *const part = static_cast<memdb_prefix_part *>(
-      memdb_calloc(1, sizeof(memdb_prefix_part) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
+      memdb_calloc_extra(sizeof(memdb_prefix_part) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
   if (part != nullptr) part->slot_cnt = slot_cnt;
   return part;
 }
@@ -73,7 +73,7 @@ memdb_prefix_slots *memdb_prefix_make_slots(uint32_t rows) {
   if (rows > MOST_ROWS) return nullptr;
   const uint32_t part_bits = part_bits_for(rows);
   auto *const table = static_cast<memdb_prefix_slots *>(
-      memdb_calloc(1, sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_part *) << part_bits)));
+      memdb_calloc_extra(sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_part *) << part_bits)));
   if (table == nullptr) return nullptr;
   table->part_bits = part_bits;
   for (memdb_prefix_part *&part : memdb_prefix_parts(table)) {
