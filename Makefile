@@ -136,8 +136,10 @@ stress: host-module
 	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress stress_directories
 	@$(BUILD)/stress/tests/stress/stress $(STRESS_OPERATIONS)
 	@$(BUILD)/stress/tests/stress/stress_directories $(STRESS_SEEDS)
-	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
-	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
+	@for script in readers_without_locks growing_tables; do \
+	  TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
+	    /usr/bin/python3 -B tests/stress/$$script.py; \
+	done
 
 # The engine beside its peers.
 bench:
