@@ -29,7 +29,10 @@ from module_host import Column, Table
 
 SECONDS = float(os.environ.get("STRESS_SECONDS", "30"))
 STOP = float(os.environ.get("STRESS_STOP", "2"))
-BETWEEN_STOPS = 0.2
+# Ahead of each long stop there are short ones, so that a reader finds the table changed when it goes
+# on.
+SHORT_STOP = 0.004
+SHORT_STOPS = 20
 WORKERS = 4  # as many as there are calls at once: two readers' and the writers'
 WRITERS = 2
 READS = 100  # in one request
@@ -335,22 +338,27 @@ class Load:
         ]
         if len(workers) != WORKERS:
             raise Trouble(f"there are {len(workers)} workers")
-        while not self.ended.wait(BETWEEN_STOPS):
-            worker = random.choice(workers)
+        while not self.ended.is_set():
+            for _ in range(SHORT_STOPS):
+                self.stop_one(workers, SHORT_STOP)
+                self.ended.wait(SHORT_STOP)
             self.going.clear()
             before = self.read
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(worker, signal.SIGSTOP)
-            try:
-                time.sleep(STOP)
-                read = self.read - before
-            finally:
-                with contextlib.suppress(ProcessLookupError):
-                    os.kill(worker, signal.SIGCONT)
-                self.going.set()
+            self.stop_one(workers, STOP)
+            read = self.read - before
+            self.going.set()
             if read < 2 and not self.ended.is_set():
                 raise Trouble(f"while a worker was stopped, others read {read} times")
             self.stops += 1
+
+    def stop_one(self, workers, seconds):
+        """The worker is stopped wherever it is."""
+        worker = random.choice(workers)
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(worker, signal.SIGSTOP)
+        time.sleep(seconds)
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(worker, signal.SIGCONT)
 
 
 def check_file(server):
