@@ -29,8 +29,7 @@ from module_host import Column, Table
 
 SECONDS = float(os.environ.get("STRESS_SECONDS", "30"))
 STOP = float(os.environ.get("STRESS_STOP", "2"))
-# Ahead of each long stop there are short ones, so that a reader finds the table changed when it goes
-# on.
+# Ahead of each long stop there are short ones: a reader finds the table changed when it goes on.
 SHORT_STOP = 0.004
 SHORT_STOPS = 20
 WORKERS = 4  # as many as there are calls at once: two readers' and the writers'
