@@ -19,8 +19,11 @@ extern uint32_t (*memdb_hash_str)(const char *text);
 extern void (*memdb_log_err)(const char *message);  // may be null
 extern uint32_t memdb_idx_len;                      // buckets per index of tables made from now on
 
-// Zero-filled block, of memdb_calloc, for something that a table can do without; null if there is
-// none or memdb_may_take is against it.
+// Blocks of memdb_malloc and memdb_calloc for something that a table can do without; null if there
+// is none or memdb_may_take is against it.
+inline void *memdb_malloc_extra(size_t size) {
+  return memdb_may_take == nullptr || memdb_may_take(size) ? memdb_malloc(size) : nullptr;
+}
 inline void *memdb_calloc_extra(size_t size) {
   return memdb_may_take == nullptr || memdb_may_take(size) ? memdb_calloc(1, size) : nullptr;
 }
