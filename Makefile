@@ -139,6 +139,8 @@ stress: host-module
 	@setarch -R $(BUILD)/stress/tests/stress/stress_threads $(STRESS_SECONDS)
 	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py
+	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
+	  /usr/bin/python3 -B tests/stress/growing_tables.py
 
 # The engine beside its peers.
 bench:

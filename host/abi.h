@@ -208,7 +208,12 @@ struct sr_shm_api_t {
   void (*xfree)(void *block, void *p, const char *file, const char *func, unsigned int line,
                 const char *mname);
   void *xfree_unsafe;
-  void *unused[12];
+  void *xstatus;
+  void *xstatus_filter;
+  void *xinfo;
+  void *xreport;
+  unsigned long (*xavailable)(void *block);
+  void *unused[7];
 };
 
 // What the structured log sink is told beside the format.
@@ -306,7 +311,8 @@ static_assert(sizeof(sr_shm_api_t) == 184 && offsetof(sr_shm_api_t, mem_block) =
               offsetof(sr_shm_api_t, xmalloc) == 24 && offsetof(sr_shm_api_t, xmallocxz) == 32 &&
               offsetof(sr_shm_api_t, xmalloc_unsafe) == 40 &&
               offsetof(sr_shm_api_t, xrealloc) == 48 && offsetof(sr_shm_api_t, xfree) == 72 &&
-              offsetof(sr_shm_api_t, xfree_unsafe) == 80);
+              offsetof(sr_shm_api_t, xfree_unsafe) == 80 &&
+              offsetof(sr_shm_api_t, xavailable) == 120);
 static_assert(sizeof(ksr_logdata_t) == 64 && offsetof(ksr_logdata_t, v_level) == 4 &&
               offsetof(ksr_logdata_t, v_lname) == 8 && offsetof(ksr_logdata_t, v_fname) == 16 &&
               offsetof(ksr_logdata_t, v_fline) == 24 && offsetof(ksr_logdata_t, v_mname) == 32 &&

@@ -2,6 +2,7 @@
 // The host's memory debugging is told the place of the call.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "host/imports.h"
@@ -50,6 +51,9 @@ inline void shm_free(void *block, HOST_MEMORY_CALLER) {
   if (block != nullptr)
     _shm_root.xfree(_shm_root.mem_block, block, file, func, line, HOST_MEMORY_OWNER);
 }
+
+// Bytes of shared memory that are free, in pieces of any size. Costs the host's allocator its lock.
+inline size_t shm_available() { return _shm_root.xavailable(_shm_root.mem_block); }
 
 #undef HOST_MEMORY_CALLER
 

@@ -14,6 +14,7 @@
 void *(*memdb_malloc)(size_t size) = malloc;
 void *(*memdb_calloc)(size_t count, size_t size) = calloc;
 void (*memdb_free)(void *block) = free;
+bool (*memdb_may_take)(size_t size) = nullptr;
 void (*memdb_retire)(void *block) = [](void *block) { memdb_free(block); };
 uint32_t (*memdb_hash_str)(const char *text) = memdb_hash1;
 void (*memdb_log_err)(const char *message) = nullptr;

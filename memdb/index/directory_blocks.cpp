@@ -14,7 +14,7 @@ void *word_of(memdb_slots *table) { return reinterpret_cast<char *>(table) + 1; 
 void *word_of(memdb_parts *parts) { return reinterpret_cast<char *>(parts) + 2; }
 
 memdb_parts *new_parts(uint64_t texts) {
-  auto *const parts = static_cast<memdb_parts *>(memdb_calloc(1, sizeof(memdb_parts)));
+  auto *const parts = static_cast<memdb_parts *>(memdb_calloc_extra(sizeof(memdb_parts)));
   if (parts == nullptr) return nullptr;
   parts->whole = 1;
   for (memdb_slots *&part : parts->parts) {

@@ -28,7 +28,7 @@ uint32_t memdb_slots_for(uint64_t texts) {
 
 memdb_slots *memdb_make_slots(uint32_t count) {
   auto *const table = static_cast<memdb_slots *>(
-      memdb_calloc(1, sizeof(memdb_slots) + size_t{count} * sizeof(uint64_t)));
+      memdb_calloc_extra(sizeof(memdb_slots) + size_t{count} * sizeof(uint64_t)));
   if (table != nullptr) table->mask = count - 1;
   return table;
 }

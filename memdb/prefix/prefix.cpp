@@ -81,10 +81,9 @@ void shrink(memdb_prefix_form *form, uint32_t hash, uint32_t left) {
 
 // Puts the entry in, where there is room and an end of it; else there is no look-up any more.
 void put_or_do_without(memdb_tbl *tbl, memdb_prefix_form *form, const memdb_prefix_entry &entry) {
-  if (memdb_prefix_is_full(form->slots, entry.hash) && !enlarge(form, entry.hash, tbl->row_cnt))
-    do_without(form);
-  else if (!memdb_prefix_put(form->slots, entry))
-    do_without(form);
+  const bool has_room =
+      !memdb_prefix_is_full(form->slots, entry.hash) || enlarge(form, entry.hash, tbl->row_cnt);
+  if (!has_room || !memdb_prefix_put(form->slots, entry)) do_without(form);
 }
 
 void take_or_do_without(memdb_prefix_form *form, memdb_prefix_entry *entry, uint32_t left) {

@@ -31,7 +31,7 @@ bool make_part(memdb_prefix_place *place, uint32_t rows) {
   const uint32_t slot_cnt = slots_for(rows);
   if (slot_cnt > MOST_SLOTS) return false;
   const auto *const part = static_cast<memdb_prefix_part *>(
-      memdb_calloc(1, sizeof(memdb_prefix_part) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
+      memdb_calloc_extra(sizeof(memdb_prefix_part) + size_t{slot_cnt} * sizeof(memdb_prefix_slot)));
   if (part == nullptr) return false;
   *place = {memdb_prefix_part_word(part, slot_cnt).word(), 0, 0};
   return true;
@@ -87,7 +87,7 @@ memdb_prefix_rules memdb_prefixes;
 memdb_prefix_slots *memdb_prefix_make_slots(uint32_t rows) {
   const uint32_t part_bits = part_bits_for(rows);
   auto *const table = static_cast<memdb_prefix_slots *>(
-      memdb_calloc(1, sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_place) << part_bits)));
+      memdb_calloc_extra(sizeof(memdb_prefix_slots) + (sizeof(memdb_prefix_place) << part_bits)));
   if (table == nullptr) return nullptr;
   table->part_bits = part_bits;
   for (memdb_prefix_place &place : memdb_prefix_places(table)) {

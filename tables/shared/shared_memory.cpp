@@ -35,6 +35,10 @@ __attribute__((format(printf, 3, 4))) void log_engine_message(memdb_log_level le
               longer ? longer.get() : message);
 }
 
+// What is left has to be as much again: tables do without the block better than rows and the rest
+// of the server without memory, and the host's allocators log each block that they haven't got.
+bool may_take(size_t size) { return shm_available() / 2 >= size; }
+
 }  // namespace
 
 void *tarn_shm_malloc(size_t size) {
@@ -57,6 +61,7 @@ void install_engine_hooks() {
   memdb_malloc = tarn_shm_malloc;
   memdb_calloc = tarn_shm_calloc;
   memdb_free = tarn_shm_free;
+  memdb_may_take = may_take;
   memdb_retire = [](void *block) { retire_row(static_cast<memdb_row *>(block)); };
   memdb_log_sink = log_engine_message;
 }

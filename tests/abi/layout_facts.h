@@ -146,6 +146,7 @@ SAME_MEMBER(sr_shm_api_t, xmalloc_unsafe)
 SAME_MEMBER(sr_shm_api_t, xrealloc)
 SAME_MEMBER(sr_shm_api_t, xfree)
 SAME_MEMBER(sr_shm_api_t, xfree_unsafe)
+SAME_MEMBER(sr_shm_api_t, xavailable)
 #define PLACE const char *, const char *, unsigned int, const char *
 POINTER(sr_pkg_api_t, xmalloc, void *, (void *, size_t, PLACE))
 POINTER(sr_pkg_api_t, xmallocxz, void *, (void *, size_t, PLACE))
@@ -155,6 +156,7 @@ POINTER(sr_shm_api_t, xmalloc, void *, (void *, size_t, PLACE))
 POINTER(sr_shm_api_t, xmallocxz, void *, (void *, size_t, PLACE))
 POINTER(sr_shm_api_t, xrealloc, void *, (void *, void *, size_t, PLACE))
 POINTER(sr_shm_api_t, xfree, void, (void *, void *, PLACE))
+POINTER(sr_shm_api_t, xavailable, unsigned long, (void *))
 #undef PLACE
 
 SAME_RECORD(ksr_logdata_t)

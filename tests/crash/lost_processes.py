@@ -1,4 +1,5 @@
-"""Workers killed among their inserts: the main process stores their rows, each of them whole."""
+"""Workers killed, or stopped with the server, among their inserts: the main process stores their
+rows, each of them whole."""
 
 import collections
 import os
@@ -15,13 +16,24 @@ WRITERS = 3
 
 
 def run(rounds):
-    added = 0
-    for _ in range(rounds):
-        added += _round()
-    return f"{rounds} workers killed among inserts, {added} rows stored, each whole"
+    added = sum(_round(_kill_a_worker) + _round(_stop) for _ in range(rounds))
+    return (
+        f"{rounds} workers killed and {rounds} servers stopped among inserts,"
+        f" {added} rows stored, each whole"
+    )
 
 
-def _round():
+def _kill_a_worker(made):
+    os.kill(random.choice(_workers(made)), signal.SIGKILL)
+    site.check(made.process.wait(20) != 0, "the server went on without a worker")
+
+
+def _stop(made):
+    site.check(made.stop() == 0, "a stop among inserts failed")
+    site.check_sound(made)
+
+
+def _round(end):
     setup = {
         "tables": [STAMPED],
         "calls": {"insert": INSERT_WITHOUT_END},
@@ -36,8 +48,7 @@ def _round():
         for writer in range(WRITERS):
             _insert_without_end(made, f"w{writer}")
         time.sleep(random.uniform(0.0, 0.3))
-        os.kill(random.choice(_workers(made)), signal.SIGKILL)
-        site.check(made.process.wait(20) != 0, "the server went on without a worker")
+        end(made)
         return _check(made.rows("stamped"))
 
 

@@ -198,7 +198,7 @@ void check_refused_files(const file_texts &before, const file_texts &after) {
 run run_once(const scenario &s, const point *failing) {
   alarm(SECONDS_FOR_A_RUN);
   run out;
-  world w(s.host);
+  world w(s.host, s.rows);
   w.open();
   if (s.when != phase::start && !w.start()) deviation("no start without a failure");
   s.prepare(w);
@@ -259,7 +259,7 @@ run run_once(const scenario &s, const point *failing) {
 
 // The state that a scenario begins with.
 std::string state_before(const scenario &s) {
-  world w(s.host);
+  world w(s.host, s.rows);
   w.open();
   w.start();
   s.prepare(w);
@@ -282,6 +282,12 @@ size_t try_all(const scenario &s, size_t first, size_t step) {
       points.push_back(
           {"device of " + std::to_string(bytes) + " bytes", [bytes] { device_of(bytes); }, true});
   }
+  const auto allocations =
+      static_cast<size_t>(std::count_if(points.begin(), points.end(), [](const point &each) {
+        return each.what.rfind("allocation", 0) == 0;
+      }));
+  if (allocations < s.least_allocations)
+    deviation("takes " + std::to_string(allocations) + " blocks only");
   size_t tried = 0;
   for (size_t i = first; i < points.size(); i += step) {
     const point &each = points[i];

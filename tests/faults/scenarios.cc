@@ -256,6 +256,7 @@ std::vector<scenario> all_scenarios() {
   out.push_back({"stop with nothing changed", phase::shutdown, nothing, stop});
   out.push_back({"stop", phase::shutdown, change_all, stop, false, true});
   out.push_back({"stop with a long table", phase::shutdown, fill_phones, stop, false, true});
+  for (scenario &each : large_table_scenarios()) out.push_back(std::move(each));
   return out;
 }
 

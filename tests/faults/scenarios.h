@@ -31,9 +31,14 @@ struct scenario {
   // Reads table files, and loses the text of none.
   bool loads = false;
   standin::host_kind host = standin::host_kind::exported_explode;
+  row_count rows = row_count::few;
+  // That the act has to take, so that it is known to come to what it is for.
+  size_t least_allocations = 0;
 };
 
 std::vector<scenario> all_scenarios();
+// Those of them whose tables have directories and look-ups.
+std::vector<scenario> large_table_scenarios();
 
 // Words of an act that failed.
 bool is_failure(const std::string &outcome);

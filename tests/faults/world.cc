@@ -135,7 +135,8 @@ const tables_rows &world::rows_before_that() {
   return rows;
 }
 
-world::world(standin::host_kind host) : host_(host), usual_mask_(umask(022)) {
+world::world(standin::host_kind host, row_count taken_for)
+    : host_(host), taken_for_(taken_for), usual_mask_(umask(022)) {
   standin::reset();
   mkdir((directory_ / "main").c_str(), 0700);
   mkdir((directory_ / "backup").c_str(), 0700);
@@ -170,7 +171,8 @@ void world::open() {
   std::string error;
   standin::set_host_kind(host_);
   standin::set_debug_level(module_test::ALERT_LEVEL - 1);
-  module_ = standin::load_module(TARN_MODULE_FILE, &error);
+  module_ = standin::load_module(
+      taken_for_ == row_count::many ? TARN_EARLY_MODULE_FILE : TARN_MODULE_FILE, &error);
   if (module_ == nullptr) throw std::runtime_error(error);
   module_->set_param("cfg_file_path", directory_ / "schema.cfg");
   module_->set_param("private_ranges_file_path", directory_ / "ranges.txt");
@@ -244,6 +246,35 @@ void world::look_up(const table &t, const row_texts &rows) {
   }
 }
 
+// The gateway of the longest prefix, the newest of those, in each group for a number behind each
+// prefix of it. The functions' fix-ups have the module make look-ups, where it hasn't.
+void world::look_up_prefixes(const row_texts &gateways) {
+  std::map<std::string, std::vector<std::vector<std::string>>> groups;
+  for (const std::string &row : gateways) {
+    const std::vector<std::string> fields = split(row, '|');
+    groups[fields[0]].insert(groups[fields[0]].begin(), fields);
+  }
+  fix("tarn_memdb_nl_select_best_match",
+      {"gateways,$var(grp)|$var(number)|*|*", "||$avp(found)", "1"});
+  for (const auto &[name, members] : groups)
+    for (const std::vector<std::string> &each : members) {
+      const std::string number = each[1] + "7";
+      const std::vector<std::string> *best = nullptr;
+      for (const std::vector<std::string> &other : members)
+        if (number.rfind(other[1], 0) == 0 &&
+            (best == nullptr || other[1].size() > (*best)[1].size()))
+          best = &other;
+      standin::set_var("grp", name);
+      standin::set_var("number", number);
+      standin::clear_avps();
+      const int result = call();
+      const std::vector<std::string> found = module_test::avp_texts("found");
+      if (result != 1 || found != std::vector<std::string>{(*best)[2]})
+        deviation("the gateway of " + name + " for " + number + " is " + joined(found, ", ") +
+                  " instead of " + (*best)[2]);
+    }
+}
+
 tables_rows world::rows() {
   tables_rows out;
   for (const table &t : tables()) {
@@ -257,6 +288,7 @@ tables_rows world::rows() {
                 " rows says: " + joined(shown.lines, " / "));
     look_up(t, rows);
   }
+  if (taken_for_ == row_count::many) look_up_prefixes(out.at("gateways"));
   return out;
 }
 
@@ -322,6 +354,11 @@ std::vector<std::string> world::files_open_to_others() const {
 void world::spoil(const std::string &table, bool backup) {
   const std::string file = path(table, backup);
   module_test::write_file(file, module_test::read_file(file) + "no row of this table\n");
+}
+
+void world::lengthen(const std::string &table, const row_texts &rows) {
+  const std::string file = path(table, false);
+  module_test::write_file(file, module_test::read_file(file) + joined(rows, "\n") + "\n");
 }
 
 tables_rows world::rows_in_files() const {

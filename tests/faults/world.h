@@ -19,10 +19,14 @@ using tables_rows = std::map<std::string, row_texts>;
 // Notes that something isn't as it has to be, under the name of the present point.
 void deviation(const std::string &text);
 
+// Whether the engine takes a few rows for many, so that there are directories and look-ups; see
+// early_directories.cc.
+enum class row_count { few, many };
+
 class world {
  public:
   // A directory with a schema, private ranges, and a main and an older backup file of each table.
-  explicit world(standin::host_kind host);
+  explicit world(standin::host_kind host, row_count taken_for = row_count::few);
   ~world();
   world(const world &) = delete;
   world &operator=(const world &) = delete;
@@ -58,6 +62,8 @@ class world {
   std::vector<std::string> files_open_to_others() const;
   // Makes a table's file one that a load refuses, behind a row that is good.
   void spoil(const std::string &table, bool backup);
+  // Puts rows behind those of a table's main file.
+  void lengthen(const std::string &table, const row_texts &rows);
 
   static const std::vector<module_test::table> &tables();
   // Rows of main and backup files at the beginning.
@@ -70,9 +76,11 @@ class world {
   std::string path(const std::string &table, bool backup) const;
   std::string ports_of(const std::string &map);
   void look_up(const module_test::table &table, const row_texts &rows);
+  void look_up_prefixes(const row_texts &gateways);
 
   module_test::temporary_directory directory_;
   standin::host_kind host_;
+  row_count taken_for_;
   mode_t usual_mask_;
   std::unique_ptr<standin::loaded_module> module_;
   standin::command prepared_;

@@ -177,6 +177,11 @@ void *pool_realloc(void *tag, void *block, size_t size, const char *file, const 
   return moved;
 }
 
+unsigned long shm_available(void *tag) {
+  check_tag(pool::shm, tag, __FILE__, __func__, __LINE__);
+  return memory().shm_available;
+}
+
 char pkg_name[] = "standin_pkg";
 char shm_name[] = "standin_shm";
 
@@ -205,4 +210,9 @@ sr_shm_api_t _shm_root = {standin::shm_name,
                           nullptr,
                           standin::pool_free<standin::pool::shm>,
                           nullptr,
+                          nullptr,
+                          nullptr,
+                          nullptr,
+                          nullptr,
+                          standin::shm_available,
                           {}};

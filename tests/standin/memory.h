@@ -69,6 +69,10 @@ void stop_failing();
 // Number of allocations failed by injection (or by a full mapping) since the last reset.
 uint64_t failed_allocations();
 
+// What the shared pool tells of its free bytes from now on, whatever it has; more than anybody
+// takes until then. Undone by reset.
+void tell_available(size_t bytes);
+
 // From now on shared blocks live in one mapping of that many bytes, which forked processes share.
 // Needs a shared pool without live blocks; false if that isn't so or the mapping can't be had.
 // Blocks there aren't watched by AddressSanitizer; bytes behind them are checked when they are

@@ -109,6 +109,8 @@ void stop_failing() {
 
 uint64_t failed_allocations() { return memory().failed; }
 
+void tell_available(size_t bytes) { memory().shm_available = bytes; }
+
 bool use_shared_mapping(size_t bytes) {
   return live_count(pool::shm) == 0 && mapping_open(bytes, last_serial());
 }
@@ -131,6 +133,7 @@ void reset_memory() {
   s.freed.clear();
   s.errors.clear();
   s.failed = 0;
+  s.shm_available = PTRDIFF_MAX;
   for (failure_plan &plan : s.plans) plan = {};
   for (uint64_t &start : s.counted_from) start = 0;
 }

@@ -49,6 +49,7 @@ struct memory_state {
   failure_plan plans[3];
   uint64_t serial = 0;
   uint64_t failed = 0;
+  size_t shm_available = PTRDIFF_MAX;
   uint64_t counted_from[3] = {};
 };
 

@@ -15,19 +15,14 @@ nothing, STRESS_DELIVERIES the servers that each allocator gets with readers tha
 
 import concurrent.futures
 import os
-import pathlib
-import re
-import shutil
 import sys
-import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "host"))
-
-from module_host import ModuleHost, Table, columns, host_server  # noqa: E402
+import live_server
+from live_server import Trouble, host_server
+from module_host import Table, columns
 
 SECONDS = float(os.environ.get("STRESS_SECONDS", "30"))
-ALLOCATORS = ("qm", "fm")
 SLICES = 6  # servers that share the time
 DELIVERIES = int(os.environ.get("STRESS_DELIVERIES", "3"))
 DELIVERY_SECONDS = 3.0
@@ -134,23 +129,10 @@ route[COUNT] {{
 """
 
 
-COMPLAINTS = re.compile(r"\) (?:BUG|CRITICAL|ALERT): .*")
-# Of a row in which neither flag stands. Each row is inserted with one, which no update touches.
-HALF_FILLED = "Subnet flag and DN flag are not set\n"
-# What the main process says of a worker that is gone.
-LOST = re.compile(r"exited by a signal (\d+)|core was (?:not )?generated")
-
-
-class Trouble(Exception):
-    """Something that must not be."""
-
-
-def start(directory, allocator, reads):
-    program = directory / "kamailio"
-    program.write_text(f'#!/bin/sh\nexec "{host_server.TOOLS}/host-kamailio" -x {allocator} "$@"\n')
-    program.chmod(0o755)
-    server = ModuleHost(
-        directory,
+def started(allocator, reads):
+    return live_server.server(
+        allocator,
+        lambda server: server.write_rows("wide", STEADY),
         tables=[TABLE],
         script=script(reads),
         modules=("pv.so", "sl.so", "textops.so", "kex.so", "jsonrpcs.so", "cfgutils.so")
@@ -158,14 +140,11 @@ def start(directory, allocator, reads):
         modparams=("max_while_loops=1000000",),
         children=READERS + WRITERS,
         params={"store_tbl_interval": 1},
-        kamailio=program,
     )
-    server.write_rows("wide", STEADY)
-    return server.start()
 
 
 def load(server, until):
-    """Keeps all workers busy; gives the calls that were answered."""
+    """Keeps all workers busy; gives the numbers of calls that were answered."""
 
     def work(number):
         user = "read" if number < READERS else "write"
@@ -174,25 +153,10 @@ def load(server, until):
             while time.monotonic() < until and server.running:
                 phone.request("OPTIONS", server.uri(user), {"X-Who": f"w{number}"}, timeout=5)
                 calls += REPEATS
-        return user, calls
+        return calls
 
     with concurrent.futures.ThreadPoolExecutor(READERS + WRITERS) as pool:
         return list(pool.map(work, range(READERS + WRITERS)))
-
-
-def check_memory(server, allocator, before):
-    """Rows that a reader was still on when they went are given back at one of the next stores."""
-    until = time.monotonic() + 15
-    while True:
-        memory = server.jsonrpc("core.shmmem")["result"]
-        used, real_used = memory["used"], memory["real_used"]
-        if used > real_used or real_used + memory["free"] > memory["total"]:
-            raise Trouble(f"{allocator}: the allocator's figures don't fit together: {memory}")
-        if memory["free"] >= before["free"] / 2:
-            return memory
-        if time.monotonic() > until:
-            raise Trouble(f"{allocator}: half of the memory is gone: {before}, then {memory}")
-        time.sleep(0.2)
 
 
 def rows_counted(server):
@@ -201,57 +165,39 @@ def rows_counted(server):
     return [int(number) for number in reply.get("x-rows").split()]
 
 
-def expect_no_complaint(server, allocator):
-    if complaint := COMPLAINTS.search(server.log()):
-        raise Trouble(f"{allocator}: the log says {complaint[0]!r}")
-    if half_filled := server.log().count(HALF_FILLED):
-        raise Trouble(f"{allocator}: {half_filled} times a reader met a half filled row")
-
-
-def work(server, allocator, seconds):
-    """One load from its beginning to the server's stop; gives the reads and the writes answered."""
-    before = check_memory(server, allocator, {"free": 0})
+def work(server, seconds):
+    """One load from its beginning to the server's stop; gives the number of calls answered."""
+    before = live_server.check_memory(server, {"free": 0})
     try:
         done = load(server, time.monotonic() + seconds)
     except host_server.host_sip.NoReply as silence:
-        if not LOST.search(server.log()):
-            raise Trouble(f"{allocator}: a call doesn't come to its end: {silence}") from None
-    if signals := LOST.findall(server.log()):
-        raise Trouble(f"{allocator}: a worker ended with signal {signals[0]}")
+        live_server.expect_no_worker_lost(server)
+        raise Trouble(f"a call doesn't come to its end: {silence}") from None
+    live_server.expect_no_worker_lost(server)
     counted, found = rows_counted(server)
     if counted != found or found < len(STEADY):
-        raise Trouble(f"{allocator}: {counted} rows are counted, {found} found")
-    check_memory(server, allocator, before)
-    if (status := server.stop()) != 0:
-        raise Trouble(f"{allocator}: the server ended with status {status}")
-    expect_no_complaint(server, allocator)
+        raise Trouble(f"{counted} rows are counted, {found} found")
+    live_server.check_memory(server, before)
+    live_server.stop(server)
     stored = server.main_file(TABLE.name).read_text().splitlines()
     if len(stored) != counted + 1:
-        raise Trouble(f"{allocator}: {len(stored) - 1} rows are stored of {counted}")
-    calls = {"read": 0, "write": 0}
-    for user, number in done:
-        calls[user] += number
-    return calls["read"], calls["write"]
+        raise Trouble(f"{len(stored) - 1} rows are stored of {counted}")
+    return sum(done)
 
 
 def with_server(allocator, reads, seconds):
-    directory = pathlib.Path(tempfile.mkdtemp(prefix="tarn-stress-"))
-    server = start(directory, allocator, reads)
-    try:
-        return work(server, allocator, seconds)
-    finally:
-        server.kill()
-        shutil.rmtree(directory, ignore_errors=True)
+    with started(allocator, reads) as server:
+        return work(server, seconds)
 
 
 def run(allocator):
-    calls = sum(sum(with_server(allocator, MISSES, SECONDS / SLICES)) for _ in range(SLICES))
+    calls = sum(with_server(allocator, MISSES, SECONDS / SLICES) for _ in range(SLICES))
     print(
         f"stress: {allocator}: readers without a lock beside writers on {SLICES} servers,"
         f" {calls / SECONDS:.0f} calls per second, 0 deviations",
         flush=True,
     )
-    calls = sum(sum(with_server(allocator, HITS, DELIVERY_SECONDS)) for _ in range(DELIVERIES))
+    calls = sum(with_server(allocator, HITS, DELIVERY_SECONDS) for _ in range(DELIVERIES))
     if DELIVERIES:
         print(
             f"stress: {allocator}: the same with values delivered on {DELIVERIES} servers,"
@@ -260,16 +206,5 @@ def run(allocator):
         )
 
 
-def main():
-    status = 0
-    for allocator in ALLOCATORS:
-        try:
-            run(allocator)
-        except Trouble as trouble:
-            print(f"stress: {trouble}", file=sys.stderr)
-            status = 1
-    return status
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(live_server.run_with_each_allocator(run))

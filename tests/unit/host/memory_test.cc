@@ -104,6 +104,11 @@ TEST_F(MemoryTest, FailedResizeKeepsTheOldBlock) {
   shm_free(b);
 }
 
+TEST_F(MemoryTest, TheHostTellsWhatIsFreeOfItsSharedMemory) {
+  standin::tell_available(4711);
+  EXPECT_EQ(shm_available(), 4711u);
+}
+
 TEST_F(MemoryTest, FreeOfNullNeverReachesTheHost) {
   pkg_free(nullptr);
   shm_free(nullptr);

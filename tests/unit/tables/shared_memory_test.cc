@@ -75,6 +75,18 @@ TEST_F(SharedMemoryTest, TheEngineWorksInSharedMemory) {
   memdb_destroy_tbl(table);
 }
 
+TEST_F(SharedMemoryTest, BlocksToDoWithoutAreTakenIfAsMuchIsLeftAgain) {
+  standin::reset_allocation_count();
+  standin::tell_available(199);
+  EXPECT_EQ(memdb_malloc_extra(100), nullptr);
+  EXPECT_EQ(memdb_calloc_extra(100), nullptr);
+  EXPECT_EQ(standin::allocation_count(pool::shm), 0u);
+  standin::tell_available(200);
+  void *const blocks[] = {memdb_malloc_extra(100), memdb_calloc_extra(100)};
+  EXPECT_EQ(standin::live_bytes(pool::shm), 200u);
+  for (void *block : blocks) memdb_free(block);
+}
+
 TEST_F(SharedMemoryTest, EngineMessagesGoToTheHostsLogAtTheirLevel) {
   const tbl_dcl columns[] = {{3, 0}};
   memdb_tbl *const table = memdb_create_tbl(columns, 1);
