@@ -139,7 +139,7 @@ uint64_t texts_of(memdb_bucket_kind kind) {
 bool link_by_order(memdb_bucket_kind kind, memdb_col *col, memdb_row **chain) {
   constexpr size_t AHEAD = 16;
   const uint64_t texts = texts_of(kind);
-  auto *const block = static_cast<uint64_t *>(memdb_malloc(2 * texts * sizeof(uint64_t)));
+  auto *const block = static_cast<uint64_t *>(memdb_malloc_extra(2 * texts * sizeof(uint64_t)));
   if (block == nullptr) return false;
   size_t count = 0;
   memdb_each_table(kind, [&](const memdb_slots *table) {
