@@ -24,8 +24,9 @@ ROWS = 1000
 COUNTED_IN_VAIN = {"qm": 0, "fm": 0, "tlsf": 16}
 
 
-def memory_of(files, allocator, memory=64, *more):
-    told = files.check(options=["--json", "--memory", str(memory), "--allocator", allocator, *more])
+def memory_of(files, allocator, memory=64, more=()):
+    options = ["--json", "--memory", str(memory), "--allocator", allocator, *more]
+    told = files.check(options=options)
     return as_json(told.out)["memory"]
 
 
@@ -103,7 +104,7 @@ def test_a_best_match_that_is_told_of_counts(files, allocator):
     files.schema(table(columns=("a 15 0", "b 3 0"), MAX_ROWS=count)).rows("t", *keyed_rows(count))
     call = module_host.Call('tarn_memdb_select_best_match("t,$var(k)|*", "|$avp(b)", "0")')
     took = [start(files, allocator, 64, calls)["real_used"] for calls in ({}, {"find": call})]
-    told = [memory_of(files, allocator, 64, *["--best-match", "t"] * n) for n in range(6)]
+    told = [memory_of(files, allocator, more=["--best-match", "t"] * n) for n in range(6)]
     for word in ("bytes_at_start", "bytes_when_full"):
         each = [more[word] - less[word] for less, more in zip(told, told[1:], strict=False)]
         assert each[0] == close_to(took[1] - took[0])
