@@ -4,8 +4,8 @@
 Usage: bench/load_bench.py MODULE.so TARN_MEMDB_CHECK GETLINE_LOOP
 
 All figures are processor time: a start's is that of the main process, less that of a start
-without rows, and a reload's that of the process that serves the command. The table's lock is held throughout
-a reload.
+without rows, and a reload's that of the process that serves the command. The table's lock is held
+throughout a reload.
 
 Environment:
   TARN_LOAD_ROWS         numbers of rows (default "10000 100000 1000000")
