@@ -12,15 +12,18 @@
 
 namespace {
 
-// Blocks that the engine asks for during the scope come from here, are counted, and go with it.
+// Blocks that the engine asks for during the scope come from here, are counted, and go with it,
+// also those that it gives back since a further one is more than this machine has.
 class counted_blocks {
  public:
-  counted_blocks() : usual_(memdb_calloc) {
+  counted_blocks() : usual_(memdb_calloc), usual_free_(memdb_free) {
     cost_ = 0;
     memdb_calloc = count;
+    memdb_free = [](void *) {};
   }
   ~counted_blocks() {
     memdb_calloc = usual_;
+    memdb_free = usual_free_;
     for (void *const block : blocks_) free(block);
     blocks_.clear();
   }
@@ -31,17 +34,17 @@ class counted_blocks {
 
  private:
   static void *count(size_t number, size_t size) {
+    cost_ += server_memory.cost(number * size);
     // Not written to but for their heads, so that large ones take no memory here.
     void *const block = calloc(number, size);
-    if (block == nullptr) return nullptr;
-    cost_ += server_memory.cost(number * size);
-    blocks_.push_back(block);
+    if (block != nullptr) blocks_.push_back(block);
     return block;
   }
 
   static size_t cost_;
   static std::vector<void *> blocks_;
   void *(*usual_)(size_t, size_t);
+  void (*usual_free_)(void *);
 };
 
 size_t counted_blocks::cost_;
