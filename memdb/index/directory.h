@@ -88,3 +88,7 @@ void memdb_directory_dissolve(memdb_row **bucket, memdb_col *col);
 
 // Gives the blocks of a directory back that no word leads to any more; chains are left alone.
 void memdb_directory_give_back(memdb_bucket_kind kind, void (*give_back)(void *block));
+
+// Puts them ahead of a list of such blocks instead, linked by their first 8 bytes, which no reader
+// needs; gives the new head.
+void *memdb_directory_add_to(memdb_bucket_kind kind, void *blocks);

@@ -120,15 +120,16 @@ void memdb_expect_overwrite(memdb_row *row, memdb_col *col) {
     memdb_directory_dissolve(bucket, col);
 }
 
-void memdb_empty_idx(memdb_col *col) {
-  if (col->idx == nullptr) return;
+void *memdb_empty_idx(memdb_col *col, void *blocks) {
+  if (col->idx == nullptr) return blocks;
   for (uint32_t i = 0; i < col->idx_len; i++) {
     const memdb_bucket_kind kind(col->idx[i]);
     std::atomic_ref(col->idx[i]).store(nullptr, std::memory_order_relaxed);
-    memdb_directory_give_back(kind, memdb_retire);
+    blocks = memdb_directory_add_to(kind, blocks);
   }
   col->linked = 0;
   col->made_not_before = 0;
+  return blocks;
 }
 
 void memdb_report_missing_entry() {

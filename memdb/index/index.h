@@ -18,8 +18,9 @@ void memdb_delete_idx_entry(memdb_row *row, memdb_col *col);
 // form in which that changes nothing but what it finds.
 void memdb_expect_overwrite(memdb_row *row, memdb_col *col);
 
-// Empties all buckets of a column, which may have none; what isn't a row is given back.
-void memdb_empty_idx(memdb_col *col);
+// Empties all buckets of a column, which may have none. What isn't a row goes ahead of a list of
+// blocks, linked by their first 8 bytes; gives the new head.
+void *memdb_empty_idx(memdb_col *col, void *blocks);
 
 // Reports an entry that isn't where its row's text leads, to memdb_log_err if that is set.
 void memdb_report_missing_entry();
