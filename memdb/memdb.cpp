@@ -186,6 +186,9 @@ void memdb_destroy_tbl(memdb_tbl *tbl) {
 }
 
 memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
+  for (uint32_t i = 0; i < tbl->col_cnt; i++)
+    if (memdb_is_indexed(tbl->cols[i]) && values[i] != nullptr)
+      memdb_fetch_col_idx(&tbl->cols[i], values[i]);
   auto *const row =
       static_cast<memdb_row *>(memdb_calloc(1, size_t{tbl->row_len} + sizeof(memdb_row)));
   if (row == nullptr) {

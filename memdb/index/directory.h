@@ -65,6 +65,9 @@ class memdb_bucket_kind {
 // caller may hold no lock.
 memdb_row *memdb_directory_find(memdb_bucket_kind kind, const memdb_col *col, const char *text);
 
+// Sends for the slot of the text in the directory that the word leads to.
+void memdb_directory_fetch(memdb_bucket_kind kind, const memdb_col *col, const char *text);
+
 // The rest is for the writer, who holds the table's lock. bucket is one of col's, and leads to a
 // directory if nothing else is said.
 

@@ -101,6 +101,12 @@ void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
   if (wants_directory(*bucket, ahead, col)) memdb_directory_make(bucket, col);
 }
 
+void memdb_fetch_col_idx(const memdb_col *col, const char *text) {
+  if (col->linked <= memdb_directories.plain_rows) return;
+  const memdb_bucket_kind kind(*bucket_of(col, text));
+  if (!kind.is_chain()) memdb_directory_fetch(kind, col, text);
+}
+
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
   if (col->linked > 0) col->linked--;
   memdb_row **const bucket = bucket_of(col, memdb_text_of(row, col));

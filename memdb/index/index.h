@@ -10,6 +10,10 @@ uint32_t memdb_hash1(const char *text);
 // Links the row into the column's bucket, ahead of rows with an equal text.
 void memdb_update_col_idx(memdb_row *row, memdb_col *col);
 
+// Sends for what memdb_update_col_idx will need for a row of this text: it lies anywhere in a large
+// table. A hint, for texts that are cut as well.
+void memdb_fetch_col_idx(const memdb_col *col, const char *text);
+
 // Unlinks the row from the bucket that its present text leads to. A row that isn't there, because
 // its text was overwritten, is reported to memdb_log_err.
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col);
