@@ -77,9 +77,12 @@ bool tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, table_na
   else
     tbl_name[name.copy(tbl_name, TARN_NAME_SIZE - 1)] = '\0';
 
-  char *cursor;
-  in->table = find_query_table(query, name, &cursor);
-  if (in->table == nullptr) return false;
+  char *list;
+  in->table = find_query_table(query, name, &list);
+  return in->table != nullptr && parse_field_list(query, list, op, in);
+}
+
+bool parse_field_list(const str &query, char *cursor, int32_t op, query_in *in) {
   str list;
   tarn_memdb_get_next_field(query, op == OP_INSERT ? NO_SEPARATOR : PART_SEPARATOR, &cursor, &list);
   in->flds = tarn_memdb_create_fields(list, &in->table->tbl->col_cnt);

@@ -28,6 +28,10 @@ using table_name_text = char[TARN_NAME_SIZE];
 // its beginning for messages. False with the reason logged and nothing owned. Takes no lock.
 bool tarn_memdb_parse_input(const str &query, int32_t op, query_in *in, table_name_text &tbl_name);
 
+// The part of it behind the table's name: list is where the field list begins in query, and in has
+// the table.
+bool parse_field_list(const str &query, char *list, int32_t op, query_in *in);
+
 // The table of that name, which stands at the head of query, with *list at the beginning of the
 // field list behind it. Null, logged, if there is no list or no such table.
 tarn_tbl *find_query_table(const str &query, std::string_view name, char **list);

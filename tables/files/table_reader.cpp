@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "host/log.h"
+#include "query/text/field_strings.h"
 #include "tables/files/file_access.h"
 #include "tables/files/table_paths.h"
 #include "tables/rows/flag_treatment.h"
@@ -48,6 +50,9 @@ class query_lines {
   const char *text() const { return line_; }
   bool is_row() const { return *line_ != '\0' && *line_ != '#'; }
 
+  // Where the line begins in a composed query.
+  char *line_in(const str &composed) const { return composed.s + prefix_len_; }
+
   // The query of the present line, or false, with errno set, if there is no memory for it.
   bool compose(str *composed) {
     const size_t needed = prefix_len_ + len_ + 1;
@@ -77,11 +82,26 @@ class query_lines {
   size_t query_size_ = 0;
 };
 
-// Adds the row of one composed line. False if it is refused.
-bool load_row(tarn_tbl *table, const str &composed, int line_number, load_watch *watch)
+// True if the parser finds this table by its name at the head of a query: then it needn't look for
+// it ahead of each row.
+bool is_found_by_name(const tarn_tbl *table) {
+  const std::string_view name = table->table_name;
+  if (name.empty() || name.find(PART_SEPARATOR) != std::string_view::npos ||
+      name.find(FIELD_ESCAPE) != std::string_view::npos)
+    return false;
+  for (const tarn_tbl &first : all_tarn_tbls())
+    if (first.table_name == name) return &first == table;
+  return false;
+}
+
+// Adds the row of one composed line. list is where the line begins in it, or null for a table that
+// the parser has to look for. False if the row is refused.
+bool load_row(tarn_tbl *table, const str &composed, char *list, int line_number, load_watch *watch)
     NEEDS_LOCK(table->lock) {
   query_scope in;
-  if (!parse_table_row(table, composed, &in)) {
+  in.table = table;
+  if (list != nullptr ? !parse_field_list(composed, list, OP_INSERT, &in)
+                      : !parse_table_row(table, composed, &in)) {
     LM_ERR("Could not parse '%s'\n", composed.s);
     return false;
   }
@@ -117,11 +137,13 @@ bool load_rows(tarn_tbl *table, FILE *file, const char *path, load_watch *watch)
     NEEDS_LOCK(table->lock) {
   query_lines lines(file, table->table_name, watch);
   if (!has_good_version(&lines, path)) return false;
+  const bool is_found = is_found_by_name(table);
   while (lines.next()) {
     if (!lines.is_row()) continue;
     str composed;
     if (!lines.compose(&composed)) break;
-    if (!load_row(table, composed, lines.number(), watch)) return false;
+    char *const list = is_found ? lines.line_in(composed) : nullptr;
+    if (!load_row(table, composed, list, lines.number(), watch)) return false;
   }
   const int error = errno;
   if (error == EINVAL || error == ENOMEM)
