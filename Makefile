@@ -153,6 +153,16 @@ bench:
 # See the head of bench/host_bench.py for its settings.
 bench-host: host-module
 	@python3 bench/host_bench.py $(BUILD)/demo/tarn_memdb.so
+	@$(MAKE) --no-print-directory bench-load
+
+.PHONY: bench-load
+# Start, reload and check of large tables, beside a bare getline loop.
+bench-load: host-module
+	@$(DEPS) module tools
+	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO))
+	@c++ -O2 -std=c++20 -o $(BUILD)/getline_loop bench/getline_loop.cc
+	@python3 bench/load_bench.py $(BUILD)/demo/tarn_memdb.so \
+	  $(BUILD)/module/tools/check/tarn-memdb-check $(BUILD)/getline_loop
 
 # Instructions of a call.
 # On the stand-in host and then on the real one.

@@ -36,15 +36,40 @@ bool layout_fits(const tbl_dcl *columns, uint32_t col_cnt) {
 }
 
 void free_columns(memdb_tbl *tbl) {
-  for (memdb_col &col : memdb_cols(tbl)) {
-    memdb_empty_idx(&col);
-    memdb_free(col.idx);
-  }
+  for (memdb_col &col : memdb_cols(tbl)) memdb_free(col.idx);
   memdb_free(tbl->cols);
 }
 
-void free_rows(memdb_row *row) {
-  while (row != nullptr) memdb_retire(std::exchange(row, row->next));
+// Rows and blocks of indexes that no one finds any more.
+struct taken_out {
+  memdb_row *newest;
+  memdb_row *oldest;
+  void *blocks;  // linked by their first 8 bytes
+};
+
+// Takes out all rows. With every row going, emptying the buckets does what unlinking row by row
+// would do, without walking a chain per row and column.
+taken_out take_all(memdb_tbl *tbl) {
+  taken_out out = {tbl->first, tbl->last, nullptr};
+  tbl->first = nullptr;
+  tbl->last = nullptr;
+  for (memdb_col &col : memdb_cols(tbl)) out.blocks = memdb_empty_idx(&col, out.blocks);
+  return out;
+}
+
+// Allocators join a block with a free one behind it, and look for its place by its size among all
+// large ones. So rows are given back from lower to higher addresses, as far as the order in which
+// they were made tells, and ahead of what is large.
+void give_back(const taken_out &out) {
+  if (out.newest > out.oldest)
+    for (memdb_row *row = out.oldest; row != nullptr;) memdb_retire(std::exchange(row, row->prev));
+  else
+    for (memdb_row *row = out.newest; row != nullptr;) memdb_retire(std::exchange(row, row->next));
+  for (void *block = out.blocks; block != nullptr;) {
+    void *next;
+    memcpy(&next, block, sizeof(next));
+    memdb_retire(std::exchange(block, next));
+  }
 }
 
 // Writes value, cut to the column's size, into the field. All that can be done ahead of the copy or
@@ -156,13 +181,16 @@ memdb_tbl *memdb_create_tbl(const tbl_dcl *columns, uint32_t col_cnt) {
 void memdb_destroy_tbl(memdb_tbl *tbl) {
   if (tbl == nullptr) return;
   memdb_end_prefixes(tbl);
+  give_back(take_all(tbl));
   free_columns(tbl);
-  free_rows(tbl->first);
   memdb_free(tbl);
 }
 
 memdb_row *memdb_insert(memdb_tbl *tbl, const char *const *values) {
   memdb_prefix_join join(tbl, values);
+  for (uint32_t i = 0; i < tbl->col_cnt; i++)
+    if (memdb_is_indexed(tbl->cols[i]) && values[i] != nullptr)
+      memdb_fetch_col_idx(&tbl->cols[i], values[i]);
   auto *const row =
       static_cast<memdb_row *>(memdb_calloc(1, size_t{tbl->row_len} + sizeof(memdb_row)));
   if (row == nullptr) {
@@ -187,14 +215,9 @@ void memdb_delete_row(memdb_tbl *tbl, memdb_row *row) {
 
 void memdb_delete_all(memdb_tbl *tbl) {
   memdb_empty_prefixes(tbl);
-  memdb_row *const rows = tbl->first;
-  tbl->first = nullptr;
-  tbl->last = nullptr;
-  // With every row going, emptying the buckets does what unlinking row by row would do, without
-  // walking a chain per row and column.
-  for (memdb_col &col : memdb_cols(tbl)) memdb_empty_idx(&col);
+  const taken_out all = take_all(tbl);
   count_rows(tbl, 0);
-  free_rows(rows);
+  give_back(all);
 }
 
 void memdb_mend_list(memdb_tbl *tbl) {

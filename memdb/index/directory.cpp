@@ -63,6 +63,12 @@ memdb_row *memdb_directory_find(memdb_bucket_kind kind, const memdb_col *col, co
   return memdb_slots_find(place_of(kind, hash).table, col, hash, text);
 }
 
+void memdb_directory_fetch(memdb_bucket_kind kind, const memdb_col *col, const char *text) {
+  const uint64_t hash = memdb_slot_hash(col, text);
+  const memdb_slots *const table = place_of(kind, hash).table;
+  __builtin_prefetch(&memdb_slots_of(table)[hash & table->mask]);
+}
+
 bool memdb_directory_insert(memdb_row **bucket, memdb_row *row, memdb_col *col) {
   memdb_make_whole(memdb_bucket_kind(*bucket), col);
   const uint64_t hash = memdb_slot_hash(col, memdb_text_of(row, col));

@@ -65,6 +65,9 @@ class memdb_bucket_kind {
 // caller may hold no lock.
 memdb_row *memdb_directory_find(memdb_bucket_kind kind, const memdb_col *col, const char *text);
 
+// Sends for the slot of the text in the directory that the word leads to.
+void memdb_directory_fetch(memdb_bucket_kind kind, const memdb_col *col, const char *text);
+
 // The rest is for the writer, who holds the table's lock. bucket is one of col's, and leads to a
 // directory if nothing else is said.
 
@@ -89,3 +92,7 @@ void memdb_directory_dissolve(memdb_row **bucket, memdb_col *col);
 
 // Gives the blocks of a directory back that no word leads to any more; chains are left alone.
 void memdb_directory_give_back(memdb_bucket_kind kind, void (*give_back)(void *block));
+
+// Puts them ahead of a list of such blocks instead, linked by their first 8 bytes, which no reader
+// needs; gives the new head.
+void *memdb_directory_add_to(memdb_bucket_kind kind, void *blocks);

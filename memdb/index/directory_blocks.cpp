@@ -123,3 +123,13 @@ void memdb_directory_give_back(memdb_bucket_kind kind, void (*give_back)(void *b
   memdb_each_table(kind, give_back);
   if (memdb_parts *const parts = kind.parts()) give_back(parts);
 }
+
+void *memdb_directory_add_to(memdb_bucket_kind kind, void *blocks) {
+  const auto add = [&blocks](auto *block) {
+    block->given_back = blocks;
+    blocks = block;
+  };
+  memdb_each_table(kind, add);
+  if (memdb_parts *const parts = kind.parts()) add(parts);
+  return blocks;
+}

@@ -101,6 +101,12 @@ void memdb_update_col_idx(memdb_row *row, memdb_col *col) {
   if (wants_directory(*bucket, ahead, col)) memdb_directory_make(bucket, col);
 }
 
+void memdb_fetch_col_idx(const memdb_col *col, const char *text) {
+  if (col->linked <= memdb_directories.plain_rows) return;
+  const memdb_bucket_kind kind(*bucket_of(col, text));
+  if (!kind.is_chain()) memdb_directory_fetch(kind, col, text);
+}
+
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col) {
   if (col->linked > 0) col->linked--;
   memdb_row **const bucket = bucket_of(col, memdb_text_of(row, col));
@@ -120,15 +126,16 @@ void memdb_expect_overwrite(memdb_row *row, memdb_col *col) {
     memdb_directory_dissolve(bucket, col);
 }
 
-void memdb_empty_idx(memdb_col *col) {
-  if (col->idx == nullptr) return;
+void *memdb_empty_idx(memdb_col *col, void *blocks) {
+  if (col->idx == nullptr) return blocks;
   for (uint32_t i = 0; i < col->idx_len; i++) {
     const memdb_bucket_kind kind(col->idx[i]);
     std::atomic_ref(col->idx[i]).store(nullptr, std::memory_order_relaxed);
-    memdb_directory_give_back(kind, memdb_retire);
+    blocks = memdb_directory_add_to(kind, blocks);
   }
   col->linked = 0;
   col->made_not_before = 0;
+  return blocks;
 }
 
 void memdb_report_missing_entry() {

@@ -10,6 +10,10 @@ uint32_t memdb_hash1(const char *text);
 // Links the row into the column's bucket, ahead of rows with an equal text.
 void memdb_update_col_idx(memdb_row *row, memdb_col *col);
 
+// Sends for what memdb_update_col_idx will need for a row of this text: it lies anywhere in a large
+// table. A hint, for texts that are cut as well.
+void memdb_fetch_col_idx(const memdb_col *col, const char *text);
+
 // Unlinks the row from the bucket that its present text leads to. A row that isn't there, because
 // its text was overwritten, is reported to memdb_log_err.
 void memdb_delete_idx_entry(memdb_row *row, memdb_col *col);
@@ -18,8 +22,9 @@ void memdb_delete_idx_entry(memdb_row *row, memdb_col *col);
 // form in which that changes nothing but what it finds.
 void memdb_expect_overwrite(memdb_row *row, memdb_col *col);
 
-// Empties all buckets of a column, which may have none; what isn't a row is given back.
-void memdb_empty_idx(memdb_col *col);
+// Empties all buckets of a column, which may have none. What isn't a row goes ahead of a list of
+// blocks, linked by their first 8 bytes; gives the new head.
+void *memdb_empty_idx(memdb_col *col, void *blocks);
 
 // Reports an entry that isn't where its row's text leads, to memdb_log_err if that is set.
 void memdb_report_missing_entry();

@@ -1,4 +1,5 @@
-"""tarn-memdb-check takes about as long as the load that it foretells, for odd files as well."""
+"""tarn-memdb-check takes about as long as the load that it foretells, for odd files as well, and
+both go with the number of rows."""
 
 import os
 import resource
@@ -38,3 +39,22 @@ def test_a_check_takes_about_as_long_as_the_load(files, kind):
     check = min(processor_time(CHECK, schema) for _ in range(3))
     print(f"{kind}: load {load:.3f} s, check {check:.3f} s, {check / load:.2f}")
     assert check < 3 * load + 0.1
+
+
+# Ten times the rows lie less close to the processor; with chains as long as the table they take ten
+# times as long each.
+@pytest.mark.parametrize("program", ["load", "check"])
+def test_a_row_of_a_large_file_costs_about_what_one_of_a_small_file_costs(files, program):
+    columns = ("user 31 1", "contact 63 0", "source 45 0")
+    files.schema(table("t", columns, MAX_ROWS=10**6))
+    schema = os.fspath(files.directory / "schema.cfg")
+    command = (PROBE, schema, "quiet") if program == "load" else (CHECK, schema)
+
+    def row_time(count):
+        rows = (f"user{i * 7919 % count}@sip.example.org|sip:{i}|{i % 977}" for i in range(count))
+        files.rows("t", *rows)
+        return min(processor_time(*command) for _ in range(7 if count < 10**5 else 4)) / count
+
+    few, many = row_time(20_000), row_time(200_000)
+    print(f"{program}: {few * 1e9:.0f} and {many * 1e9:.0f} ns a row, {many / few:.2f}")
+    assert many < 2 * few

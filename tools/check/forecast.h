@@ -24,8 +24,9 @@ struct put_away_file {
 
 // In bytes of the server's shared memory.
 struct memory_forecast {
-  size_t at_start = 0;   // what maps, tables and the rows of their files take
-  size_t when_full = 0;  // the same with as many rows as MAX_ROWS lets in
+  size_t at_start = 0;      // what maps, tables, the rows of their files and their indexes take
+  size_t when_full = 0;     // the same with as many rows as MAX_ROWS lets in
+  bool holds_files = true;  // all rows of the files fitted in
 };
 
 struct start_forecast {

@@ -1,5 +1,6 @@
 // tarn-memdb-check: what the module would make of a schema and its files at its next start. Reads
 // with the module's own code and changes nothing.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -22,6 +23,7 @@
 #include "tools/check/schema_check.h"
 #include "tools/check/shared_pool.h"
 #include "tools/check/table_start.h"
+#include "tools/check/visible_text.h"
 
 namespace {
 
@@ -45,14 +47,20 @@ bool create_tables(const std::string &schema, std::string text, findings *out) {
   return false;
 }
 
-void load_tables(start_forecast *start, findings *out) {
-  table_starts starts(out);
+bool has_table(std::string_view name) {
+  return std::ranges::any_of(all_tarn_tbls(),
+                             [name](const tarn_tbl &table) { return name == table.table_name; });
+}
+
+void load_tables(const options &given, start_forecast *start, findings *out) {
+  table_starts starts(given.best_matches, out);
   const size_t without_rows = server_memory.used();
   for (tarn_tbl &table : all_tarn_tbls()) start->tables.push_back(starts.start(&table));
   start->put_away = starts.files_put_away();
   start->start = starts.outcome();
-  start->memory.at_start = without_rows + starts.row_memory().at_start;
-  start->memory.when_full = without_rows + starts.row_memory().when_full;
+  start->memory = starts.row_memory();
+  start->memory.at_start += without_rows;
+  start->memory.when_full += without_rows;
 }
 
 void check_tables(const options &given, const std::string &schema_text, start_forecast *start,
@@ -64,7 +72,10 @@ void check_tables(const options &given, const std::string &schema_text, start_fo
     return;
   }
   check_places({given.schema, given.private_ranges}, places, out);
-  load_tables(start, out);
+  for (const auto &[name, count] : given.best_matches)
+    if (!has_table(name))
+      out->warn(given.schema, 0, "has no table " + quoted(name) + ", which --best-match names");
+  load_tables(given, start, out);
   check_memory(given.schema, start->memory, given.memory_mb, out);
 }
 

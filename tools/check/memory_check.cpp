@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tools/check/shared_pool.h"
 
 namespace {
@@ -38,7 +40,7 @@ void check_memory(const std::string &schema, const memory_forecast &need, size_t
   const std::string have = std::to_string(limit_mb) + " MB";
   const size_t limit = limit_mb * MB;
   if (limit_mb == 0) {
-    if (need.at_start > server_memory.size())
+    if (need.at_start > server_memory.size() && !need.holds_files)
       out->error(schema, 0,
                  "the tables take " + in_mb(need.at_start) +
                      " of shared memory, more than this machine has for the check");
@@ -49,14 +51,14 @@ void check_memory(const std::string &schema, const memory_forecast &need, size_t
                     " MB unless its option -m says more, and --memory says so here");
     return;
   }
-  if (need.at_start > limit)
+  if (need.at_start > limit && !need.holds_files)
     out->error(schema, 0,
                "the tables take " + in_mb(need.at_start) +
                    " of shared memory, and the server has " + have + ": not all rows are loaded");
   else if (need.at_start + SERVER_SHARE > limit)
     out->warn(schema, 0,
-              "the tables leave " + left_in_mb(limit - need.at_start) + " of " + have +
-                  " to the server and its other modules, which take some " +
+              "the tables leave " + left_in_mb(limit - std::min(need.at_start, limit)) + " of " +
+                  have + " to the server and its other modules, which take some " +
                   std::to_string(SERVER_SHARE / MB) + " MB themselves");
   else if (need.when_full + SERVER_SHARE > limit)
     out->warn(schema, 0,

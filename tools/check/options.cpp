@@ -26,6 +26,8 @@ constexpr char USAGE[] =
     "  --memory MB                    the server's shared memory, its option -m: tells what the\n"
     "                                 tables take of it\n"
     "  --allocator qm|fm|tlsf         the server's option -x; qm if it isn't told\n"
+    "  --best-match TABLE             counts the look-up of a best match among the table's rows as\n"
+    "                                 well; once for each set of columns that scripts give\n"
     "  --int-ports MIN-MAX            bounds of the port maps, where the server's configuration\n"
     "  --ext-ports MIN-MAX            sets other ones than the module's own\n"
     "  --static-int-ports MIN-MAX\n"
@@ -77,6 +79,7 @@ options read_options(int argc, char **argv) {
       {"json", no_argument, nullptr, 'j'},
       {"memory", required_argument, nullptr, 'm'},
       {"allocator", required_argument, nullptr, 'x'},
+      {"best-match", required_argument, nullptr, 'b'},
       {"int-ports", required_argument, nullptr, 'i'},
       {"ext-ports", required_argument, nullptr, 'e'},
       {"static-int-ports", required_argument, nullptr, 'I'},
@@ -99,6 +102,9 @@ options read_options(int argc, char **argv) {
         break;
       case 'x':
         set_allocator(optarg);
+        break;
+      case 'b':
+        out.best_matches[optarg]++;
         break;
       case 'i':
         set_bounds(optarg, &port_settings.internal.min, &port_settings.internal.max);

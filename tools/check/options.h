@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <string>
 
 enum exit_status { CLEAN = 0, FINDINGS = 1, UNREADABLE = 2 };
@@ -9,7 +10,8 @@ enum exit_status { CLEAN = 0, FINDINGS = 1, UNREADABLE = 2 };
 struct options {
   bool json = false;
   bool errors_only = false;
-  size_t memory_mb = 0;  // 0 if it isn't told
+  size_t memory_mb = 0;                        // 0 if it isn't told
+  std::map<std::string, size_t> best_matches;  // look-ups by the name of their table
   std::string schema;
   std::string private_ranges;  // may be empty
 };

@@ -12,6 +12,7 @@
 #include "tables/files/table_reader.h"
 #include "tables/shared/file_handle.h"
 #include "tools/check/host_services.h"
+#include "tools/check/index_memory.h"
 #include "tools/check/row_watch.h"
 #include "tools/check/shared_pool.h"
 #include "tools/check/visible_text.h"
@@ -90,10 +91,13 @@ table_starts::reading table_starts::watched_read(tarn_tbl *table, const std::str
   server_memory.was_short();
   const table_file_state state = read_table_file(table, text.c_str(), &watch);
   watch.finish(state, take_messages());
-  if (server_memory.was_short())
+  if (server_memory.was_short()) {
+    was_short_ = true;
     rows_wanted_ = std::max(rows_wanted_, count_rows(text));
-  else if (state == table_file_state::loaded)
+    if (state == table_file_state::refused) row_memory_.holds_files = false;
+  } else if (state == table_file_state::loaded) {
     rows_wanted_ = std::max(rows_wanted_, static_cast<size_t>(table->row_count));
+  }
   if (state == table_file_state::loaded) {
     ports_.add_all(watch.own_ports());
     return reading::loaded;
@@ -115,7 +119,7 @@ void table_starts::rehearse_backup(tarn_tbl *table, const std::string &path) {
   const size_t used = server_memory.used();
   findings unheard;
   const reading outcome = [&] {
-    table_starts rehearsal(&unheard);
+    table_starts rehearsal(best_matches_, &unheard);
     rehearsal.disk_ = disk_;
     return rehearsal.read(table, path, &unheard);
   }();
@@ -149,16 +153,32 @@ std::string table_starts::put_away(const std::string &path) {
   return "is missing";
 }
 
-void table_starts::count_memory(const tarn_tbl *table) {
+// With so many rows, as far as it can be told without them.
+size_t table_starts::memory_for(const tarn_tbl *table, size_t rows) const {
+  const auto named = best_matches_.find(table->table_name);
+  const size_t look_ups = named != best_matches_.end() ? named->second : 0;
+  return rows * row_cost(table) + directory_memory(table, rows) +
+         std::min(look_ups, MEMDB_PREFIX_FORMS) * look_up_memory(rows);
+}
+
+void table_starts::count_memory(const tarn_tbl *table, size_t used_before) {
   const size_t most = std::max(rows_wanted_, static_cast<size_t>(std::max(table->max_rows, 0)));
-  row_memory_.at_start += rows_wanted_ * row_cost(table);
-  row_memory_.when_full += most * row_cost(table);
+  size_t at_start = memory_for(table, rows_wanted_);
+  // What the indexes of rows that are in the table take depends on their texts, and is there to be
+  // seen.
+  if (!was_short_ && rows_wanted_ == static_cast<size_t>(table->row_count))
+    at_start += server_memory.used() - used_before - rows_wanted_ * row_cost(table) -
+                directory_memory(table, rows_wanted_);
+  row_memory_.at_start += at_start;
+  row_memory_.when_full += std::max(at_start, memory_for(table, most));
 }
 
 table_forecast table_starts::start(tarn_tbl *table) {
   rows_wanted_ = 0;
+  was_short_ = false;
+  const size_t used_before = server_memory.used();
   table_forecast told = start_with_files(table);
-  count_memory(table);
+  count_memory(table, used_before);
   return told;
 }
 

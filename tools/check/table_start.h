@@ -3,6 +3,7 @@
 #pragma once
 
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -16,13 +17,17 @@
 // Goes from table to table in the order of the schema, as a start does.
 class table_starts {
  public:
-  explicit table_starts(findings *out) : out_(out) {}
+  // Of each table named in best_matches so many look-ups for the best match are counted. It
+  // outlives this.
+  table_starts(const std::map<std::string, size_t> &best_matches, findings *out)
+      : best_matches_(best_matches), out_(out) {}
 
   // Reads the table's files with the module's own code and changes neither. The rows go into the
   // table and into the memory that is counted.
   table_forecast start(tarn_tbl *table);
 
-  // Bytes that the rows of all tables so far take, those included that didn't fit.
+  // Bytes that the rows of all tables so far and what finds them take, those included that didn't
+  // fit.
   const memory_forecast &row_memory() const { return row_memory_; }
 
   // What the start has put away so far.
@@ -43,8 +48,10 @@ class table_starts {
   void start_without_main(tarn_tbl *table, reading main, table_forecast *told);
   std::string put_away(const std::string &path);
   void left_ports(const std::string &path, const row_watch &watch, findings *out);
-  void count_memory(const tarn_tbl *table);
+  size_t memory_for(const tarn_tbl *table, size_t rows) const;
+  void count_memory(const tarn_tbl *table, size_t used_before);
 
+  const std::map<std::string, size_t> &best_matches_;
   findings *out_;
   start_disk disk_;
   port_holders ports_;
@@ -52,5 +59,6 @@ class table_starts {
   std::vector<put_away_file> put_away_;
   memory_forecast row_memory_;
   size_t rows_wanted_ = 0;  // by the present table, as far as they are known
+  bool was_short_ = false;  // of memory, the present table
   start_outcome outcome_ = start_outcome::works;
 };

@@ -53,6 +53,33 @@ TEST_F(TableReaderTest, TheRowsAheadOfARefusedLineAreInTheTable) {
   EXPECT_EQ(rows(table()), texts{"1|2|3"});
 }
 
+// A table is looked for by its name, as in any query.
+TEST_F(TableReaderTest, RowsGoByTheTableThatTheirTablesNameFinds) {
+  table_spec plain;
+  table_spec escaped;
+  escaped.name = "t\\x";
+  table_spec twin = plain;
+  twin.columns.pop_back();
+  table_spec parted;
+  parted.name = "t,1|2";
+  start({plain, escaped, twin, parted});
+  const auto read = [this](size_t n) {
+    write(main_file(), "Version 1\n1|2|3\n");
+    empty_table(table(n));
+    return read_table_file(table(n), main_file().c_str(), &watch);
+  };
+  EXPECT_EQ(read(0), table_file_state::loaded);
+  EXPECT_EQ(read(1), table_file_state::loaded);
+  EXPECT_TRUE(errors().empty());
+  EXPECT_EQ(read(2), table_file_state::refused);
+  EXPECT_EQ(errors(), texts{"Could not parse 't,1|2|3'\n"});
+  standin::clear_logs();
+  EXPECT_EQ(read(3), table_file_state::refused);
+  EXPECT_EQ(errors(),
+            (texts{"Size mismatch", "Wrong number of fields in field list: t,1|2,1|2|3 | (null)\n",
+                   "Could not parse 't,1|2,1|2|3'\n"}));
+}
+
 TEST_F(TableReaderTest, AnotherVersionAndAnEmptyFileAreRefused) {
   start(table_spec{});
   EXPECT_EQ(read_with("Version 2\n1|2|3\n"), table_file_state::refused);
