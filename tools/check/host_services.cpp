@@ -60,6 +60,8 @@ void *allocate_shared(void *, size_t size, const char *, const char *, unsigned 
   return block + 1;
 }
 
+unsigned long shared_that_is_left(void *) { return server_memory.left(); }
+
 void release_shared(void *, void *block, const char *, const char *, unsigned int, const char *) {
   auto *const whole = static_cast<shared_block *>(block) - 1;
   server_memory.give_back(whole->size);
@@ -107,6 +109,11 @@ sr_shm_api_t _shm_root = {
     .xresize = nullptr,
     .xfree = release_shared,
     .xfree_unsafe = nullptr,
+    .xstatus = nullptr,
+    .xstatus_filter = nullptr,
+    .xinfo = nullptr,
+    .xreport = nullptr,
+    .xavailable = shared_that_is_left,
     .unused = {},
 };
 

@@ -13,15 +13,19 @@
 namespace {
 
 // Blocks that the engine asks for during the scope come from here, are counted, and go with it,
-// also those that it gives back since a further one is more than this machine has.
+// also those that it gives back since a further one is more than this machine has. However little
+// memory is left, none is refused.
 class counted_blocks {
  public:
-  counted_blocks() : usual_(memdb_calloc), usual_free_(memdb_free) {
+  counted_blocks()
+      : usual_(memdb_calloc), usual_free_(memdb_free), usual_question_(memdb_may_take) {
     cost_ = 0;
+    memdb_may_take = nullptr;
     memdb_calloc = count;
     memdb_free = [](void *) {};
   }
   ~counted_blocks() {
+    memdb_may_take = usual_question_;
     memdb_calloc = usual_;
     memdb_free = usual_free_;
     for (void *const block : blocks_) free(block);
@@ -45,6 +49,7 @@ class counted_blocks {
   static std::vector<void *> blocks_;
   void *(*usual_)(size_t, size_t);
   void (*usual_free_)(void *);
+  bool (*usual_question_)(size_t);
 };
 
 size_t counted_blocks::cost_;

@@ -41,6 +41,7 @@ class shared_pool {
 
   // Bytes taken, with the head.
   size_t used() const { return used_ + rules_->head; }
+  size_t left() const { return size_ > used() ? size_ - used() : 0; }
   // Goes back to a state that was seen before.
   void set_used(size_t used) { used_ = used - rules_->head; }
 
