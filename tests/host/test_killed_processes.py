@@ -49,7 +49,7 @@ def stop(server):
     assert server.stop() == 0
 
 
-@pytest.mark.parametrize("end", [kill_a_worker, kill_a_worker, kill_a_worker, stop])
+@pytest.mark.parametrize("end", [kill_a_worker, kill_a_worker, stop])
 def test_workers_ended_among_their_inserts_leave_whole_rows(host, end):
     server = host(
         start=False,
