@@ -40,7 +40,7 @@ struct memdb_parts {
 struct memdb_directory_rules {
   uint32_t plain_rows = 1000;       // columns of up to so many rows have chains alone
   uint32_t plain_chain = 12;        // and so have chains of up to so many rows
-  uint32_t slots_in_one = 1 << 16;  // a larger table is made in parts
+  uint32_t slots_in_one = 1 << 15;  // a larger table is made in parts
 };
 extern memdb_directory_rules memdb_directories;
 

@@ -23,7 +23,7 @@
 // From when on look-ups are made, and how. To be changed by tests only.
 struct memdb_prefix_rules {
   uint32_t rows = 64;               // of larger tables; a look-up goes when half of them are left
-  uint32_t slots_in_one = 1 << 16;  // more are made in parts
+  uint32_t slots_in_one = 1 << 15;  // more are made in parts
   uint32_t part_bits = 8;           // 2 to the power of this is their number
 };
 extern memdb_prefix_rules memdb_prefixes;

@@ -131,7 +131,7 @@ bool memdb_prefix_wants_more_parts(const memdb_prefix_slots *table, uint32_t row
 }
 
 bool memdb_prefix_wants_one_part(const memdb_prefix_slots *table, uint32_t rows) {
-  return table->part_bits != 0 && uint64_t{rows} * 8 < memdb_prefixes.slots_in_one;
+  return table->part_bits != 0 && uint64_t{rows} * 4 < memdb_prefixes.slots_in_one;
 }
 
 bool memdb_prefix_is_full(const memdb_prefix_slots *table, uint32_t hash) {

@@ -70,13 +70,13 @@ scenario insert_of(int n, const std::string &what, size_t least) {
       result_of_call);
 }
 
-// The delete after which so many of 80 rows are left.
+// The delete after which so many of 100 rows are left.
 scenario delete_to(int n, const std::string &what, size_t least) {
   return of(
       "delete " + what, phase::run, least,
       [n](world &w) {
-        fill(w, 80);
-        fix(w, "tarn_memdb_delete", {"gateways,*|*|*|*," + std::to_string(79 - n)});
+        fill(w, 100);
+        fix(w, "tarn_memdb_delete", {"gateways,*|*|*|*," + std::to_string(99 - n)});
         w.call();
         fix(w, "tarn_memdb_delete", {"gateways,*|*|*|*,1"});
       },
@@ -91,8 +91,8 @@ std::vector<scenario> large_table_scenarios() {
       insert_of(28, "that enlarges a directory", 3),
       insert_of(49, "that enlarges a look-up", 3),
       insert_of(52, "that divides a directory", 2 + 257),
-      insert_of(74, "that divides a look-up", 5),
-      delete_to(15, "that leaves a look-up in one part", 3),
+      insert_of(85, "that divides a look-up", 5),
+      delete_to(31, "that leaves a look-up in one part", 3),
       delete_to(11, "that leaves a directory undivided", 2),
       delete_to(3, "that ends the look-up", 1),
   };

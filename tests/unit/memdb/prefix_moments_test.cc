@@ -202,7 +202,7 @@ TEST_F(PrefixMomentsTest, SlotsAreMadeInPartsAndInOneWithNoRowMissing) {
   EXPECT_EQ(parts(), 1U);
   expect_right_at_each_moment([] { insert_route("g", "7", "filler"); });
   EXPECT_GT(parts(), 1U);
-  while (table->row_cnt > 8) memdb_delete_row(table, table->first);
+  while (table->row_cnt > 16) memdb_delete_row(table, table->first);
   EXPECT_GT(parts(), 1U);
   expect_right_at_each_moment([] { memdb_delete_row(table, table->first); });
   EXPECT_EQ(parts(), 1U);

@@ -217,8 +217,8 @@ TEST_F(PrefixLookUpTest, TakesAtMost48BytesARowHoweverTheTableGrowsAndShrinks) {
   for (const auto &[block, size] : seen_.live) of_empty += size;
   constexpr size_t HEAD = 400;
   const auto most = [table] { return HEAD + 48 * size_t{table->row_cnt}; };
-  const auto step = [table] { return 32 + size_t{table->row_cnt} / 64; };
-  while (table->row_cnt < 100000) {
+  const auto step = [table] { return 32 + size_t{table->row_cnt} / 16; };
+  while (table->row_cnt < 40000) {
     insert_many(table, step(), table->row_cnt);
     ASSERT_LE(extra_bytes(table, of_empty), most()) << table->row_cnt;
     ASSERT_EQ(is_known(table), table->row_cnt > 64);
