@@ -77,11 +77,11 @@ def test_workers_ended_among_their_inserts_leave_whole_rows(host, end):
     assert len(stored) > len(FIRST_ROWS)
 
 
-@pytest.mark.parametrize("part", [0.0, 0.3, 0.6, 0.9])
+@pytest.mark.parametrize("part", [0.0, 0.3, 0.6, 0.8])
 def test_a_process_killed_among_a_reload_leaves_the_files_as_they_are(host, part):
     many = Table("many", (Column("key"), Column("text")), max_rows=1_000_000)
-    server = host(start=False, tables=[many], memory=128)
-    server.write_rows("many", (f"{number}|text of {number}" for number in range(100_000)))
+    server = host(start=False, tables=[many], memory=256)
+    server.write_rows("many", (f"{number}|text of {number}" for number in range(300_000)))
     server.write_rows("many", ["generation|before"], backup=True)
     before = server.file_states()
     size = server.main_file("many").stat().st_size
