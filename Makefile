@@ -133,9 +133,11 @@ STRESS_SECONDS ?= 30
 stress: host-module
 	@$(DEPS) module tools test
 	@tools/quiet.sh $(BUILD)/log/stress-configure cmake -G Ninja -S . -B $(BUILD)/stress
-	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress stress_directories stress_threads
+	@tools/quiet.sh $(BUILD)/log/stress-build cmake --build $(BUILD)/stress -j $(JOBS) --target stress stress_directories stress_threads unit_memdb
 	@$(BUILD)/stress/tests/stress/stress $(STRESS_OPERATIONS)
 	@$(BUILD)/stress/tests/stress/stress_directories $(STRESS_SEEDS)
+	@STRESS_SEEDS=$(STRESS_SEEDS) $(BUILD)/stress/tests/unit/unit_memdb --gtest_brief=1 \
+	  --gtest_filter='PrefixModelTest.*'
 	@setarch -R $(BUILD)/stress/tests/stress/stress_threads $(STRESS_SECONDS)
 	@TARN_MODULE=$(abspath $(BUILD))/demo/tarn_memdb.so STRESS_SECONDS=$(STRESS_SECONDS) \
 	  /usr/bin/python3 -B tests/stress/readers_without_locks.py

@@ -57,6 +57,8 @@ taken_out take_all(memdb_tbl *tbl) {
   return out;
 }
 
+// Where a writer was killed the list has been mended, so that both of its directions have all rows.
+//
 // Allocators join a block with a free one behind it, and look for its place by its size among all
 // large ones. So rows are given back from lower to higher addresses, as far as the order in which
 // they were made tells, and ahead of what is large.
@@ -217,6 +219,7 @@ void memdb_delete_all(memdb_tbl *tbl) {
   memdb_empty_prefixes(tbl);
   const taken_out all = take_all(tbl);
   count_rows(tbl, 0);
+  memdb_renew_prefixes(tbl);
   give_back(all);
 }
 

@@ -33,8 +33,11 @@ bool enlarge(memdb_row **bucket, table_place place, memdb_col *col) {
                                : memdb_replace_directory(bucket, col, texts);
 }
 
-// A table of which this small a share leads to rows is replaced, if memory isn't short.
-bool is_sparse(uint64_t texts, uint64_t slots) { return texts * 8 == slots; }
+// A table of which this small a share leads to rows is replaced. Where memory was short, it is
+// tried again when some more texts have gone.
+bool is_sparse(uint64_t texts, uint64_t slots) {
+  return texts * 4 <= slots && texts % (slots / 32) == 0;
+}
 
 // What a text leaves behind that has gone from the table at place.
 void text_has_gone(memdb_row **bucket, table_place place, memdb_col *col) {
@@ -78,7 +81,7 @@ bool memdb_directory_insert(memdb_row **bucket, memdb_row *row, memdb_col *col) 
     if (enlarge(bucket, place, col)) {
       place = place_of(memdb_bucket_kind(*bucket), hash);
       slot = memdb_slots_look(place.table, col, hash, row);
-    } else if (memdb_slots_full(place.table)) {
+    } else if (*slot.slot == MEMDB_SLOT_FREE && memdb_slots_full(place.table)) {
       return false;
     }
   }

@@ -190,6 +190,10 @@ void memdb_make_whole(memdb_bucket_kind kind, memdb_col *col) {
   const memdb_slots *const table = kind.table();
   const memdb_parts *const parts = kind.parts();
   if ((table != nullptr && table->whole) || (parts != nullptr && parts->whole)) return;
+  // Ahead of the first link that is cut, for searches that are on what was a chain.
+  const std::atomic_ref conversions(col->conversions);
+  conversions.store(conversions.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  std::atomic_thread_fence(std::memory_order_release);
   memdb_each_table(kind, [col](const memdb_slots *each) {
     memdb_each_text(each, [col](memdb_row *newest) {
       char *const link = memdb_link_of(last_of_text(newest, col), col);
@@ -203,13 +207,12 @@ void memdb_directory_make(memdb_row **bucket, memdb_col *col) {
   const chain_size size = measure(bucket, col);
   void *const word = size.sorted ? directory_of(*bucket, size.texts, col) : nullptr;
   if (word == nullptr) {
-    // A try costs a walk of the chain; so many inserts make up for it.
-    col->made_not_before = static_cast<uint32_t>(size.rows);
+    // A try costs a walk of the chain, as each insert into it does.
+    constexpr uint32_t INSERTS_TO_PASS = 32;
+    col->made_not_before = INSERTS_TO_PASS;
     return;
   }
   memdb_publish(bucket, word);
-  const std::atomic_ref conversions(col->conversions);
-  conversions.store(conversions.load(std::memory_order_relaxed) + 1, std::memory_order_release);
   memdb_make_whole(memdb_bucket_kind(word), col);
 }
 

@@ -223,7 +223,7 @@ void memdb_prefix_join::prepare(const char *const *values) {
     return entry_with(form, nullptr, [tbl, values](uint32_t col) {
       return values[col] != nullptr
                  ? std::string_view(values[col], strnlen(values[col], tbl->cols[col].size - 1))
-                 : std::string_view();
+                 : std::string_view("");
     });
   });
 }
@@ -271,6 +271,10 @@ void memdb_prefix_leave::all_have_gone() { forget_overwritten(tbl_); }
 
 void memdb_empty_prefixes(memdb_tbl *tbl) {
   take_over(tbl);
+  for (memdb_prefix_form &form : forms(tbl)) do_without(&form);
+}
+
+void memdb_renew_prefixes(memdb_tbl *tbl) {
   begin_again(tbl);
   forget_overwritten(tbl);
 }

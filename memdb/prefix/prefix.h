@@ -62,8 +62,10 @@ void memdb_unwant_prefixes(memdb_tbl *tbl);
 // Of a new table: nothing is wanted.
 void memdb_begin_prefixes(memdb_tbl *tbl);
 
-// Gives all look-ups back, ahead of the rows of a table that is being emptied.
+// Gives all look-ups back, ahead of the rows of a table that is being emptied; and, of one that has
+// become empty, lets new ones come.
 void memdb_empty_prefixes(memdb_tbl *tbl);
+void memdb_renew_prefixes(memdb_tbl *tbl);
 
 // Frees all look-ups of a table that nobody else is at.
 void memdb_end_prefixes(memdb_tbl *tbl);

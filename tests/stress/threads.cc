@@ -115,7 +115,11 @@ void grow_and_shrink(memdb_tbl *tbl, std::chrono::steady_clock::time_point end) 
 
 int main(int count, char **arguments) {
   if (count != 2) return 2;
-  memdb_retire = [](void *block) { retired.push_back(block); };
+  memdb_retire = [](void *block) {
+    // Whoever keeps blocks may write there.
+    std::atomic_ref(*static_cast<uint64_t *>(block)).store(~uint64_t{0}, std::memory_order_relaxed);
+    retired.push_back(block);
+  };
   memdb_directories = {.plain_rows = 100, .plain_chain = 4, .slots_in_one = 1 << 10};
   memdb_prefixes.slots_in_one = 1 << 10;
   // With these lengths every link is aligned.

@@ -155,7 +155,7 @@ TEST_F(DirectoryMomentsTest, PartsBecomeOneTable) {
   looked_at_once_in = 31;
   insert_subject();
   insert_others(46);
-  delete_others(41);
+  delete_others(33);
   ASSERT_NE(bucket().parts(), nullptr);
   expect_no_moment_without_the_kept(delete_subject);
   EXPECT_NE(bucket().table(), nullptr);
@@ -165,10 +165,10 @@ TEST_F(DirectoryMomentsTest, ATableIsMadeSmaller) {
   memdb_directories.slots_in_one = 256;
   insert_subject();
   insert_others(50);
-  delete_others(50 - 13);
+  delete_others(50 - 29);
   ASSERT_EQ(slots(), 128u);
   expect_no_moment_without_the_kept(delete_subject);
-  EXPECT_EQ(slots(), 32u);
+  EXPECT_EQ(slots(), 64u);
 }
 
 TEST_F(DirectoryMomentsTest, ADirectoryBecomesAChainAheadOfAnOverwrite) {

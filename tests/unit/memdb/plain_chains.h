@@ -15,8 +15,20 @@
 
 namespace engine_test {
 
+// What a model does wrongly on purpose, so that a comparison has to notice.
+enum class planted_fault {
+  none,
+  equal_texts_oldest_first,
+  overwritten_rows_move,
+  nothing_is_hidden,
+  other_texts_are_passed,
+  no_entry_is_missing
+};
+
 class plain_chains {
  public:
+  static inline planted_fault fault = planted_fault::none;
+
   struct row {
     memdb_row *twin;  // the engine's
     std::vector<std::string> fields;
@@ -43,10 +55,7 @@ class plain_chains {
     for (size_t col = 0; col < columns_.size(); col++) {
       added->fields[col].resize(std::min<size_t>(fields[col].size(), columns_[col].len));
       if (!indexed(col)) continue;
-      row **at = &head(col, added->fields[col]);
-      while (*at != nullptr && added->fields[col] > (*at)->fields[col]) at = &(*at)->links[col];
-      added->links[col] = *at;
-      *at = added;
+      link(added, col);
     }
     rows_.push_back(added);
     at_[twin] = added;
@@ -69,7 +78,7 @@ class plain_chains {
     at_.erase(gone->twin);
     list_[numbers_[gone]] = nullptr;
     numbers_.erase(gone);
-    return missing;
+    return fault == planted_fault::no_entry_is_missing ? 0 : missing;
   }
 
   void clear() {
@@ -82,7 +91,10 @@ class plain_chains {
   }
 
   void overwrite(row *changed, size_t col, const std::string &text) {
+    const bool moves = fault == planted_fault::overwritten_rows_move && indexed(col);
+    if (moves) unlink(&head(col, changed->fields[col]), changed, col);
     changed->fields[col] = text.substr(0, columns_[col].len);
+    if (moves) link(changed, col);
   }
 
   row *of(memdb_row *twin) const { return at_.at(twin); }
@@ -92,7 +104,10 @@ class plain_chains {
     const size_t key = key_of(wanted);
     if (key == wanted.size()) return listed_from(list_.size(), wanted);
     row *at = heads_[key][memdb_hash1(wanted[key]) % heads_[key].size()];
-    while (at != nullptr && at->fields[key] < wanted[key]) at = at->links[key];
+    const bool goes_on = fault == planted_fault::nothing_is_hidden;
+    while (at != nullptr &&
+           (goes_on ? at->fields[key] != wanted[key] : at->fields[key] < wanted[key]))
+      at = at->links[key];
     return chained_from(at, key, wanted);
   }
 
@@ -119,7 +134,8 @@ class plain_chains {
   }
 
   row *chained_from(row *at, size_t key, const std::vector<const char *> &wanted) const {
-    for (; at != nullptr && at->fields[key] == wanted[key]; at = at->links[key])
+    const bool passes = fault == planted_fault::other_texts_are_passed;
+    for (; at != nullptr && (passes || at->fields[key] == wanted[key]); at = at->links[key])
       if (matches(*at, wanted)) return at;
     return nullptr;
   }
@@ -135,6 +151,17 @@ class plain_chains {
 
   row *&head(size_t col, const std::string &text) {
     return heads_[col][memdb_hash1(text.c_str()) % heads_[col].size()];
+  }
+
+  void link(row *added, size_t col) {
+    const std::string &text = added->fields[col];
+    const bool behind_equals = fault == planted_fault::equal_texts_oldest_first;
+    row **at = &head(col, text);
+    while (*at != nullptr &&
+           (behind_equals ? text >= (*at)->fields[col] : text > (*at)->fields[col]))
+      at = &(*at)->links[col];
+    added->links[col] = *at;
+    *at = added;
   }
 
   static bool unlink(row **at, row *gone, size_t col) {

@@ -14,14 +14,21 @@ namespace engine_test {
 
 using found_rows = std::vector<const memdb_row *>;
 
+// What the walk does wrongly on purpose, so that a comparison has to notice.
+enum class walk_fault { none, oldest_first, first_alone, first_length, no_default, any_text };
+inline walk_fault planted_in_walk = walk_fault::none;
+
 // The rows with the longest entry that begins the key, in the order in which a walk meets them. It
 // ends after so many rows, or once it has met 512 with the best entry so far.
 inline found_rows walk_for_prefix(memdb_tbl *table, const memdb_prefix_search &search) {
+  const walk_fault fault = planted_in_walk;
   found_rows best;
   size_t longest = 0;
   memdb_cursor cursor;
   int32_t visited = 0;
-  for (const memdb_row *row = memdb_select(table, search.values, &cursor);
+  const std::vector<const char *> none(table->col_cnt);
+  const char *const *const wanted = fault == walk_fault::any_text ? none.data() : search.values;
+  for (const memdb_row *row = memdb_select(table, wanted, &cursor);
        row != nullptr && visited < search.most && best.size() < 512;
        row = memdb_select_next(&cursor, row), visited++) {
     const char *const entry = memdb_get_field(table, row, search.main);
@@ -30,10 +37,14 @@ inline found_rows walk_for_prefix(memdb_tbl *table, const memdb_prefix_search &s
     char c;
     while ((c = entry[len]) != '\0' && c == search.key[len]) len++;
     if (c != '\0' || len < longest) continue;
+    if (fault == walk_fault::no_default && len == 0) continue;
+    if (fault == walk_fault::first_length && !best.empty() && len != longest) continue;
     if (len > longest) best.clear();
     longest = len;
     best.push_back(row);
   }
+  if (fault == walk_fault::oldest_first) std::reverse(best.begin(), best.end());
+  if (fault == walk_fault::first_alone && best.size() > 1) best.resize(1);
   return best;
 }
 

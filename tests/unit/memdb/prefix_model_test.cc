@@ -119,7 +119,9 @@ class PrefixModelTest : public PrefixTest {
     return *found == walk_for_prefix(table, search);
   }
 
-  void run(uint32_t seed, const run_kind &kind) {
+  // False if some answer isn't what the walk gives.
+  bool all_agree(uint32_t seed, const run_kind &kind) {
+    bool agree = true;
     memdb_tbl *table;
     {
       random_run first(nullptr, seed);
@@ -130,7 +132,8 @@ class PrefixModelTest : public PrefixTest {
     random_run random(table, seed + 1);
     std::vector<form> forms;
     // Some go on until slots grow and shrink.
-    for (size_t i = 0, operations = random.one_in(10) ? 600 : 100; i < operations; i++) {
+    const size_t operations = random.one_in(10) ? 600 : 100;
+    for (size_t i = 0; i < operations && agree; i++) {
       if (forms.size() < 2 && random.one_in(10)) {
         forms.push_back(random.form_of_table());
         memdb_want_prefixes(table, forms.back().main, forms.back().given);
@@ -139,16 +142,18 @@ class PrefixModelTest : public PrefixTest {
       seen_.fail_at = 0;
       for (const form &asked : forms)
         for (int search = 0; search < 2; search++)
-          ASSERT_TRUE(agrees(table, &random, asked).value_or(true)) << "operation " << i;
+          agree = agree && agrees(table, &random, asked).value_or(true);
     }
     memdb_destroy_tbl(table);
+    return agree;
   }
 
-  void run_all(uint32_t runs, const run_kind &kind) {
-    for (uint32_t seed = 0; seed < runs; seed++) {
-      SCOPED_TRACE("seed " + std::to_string(seed));
-      ASSERT_NO_FATAL_FAILURE(run(seed * 2, kind));
-    }
+  // STRESS_SEEDS asks for another number of runs.
+  void run_all(const run_kind &kind) {
+    const char *const asked_for = getenv("STRESS_SEEDS");
+    const uint32_t runs = asked_for != nullptr ? static_cast<uint32_t>(atoi(asked_for)) : RUNS;
+    for (uint32_t seed = 0; seed < runs; seed++)
+      ASSERT_TRUE(all_agree(seed * 2, kind)) << "seed " << seed;
   }
 
   size_t asked_ = 0;
@@ -157,21 +162,33 @@ class PrefixModelTest : public PrefixTest {
 };
 
 TEST_F(PrefixModelTest, LookUpsFindWhatAWalkFinds) {
-  run_all(RUNS, {false, false});
+  run_all({false, false});
   EXPECT_GT(answered_, asked_ / 3);
   EXPECT_GT(several_, asked_ / 20);
 }
 
 TEST_F(PrefixModelTest, LookUpsFindWhatAWalkFindsThoughTextsAreOverwritten) {
-  run_all(RUNS, {true, false});
+  run_all({true, false});
   EXPECT_GT(answered_, asked_ / 5);
   EXPECT_GT(several_, asked_ / 40);
 }
 
 TEST_F(PrefixModelTest, LookUpsFindWhatAWalkFindsThoughMemoryIsShort) {
-  run_all(RUNS, {true, true});
+  run_all({true, true});
   EXPECT_GT(answered_, asked_ / 20);
   EXPECT_EQ(seen_.reports.empty(), false) << "indexed texts are overwritten";
+}
+
+TEST_F(PrefixModelTest, EachFaultOfTheWalkIsNoticed) {
+  for (const walk_fault fault :
+       {walk_fault::oldest_first, walk_fault::first_alone, walk_fault::first_length,
+        walk_fault::no_default, walk_fault::any_text}) {
+    planted_in_walk = fault;
+    bool agree = true;
+    for (uint32_t seed = 0; seed < 100 && agree; seed++) agree = all_agree(seed * 2, {true, false});
+    planted_in_walk = walk_fault::none;
+    EXPECT_FALSE(agree) << static_cast<int>(fault);
+  }
 }
 
 }  // namespace
