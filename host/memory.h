@@ -52,8 +52,8 @@ inline void shm_free(void *block, HOST_MEMORY_CALLER) {
     _shm_root.xfree(_shm_root.mem_block, block, file, func, line, HOST_MEMORY_OWNER);
 }
 
-// Bytes of shared memory that are free, in pieces of any size; the greatest number from an allocator
-// that can't tell. Costs the host's allocator its lock.
+// Bytes of shared memory that are free, in pieces of any size; the greatest number from an
+// allocator that can't tell. Costs the host's allocator its lock.
 inline size_t shm_available() {
   return _shm_root.xavailable != nullptr ? _shm_root.xavailable(_shm_root.mem_block) : SIZE_MAX;
 }

@@ -93,7 +93,7 @@ std::vector<scenario> large_table_scenarios() {
       insert_of(52, "that divides a directory", 2 + 257),
       insert_of(85, "that divides a look-up", 5),
       delete_to(31, "that leaves a look-up in one part", 3),
-      delete_to(11, "that leaves a directory undivided", 2),
+      delete_to(19, "that leaves a directory undivided", 2),
       delete_to(3, "that ends the look-up", 1),
   };
   out.push_back(of(
