@@ -65,8 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const unsigned failing = given.choice();
 
   const fuzz::run run;
-  tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-  REQUIRE(tarn_tbl_mngt != nullptr);
+  REQUIRE(make_registry());
   const fuzz::memory_file file(given.rest());
   cfg_file_path = file.path();
   fuzz::fail_allocation(failing);
@@ -83,9 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!init_locks()) REQUIRE(fuzz::memory_was_short());
   }
   destroy_tables();
-  tarn_shm_free(tarn_tbl_mngt->tables);
-  tarn_shm_free(tarn_tbl_mngt);
-  tarn_tbl_mngt = nullptr;
+  free_registry();
   cfg_file_path = "";
   return 0;
 }

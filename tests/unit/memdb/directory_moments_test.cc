@@ -144,7 +144,7 @@ TEST_F(DirectoryMomentsTest, ADirectoryIsEnlarged) {
 }
 
 TEST_F(DirectoryMomentsTest, ADirectoryIsMadeInParts) {
-  looked_at_once_in = 31;
+  looked_at_once_in = 97;
   insert_others(45);
   ASSERT_EQ(slots(), 64u);
   expect_no_moment_without_the_kept(insert_subject);
@@ -152,7 +152,7 @@ TEST_F(DirectoryMomentsTest, ADirectoryIsMadeInParts) {
 }
 
 TEST_F(DirectoryMomentsTest, PartsBecomeOneTable) {
-  looked_at_once_in = 31;
+  looked_at_once_in = 97;
   insert_subject();
   insert_others(46);
   delete_others(33);
@@ -189,7 +189,7 @@ TEST_F(DirectoryMomentsTest, ADirectoryBecomesAChainWithoutMemory) {
 }
 
 TEST_F(DirectoryMomentsTest, PartsBecomeAChainAheadOfAnOverwrite) {
-  looked_at_once_in = 31;
+  looked_at_once_in = 97;
   insert_others(60);
   subject = insert_key("zz");
   ASSERT_NE(bucket().parts(), nullptr);
