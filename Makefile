@@ -74,7 +74,7 @@ test: lint
 	  -DKAMAILIO_SRC=$(KAMAILIO_SRC))
 	@cd $(BUILD)/test && ctest -j $(JOBS) --output-on-failure
 	@$(DEPS) fuzz
-	@tests/fuzz/run.sh $(BUILD)/fuzz 3
+	@tests/fuzz/run.sh $(BUILD)/fuzz 2
 
 # Form, warnings, static analysis, rooms.
 lint:
