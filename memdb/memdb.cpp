@@ -43,30 +43,23 @@ void free_columns(memdb_tbl *tbl) {
 // Rows and blocks of indexes that no one finds any more.
 struct taken_out {
   memdb_row *newest;
-  memdb_row *oldest;
   void *blocks;  // linked by their first 8 bytes
 };
 
 // Takes out all rows. With every row going, emptying the buckets does what unlinking row by row
 // would do, without walking a chain per row and column.
 taken_out take_all(memdb_tbl *tbl) {
-  taken_out out = {tbl->first, tbl->last, nullptr};
+  taken_out out = {tbl->first, nullptr};
   tbl->first = nullptr;
   tbl->last = nullptr;
   for (memdb_col &col : memdb_cols(tbl)) out.blocks = memdb_empty_idx(&col, out.blocks);
   return out;
 }
 
-// Where a writer was killed the list has been mended, so that both of its directions have all rows.
-//
-// Allocators join a block with a free one behind it, and look for its place by its size among all
-// large ones. So rows are given back from lower to higher addresses, as far as the order in which
-// they were made tells, and ahead of what is large.
+// Rows are given back from the newest on, and ahead of what is large: an allocator that looks for
+// the place of a large free block among all of them has fewer to look at.
 void give_back(const taken_out &out) {
-  if (out.newest > out.oldest)
-    for (memdb_row *row = out.oldest; row != nullptr;) memdb_retire(std::exchange(row, row->prev));
-  else
-    for (memdb_row *row = out.newest; row != nullptr;) memdb_retire(std::exchange(row, row->next));
+  for (memdb_row *row = out.newest; row != nullptr;) memdb_retire(std::exchange(row, row->next));
   for (void *block = out.blocks; block != nullptr;) {
     void *next;
     memcpy(&next, block, sizeof(next));
