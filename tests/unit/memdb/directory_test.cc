@@ -60,6 +60,23 @@ TEST_F(DirectoryTest, AChainThatHadNoMemoryForADirectoryHasItSoonWhenThereIsMemo
   EXPECT_FALSE(bucket_of(ENDING).is_chain());
 }
 
+TEST_F(DirectoryTest, ATextWhoseSlotIsMarkedGoesInThoughNoSlotIsFreeAndMemoryIsShort) {
+  memdb_directories.plain_rows = 10;
+  insert_keys(0, 20, ENDING);
+  ASSERT_NE(bucket_of(ENDING).table(), nullptr);
+  memory_is_short = true;
+  for (int i = 20; !memdb_slots_full(bucket_of(ENDING).table()); i++) insert_keys(i, i + 1, ENDING);
+  size_t marked = 0;
+  for (int i = static_cast<int>(table_->row_cnt); i > 0; i--) {
+    const std::string text = memdb_get_field(table_, table_->last, 0);
+    memdb_delete_row(table_, table_->last);
+    marked += memdb_slots_full(bucket_of(ENDING).table()) ? 1 : 0;
+    insert(table_, {text.c_str()});
+    ASSERT_FALSE(bucket_of(ENDING).is_chain()) << text;
+  }
+  EXPECT_GT(marked, 0U);
+}
+
 TEST_F(DirectoryTest, TakesFewBytesARowHoweverTheTableGrowsAndShrinks) {
   constexpr uint32_t ROWS = 60000;
   const auto step = [this] { return 1 + table_->row_cnt / 32; };

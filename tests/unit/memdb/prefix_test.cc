@@ -187,6 +187,14 @@ TEST_F(PrefixLookUpTest, CoversTheLastColumnOfAWideTable) {
   memdb_destroy_tbl(wide);
 }
 
+TEST_F(PrefixLookUpTest, ARowWithoutSomeValueIsRefusedAndTheLookUpStays) {
+  memdb_tbl *const table = make_routes();
+  insert(table, {"g", "49", "a"});
+  EXPECT_EQ(insert(table, {ANY, "4930", "b"}), nullptr);
+  EXPECT_EQ(insert(table, {"g", ANY, "b"}), nullptr);
+  EXPECT_THAT(route(table, "g", "4930"), ElementsAre("g|49|a"));
+}
+
 // Size.
 
 TEST_F(PrefixLookUpTest, TakesNothingForATableOfSixtyFourRows) {
