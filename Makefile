@@ -1,6 +1,7 @@
 # Everything that a developer or CI calls. Each target installs what it needs (Debian packages) and
 # builds below build/. KAMAILIO=/path/to/kamailio [KAMAILIO_MODULES=/path/to/modules] names the host
-# to build and run with; without it an installed 6.0.x is used, or Debian's package is unpacked.
+# to build and run with; without it an installed 6.0.x or 6.1.x is used, or Debian's package is
+# unpacked.
 
 SHELL := /bin/bash
 .SHELLFLAGS := -o pipefail -ec
@@ -16,6 +17,10 @@ export HOST_ROOT ?= $(CURDIR)/build/host
 build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUILD)/$(1) $(2) && \
         tools/quiet.sh $(BUILD)/log/$(1)-build cmake --build $(BUILD)/$(1) -j $(JOBS)
 
+# For module, tools, install and deb: KAMAILIO=, HOST_VERSION=6.0.7, or the installed server.
+for_host = -DKAMAILIO=$(KAMAILIO) -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON
+say_host = KAMAILIO='$(KAMAILIO)' HOST_VERSION='$(HOST_VERSION)' tools/module-host --installed --say
+
 .PHONY: all help module tools demo test lint format bench fuzz install deb clean host-module
 
 all: module
@@ -26,17 +31,20 @@ help:
 	  /^[a-z-]+:/ && said { printf "%-16s %s\n", $$1, said } { said = "" }' $(MAKEFILE_LIST)
 
 # The installable module, build/module/tarn_memdb.so.
-# For the host's released version unless KAMAILIO= says otherwise.
+# For the installed server, else for 6.0.3; KAMAILIO=/path/to/kamailio or HOST_VERSION=6.0.7 say
+# otherwise.
 module:
+	@$(say_host) >/dev/null
 	@$(DEPS) module
-	@$(call build,module,-DBUILD_TESTING=OFF -DKAMAILIO=$(KAMAILIO))
-	@echo "module: $(BUILD)/module/tarn_memdb.so"
+	@$(call build,module,-DBUILD_TESTING=OFF $(for_host))
+	@echo "module: $(BUILD)/module/tarn_memdb.so for $$($(say_host))"
 
 # Module and tarn-memdb-check.
 tools:
+	@$(say_host) >/dev/null
 	@$(DEPS) module tools
-	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO))
-	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check"
+	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON $(for_host))
+	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check for $$($(say_host))"
 
 PREFIX ?= /usr
 MODULES_DIR ?= lib/x86_64-linux-gnu/kamailio/modules

@@ -3,7 +3,7 @@
 #
 # In this order:
 #   1. KAMAILIO=/path/to/kamailio [KAMAILIO_MODULES=/path/to/its/modules] [KAMCMD=/path/to/kamcmd]
-#   2. an installed kamailio 6.0.x
+#   2. an installed kamailio 6.0.x or 6.1.x
 #   3. Debian trixie's package, unpacked into HOST_ROOT (default: build/host beside this folder)
 #
 # Prints the host as shell assignments, for `eval`:
@@ -92,8 +92,8 @@ use_installed() {
   installed=$(PATH=$PATH:/usr/local/sbin:/usr/sbin command -v kamailio || true)
   [ -n "$installed" ] || return 0
   case $("$installed" -v 2>/dev/null | head -n 1) in
-  *"kamailio 6.0."*) use_in_place installed "$installed" '' ;;
-  *) say "$installed isn't a 6.0.x, so it isn't used" ;;
+  *"kamailio 6."[01].*) use_in_place installed "$installed" '' ;;
+  *) say "$installed is neither a 6.0.x nor a 6.1.x, so it isn't used" ;;
   esac
 }
 
