@@ -48,20 +48,26 @@ tools:
 
 PREFIX ?= /usr
 MODULES_DIR ?= lib/x86_64-linux-gnu/kamailio/modules
-# Module, tool and guide below DESTDIR/PREFIX.
+# Module, tool, manual page, guide and an example site below DESTDIR/PREFIX.
 # make install [DESTDIR=] [PREFIX=/usr] [MODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules]
 install:
-	@$(DEPS) module tools
-	@$(call build,install,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) \
+	@$(say_host) >/dev/null
+	@$(DEPS) module tools install
+	@$(call build,install,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DTARN_INSTALL=ON $(for_host) \
 	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DMODULES_DIR=$(MODULES_DIR))
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/install
+	@echo "install: for $$($(say_host))"
 
-# A Debian package of module, tool, guide and an example configuration.
+# A Debian package of the same.
+# make deb [MAINTAINER='Name <address>']
 deb:
-	@$(DEPS) module tools deb
-	@$(call build,deb,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO) -DCMAKE_INSTALL_PREFIX=/usr)
+	@$(say_host) >/dev/null
+	@$(DEPS) module tools install deb
+	@$(call build,deb,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DTARN_INSTALL=ON $(for_host) \
+	  $(if $(MAINTAINER),"-DTARN_MAINTAINER=$(MAINTAINER)") -DCMAKE_INSTALL_PREFIX=/usr)
+	@rm -f $(BUILD)/deb/*.deb
 	@tools/quiet.sh $(BUILD)/log/deb-pack cpack --config $(BUILD)/deb/CPackConfig.cmake -B $(BUILD)/deb
-	@ls $(BUILD)/deb/*.deb
+	@echo "deb: $$(ls $(BUILD)/deb/*.deb) for $$($(say_host))"
 
 # The module once more, for the host that the demo runs on.
 host-module:

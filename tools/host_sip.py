@@ -91,12 +91,16 @@ class Phone:
     def contact(self):
         return f"sip:{self.user}@{self.address}:{self.port}"
 
-    def request(self, method, uri, headers=(), body="", call_id=None, timeout=4.0, answering=()):
+    def request(
+        self, method, uri, headers=(), body="", call_id=None, timeout=4.0, answering=(), to=None
+    ):
         """Sends a request, repeats it as UDP asks for, and gives back the final reply.
 
         The phones of `answering` answer meanwhile what the server sends them: with 200, keeping
-        it in their `requests`.
+        it in their `requests`. `to` is the header To of a request inside a call.
         """
+        if to is None:
+            to = f"<{uri}>" if method != "REGISTER" else f"<sip:{self.user}@{self.domain}>"
         call_id = call_id or _unique()
         branch = "z9hG4bK" + _unique()
         tag = _unique()
@@ -105,7 +109,7 @@ class Phone:
             f"Via: SIP/2.0/UDP {self.address}:{self.port};branch={branch};rport",
             "Max-Forwards: 70",
             f"From: <sip:{self.user}@{self.domain}>;tag={tag}",
-            f"To: <{uri}>" if method != "REGISTER" else f"To: <sip:{self.user}@{self.domain}>",
+            f"To: {to}",
             f"Call-ID: {call_id}",
             f"CSeq: 1 {method}",
             f"Contact: <{self.contact}>",

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what the named groups of targets need and what is missing: Debian packages, through apt.
-# Usage: tools/install-deps.sh module|test|lint|bench|fuzz|deb...
+# Usage: tools/install-deps.sh module|test|lint|bench|fuzz|install|deb|package...
 set -eu
 
 packages_of() {
@@ -17,7 +17,10 @@ packages_of() {
     fuzz) echo clang llvm libclang-rt-dev ;;
     callgrind) echo valgrind python3 ;;
     coverage) echo gcovr ;;
+    install) echo help2man ;;
     deb) echo dpkg-dev file ;;
+    package) echo lintian man-db ;;
+    package-test) echo mmdebstrap ;;
     *)
       echo "install-deps: no such group: $1" >&2
       exit 2

@@ -1,6 +1,7 @@
 """What `make install` and `make deb` put on a machine works there: the module on a real server, the
-tool, the guide and the example configuration."""
+tool, its manual page, the guide and the example site."""
 
+import gzip
 import os
 import pathlib
 import re
@@ -14,12 +15,12 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests/host")]
 
-import host_server  # noqa: E402
 import module_host  # noqa: E402  (found by way of the line above)
 
 HOST = ROOT / "tools/host-kamailio"
 MODULES = "usr/lib/x86_64-linux-gnu/kamailio/modules"
 DOC = "usr/share/doc/tarn-memdb"
+MAINTAINER = "Voice Platform <voice@carrier.net>"
 GUIDE = (
     "README.md",
     "docs/guide.md",
@@ -28,7 +29,8 @@ GUIDE = (
     "docs/rpc.md",
     "docs/operating.md",
 )
-EXAMPLES = ("kamailio.cfg", "schema.cfg", "private_ranges.txt")
+MANUAL = "usr/share/man/man1/tarn-memdb-check.1.gz"
+SITE = ROOT / "package/site"
 
 
 def do(*command, status=0, **options):
@@ -50,7 +52,8 @@ def do(*command, status=0, **options):
 def build(tmp_path_factory):
     """Module and tool, built as `make install` and `make deb` build them."""
     folder = tmp_path_factory.mktemp("build")
-    options = [f"-DKAMAILIO={HOST}", "-DTARN_TOOLS=ON", "-DBUILD_TESTING=OFF"]
+    options = [f"-DKAMAILIO={HOST}", "-DTARN_TOOLS=ON", "-DTARN_INSTALL=ON"]
+    options += ["-DBUILD_TESTING=OFF", f"-DTARN_MAINTAINER={MAINTAINER}"]
     options += ["-DCMAKE_INSTALL_PREFIX=/usr", f"-DMODULES_DIR={MODULES.removeprefix('usr/')}"]
     do("cmake", "-G", "Ninja", "-S", ROOT, "-B", folder, *options)
     do("cmake", "--build", folder, "-j", "2")
@@ -92,50 +95,112 @@ def work():
     shutil.rmtree(folder)
 
 
-@pytest.fixture
-def example(installed, work):
-    """The installed example configuration, with its places filled in as the demo does."""
-    for name in ("tables", "backup"):
-        (work / name).mkdir()
-    places = {"MODULE": installed / MODULES / "tarn_memdb.so", "WORK": work, "PORT": 5060}
-    for name in EXAMPLES:
-        text = (installed / DOC / "examples" / name).read_text()
-        for place, value in places.items():
-            text = text.replace(f"@{place}@", str(value))
-        (work / name).write_text(text)
-    return work
-
-
 def names_below(folder):
     return sorted(str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_file())
 
 
-def test_the_package_says_what_it_is_and_needs(package):
-    def field(name):
-        return do("dpkg-deb", "-f", package, name).strip()
+def field(package, name):
+    return do("dpkg-deb", "-f", package, name).strip()
 
-    assert field("Package") == "tarn-memdb"
-    assert field("Architecture") == "amd64"
-    assert package.name == f"tarn-memdb_{field('Version')}_amd64.deb"
-    needed = field("Depends")
-    for part in ("kamailio (>= 6.0)", "kamailio (<< 6.1)", "libc6 (>= ", "libstdc++6 (>= "):
-        assert part in needed
+
+@pytest.fixture(scope="session")
+def host_number():
+    """The version of the server that the package is for."""
+    return re.match(r"version: kamailio (\S+) ", do(HOST, "-v"))[1]
+
+
+def test_the_package_says_what_it_is_and_by_whom(package, host_number):
+    version = re.search(r"project\(tarn_memdb VERSION ([0-9.]+) ", (ROOT / "CMakeLists.txt").read_text())
+    assert field(package, "Package") == "tarn-memdb"
+    assert field(package, "Version") == f"{version[1]}+kamailio{host_number}"
+    assert field(package, "Architecture") == "amd64"
+    assert field(package, "Maintainer") == MAINTAINER
+    assert package.name == f"tarn-memdb_{field(package, 'Version')}_amd64.deb"
+
+
+def satisfied(needed, server):
+    """Whether a server of this Debian version fits what the package needs."""
+    bounds = re.findall(r"kamailio \((>=|<<) ([^)]+)\)", needed)
+    assert len(bounds) == 2
+    return all(
+        subprocess.run(["dpkg", "--compare-versions", server, *bound], check=False).returncode == 0
+        for bound in bounds
+    )
+
+
+def test_it_can_be_installed_with_just_the_server_that_loads_it(package, host_number):
+    needed = field(package, "Depends")
+    first, last = host_number.rsplit(".", 1)
+    for revision in ("", "-1", "-1+deb13u2", "+bpo13", "+0~20251113.1+debian13"):
+        assert satisfied(needed, f"{host_number}{revision}"), revision
+    for other in (f"{first}.{int(last) - 1}-9", f"{first}.{int(last) + 1}~rc1", f"{first}.{last}9"):
+        assert not satisfied(needed, other), other
+    assert "libc6 (>= " in needed and "libstdc++6 (>= " in needed
+
+
+def test_a_package_for_a_version_ahead_of_a_release_is_older_than_the_releases(build, tmp_path):
+    options = ["-DKAMAILIO=", "-DHOST_VERSION=6.1.0-rc1", "-DBUILD_TESTING=OFF"]
+    do("cmake", "-S", ROOT, "-B", tmp_path, *options)
+    config = (tmp_path / "CPackConfig.cmake").read_text()
+    assert 'set(CPACK_DEBIAN_PACKAGE_DEPENDS "kamailio (>= 6.1.0~rc1), kamailio (<< 6.1.1~)")' in config
+    assert re.search(r'set\(CPACK_PACKAGE_VERSION "[0-9.]+\+kamailio6\.1\.0~rc1"\)', config)
+
+
+def test_lintian_has_nothing_to_say(package):
+    assert do("lintian", "--allow-root", "--fail-on", "error,warning", package) == ""
+
+
+def test_the_package_runs_nothing_when_it_comes_or_goes(package, tmp_path):
+    """So a purge leaves tables and configuration where they are."""
+    do("dpkg-deb", "-e", package, tmp_path)
+    assert names_below(tmp_path) == ["control", "md5sums"]
 
 
 def test_the_package_holds_just_what_an_install_puts_there(from_package, from_install):
     assert names_below(from_package) == names_below(from_install)
 
 
-def test_module_tool_guide_and_examples_are_there_and_no_more(installed):
+def test_module_tool_guide_and_site_are_there_and_no_more(installed):
     found = names_below(installed)
-    assert f"{MODULES}/tarn_memdb.so" in found
-    assert "usr/bin/tarn-memdb-check" in found
     for page in GUIDE:
         assert f"{DOC}/{page}" in found
-    for name in EXAMPLES:
-        assert f"{DOC}/examples/{name}" in found
+    for name in ("copyright", "changelog.gz"):
+        assert f"{DOC}/{name}" in found
+    for name in names_below(SITE):
+        place = installed / DOC / "examples/site" / name
+        assert place.read_bytes() == (SITE / name).read_bytes()
     beside = [name for name in found if not name.startswith(f"{DOC}/")]
-    assert beside == ["usr/bin/tarn-memdb-check", f"{MODULES}/tarn_memdb.so"]
+    assert beside == ["usr/bin/tarn-memdb-check", f"{MODULES}/tarn_memdb.so", MANUAL]
+
+
+def test_the_changelog_is_of_this_version_and_maintainer(package, from_package):
+    text = gzip.decompress((from_package / DOC / "changelog.gz").read_bytes()).decode()
+    entry, _, _ = text.partition("\n\n")
+    assert entry == f"tarn-memdb ({field(package, 'Version')}) stable; urgency=medium"
+    assert f"\n -- {MAINTAINER}  " in text
+
+
+def test_the_manual_page_is_well_formed_and_tells_each_option(installed):
+    page = installed / MANUAL
+    environment = {**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"}
+    read = ["man", "--warnings", "--encoding=UTF-8", "--local-file"]
+    ran = subprocess.run([*read, page], check=False, capture_output=True, text=True, env=environment)
+    assert (ran.returncode, ran.stderr) == (0, "")
+    told = do(installed / "usr/bin/tarn-memdb-check", "--help")
+    options = re.findall(r"^  (--[a-z-]+)", told, re.MULTILINE)
+    assert len(options) == 10
+    for option in options:
+        assert f"\n       {option} " in ran.stdout or f"\n       {option}\n" in ran.stdout, option
+    for title in ("NAME", "SYNOPSIS", "EXIT STATUS", "EXAMPLES", "FILES", "SEE ALSO"):
+        assert f"\n{title}\n" in ran.stdout
+
+
+def test_the_manual_page_names_files_that_are_there(installed):
+    text = gzip.decompress((installed / MANUAL).read_bytes()).decode().replace("\\-", "-")
+    named = re.findall(r"^(/usr/\S+)", text, re.MULTILINE)
+    assert len(named) == 2
+    for name in named:
+        assert (installed / name[1:]).exists(), name
 
 
 def test_everything_in_the_package_is_roots_and_readable(package):
@@ -210,29 +275,6 @@ def test_what_the_installed_tool_says_is_what_the_installed_module_does(
         server.kill()
     assert [server.rows(name) for name in "tuv"] == [None, None, ["x|y"]]
     assert [server.rows(name, backup=True) for name in "tuv"] == [["saved|row"], None, None]
-
-
-def test_the_installed_tool_finds_what_is_wrong(installed, example):
-    check = installed / "usr/bin/tarn-memdb-check"
-    files = (example / "schema.cfg", example / "private_ranges.txt")
-    assert do(check, *files) == "clean\n"
-    (example / "tables/blocked.tbl").write_text("Version 1\n1|alice\n")
-    told = do(check, *files, status=1)
-    assert f"{example}/tables/blocked.tbl:2: error: the row is refused" in told
-
-
-def test_the_host_finds_nothing_wrong_with_the_installed_example(example):
-    said = do(HOST, "-c", "-f", example / "kamailio.cfg")
-    assert "config file ok, exiting" in said
-    levels = {entry.level for entry in host_server.parse_log(said)}
-    assert not levels & {"WARNING", "ERROR", "CRITICAL", "ALERT", "BUG"}, said
-
-
-def test_an_example_with_a_mistake_does_not_pass(example):
-    config = example / "kamailio.cfg"
-    config.write_text(config.read_text().replace("tarn_memdb_insert(", "tarn_memdb_insertt("))
-    ran = subprocess.run([HOST, "-c", "-f", config], check=False, capture_output=True, timeout=60)
-    assert ran.returncode != 0
 
 
 def test_the_modules_directory_can_be_chosen(build, tmp_path_factory):
