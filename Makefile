@@ -64,10 +64,18 @@ deb:
 	@$(say_host) >/dev/null
 	@$(DEPS) module tools install deb
 	@$(call build,deb,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DTARN_INSTALL=ON $(for_host) \
-	  $(if $(MAINTAINER),"-DTARN_MAINTAINER=$(MAINTAINER)") -DCMAKE_INSTALL_PREFIX=/usr)
+	  $(if $(MAINTAINER),"-DTARN_MAINTAINER=$(MAINTAINER)") -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DMODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules)
 	@rm -f $(BUILD)/deb/*.deb
 	@tools/quiet.sh $(BUILD)/log/deb-pack cpack --config $(BUILD)/deb/CPackConfig.cmake -B $(BUILD)/deb
 	@echo "deb: $$(ls $(BUILD)/deb/*.deb) for $$($(say_host))"
+
+.PHONY: package-test
+# The package in a clean root of Debian 13, booted, with calls through its example site.
+# Two minutes; needs root's rights.
+package-test:
+	@$(DEPS) module tools install deb package-test
+	@/usr/bin/python3 -B tests/package/clean_root.py $(BUILD)/package-test $(MAKE) -s deb
 
 # The module once more, for the host that the demo runs on.
 host-module:
@@ -81,11 +89,12 @@ demo: host-module
 
 # All tests, in minutes.
 test: lint
-	@$(DEPS) module tools test deb
+	@$(DEPS) module tools test install deb package
 	@tools/host-root.sh >/dev/null
 	@echo "test: building"
-	@$(call build,test,-DTARN_TOOLS=ON -DTARN_TEST_SANITIZED=ON -DKAMAILIO=$(HOST) \
-	  -DKAMAILIO_SRC=$(KAMAILIO_SRC))
+	@$(call build,test,-DTARN_TOOLS=ON -DTARN_INSTALL=ON -DTARN_TEST_SANITIZED=ON \
+	  -DKAMAILIO=$(HOST) -DKAMAILIO_SRC=$(KAMAILIO_SRC) -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DMODULES_DIR=$(MODULES_DIR))
 	@cd $(BUILD)/test && ctest -j $(JOBS) --output-on-failure
 	@$(DEPS) fuzz
 	@tests/fuzz/run.sh $(BUILD)/fuzz 2
@@ -111,6 +120,15 @@ faults:
 	@tools/quiet.sh $(BUILD)/log/faults-build cmake --build $(BUILD)/faults -j $(JOBS) \
 	  --target faults_sanitized
 	@$(BUILD)/faults/tests/faults/faults_sanitized
+
+HOSTS ?=
+KAMAILIO_TREES ?=
+.PHONY: hosts
+# Layout check, module tests and host tests on several versions of the server, and a table.
+# make hosts HOSTS="6.0.7 6.1.4" KAMAILIO_TREES=folder-of-built-trees
+hosts:
+	@$(DEPS) module test
+	@tools/test-hosts $(BUILD)/hosts $(JOBS) "$(KAMAILIO_TREES)" $(HOSTS)
 
 .PHONY: coverage
 # Lines and branches that all tests together run.

@@ -20,7 +20,7 @@ packages_of() {
     install) echo help2man ;;
     deb) echo dpkg-dev file ;;
     package) echo lintian man-db ;;
-    package-test) echo mmdebstrap ;;
+    package-test) echo mmdebstrap systemd-container python3 ;;
     *)
       echo "install-deps: no such group: $1" >&2
       exit 2
