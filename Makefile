@@ -128,7 +128,7 @@ KAMAILIO_TREES ?=
 # make hosts HOSTS="6.0.7 6.1.4" KAMAILIO_TREES=folder-of-built-trees
 hosts:
 	@$(DEPS) module test
-	@tools/test-hosts $(BUILD)/hosts $(JOBS) "$(KAMAILIO_TREES)" $(HOSTS)
+	@tools/hosts.py $(BUILD)/hosts $(JOBS) "$(KAMAILIO_TREES)" $(HOSTS)
 
 .PHONY: coverage
 # Lines and branches that all tests together run.

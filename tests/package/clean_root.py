@@ -74,15 +74,16 @@ class Machine:
 
     def __init__(self, root):
         self.root = root
-        # Ended by stop().
-        # pylint: disable-next=consider-using-with
-        self.process = subprocess.Popen(
-            ["systemd-nspawn", "-q", "-D", str(root), "--boot", "--register=no", "--keep-unit"]
-            + ["--settings=no", "--private-network", "--link-journal=no", "--console=pipe"],
-            stdin=subprocess.DEVNULL,
-            stdout=open(root.parent / "boot.log", "wb"),
-            stderr=subprocess.STDOUT,
-        )
+        with open(root.parent / "boot.log", "wb") as log:
+            # It lives on until stop().
+            # pylint: disable-next=consider-using-with
+            self.process = subprocess.Popen(
+                ["systemd-nspawn", "-q", "-D", str(root), "--boot", "--register=no", "--keep-unit"]
+                + ["--settings=no", "--private-network", "--link-journal=no", "--console=pipe"],
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=subprocess.STDOUT,
+            )
         try:
             self.init = self.wait_init()
             self.wait("systemctl", "is-system-running", told=("running", "degraded"))
@@ -150,7 +151,8 @@ def other_package(folder, package):
     def later(match):
         return f"{match[1]}{int(match[2]) + 1}"
 
-    control.write_text(re.sub(r"(kamailio ?(?:\([><=]+ )?6\.\d+\.)(\d+)", later, control.read_text()))
+    number = r"(kamailio ?(?:\([><=]+ )?6\.\d+\.)(\d+)"
+    control.write_text(re.sub(number, later, control.read_text()))
     run("dpkg-deb", "--root-owner-group", "-b", unpacked, folder / "other.deb")
     return folder / "other.deb"
 

@@ -108,7 +108,8 @@ def host_number():
 
 
 def test_the_package_says_what_it_is_and_by_whom(package, host_number):
-    version = re.search(r"project\(tarn_memdb VERSION ([0-9.]+) ", (ROOT / "CMakeLists.txt").read_text())
+    project = (ROOT / "CMakeLists.txt").read_text()
+    version = re.search(r"project\(tarn_memdb VERSION ([0-9.]+) ", project)
     assert field(package, "Package") == "tarn-memdb"
     assert field(package, "Version") == f"{version[1]}+kamailio{host_number}"
     assert field(package, "Architecture") == "amd64"
@@ -139,7 +140,7 @@ def test_it_can_be_installed_with_just_the_server_that_loads_it(package, host_nu
 def test_a_package_for_a_version_ahead_of_a_release_is_older_than_the_releases(tmp_path):
     configure(tmp_path, "-DHOST_VERSION=6.1.0-rc1")
     config = (tmp_path / "CPackConfig.cmake").read_text()
-    assert 'set(CPACK_DEBIAN_PACKAGE_DEPENDS "kamailio (>= 6.1.0~rc1), kamailio (<< 6.1.1~)")' in config
+    assert '_DEPENDS "kamailio (>= 6.1.0~rc1), kamailio (<< 6.1.1~)")' in config
     assert re.search(r'set\(CPACK_PACKAGE_VERSION "[0-9.]+\+kamailio6\.1\.0~rc1"\)', config)
 
 
@@ -181,7 +182,8 @@ def test_the_manual_page_is_well_formed_and_tells_each_option(installed):
     page = installed / MANUAL
     environment = {**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"}
     read = ["man", "--warnings", "--encoding=UTF-8", "--local-file"]
-    ran = subprocess.run([*read, page], check=False, capture_output=True, text=True, env=environment)
+    command = [*read, str(page)]
+    ran = subprocess.run(command, check=False, capture_output=True, text=True, env=environment)
     assert (ran.returncode, ran.stderr) == (0, "")
     told = do(installed / "usr/bin/tarn-memdb-check", "--help")
     options = re.findall(r"^  (--[a-z-]+)", told, re.MULTILINE)

@@ -1,4 +1,4 @@
-"""The example site of the package, on a real server, with its files in a folder of the test's own."""
+"""The example site of the package, on a real server, with its files in a folder of the test."""
 
 import os
 import pathlib

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Runs layout check, module tests and host tests on several built trees of the server, and prints a
-table. Usage: tools/test-hosts BUILD JOBS TREES VERSION...
+table. Usage: tools/hosts.py BUILD JOBS TREES VERSION...
 
 TREES is a folder with a tree for each version, TREES/6.0.7 for one: the server's sources, with the
 program in src, modules in src/modules and kamcmd in utils/kamcmd. Ends with 0 if all tests of all
@@ -14,7 +14,12 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-SUITES = (("layout check", "^abi_layout$"), ("module tests", "^module_"), ("host tests", "^host\\."))
+# Columns of the table, and the ctest tests that each counts.
+SUITES = (
+    ("layout check", "^abi_layout$"),
+    ("module tests", "^module_"),
+    ("host tests", "^host\\."),
+)
 
 
 class Trouble(Exception):
@@ -87,6 +92,11 @@ def test(build, jobs, tree, version):
     return cells
 
 
+def whole(cell):
+    passed, _, count = cell.partition(" of ")
+    return passed == count
+
+
 def print_table(rows):
     print("| Host | " + " | ".join(suite for suite, _ in SUITES) + " |")
     print("|---" * (len(SUITES) + 1) + "|")
@@ -112,7 +122,7 @@ def main():
             cells = ["not run"] * len(SUITES)
         rows.append((version, cells))
     print_table(rows)
-    return 0 if all(cell.split(" of ")[0] == cell.split()[-1] for _, row in rows for cell in row) else 1
+    return 0 if all(whole(cell) for _, cells in rows for cell in cells) else 1
 
 
 if __name__ == "__main__":
