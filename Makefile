@@ -21,6 +21,11 @@ build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUIL
 for_host = -DKAMAILIO=$(KAMAILIO) -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON
 say_host = KAMAILIO='$(KAMAILIO)' HOST_VERSION='$(HOST_VERSION)' tools/module-host --installed --say
 
+# A given host that can't be built for is told ahead of everything else.
+.PHONY: given-host
+given-host:
+	@$(if $(KAMAILIO),KAMAILIO='$(KAMAILIO)' tools/module-host >/dev/null)
+
 .PHONY: all help module tools demo test lint format bench fuzz install deb clean host-module
 
 all: module
@@ -78,7 +83,7 @@ package-test:
 	@/usr/bin/python3 -B tests/package/clean_root.py $(BUILD)/package-test $(MAKE) -s deb
 
 # The module once more, for the host that the demo runs on.
-host-module:
+host-module: given-host
 	@$(DEPS) module demo
 	@tools/host-root.sh >/dev/null
 	@$(call build,demo,-DBUILD_TESTING=OFF -DKAMAILIO=$(HOST))
@@ -88,7 +93,7 @@ demo: host-module
 	@demo/run $(BUILD)/demo/tarn_memdb.so
 
 # All tests, in minutes.
-test: lint
+test: given-host lint
 	@$(DEPS) module tools test install deb package
 	@tools/host-root.sh >/dev/null
 	@echo "test: building"
@@ -112,7 +117,7 @@ format:
 .PHONY: faults
 # Everything that can fail, one thing at a time.
 # About three minutes.
-faults:
+faults: given-host
 	@$(DEPS) module tools test
 	@tools/host-root.sh >/dev/null
 	@tools/quiet.sh $(BUILD)/log/faults-configure cmake -G Ninja -S . -B $(BUILD)/faults \
@@ -132,7 +137,7 @@ hosts:
 
 .PHONY: coverage
 # Lines and branches that all tests together run.
-coverage:
+coverage: given-host
 	@$(DEPS) module tools test coverage
 	@tools/host-root.sh >/dev/null
 	@$(call build,coverage,-DTARN_COVERAGE=ON -DKAMAILIO=$(HOST))
@@ -142,7 +147,7 @@ FORECAST_SETS ?= 600
 .PHONY: forecast
 # What tarn-memdb-check tells of random files, against what a real server makes of them.
 # About a minute and a half.
-forecast:
+forecast: given-host
 	@$(DEPS) module tools test
 	@tools/host-root.sh >/dev/null
 	@$(call build,forecast,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(HOST))

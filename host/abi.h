@@ -1,5 +1,6 @@
-// The records that the host and a module exchange in memory, as Kamailio 6.0.x lays them out on
-// x86-64 Linux. Nothing outside host/ knows an offset, a flag value or a magic number of the host.
+// The records that the host and a module exchange in memory, as Kamailio 6.0.x and 6.1.x lay them
+// out on x86-64 Linux. Nothing outside host/ knows an offset, a flag value or a magic number of the
+// host.
 #pragma once
 
 #include <cstddef>
