@@ -79,8 +79,8 @@ def test_jsonrpc_carries_any_text(server):
 # Over ctl a line, a reply and a fault have their limits. A line that doesn't fit ends the reply.
 
 
-def test_ctl_has_no_room_for_a_line_of_more_than_1024_bytes(host):
-    """The host loses the last byte of one of 1024, and refuses longer ones."""
+def test_ctl_has_no_room_for_a_line_of_more_than_1023_bytes(host):
+    """Up to 6.0.6 and 6.1.3 hosts lose the last byte of one of 1024; all refuse longer ones."""
     server = host(tables=[LONG])
 
     def select_of(length):
@@ -89,9 +89,12 @@ def test_ctl_has_no_room_for_a_line_of_more_than_1024_bytes(host):
 
     whole = "x" * 1021 + "|b"
     assert select_of(1023) == ["TABLE:", whole]
-    cut = "x" * 1022 + "|"
-    assert select_of(1024) == ["TABLE:", cut, whole]
-    assert ctl_errors(server) == []
+    of_1024 = select_of(1024)
+    if of_1024 == ["TABLE:"]:
+        assert any("buffer size exceeded" in text for text in ctl_errors(server))
+    else:
+        assert of_1024 == ["TABLE:", "x" * 1022 + "|", whole]
+        assert ctl_errors(server) == []
     assert select_of(1025) == ["TABLE:"], "the newest row comes first, and ends the reply"
     assert any("buffer size exceeded" in text for text in ctl_errors(server))
     # The lock was given back, and the rows of show, which are no lines, have room.
