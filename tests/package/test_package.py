@@ -187,7 +187,7 @@ def test_the_manual_page_is_well_formed_and_tells_each_option(installed):
     assert (ran.returncode, ran.stderr) == (0, "")
     told = do(installed / "usr/bin/tarn-memdb-check", "--help")
     options = re.findall(r"^  (--[a-z-]+)", told, re.MULTILINE)
-    assert len(options) == 10
+    assert {"--errors-only", "--memory", "--help"} < set(options)
     for option in options:
         assert f"\n       {option} " in ran.stdout or f"\n       {option}\n" in ran.stdout, option
     for title in ("NAME", "SYNOPSIS", "EXIT STATUS", "EXAMPLES", "FILES", "SEE ALSO"):
