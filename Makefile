@@ -133,7 +133,7 @@ KAMAILIO_TREES ?=
 # make hosts HOSTS="6.0.7 6.1.4" KAMAILIO_TREES=folder-of-built-trees
 hosts:
 	@$(DEPS) module test
-	@tools/hosts.py $(BUILD)/hosts $(JOBS) "$(KAMAILIO_TREES)" $(HOSTS)
+	@/usr/bin/python3 -B tools/hosts.py $(BUILD)/hosts $(JOBS) "$(KAMAILIO_TREES)" $(HOSTS)
 
 .PHONY: coverage
 # Lines and branches that all tests together run.
