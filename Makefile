@@ -18,7 +18,7 @@ build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUIL
         tools/quiet.sh $(BUILD)/log/$(1)-build cmake --build $(BUILD)/$(1) -j $(JOBS)
 
 # For module, tools, install and deb: KAMAILIO=, HOST_VERSION=6.0.7, or the installed server.
-for_host = -DKAMAILIO=$(KAMAILIO) -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON
+for_host = "-DKAMAILIO=$(KAMAILIO)" -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON
 say_host = KAMAILIO='$(KAMAILIO)' HOST_VERSION='$(HOST_VERSION)' tools/module-host --installed --say
 
 # A given host that can't be built for is told ahead of everything else.

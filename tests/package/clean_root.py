@@ -166,12 +166,15 @@ def install(root, folder, package):
     expect("tarn-memdb" in run("chroot", root, "dpkg", "-l", "tarn-memdb"), "isn't installed")
 
 
+def site_commands(root):
+    text = (root / DOC / "examples/site/README").read_text().replace("\\\n", "")
+    return re.findall(r"^  ([a-z].*)$", text, re.MULTILINE)
+
+
 def copy_site(root):
     """What the site's README says, to the letter."""
-    text = (root / DOC / "examples/site/README").read_text()
-    commands = re.findall(r"^  (cp .*)$", text, re.MULTILINE)
-    expect(len(commands) == 2, "the site's README has other commands")
-    for command in commands:
+    for command in site_commands(root)[:2]:
+        expect(command.startswith("cp "), f"the site's README begins with {command}")
         run("chroot", root, "sh", "-c", command)
 
 
@@ -211,6 +214,23 @@ def restart_site(machine):
     machine.run("systemctl", "stop", "kamailio")
 
 
+def without_systemd(machine):
+    """The other commands of the README, with its copies in place but nothing made of them."""
+    shutil.rmtree(machine.root / DATA / "backup")
+    machine.run("chown", "-R", "root:", f"/{DATA}")
+    commands = site_commands(machine.root)[4:]
+    programs = [command.split()[0] for command in commands]
+    expect(programs == ["install", "chown", "kamailio"], f"the README has {commands}")
+    for command in commands:
+        machine.run("sh", "-c", command)
+    site_calls.wait_ready(SERVER)
+    with host_sip.Phone(SERVER, "erin") as erin:
+        expect(erin.request("REGISTER", "sip:127.0.0.1").status == 200, "erin isn't registered")
+    machine.kamcmd("tarn_memdb.sync", "phones")
+    phones = (machine.root / DATA / "tables/phones.tbl").read_text()
+    expect("\nerin|" in phones, "erin isn't stored")
+
+
 def purge(machine):
     root = machine.root
     machine.run("apt-get", "purge", "-y", "tarn-memdb")
@@ -242,6 +262,8 @@ def main():
         use_site(machine)
         step("restarts")
         restart_site(machine)
+        step("the same without systemd")
+        without_systemd(machine)
         step("a purge")
         purge(machine)
     except Failed as failure:
