@@ -40,6 +40,7 @@ PAGES = (
     "queries.md",
     "ports.md",
     "operating.md",
+    "production.md",
     "architecture.md",
 )
 SAMPLES = ("Schema file", "Table files", "Private range file")  # sections of files.md

@@ -1,6 +1,8 @@
 """The guide is whole: all that the module has is in it, every example runs, every link leads."""
 
+import os
 import re
+import subprocess
 
 import guide_book
 
@@ -94,14 +96,14 @@ def test_each_mark_is_known():
 
 
 def test_each_link_leads_somewhere():
-    pages = {path.name: path for path in guide_book.DOCS.glob("*.md")}
-    for path in [guide_book.ROOT / "README.md", TESTS / "README.md", *pages.values()]:
+    others = [guide_book.ROOT / name for name in ("README.md", "CHANGELOG.md", "tests/README.md")]
+    for path in [*others, *guide_book.DOCS.glob("*.md")]:
         for target in re.findall(r"\]\(([^)]+)\)", guide_book.without_code(path)):
             file, _, place = target.partition("#")
-            where = path.parent / file if file else path
+            where = (path.parent / file).resolve() if file else path
             assert where.exists(), f"{path.name}: {target}"
             if place:
-                known = [anchor(s.title) for s in guide_book.sections(pages[where.name])]
+                known = [anchor(s.title) for s in guide_book.sections(where)]
                 assert place in known, f"{path.name}: {target}"
 
 
@@ -116,3 +118,34 @@ def test_each_example_of_the_page_on_tests_stands_in_a_test():
     assert len(examples) == 5
     for name, text in examples:
         assert f"\n{text}" in (TESTS / name).read_text(), name
+
+
+def version():
+    build = (guide_book.ROOT / "CMakeLists.txt").read_text()
+    return re.search(r"project\(tarn_memdb VERSION (\S+)", build)[1]
+
+
+def said(*command):
+    done = subprocess.run(
+        command, cwd=guide_book.ROOT, check=True, stdout=subprocess.PIPE, text=True
+    )
+    return done.stdout
+
+
+def test_the_newest_change_and_the_tool_tell_the_version_of_the_build():
+    changes = [section.title for section in guide_book.sections(guide_book.ROOT / "CHANGELOG.md")]
+    assert changes == ["", "Changes", version(), "1.0.0"]
+    assert said(os.environ["TARN_CHECK"], "--version").startswith(f"tarn-memdb-check {version()}, ")
+
+
+def test_the_license_is_whole_and_told_in_one_place():
+    text = (guide_book.ROOT / "LICENSE").read_text()
+    wanted = ["GNU GENERAL PUBLIC LICENSE", "Version 2, June 1991"]
+    assert [line.strip() for line in text.splitlines()[:2]] == wanted
+    numbers = re.findall(r"(?m)^  (\d+)\. ", text)
+    assert [int(number) for number in numbers] == list(range(13))
+    assert text.endswith("Public License instead of this License.\n")
+    mark = "SPDX-License-" + "Identifier: GPL-2.0-or-later"
+    files = said("git", "ls-files", "--cached", "--others", "--exclude-standard").splitlines()
+    naming = [name for name in files if mark.encode() in (guide_book.ROOT / name).read_bytes()]
+    assert naming == ["README.md"]

@@ -1,4 +1,4 @@
-"""The README's first routing script works as typed."""
+"""The README's first site works as typed, and its ten lines with all that may come."""
 
 import os
 import pathlib
@@ -7,6 +7,7 @@ import shutil
 import signal
 import subprocess
 import tempfile
+import textwrap
 
 import guide_book
 import pytest
@@ -45,8 +46,8 @@ def typed(script, folder):
 def test_the_ten_lines_of_the_first_screen_are_those_of_the_first_script():
     (ten_lines,) = blocks("kamailio")
     assert ten_lines.count("\n") == 10
-    # The last one closes what the script goes on with.
-    assert any(ten_lines.removesuffix("\n") in block for block in blocks("sh"))
+    _, site, _ = blocks("sh")
+    assert textwrap.indent(ten_lines, "    ") in site
 
 
 class Server:
@@ -86,7 +87,7 @@ class Server:
             self.process.wait()
 
 
-def test_the_first_routing_script_works_as_typed(folder):
+def test_the_first_site_works_as_typed(folder):
     for _ in range(5):
         lease = host_server.PortLease("127.0.0.1")
         port = str(lease.port)
@@ -105,17 +106,194 @@ def test_the_first_routing_script_works_as_typed(folder):
         assert "Address already in use" in server.log.read_text(errors="replace")
     assert got == [
         "SIP/2.0 200 OK",
+        "Contact: <sip:bob@10.0.0.7>;expires=3600",
         "SIP/2.0 302 Moved Temporarily",
+        "X-Media-Port: 10000",
         "Contact: <sip:bob@10.0.0.7>",
-        "X-Media-Port: 21000",
         "SIP/2.0 302 Moved Temporarily",
-        "Contact: <sip:lazio.example.net>",
-        "X-Media-Port: 21001",
+        "Contact: <sip:390612@lazio.example.net>",
         "SIP/2.0 404 Not Found",
+        "SIP/2.0 400 Bad Request",
         "TABLE:",
-        "bob|sip:bob@10.0.0.7",
+        "1|bob|||sip:bob@10.0.0.7||10000||",
+        "SIP/2.0 200 OK",
+        "SIP/2.0 200 OK",
+        "Contact: <sip:carol@10.0.0.7>;expires=3600",
     ]
     assert status == 0
     assert " ERROR: " not in server.log.read_text(errors="replace")
     rows = (folder / "build/first/tables/phones.tbl").read_text()
-    assert rows == "Version 1\nbob|sip:bob@10.0.0.7\n"
+    assert rows == "Version 1\n2|carol|||sip:carol@10.0.0.7||10001||\n"
+
+
+class Caller(host_server.host_sip.Phone):
+    """A phone that says in its Contact what it is told to."""
+
+    says = None
+
+    def call_as(self, user, contact):
+        self.user = user
+        self.says = contact and contact.format(user)
+
+    def _finish(self, lines, body):
+        lines = [line for line in lines if not line.startswith("Contact: ")]
+        return super()._finish(lines + [f"Contact: {self.says}"] * (self.says is not None), body)
+
+
+class Site(host_server.Server):
+    """The README's site in a directory of its own, changed by (old, new) where a test wants it."""
+
+    def __init__(self, directory, changes=()):
+        super().__init__(directory, self._config)
+        files, server, _ = blocks("sh")
+        told = re.compile(r"(?ms)^cat > (\S+) <<'END'\n(.*?)^END\n")
+        self.files = dict(told.findall(files + server))
+        for old, _ in changes:
+            assert any(old in text for text in self.files.values()), old
+        self.changes = [*changes, ("build/first/", f"{self.directory}/")]
+        for name in ("tables", "backup"):
+            (self.directory / name).mkdir()
+        for name in ("schema.cfg", "tables/gateways.tbl"):
+            (self.directory / name).write_text(self._text(name))
+        self.caller = None
+
+    def _text(self, name):
+        text = self.files[f"build/first/{name}"]
+        for old, new in self.changes:
+            text = text.replace(old, new)
+        return text
+
+    def _config(self, _):
+        text = self._text("kamailio.cfg").replace(PORT, str(self.port))
+        text = text.replace("build/demo/tarn_memdb.so", os.environ["TARN_MODULE"])
+        ready = f'if ($rU == "{self.READY_USER}") {{ sl_send_reply("200", "Ready"); exit; }}'
+        return text.replace("    t_check_trans();\n", f"    t_check_trans();\n    {ready}\n")
+
+    def start(self, timeout=20.0):
+        super().start(timeout)
+        self.caller = Caller((self.address, self.port), domain=self.address)
+        return self
+
+    def ask(self, method, user, contact="<sip:{}@10.0.0.7>", expires=None):
+        """What the README's ten lines answer: status, and Contact and port if they tell some."""
+        self.caller.call_as(user, contact)
+        headers = {} if expires is None else {"Expires": expires}
+        where = f"sip:{self.address}" if method == "REGISTER" else self.uri(user)
+        reply = self.caller.request(method, where, headers)
+        shown = [reply.status, reply.get("contact"), reply.get("x-media-port")]
+        return tuple(value for value in shown if value is not None)
+
+    def register(self, user, contact="<sip:{}@10.0.0.7>", expires=None):
+        return self.ask("REGISTER", user, contact, expires)
+
+    def call(self, user):
+        return self.ask("INVITE", user)
+
+    def rows(self, table="phones", columns=9):
+        _, out, _ = self.kamcmd("tarn_memdb.select", f"{table},{'|'.join('*' * columns)}")
+        return out.splitlines()[1:]
+
+
+@pytest.fixture
+def site(folder):
+    made = []
+
+    def make(*changes):
+        directory = folder / f"site{len(made)}"
+        directory.mkdir()
+        made.append(Site(directory, changes))
+        return made[-1].start()
+
+    yield make
+    for server in made:
+        if server.caller is not None:
+            server.caller.close()
+        server.kill()
+
+
+BOB = "<sip:bob@10.0.0.7>"
+STORED = f"{BOB};expires=3600"
+SCHEMA = 'modparam("tarn_memdb", "cfg_file_path"'
+FOUR_PORTS = (SCHEMA, f'modparam("tarn_memdb", "max_ext_port", 10003)\n{SCHEMA}')
+
+
+def test_the_300th_call_works_as_the_first_with_few_ports(site):
+    server = site(FOUR_PORTS)
+    for turn in range(310):
+        user = f"phone{turn}"
+        assert server.register(user) == (200, f"<sip:{user}@10.0.0.7>;expires=3600"), turn
+        status, contact, port = server.call(user)
+        assert (status, contact) == (302, f"<sip:{user}@10.0.0.7>"), turn
+        assert 10000 <= int(port) <= 10003, turn
+        assert server.register(user, expires="0") == (200,), turn
+    assert server.rows() == []
+
+
+def test_a_phone_keeps_its_port_over_300_calls_a_move_and_a_restart(site):
+    server = site(FOUR_PORTS)
+    server.register("bob")
+    for turn in range(310):
+        assert server.call("bob") == (302, BOB, "10000"), turn
+    moved = "<sip:bob@10.0.0.8;transport=tcp>"
+    assert server.register("bob", f'"Bob" {moved};q=1') == (200, f"{moved};expires=3600")
+    assert server.stop() == 0
+    server.start()
+    assert server.call("bob") == (302, moved, "10000")
+    ports = [server.register(user)[0] for user in ("a", "b", "c", "d")]
+    assert ports == [200, 200, 200, 503]
+
+
+def test_a_phone_that_gets_no_row_costs_no_port(site):
+    server = site(FOUR_PORTS, ("MAX_ROWS=5000", "MAX_ROWS=2"))
+    assert [server.register(user)[0] for user in ("a", "b")] == [200, 200]
+    for turn in range(20):
+        assert server.register(f"late{turn}") == (503,), turn
+    _, told, _ = server.kamcmd("tarn_memdb.show_pm_info")
+    assert "Min port = 10000; Max port = 10003; Next free port = 10002;" in told
+    assert server.register("a", expires="0") == (200,)
+    assert server.register("c")[0] == 200
+
+
+@pytest.mark.parametrize(
+    ("contact", "expires"),
+    [(BOB, "0"), (f"{BOB};expires=0", None), ("*", "0"), (None, "0"), ("<sip:bob@10.0.0.99>", "0")],
+)
+def test_a_phone_that_expires_goes(site, contact, expires):
+    server = site()
+    server.register("bob")
+    assert server.register("bob", contact, expires) == (200,)
+    assert server.rows() == []
+    assert server.call("bob") == (404,)
+
+
+def test_a_registration_without_an_address_tells_and_changes_nothing(site):
+    server = site()
+    assert server.register("bob", None) == (200,)
+    assert server.register("39", None) == (200,)
+    server.register("bob")
+    for contact in (None, "*", "<>", "nothing<<"):
+        assert server.register("bob", contact) == (200, STORED), contact
+    assert len(server.rows()) == 1
+
+
+def test_what_separates_values_is_refused(site):
+    server = site()
+    server.register("bob")
+    before = server.rows()
+    for user in ("*", "b|b", "b,b", "#b", "b" * 32):
+        assert server.register(user) == (400,), user
+        assert server.call(user) == (400,), user
+    for address in ("a|b@c", "a\\b@c", "a'b@c", "a\r\n b@c", "a\tb@c", "a@" + "b" * 250):
+        assert server.register("bob", f"<sip:{address}>") == (400,), address
+        assert server.register("eve", f"<sip:{address}>") == (400,), address
+    assert server.rows() == before
+
+
+def test_a_contact_of_odd_but_harmless_bytes_comes_back_from_the_file(site):
+    server = site()
+    odd = '<sip:*,;=#&%41@[2001:db8::1]:5060;transport=tcp?x=y>'
+    assert server.register("bob", odd) == (200, f"{odd};expires=3600")
+    assert server.stop() == 0
+    server.start()
+    assert server.call("bob")[:2] == (302, odd)
+    assert "WARNING: tarn" not in server.log()
