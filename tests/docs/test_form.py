@@ -149,3 +149,22 @@ def test_the_license_is_whole_and_told_in_one_place():
     files = said("git", "ls-files", "--cached", "--others", "--exclude-standard").splitlines()
     naming = [name for name in files if mark.encode() in (guide_book.ROOT / name).read_bytes()]
     assert naming == ["README.md"]
+
+
+def test_the_guides_contents_lead_from_what_people_search_for():
+    (index,) = [section for section in guide_book.page("guide.md") if section.title == "I want to"]
+    rows = [row for row in guide_book.text_of(index).splitlines() if "](" in row]
+    for words in (
+        "sizing",
+        "expiry",
+        "restore a backup",
+        "restore a `.refused` file",
+        "file rights",
+        "upgrade the module or the server",
+        "other script languages",
+        "statistics",
+        "several servers",
+        "host versions",
+        "indexes, and their cost",
+    ):
+        assert [row for row in rows if words in row.split("|")[1]], words
