@@ -344,7 +344,7 @@ std::vector<std::string> world::files_open_to_others() const {
     for (const bool backup : {false, true})
       for (const char *ending : {"", ".refused"}) {
         const std::string file = path(t.name, backup) + ending;
-        struct stat status {};
+        struct stat status = {};
         if (stat(file.c_str(), &status) == 0 && (status.st_mode & 0777 & ~FILE_MODE) != 0)
           out.push_back(file);
       }

@@ -20,7 +20,10 @@ void another_tables_lock(tarn_tbl *table, tarn_tbl *other, const audit_table_tex
 }
 
 void a_lock_that_was_given_back(tarn_tbl *table) {
-  { const lock_scope lock(table->lock); }
+  {
+    const lock_scope lock(table->lock);
+    table->state = 1;
+  }
   load_table(table);  // expected-warning {{calling function 'load_table' requires holding lock}}
 }
 

@@ -157,8 +157,8 @@ TEST_F(KilledProcessTest, ADeleteLeavesEachRowWholeOrTakesItAway) {
     rows.erase(rows.begin() + next);
     allowed.push_back({file_of(rows), STORED});
   }
-  expect_files(
-      {STORED, OLD}, [](const functions &all) { all.remove("*|*|*|g1"); }, allowed);
+  const auto remove = [](const functions &all) { all.remove("*|*|*|g1"); };
+  expect_files({STORED, OLD}, remove, allowed);
 }
 
 // Ahead of a reload's beginning there is still something to store.

@@ -308,7 +308,8 @@ TEST_F(PrefixSearchMomentsTest, ARowWithAnotherEntryIsFoundByOneOfThem) {
           memdb_set_field(table, rows_[name], PREFIX, name == 2 ? "49" : "4");
       },
       [](const texts &names) {
-        return names == texts{"3", "2", "1"} || names == texts{"2", "0"};
+        const texts both{"3", "2", "1"}, one{"2", "0"};
+        return names == both || names == one;
       });
 }
 
@@ -318,7 +319,8 @@ TEST_F(PrefixSearchMomentsTest, SlotsThatAreReplacedStillAnswer) {
         for (int i = 0; i < 30; i++) insert_route("g", "7", "more");
       },
       [](const texts &names) {
-        return names == texts{"3", "2", "1"};
+        const texts all{"3", "2", "1"};
+        return names == all;
       });
 }
 

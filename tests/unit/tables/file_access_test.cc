@@ -25,7 +25,7 @@ size_t chowns_that_fail;  // of those to come
 }  // namespace
 
 int noted_fchown(int file, uid_t owner, gid_t group) {
-  struct stat status {};
+  struct stat status = {};
   fstat(file, &status);
   mode_when_asked = status.st_mode & 07777;
   asked.push_back({owner, group});
@@ -50,7 +50,7 @@ class FileAccessTest : public TablesTest {
   ~FileAccessTest() override { umask(usual_); }
 
   static mode_t mode_of(const std::string &file) {
-    struct stat status {};
+    struct stat status = {};
     EXPECT_EQ(stat(file.c_str(), &status), 0) << file;
     return status.st_mode & 07777;
   }
