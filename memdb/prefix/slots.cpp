@@ -2,6 +2,7 @@
 #include "memdb/prefix/slots.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "memdb/layout/hooks.h"
 

@@ -2,6 +2,7 @@
 #include "tests/standin/memory_state.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 

@@ -1,6 +1,7 @@
 // Rows that are taken out under readers without a lock: when they are given back, and when not.
 #include "tables/shared/read_section.h"
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <random>
