@@ -202,9 +202,23 @@ class Server:
         try:
             self.process.wait(timeout)
         except subprocess.TimeoutExpired:
+            left = self._processes()
             self.kill()
-            raise ServerTrouble(f"the server didn't end within {timeout} s") from None
+            raise ServerTrouble(f"the server didn't end within {timeout} s:\n{left}") from None
         return self._reap()
+
+    def _processes(self):
+        """Where each of the server's processes is, and the end of its log."""
+        said = []
+        for folder in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):
+                if os.getpgid(int(folder.name)) != self.process.pid:
+                    continue
+                status = dict(re.findall(r"(?m)^(\w+):\s*(.*)$", (folder / "status").read_text()))
+                where = [(folder / name).read_text().strip() for name in ("wchan", "syscall")]
+                shown = [status[name] for name in ("Name", "PPid", "State", "SigPnd", "ShdPnd")]
+                said.append(" ".join([folder.name, *shown, *where]))
+        return "\n".join([*sorted(said), *self.log().splitlines()[-20:]])
 
     def kill(self):
         """Ends the server at once, without a chance to store anything."""
