@@ -34,7 +34,8 @@ struct message_text {
     constexpr char wanted[] = {conversion_class<Values>..., '\0'};
     size_t value = 0;
     const auto takes = [&value](char conversion) {
-      return value < sizeof...(Values) && wanted[value++] == conversion;
+      const size_t next = value++;
+      return next < sizeof...(Values) && wanted[next] == conversion;
     };
     for (size_t at = 0; at < text.size(); at++) {
       if (text[at] != '%') continue;

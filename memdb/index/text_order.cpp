@@ -53,6 +53,9 @@ void add_up(digit_counts &counts) {
   for (uint64_t &count : counts) sum += std::exchange(count, sum);
 }
 
+// Bits that a number needs. std::bit_width's result is another type from one library to the next.
+int bits_of(uint64_t number) { return 64 - std::countl_zero(number); }
+
 // Addresses as multiples of their common alignment above the lowest one, in a word's lower bits.
 struct address_form {
   uint64_t lowest;
@@ -75,7 +78,7 @@ address_form form_of(words rows) {
     differing |= address ^ rows[0];
   }
   const int alignment = std::countr_zero(differing | uint64_t{1} << 47);
-  return {lowest, alignment, static_cast<int>(std::bit_width((highest - lowest) >> alignment))};
+  return {lowest, alignment, bits_of((highest - lowest) >> alignment)};
 }
 
 // Puts the rows into the order of their addresses, roughly: those of neighbouring pages side by
@@ -158,7 +161,7 @@ int share_out(const byte_values &occurring, byte_shares &shares) {
     highest += share - unit;
     unit = share;
   }
-  return static_cast<int>(std::bit_width(highest));
+  return bits_of(highest);
 }
 
 // A radix sort from the lowest digit up (Knuth, "The Art of Computer Programming", volume 3,
@@ -187,9 +190,8 @@ class radix_sort {
     }
     if (left_out_ == lowest_) return from;
     for (size_t i = 0; i < from.size();) {
-      const size_t first = i;
-      while (++i < from.size() && from[i] >> left_out_ == from[first] >> left_out_) {
-      }
+      const size_t first = i++;
+      while (i < from.size() && from[i] >> left_out_ == from[first] >> left_out_) i++;
       if (i - first > 1) std::sort(&from[first], from.data() + i);
     }
     return from;
@@ -263,7 +265,8 @@ void order(words rows, words spare, const memdb_col *col, int parts) {
         ask_for(text_at(form.unpack(spare[later + 1]), col), shared + PART);
       }
       among[i] = form.unpack(spare[i]);
-    } while (++i < kept && are_alike(first, i));
+      i++;
+    } while (i < kept && are_alike(first, i));
     if (i - first > 1)
       order(among.subspan(first, i - first), spare.subspan(first, i - first), col, parts - 1);
   }
