@@ -290,6 +290,18 @@ def test_what_separates_values_is_refused(site):
     assert server.rows() == before
 
 
+def test_what_hides_behind_a_zero_byte_is_refused(site):
+    """An expression sees a text only as far as its first zero byte; an update's list is read on."""
+    server = site()
+    server.register("bob")
+    server.register("eve")
+    before = server.rows()
+    for address in ("a\0';user=bob;realm='b", "a\0';port=10000;line='b", "a\0b", "a\0\r\n b"):
+        for user in ("eve", "new"):
+            assert server.register(user, f"<sip:{address}@c>") == (400,), address
+    assert server.rows() == before
+
+
 def test_a_contact_of_odd_but_harmless_bytes_comes_back_from_the_file(site):
     server = site()
     odd = '<sip:*,;=#&%41@[2001:db8::1]:5060;transport=tcp?x=y>'
