@@ -4,6 +4,7 @@ one sentence what is wrong with anything else."""
 import os
 import pathlib
 import subprocess
+import time
 
 import pytest
 
@@ -163,6 +164,19 @@ def test_a_program_that_is_no_server_is_refused(program, text):
 @pytest.mark.parametrize("name", ["/bin/cat", "/dev/null", "/nowhere/kamailio", "/tmp", "cd"])
 def test_what_reads_its_input_or_is_no_program_is_refused(name):
     assert refused(KAMAILIO=name).startswith(f"KAMAILIO={name} is no ")
+
+
+@pytest.mark.parametrize(
+    "script",
+    ["trap '' TERM; while :; do sleep 0.1; done", "sleep 25 & echo version: 1", "exec yes"],
+)
+def test_a_program_that_runs_on_is_refused(tmp_path, script):
+    path = tmp_path / "runs-on"
+    path.write_text(f"#!/bin/sh\n{script}\n")
+    path.chmod(0o755)
+    begin = time.monotonic()
+    assert refused(KAMAILIO=path) == f"KAMAILIO={path} is no kamailio: its -v tells no version"
+    assert time.monotonic() - begin < 15
 
 
 def test_a_server_is_found_by_its_name_alone(program):
