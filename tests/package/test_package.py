@@ -137,10 +137,14 @@ def test_it_can_be_installed_with_just_the_server_that_loads_it(package, host_nu
     assert "libc6 (>= " in needed and "libstdc++6 (>= " in needed
 
 
-def test_a_package_for_a_version_ahead_of_a_release_is_older_than_the_releases(tmp_path):
+def test_a_package_for_a_version_ahead_of_a_release_fits_that_alone(tmp_path):
     configure(tmp_path, "-DHOST_VERSION=6.1.0-rc1")
     config = (tmp_path / "CPackConfig.cmake").read_text()
-    assert '_DEPENDS "kamailio (>= 6.1.0~rc1), kamailio (<< 6.1.1~)")' in config
+    needed = re.search(r'_DEPENDS "(.*)"', config)[1]
+    for revision in ("", "-1", "-1+deb13u2", "+bpo13"):
+        assert satisfied(needed, f"6.1.0~rc1{revision}"), revision
+    for other in ("6.1.0~rc0", "6.1.0~rc2", "6.1.0~rc10", "6.1.0", "6.1.0-1", "6.1.1"):
+        assert not satisfied(needed, other), other
     assert re.search(r'set\(CPACK_PACKAGE_VERSION "[0-9.]+\+kamailio6\.1\.0~rc1"\)', config)
 
 
