@@ -15,6 +15,10 @@ string(REPLACE "-" "~" host_first "${TARN_HOST_NUMBER}")
 string(REGEX MATCH "^([0-9]+\\.[0-9]+)\\.([0-9]+)" host_release "${TARN_HOST_NUMBER}")
 math(EXPR host_next "${CMAKE_MATCH_2} + 1")
 set(host_next "${CMAKE_MATCH_1}.${host_next}~")
+if(host_first MATCHES "~")
+  # The release itself is another version. This is behind all of Debian's revisions of 6.1.0~rc1.
+  set(host_next "${host_first}.~")
+endif()
 
 install(TARGETS tarn_memdb LIBRARY DESTINATION ${MODULES_DIR})
 set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tarn-memdb)
