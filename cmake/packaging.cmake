@@ -27,6 +27,9 @@ install(DIRECTORY docs DESTINATION ${doc_dir} FILES_MATCHING PATTERN "*.md")
 install(FILES README.md DESTINATION ${doc_dir})
 install(FILES CHANGELOG.md DESTINATION ${doc_dir} OPTIONAL)
 install(FILES package/copyright DESTINATION ${doc_dir})
+# Where the README's link to it leads; Debian has the text itself there.
+file(CREATE_LINK ../../common-licenses/GPL-2 ${CMAKE_BINARY_DIR}/LICENSE SYMBOLIC)
+install(FILES ${CMAKE_BINARY_DIR}/LICENSE DESTINATION ${doc_dir})
 install(DIRECTORY package/site DESTINATION ${doc_dir}/examples)
 
 if(TARN_TOOLS)
