@@ -198,7 +198,7 @@ bench-host: host-module
 # Start, reload and check of large tables, beside a bare getline loop.
 bench-load: host-module
 	@$(DEPS) module tools
-	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DKAMAILIO=$(KAMAILIO))
+	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON $(for_host))
 	@c++ -O2 -std=c++20 -o $(BUILD)/getline_loop bench/getline_loop.cc
 	@python3 bench/load_bench.py $(BUILD)/demo/tarn_memdb.so \
 	  $(BUILD)/module/tools/check/tarn-memdb-check $(BUILD)/getline_loop
