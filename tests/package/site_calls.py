@@ -23,10 +23,14 @@ def wait_ready(server, timeout=20.0):
 
 
 def call(caller, callee, number=None):
-    """Calls and hangs up; gives back the replies, and the port that the callee was told."""
+    """Calls and hangs up; gives back the replies, and the port that the callee was told.
+
+    The caller tells a port as well, which must not reach the callee.
+    """
     uri = f"sip:{number or callee.user}@127.0.0.1"
     call_id = f"call-{time.monotonic_ns()}"
-    answer = caller.request("INVITE", uri, call_id=call_id, answering=[callee])
+    told = {"X-Media-Port": "1"}
+    answer = caller.request("INVITE", uri, told, call_id=call_id, answering=[callee])
     if answer.status != 200:
         return answer.status, None, None
     port = callee.requests[-1].get("x-media-port")
