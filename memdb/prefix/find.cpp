@@ -18,12 +18,20 @@ uint32_t given_columns(const memdb_tbl *tbl, const char *const *values) {
   return given;
 }
 
-const memdb_prefix_form *find_form(const memdb_tbl *tbl, const memdb_prefix_search &search) {
-  if (tbl->prefixes[0].main == MEMDB_NO_COL) return nullptr;
-  const uint32_t given = given_columns(tbl, search.values);
+template <typename T>
+T load(const T &shared, std::memory_order order = std::memory_order_acquire) {
+  return std::atomic_ref(const_cast<T &>(shared)).load(order);
+}
+
+const memdb_prefix_form *find_form(const memdb_tbl *tbl, uint32_t main, uint32_t given) {
   for (const memdb_prefix_form &form : tbl->prefixes)
-    if (form.main == static_cast<int32_t>(search.main) && form.given == given) return &form;
+    if (load(form.main) == static_cast<int32_t>(main) && form.given == given) return &form;
   return nullptr;
+}
+
+const memdb_prefix_form *find_form(const memdb_tbl *tbl, const memdb_prefix_search &search) {
+  if (load(tbl->prefixes[0].main) == MEMDB_NO_COL) return nullptr;
+  return find_form(tbl, search.main, given_columns(tbl, search.values));
 }
 
 struct met_row {
@@ -154,12 +162,19 @@ class prefix_walk {
   size_t count_ = 0;
 };
 
-template <typename T>
-T load(const T &shared, std::memory_order order = std::memory_order_acquire) {
-  return std::atomic_ref(const_cast<T &>(shared)).load(order);
-}
-
 }  // namespace
+
+bool memdb_lacks_prefixes(const memdb_tbl *tbl, const memdb_prefix_search &search,
+                          uint32_t *given) {
+  const uint32_t rows = load(tbl->row_cnt);
+  if (rows <= memdb_prefixes.rows || tbl->col_cnt > MEMDB_PREFIX_MOST_COLUMNS ||
+      search.main >= tbl->col_cnt || memdb_is_indexed(tbl->cols[search.main]) || search.most < 0 ||
+      static_cast<uint32_t>(search.most) < rows ||
+      load(tbl->prefixes[MEMDB_PREFIX_FORMS - 1].main) != MEMDB_NO_COL)
+    return false;
+  *given = given_columns(tbl, search.values) & ~(uint32_t{1} << search.main);
+  return find_form(tbl, search.main, *given) == nullptr;
+}
 
 int32_t memdb_longest_prefix(const memdb_tbl *tbl, const memdb_prefix_search &search,
                              std::span<const memdb_row *> found) {

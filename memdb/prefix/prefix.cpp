@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr uint32_t MOST_COLUMNS = 32;
 // Where the ages of a new look-up begin. The rows that are there already have lower ones.
 constexpr uint64_t FIRST_AGE = uint64_t{1} << 40;
 constexpr uint64_t NOT_IN = 0;
@@ -196,16 +195,19 @@ void memdb_begin_prefixes(memdb_tbl *tbl) {
 }
 
 bool memdb_want_prefixes(memdb_tbl *tbl, uint32_t main, uint32_t given) {
-  if (tbl->col_cnt > MOST_COLUMNS || main >= tbl->col_cnt || memdb_is_indexed(tbl->cols[main]))
+  if (tbl->col_cnt > MEMDB_PREFIX_MOST_COLUMNS || main >= tbl->col_cnt ||
+      memdb_is_indexed(tbl->cols[main]))
     return false;
   given &= ~bit_of(main);
-  if (tbl->col_cnt < MOST_COLUMNS && given >> tbl->col_cnt != 0) return false;
+  if (tbl->col_cnt < MEMDB_PREFIX_MOST_COLUMNS && given >> tbl->col_cnt != 0) return false;
   const std::span<memdb_prefix_form> present = forms(tbl);
   for (const memdb_prefix_form &form : present)
     if (form.main == static_cast<int32_t>(main) && form.given == given) return false;
   if (present.size() == MEMDB_PREFIX_FORMS) return false;
   memdb_prefix_form &form = tbl->prefixes[present.size()];
-  form = {static_cast<int16_t>(main), false, false, given, nullptr};
+  form = {MEMDB_NO_COL, false, false, given, nullptr};
+  // Searches that run beside know the form by this, and then read the rest.
+  std::atomic_ref(form.main).store(static_cast<int16_t>(main), std::memory_order_release);
   make_if_large(tbl, &form);
   return true;
 }

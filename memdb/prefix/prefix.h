@@ -31,6 +31,9 @@ extern memdb_prefix_rules memdb_prefixes;
 // Most rows that a look-up holds of one entry, with equal texts in all columns that are given.
 inline constexpr size_t MEMDB_PREFIX_MOST_EQUAL = 511;
 
+// Most columns of a table that has look-ups.
+inline constexpr uint32_t MEMDB_PREFIX_MOST_COLUMNS = 32;
+
 // A search for the rows with the longest entry that begins the key.
 struct memdb_prefix_search {
   uint32_t main;              // the column of the entries
@@ -47,6 +50,11 @@ inline constexpr int32_t MEMDB_PREFIX_UNKNOWN = -1;
 // writer on the conditions of memdb_select, and finds what that would.
 int32_t memdb_longest_prefix(const memdb_tbl *tbl, const memdb_prefix_search &search,
                              std::span<const memdb_row *> found);
+
+// True if a large table has no look-up for such searches because nobody has asked for it, and could
+// have one; *given is then what to ask for. The search's key isn't read, and main may have a value.
+// May run beside a writer.
+bool memdb_lacks_prefixes(const memdb_tbl *tbl, const memdb_prefix_search &search, uint32_t *given);
 
 // Asks for look-ups for searches in the column main that give the columns of the bits in given as
 // well, and makes the first if the table is large already. Does nothing for an indexed column, for
