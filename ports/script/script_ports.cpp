@@ -71,14 +71,7 @@ void clear_port_table(tarn_tbl *table) {
 
 }  // namespace
 
-int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
-  const host_log_scope log;
-  char word[WORD_SIZE];
-  if (!print(msg, map_slot, word, UNPRINTABLE_SELECT)) return SCRIPT_FAILED;
-  // The line shows the query that the process printed last, here and for a range: log filters know
-  // it so.
-  port_m *const m = find_map(word, query_buf);
-  if (m == nullptr) return SCRIPT_FAILED;
+int take_port(port_m *m) {
   int32_t port;
   {
     const lock_scope lock(port_map_lock);
@@ -91,6 +84,35 @@ int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
   }
   log_next_port(port);
   return port;
+}
+
+int take_port_from_range(port_m *m, int32_t base) {
+  const lock_scope lock(port_map_lock);
+  const int32_t port = find_free_port_in_range(m, base);
+  if (port != NO_PORT) set_port(m, port);
+  LM_DBG("tarn_memdb_get_port_from_range: port to be returned = %d\n", port);
+  return port;
+}
+
+int take_this_port(port_m *m, int32_t port) {
+  const lock_scope lock(port_map_lock);
+  return script_result(set_port(m, port), SCRIPT_OK);
+}
+
+int give_port_back(port_m *m, int32_t port, int done) {
+  LM_DBG("Received port to be freed = %d\n", port);
+  beside_port_map_lock();
+  return script_result(free_port(m, port), done);
+}
+
+int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
+  const host_log_scope log;
+  char word[WORD_SIZE];
+  if (!print(msg, map_slot, word, UNPRINTABLE_SELECT)) return SCRIPT_FAILED;
+  // The line shows the query that the process printed last, here and for a range: log filters know
+  // it so.
+  port_m *const m = find_map(word, query_buf);
+  return m != nullptr ? take_port(m) : SCRIPT_FAILED;
 }
 
 int tarn_memdb_get_port(sip_msg *msg, char *map_slot, char *avp) {
@@ -119,12 +141,7 @@ int tarn_memdb_get_port_from_range(sip_msg *msg, char *map_slot, char *base_slot
   if (!print(msg, map_slot, text, UNPRINTABLE_SELECT)) return SCRIPT_FAILED;
   LM_DBG("Base port received %d, for range %s\n", base, text);
   port_m *const m = find_map(text, query_buf);
-  if (m == nullptr) return SCRIPT_FAILED;
-  const lock_scope lock(port_map_lock);
-  const int32_t port = find_free_port_in_range(m, base);
-  if (port != NO_PORT) set_port(m, port);
-  LM_DBG("tarn_memdb_get_port_from_range: port to be returned = %d\n", port);
-  return port;
+  return m != nullptr ? take_port_from_range(m, base) : SCRIPT_FAILED;
 }
 
 int tarn_memdb_set_port(sip_msg *msg, char *port_slot, char *map_slot) {
@@ -134,9 +151,7 @@ int tarn_memdb_set_port(sip_msg *msg, char *port_slot, char *map_slot) {
   const int32_t port = atoi(text);
   if (!print(msg, map_slot, text, UNPRINTABLE)) return SCRIPT_UNPRINTABLE;
   port_m *const m = find_map(text, text);
-  if (m == nullptr) return SCRIPT_FAILED;
-  const lock_scope lock(port_map_lock);
-  return script_result(set_port(m, port), SCRIPT_OK);
+  return m != nullptr ? take_this_port(m, port) : SCRIPT_FAILED;
 }
 
 int tarn_memdb_free_port(sip_msg *msg, char *map_slot, char *port_slot) {
@@ -146,11 +161,7 @@ int tarn_memdb_free_port(sip_msg *msg, char *map_slot, char *port_slot) {
   if (!print(msg, map_slot, word, UNPRINTABLE) || !print(msg, port_slot, text, UNPRINTABLE))
     return SCRIPT_UNPRINTABLE;
   port_m *const m = find_map(word, word);
-  if (m == nullptr) return SCRIPT_FAILED;
-  const int32_t port = atoi(text);
-  LM_DBG("Received port to be freed = %d\n", port);
-  beside_port_map_lock();
-  return script_result(free_port(m, port), SCRIPT_PORT_FREED);
+  return m != nullptr ? give_port_back(m, atoi(text), SCRIPT_PORT_FREED) : SCRIPT_FAILED;
 }
 
 int tarn_memdb_clear_pmap(sip_msg *, char *, char *) {

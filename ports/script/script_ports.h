@@ -4,6 +4,25 @@
 #pragma once
 
 #include "host/abi.h"
+#include "ports/port_map.h"
+
+// The functions behind their parameters, for every script language. Each takes port_map_lock, but
+// for the last.
+
+// Takes the port that is next: the port, or -1 if the map is exhausted.
+int take_port(port_m *m);
+
+// Takes the first free port of the private range with that base port: the port; 0 from a map
+// without private ranges; -1 if there is none.
+int take_port_from_range(port_m *m, int32_t base);
+
+// Takes the port: 1, or -2 out of range.
+int take_this_port(port_m *m, int32_t port);
+
+// Gives back one holder of the port: done, or -2 out of range.
+int give_port_back(port_m *m, int32_t port, int done);
+
+// The native script's functions.
 
 // map: the word of a port map. Takes the port that is next and gives it as the result; -1 if the
 // map is exhausted or the word is wrong.

@@ -8,6 +8,7 @@
 #include "query/text/field_strings.h"
 #include "script/params/read_param.h"
 #include "script/select/row_list.h"
+#include "script/select/select_bodies.h"
 #include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 
@@ -52,13 +53,13 @@ void take_key(select_run *run, prefix_search *search) {
   LM_DBG("memdb_select_best_match: max_res (%d) \n", run->max_res());
 }
 
-bool read_search(select_run *run, const char *column_text, const num_or_pv *flags,
-                 prefix_search *search) {
-  const int32_t column = column_number(column_text);
+bool read_search(select_run *run, const prefix_params &params, prefix_search *search) {
   int32_t left_out = 0;
-  if (flags != nullptr && !read_number(run->msg, flags, FLAGS_NOT_INTEGER, &left_out)) return false;
-  if (!check_column(*run, column, COLUMN_TEXTS, has_key)) return false;
-  search->column = static_cast<uint32_t>(column);
+  if (params.left_out != nullptr &&
+      !read_number(run->msg, params.left_out, FLAGS_NOT_INTEGER, &left_out))
+    return false;
+  if (!check_column(*run, params.column, COLUMN_TEXTS, has_key)) return false;
+  search->column = static_cast<uint32_t>(params.column);
   // Widened with its sign and then taken without it: a negative number leaves everything out.
   search->left_out = static_cast<size_t>(static_cast<int64_t>(left_out));
   take_key(run, search);
@@ -190,39 +191,59 @@ void scan(const select_run &run, const prefix_search &search, best_rows *best) {
   }
 }
 
-int select_best_match(sip_msg *msg, const select_params &params, const char *column_text,
-                      const num_or_pv *flags, const select_flavour &flavour) {
+// Asks for the look-up of such searches, if the table could do with it. The first call of many in
+// any process waits for the table's lock, the others don't come to it.
+void want_look_up(const select_run &run, int32_t column) {
+  tarn_tbl *const table = run.query.table;
+  uint32_t given;
+  if (!memdb_lacks_prefixes(
+          table->tbl, {static_cast<uint32_t>(column), "", run.query.flds, run.max_res()}, &given))
+    return;
+  const lock_scope lock(table->lock);
+  memdb_want_prefixes(rows_to_change(table), static_cast<uint32_t>(column), given);
+}
+
+int select_longest(sip_msg *msg, const select_params &params, const char *column,
+                   const char *left_out, const select_flavour &flavour) {
+  return select_best_match(
+      msg, params,
+      {column_number(column), reinterpret_cast<const num_or_pv *>(left_out), look_ups::told},
+      flavour);
+}
+
+}  // namespace
+
+int select_best_match(sip_msg *msg, const select_params &params, const prefix_params &prefix,
+                      const select_flavour &flavour) {
   const host_log_scope log;
   select_run run(msg);
   if (!start_select_or_fail(&run, params, flavour.target)) return SCRIPT_FAILED;
+  if (prefix.look_up == look_ups::asked_for) want_look_up(run, prefix.column);
   const table_scope scope(run.table(), flavour.access);
   prefix_search search;
-  if (!read_search(&run, column_text, flags, &search)) return SCRIPT_FAILED;
+  if (!read_search(&run, prefix, &search)) return SCRIPT_FAILED;
   best_rows best(search);
   if (!look_up(run, search, &best)) scan(run, search, &best);
   return deliver_held(&run, best.rows(), FOUND);
 }
 
-}  // namespace
-
 int tarn_memdb_select_best_match(sip_msg *msg, char *query, char *avps, char *column) {
-  return select_best_match(msg, {query, avps}, column, nullptr, LOCKED_AVPS);
+  return select_longest(msg, {query, avps}, column, nullptr, LOCKED_AVPS);
 }
 
 int tarn_memdb_nl_select_best_match(sip_msg *msg, char *query, char *avps, char *column) {
-  return select_best_match(msg, {query, avps}, column, nullptr, UNLOCKED_AVPS);
+  return select_longest(msg, {query, avps}, column, nullptr, UNLOCKED_AVPS);
 }
 
 int tarn_memdb_nl_select_best_match_prefix(sip_msg *msg, char *query, char *avps, char *column,
                                            char *flags) {
-  return select_best_match(msg, {query, avps}, column, reinterpret_cast<const num_or_pv *>(flags),
-                           UNLOCKED_AVPS);
+  return select_longest(msg, {query, avps}, column, flags, UNLOCKED_AVPS);
 }
 
 int tarn_memdb_xavp_select_best_match(sip_msg *msg, char *query, char *xavp, char *column) {
-  return select_best_match(msg, {query, xavp}, column, nullptr, LOCKED_XAVP);
+  return select_longest(msg, {query, xavp}, column, nullptr, LOCKED_XAVP);
 }
 
 int tarn_memdb_nl_xavp_select_best_match(sip_msg *msg, char *query, char *xavp, char *column) {
-  return select_best_match(msg, {query, xavp}, column, nullptr, UNLOCKED_XAVP);
+  return select_longest(msg, {query, xavp}, column, nullptr, UNLOCKED_XAVP);
 }

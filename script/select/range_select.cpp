@@ -10,6 +10,7 @@
 #include "script/params/read_param.h"
 #include "script/params/special_slot.h"
 #include "script/select/row_list.h"
+#include "script/select/select_bodies.h"
 #include "script/select/select_functions.h"
 #include "script/select/select_run.h"
 
@@ -27,30 +28,29 @@ constexpr column_texts COLUMN_TEXTS{
 // thresholds.
 constexpr int32_t MOST_ROWS_COUNTED = 32000;
 
-// The slots of the third to fifth parameter.
-struct range_params {
-  const char *column;
-  const char *lower;
-  const char *upper;
-};
-
 struct number_range {
   uint32_t column;
   int32_t lower;
   int32_t upper;
 };
 
+// The third to fifth parameter as the fix-ups left them.
+range_params params_in(const char *column, const char *lower, const char *upper) {
+  return {column_number(column), reinterpret_cast<const num_or_pv *>(lower),
+          reinterpret_cast<const num_or_pv *>(upper)};
+}
+
 // A limit that isn't given is 0.
-bool read_limit(sip_msg *msg, const char *slot, const message_text<> &not_integer, int32_t *limit) {
+bool read_limit(sip_msg *msg, const num_or_pv *given, const message_text<> &not_integer,
+                int32_t *limit) {
   *limit = 0;
-  return slot == nullptr ||
-         read_number(msg, reinterpret_cast<const num_or_pv *>(slot), not_integer, limit);
+  return given == nullptr || read_number(msg, given, not_integer, limit);
 }
 
 // Reads limits and column, and makes the column a wildcard of the query: what the query says there
 // has no meaning.
 bool read_range(select_run *run, const range_params &params, number_range *range) {
-  const int32_t column = column_number(params.column);
+  const int32_t column = params.column;
   if (!read_limit(run->msg, params.lower, LOWER_NOT_INTEGER, &range->lower) ||
       !read_limit(run->msg, params.upper, UPPER_NOT_INTEGER, &range->upper) ||
       !check_column(*run, column, COLUMN_TEXTS))
@@ -180,16 +180,19 @@ int deliver_outside(select_run *run, const number_range &range) {
   return result == SCRIPT_OK ? outside.count() : result;
 }
 
-// Counts and delivers nothing, so that a call that doesn't fail finds no row; the count goes into
-// the target.
-int count_above(select_run *run, const number_range &range, char *target) {
+int32_t count_above(select_run *run, const number_range &range) {
   rows_above above(*run, range);
   const int32_t most = std::min(run->max_res(), MOST_ROWS_COUNTED);
   memdb_visit(run->tbl(), run->query.flds, most, [&above](const memdb_row *row, int32_t index) {
     above.visit(row, index);
     return true;
   });
-  report_count(run->msg, target, above.count());
+  return above.count();
+}
+
+// Delivers nothing, so that a call that doesn't fail finds no row; the count goes into the target.
+int tell_above(select_run *run, const number_range &range, char *target) {
+  report_count(run->msg, target, count_above(run, range));
   LM_DBG("ALARM REG_USERS DBG Returning row count result: %d (found=%d, xavp_buff='%s')\n",
          SCRIPT_NO_ROW, 0, printable(nullptr));
   return SCRIPT_NO_ROW;
@@ -197,15 +200,23 @@ int count_above(select_run *run, const number_range &range, char *target) {
 
 }  // namespace
 
+int select_out_of_range(sip_msg *msg, const select_params &select, const range_params &params) {
+  return select_in_range(msg, select, params, deliver_outside);
+}
+
+int32_t count_above_limit(sip_msg *msg, char *query, const range_params &params) {
+  return select_in_range(msg, {query, nullptr}, params, count_above);
+}
+
 int tarn_memdb_nl_select_field_out_of_range(sip_msg *msg, char *query, char *avps, char *column,
                                             char *lower, char *upper) {
-  return select_in_range(msg, {query, avps}, {column, lower, upper}, deliver_outside);
+  return select_out_of_range(msg, {query, avps}, params_in(column, lower, upper));
 }
 
 int tarn_memdb_nl_select_field_within_the_range(sip_msg *msg, char *query, char *avps, char *column,
                                                 char *lower, char *upper, char *target) {
-  return select_in_range(msg, {query, avps}, {column, lower, upper},
+  return select_in_range(msg, {query, avps}, params_in(column, lower, upper),
                          [target](select_run *run, const number_range &range) {
-                           return count_above(run, range, target);
+                           return tell_above(run, range, target);
                          });
 }

@@ -25,7 +25,9 @@ int tarn_memdb_nl_select_field_out_of_range(sip_msg *msg, char *query, char *avp
 int tarn_memdb_nl_select_field_within_the_range(sip_msg *msg, char *query, char *avps, char *column,
                                                 char *lower, char *upper, char *target);
 
-// Select by source address or user; see subnet_select.cpp.
+// Select by source address or user; see subnet_select.cpp. Longer parts of a request than this,
+// terminator included, aren't printed.
+inline constexpr size_t REQUEST_PART_SIZE = 256;
 int tarn_memdb_nl_select_subnetmask(sip_msg *msg, char *query, char *avps, char *source,
                                     char *from_user, char *contact_user);
 

@@ -22,8 +22,6 @@ constexpr uint32_t FROM_FLAG_COL = 14;
 constexpr uint32_t CT_FLAG_COL = 15;
 constexpr uint32_t SUBSCRIBER_COLUMNS = 16;
 
-constexpr size_t PART_SIZE = 256;
-
 // The slots of the third to fifth parameter.
 struct request_slots {
   char *source;
@@ -33,9 +31,9 @@ struct request_slots {
 
 // What the rows are matched against.
 struct request {
-  char source[PART_SIZE];
-  char from_user[PART_SIZE];
-  char contact_user[PART_SIZE];
+  char source[REQUEST_PART_SIZE];
+  char from_user[REQUEST_PART_SIZE];
+  char contact_user[REQUEST_PART_SIZE];
 };
 
 // How the log speaks of a user of the request.
@@ -111,7 +109,7 @@ struct user_flags {
 
 // True if the user belongs to the row's domain.
 bool belongs(const char *user, const user_texts &texts, const char *row_domain) {
-  char domain[PART_SIZE] = "";
+  char domain[REQUEST_PART_SIZE] = "";
   if (!tarn_memdb_select_dn(user, domain)) {
     LM_TEXT(L_DBG, texts.no_domain);
     return false;

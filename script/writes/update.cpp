@@ -5,8 +5,10 @@
 #include "query/text/buffers.h"
 #include "query/text/field_strings.h"
 #include "script/params/script_query.h"
+#include "script/writes/write_bodies.h"
 #include "script/writes/write_functions.h"
 #include "script/writes/write_texts.h"
+#include "tables/files/storable_values.h"
 #include "tables/rows/row_writes.h"
 
 namespace {
@@ -27,10 +29,13 @@ bool print_values(sip_msg *msg, const char *slot, str *text) {
   return true;
 }
 
-// Splits the new values, given by position or by name, into one text per column.
-bool parse_values(const script_query &query, str list, query_in *values) {
+// Splits the new values, given by position or, where all are taken, by name, into one text per
+// column.
+bool split_values(const script_query &query, str list, taken_values taken, query_in *values) {
   values->table = query.table;
-  const conversion outcome = tarn_memdb_convert_query_param_list(&list, query.table, nullptr);
+  const conversion outcome = taken == taken_values::all
+                                 ? tarn_memdb_convert_query_param_list(&list, query.table, nullptr)
+                                 : conversion::positional;
   if (outcome == conversion::failed) return false;
   values->flds = tarn_memdb_create_fields(list, &query.table->tbl->col_cnt);
   if (outcome == conversion::converted) pkg_free(list.s);
@@ -39,9 +44,15 @@ bool parse_values(const script_query &query, str list, query_in *values) {
   return false;
 }
 
+bool parse_values(const script_query &query, str list, taken_values taken, query_in *values) {
+  return split_values(query, list, taken, values) &&
+         (taken == taken_values::all || are_storable(values->table, values->flds, 0));
+}
+
 }  // namespace
 
-int tarn_memdb_update(sip_msg *msg, char *slot, char *values_slot) {
+int update_matching_rows(sip_msg *msg, const char *slot, const char *values_slot,
+                         taken_values taken) {
   const host_log_scope log;
   str text;
   str list;
@@ -49,11 +60,15 @@ int tarn_memdb_update(sip_msg *msg, char *slot, char *values_slot) {
   query_scope values;
   if (!print_query(msg, slot, TEXTS, &text) || !print_values(msg, values_slot, &list) ||
       !parse_query(text, OP_SELECT, TEXTS.unparsed, &query) ||
-      !parse_values(query, list, &values)) {
+      !parse_values(query, list, taken, &values)) {
     LM_TEXT(L_ERR, UPDATE_FAILED);
     return SCRIPT_FAILED;
   }
   const lock_scope lock(query.table->lock);
   const int32_t selected = update_rows(query.table, &query, &values, set_given_columns, UPDATED);
   return selected != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
+}
+
+int tarn_memdb_update(sip_msg *msg, char *query, char *values) {
+  return update_matching_rows(msg, query, values, taken_values::all);
 }
