@@ -3,6 +3,7 @@
 #pragma once
 
 #include "host/abi.h"
+#include "host/kemi.h"
 
 extern "C" {
 
@@ -33,6 +34,10 @@ cmd_function find_export(const char *name, int param_no, int flags);
 
 // Not 0 once the host has run all fix-ups of its start. Not every host offers it.
 extern int fixup_complete __attribute__((weak));
+
+// Offers functions to the host's other script languages; functions ends in a row of nulls and is
+// kept. Negative if the host has no room for one more module. Not every host offers it.
+int sr_kemi_modules_add(sr_kemi_t *functions) __attribute__((weak));
 
 // Preparing script parameters.
 int pv_parse_format(str *text, pv_elem_t **format);

@@ -8,6 +8,7 @@
 #include "host/pv_module.h"
 #include "ports/port_map.h"
 #include "rpc/rpc_commands.h"
+#include "script/kemi/kemi_exports.h"
 #include "script/params/special_slot.h"
 #include "tables/files/table_files.h"
 #include "tables/schema.h"
@@ -72,6 +73,7 @@ int mod_init() {
     LM_CRIT("Failed to register RPC commands\n");
     return -1;
   }
+  if (!offer_to_script_languages()) return -1;
   if (!make_shared_records() || !start_timer()) return -1;
   if (!host_import_pv()) {
     LM_ERR("Cannot import pv functions (pv module must be loaded before this module)\n");
