@@ -13,8 +13,8 @@ port_m *find_map(const str *word, const kemi_param &param) {
   if (!is_good_text(word, param, TEXT_BUFFER_SIZE)) return nullptr;
   port_m *const m = port_map_by_word(text_of(*word));
   if (m == nullptr)
-    LM_ERR("KSR.tarn_memdb.%s: '%.*s' is not EXT, INT, STATIC_EXT or STATIC_INT\n", param.function,
-           word->len, word->s);
+    LM_ERR("'%.*s' is no port map, as EXT, INT, STATIC_EXT and STATIC_INT are\n", word->len,
+           word->s);
   return m;
 }
 
@@ -22,25 +22,25 @@ port_m *find_map(const str *word, const kemi_param &param) {
 
 int kemi_get_port(sip_msg *, str *map) {
   const host_log_scope log;
-  port_m *const m = find_map(map, {"get_port", 1});
+  port_m *const m = find_map(map, 1);
   return m != nullptr ? take_port(m) : SCRIPT_FAILED;
 }
 
 int kemi_get_port_from_range(sip_msg *, str *map, int base) {
   const host_log_scope log;
-  port_m *const m = find_map(map, {"get_port_from_range", 1});
+  port_m *const m = find_map(map, 1);
   return m != nullptr ? take_port_from_range(m, base) : SCRIPT_FAILED;
 }
 
 int kemi_set_port(sip_msg *, int port, str *map) {
   const host_log_scope log;
-  port_m *const m = find_map(map, {"set_port", 2});
+  port_m *const m = find_map(map, 2);
   return m != nullptr ? take_this_port(m, port) : SCRIPT_FAILED;
 }
 
 int kemi_free_port(sip_msg *, str *map, int port) {
   const host_log_scope log;
-  port_m *const m = find_map(map, {"free_port", 1});
+  port_m *const m = find_map(map, 1);
   return m != nullptr ? give_port_back(m, port, SCRIPT_OK) : SCRIPT_FAILED;
 }
 

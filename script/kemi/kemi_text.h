@@ -4,12 +4,23 @@
 #include <string_view>
 
 #include "host/abi.h"
+#include "host/log.h"
 #include "query/text/buffers.h"
 
-// Which parameter of which function, for messages.
+// The function that a message's head names: whichever of the module's a script has called.
+struct kemi_site : host_log_site {
+  kemi_site(const char *in_file = __builtin_FILE(), int at_line = __builtin_LINE(),
+            const char *in_function = __builtin_FUNCTION())
+      : host_log_site{in_file, at_line, in_function} {}
+};
+
+// A parameter of it, counted from 1.
 struct kemi_param {
-  const char *function;
+  // NOLINTNEXTLINE(google-explicit-constructor): functions give the number alone.
+  kemi_param(int place, const kemi_site &of = {}) : number(place), site(of) {}
+
   int number;
+  kemi_site site;
 };
 
 // Whether a text of no characters is one.

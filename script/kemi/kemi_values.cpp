@@ -54,8 +54,7 @@ sr_kemi_xval_t *kemi_escape(sip_msg *, str *text) {
   if (is_empty(text)) return give_text({update_buf, 0});
   const uint32_t size = tarn_memdb_escaped_len(text);
   if (size >= sizeof(update_buf)) {
-    LM_ERR("KSR.tarn_memdb.escape: %d bytes come to %d, for which no query has room\n", text->len,
-           static_cast<int>(size));
+    LM_ERR("%d bytes come to %d, for which no query has room\n", text->len, static_cast<int>(size));
     return give_null();
   }
   // A zero byte goes through: whatever query it comes to refuses it, without ending the script.
@@ -68,8 +67,7 @@ sr_kemi_xval_t *kemi_escape(sip_msg *, str *text) {
 sr_kemi_xval_t *kemi_get(sip_msg *msg, str *query, int column) {
   const host_log_scope log;
   kemi_text text;
-  if (!text.take(query, {"get", 1}) ||
-      select_text(msg, text.slot(), column, copy_to_result) != SCRIPT_OK)
+  if (!text.take(query, 1) || select_text(msg, text.slot(), column, copy_to_result) != SCRIPT_OK)
     return give_null();
   return &result;
 }

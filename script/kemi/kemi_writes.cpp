@@ -9,7 +9,7 @@
 int kemi_insert(sip_msg *msg, str *query) {
   const host_log_scope log;
   kemi_text text;
-  if (!text.take(query, {"insert", 1})) return SCRIPT_FAILED;
+  if (!text.take(query, 1)) return SCRIPT_FAILED;
   return insert_row(msg, text.slot(), taken_values::storable);
 }
 
@@ -17,27 +17,27 @@ int kemi_update(sip_msg *msg, str *query, str *values) {
   const host_log_scope log;
   kemi_text text;
   kemi_text list;
-  if (!text.take(query, {"update", 1}) || !list.take(values, {"update", 2})) return SCRIPT_FAILED;
+  if (!text.take(query, 1) || !list.take(values, 2)) return SCRIPT_FAILED;
   return update_matching_rows(msg, text.slot(), list.slot(), taken_values::storable);
 }
 
 int kemi_delete(sip_msg *msg, str *query) {
   const host_log_scope log;
   kemi_text text;
-  if (!text.take(query, {"delete", 1})) return SCRIPT_FAILED;
+  if (!text.take(query, 1)) return SCRIPT_FAILED;
   return tarn_memdb_delete(msg, text.slot(), nullptr);
 }
 
 int kemi_clear_tbl(sip_msg *msg, str *table) {
   const host_log_scope log;
   kemi_text name;
-  if (!name.take(table, {"clear_tbl", 1}, TARN_NAME_SIZE)) return SCRIPT_FAILED;
+  if (!name.take(table, 1, TARN_NAME_SIZE)) return SCRIPT_FAILED;
   return tarn_memdb_clear_tbl(msg, name.slot(), nullptr);
 }
 
 int kemi_row_count(sip_msg *msg, str *table) {
   const host_log_scope log;
   kemi_text name;
-  if (!name.take(table, {"row_count", 1}, TARN_NAME_SIZE)) return SCRIPT_FAILED;
+  if (!name.take(table, 1, TARN_NAME_SIZE)) return SCRIPT_FAILED;
   return count_table_rows(msg, name.slot());
 }
