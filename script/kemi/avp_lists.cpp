@@ -41,7 +41,7 @@ bool is_plain_name(std::string_view item) {
   item.remove_suffix(1);
   return std::none_of(item.begin(), item.end(), [](char c) {
     constexpr std::string_view OF_EXPRESSIONS = "$(){}[]";
-    return static_cast<unsigned char>(c) <= ' ' || OF_EXPRESSIONS.find(c) != OF_EXPRESSIONS.npos;
+    return static_cast<unsigned char>(c) <= ' ' || OF_EXPRESSIONS.find(c) != std::string_view::npos;
   });
 }
 

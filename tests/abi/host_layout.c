@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "core/dprint.h"
+#include "core/kemi.h"
 #include "core/mem/pkg.h"
 #include "core/mem/shm.h"
 #include "core/mod_fix.h"
@@ -23,6 +24,22 @@
 #define TEXT char *
 #define PARAM_CLASS pclass_t
 #define IS_TYPE(left, right) (__builtin_types_compatible_p(left, right) ? 1 : -2)
+
+/* The record of pointers that the module has instead of casts. */
+typedef struct {
+  sr_kemi_fm_f none;
+  sr_kemi_fms_f s;
+  sr_kemi_fmss_f ss;
+  sr_kemi_fmsn_f sn;
+  sr_kemi_fmns_f ns;
+  sr_kemi_fmsnn_f snn;
+  sr_kemi_fmssn_f ssn;
+  sr_kemi_fmssnn_f ssnn;
+  sr_kemi_fmssnnn_f ssnnn;
+  sr_kemi_fmsssss_f sssss;
+  sr_kemi_xfms_f value_of_s;
+  sr_kemi_xfmsn_f value_of_sn;
+} kemi_function;
 
 #define RECORD(own, host) {"sizeof " #own, sizeof(host)},
 #define MEMBER(own, own_member, host, member)               \

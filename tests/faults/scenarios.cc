@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include "tests/standin/kemi.h"
+
 namespace faults {
 namespace {
 
@@ -123,6 +125,75 @@ const std::vector<function_call> &function_calls() {
   return all;
 }
 
+// What other script languages call: what is the native functions' own beyond the parameters is
+// tried with those.
+struct language_call {
+  std::string function;
+  std::vector<standin::kemi_value> values;
+  bool in_parts = false;
+  bool stores = false;
+  row_count rows = row_count::few;
+};
+
+const std::vector<language_call> &language_calls() {
+  static const std::string all_remotes = "remotes,*|*|*|*|*|*|*|*|*|*|*|*|*|*|*|*";
+  static const std::vector<language_call> all = {
+      {"insert", {"phones,dave|sip:dave@10.0.0.9|$fU"}},
+      {"insert", {"phones,dave|sip:dave\\|x|"}},
+      {"insert", {"media,|call-2|a|alice|21003|WAN|22003|0|0"}},
+      {"delete", {"phones,bob|*|*"}},
+      {"delete", {"phones"}},
+      {"clear_tbl", {"phones"}, false, true},
+      {"update", {"phones,bob|*|*", "*|sip:bob@10.0.0.77|10.0.0.77"}},
+      {"update", {"phones,bob|*|*", "*|\\*|*"}},
+      {"row_count", {"gateways"}},
+      {"select", {"phones,bob|*|*", "|$avp(b)|$avp(c)"}},
+      {"nl_select", {"gateways,world|44|*|*,1", "||$avp(c)"}},
+      {"xavp_select", {"phones,bob|*|*", "callee"}},
+      {"nl_xavp_select", {"gateways,local|*|*|*", "gw"}},
+      {"select_best_match", {"gateways,world|39061|*|*", "|$avp(b)|$avp(c)", 1}},
+      {"select_best_match",
+       {"gateways,world|39061|*|*", "|$avp(b)|$avp(c)", 1},
+       false,
+       false,
+       row_count::many},
+      {"nl_select_best_match",
+       {"gateways,world|4420|*|*", "||$avp(c)", 1},
+       false,
+       false,
+       row_count::many},
+      {"nl_select_best_match_prefix", {"gateways,world|3907|*|*", "||$avp(c)", 1, 1}},
+      {"xavp_select_best_match", {"gateways,world|39061|*|*", "gw", 1}},
+      {"nl_xavp_select_best_match", {"gateways,world|4420|*|*", "gw", 1}},
+      {"nl_select_field_out_of_range", {"gateways,world|*|*|*", "||$avp(c)", 3, 15, 50}},
+      {"nl_select_field_within_the_range", {"gateways,world|*|*|*", 3, 20}},
+      {"nl_select_subnetmask", {all_remotes, "|$avp(b)", "192.0.2.9", "mallory", "bob"}},
+      {"get_port", {"EXT"}},
+      {"get_port_from_range", {"INT", 21006}},
+      {"set_port", {21000, "INT"}},
+      {"free_port", {"INT", 21001}},
+      {"clear_pmap", {}, false, true},
+      {"escape", {"a|b"}},
+      {"get", {"phones,bob|*|*", 1}},
+      {"get", {"phones,nobody|*|*", 1}},
+  };
+  return all;
+}
+
+std::string words_of(const language_call &call) {
+  std::string out = "KSR.tarn_memdb." + call.function + "(";
+  for (const standin::kemi_value &each : call.values)
+    if (const auto *const text = std::get_if<std::string>(&each)) out += *text + ";";
+  return out + ")" + (call.rows == row_count::many ? " on many rows" : "");
+}
+
+std::string result_of(world &w, const language_call &call) {
+  const standin::kemi_result result =
+      standin::kemi_call(*standin::kemi_find(call.function), call.values, &w.msg);
+  if (result.kind == SR_KEMIP_INT) return std::to_string(result.number);
+  return result.kind == SR_KEMIP_NULL ? "- null" : result.text;
+}
+
 std::string words_of(const function_call &call) {
   std::string out = call.function + "(";
   for (size_t i = 0; i < call.parameters.size(); i++)
@@ -240,6 +311,10 @@ std::vector<scenario> all_scenarios() {
                    },
                    result_of_call, each.in_parts, each.stores, false, each.host});
   }
+  for (const language_call &each : language_calls())
+    out.push_back({words_of(each), phase::run, nothing,
+                   [each](world &w) { return result_of(w, each); }, each.in_parts, each.stores,
+                   false, host_kind::exported_explode, each.rows});
   for (const command &each : COMMANDS) {
     const std::string first = each.arguments.empty() ? "" : " " + each.arguments[0].text;
     const bool loads = each.files != nullptr;

@@ -7,6 +7,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/standin/kemi.h"
+
 namespace faults {
 namespace {
 
@@ -169,6 +171,7 @@ std::string world::path(const std::string &table, bool backup) const {
 
 void world::open() {
   std::string error;
+  standin::forget_kemi();
   standin::set_host_kind(host_);
   standin::set_debug_level(module_test::ALERT_LEVEL - 1);
   module_ = standin::load_module(

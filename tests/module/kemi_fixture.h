@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tests/module/all_in_one_table.h"
+#include "tests/module/kept_blocks.h"
 #include "tests/module/shared_view.h"
 #include "tests/standin/kemi.h"
 
@@ -27,7 +28,7 @@ class KemiTest : public SharedViewTest {
     kemi_result result = standin::kemi_call(*found, given, &msg);
     for (const standin::block_info &block : standin::live_blocks(pool::pkg, "tarn_memdb"))
       if (block.serial > before) {
-        EXPECT_TRUE(is_kept(block)) << block.func << " leaves a block in " << function;
+        EXPECT_TRUE(is_kept_for_languages(block)) << block.func << " leaves a block in " << function;
       }
     EXPECT_EQ(standin::open_streams(), 0) << "left by " << function;
     return result;
@@ -45,12 +46,6 @@ class KemiTest : public SharedViewTest {
     if (result.kind == SR_KEMIP_NULL) return "<null>";
     EXPECT_EQ(result.kind, SR_KEMIP_STR) << function;
     return result.text;
-  }
-
-  // What a process keeps, within bounds: lists of names, and room for the longest value given.
-  static bool is_kept(const standin::block_info &block) {
-    return block.func == "room_for" || block.func.rfind("make_record", 0) == 0 ||
-           block.func == "parse_and_keep";
   }
 };
 

@@ -8,7 +8,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const table USERS = {"users", {{"name"}, {"age"}, {"city"}}, 5000};
+const table USERS = {"users", {{"name", 31, true}, {"age", 31, true}, {"city"}}, 5000};
 constexpr size_t COLUMNS = 3;
 
 class KemiValuesTest : public KemiTest {

@@ -66,6 +66,11 @@ const std::set<std::string> HOST_SYMBOLS = {
     "pv_get_avp_name", "pv_get_spec_value",    "pv_parse_format",    "pv_parse_spec2",
     "pv_printf",       "pv_set_spec_value",    "register_timer",     "rpc_register_array"};
 
+// What not every host offers, and what the compiler's own start-up code asks for.
+const std::set<std::string> WEAK_HOST_SYMBOLS = {"fixup_complete", "sr_kemi_modules_add"};
+const std::set<std::string> WEAK_START_UP_SYMBOLS = {
+    "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable", "__cxa_finalize", "__gmon_start__"};
+
 #ifndef EXPECTED_FLAGS
 #define EXPECTED_FLAGS                                                                   \
   "USE_TCP, USE_TLS, USE_SCTP, TLS_HOOKS, USE_RAW_SOCKS, DISABLE_NAGLE, USE_MCAST, "     \
@@ -255,6 +260,23 @@ TEST_F(ShellTest, TheFileAsksForNothingBeyondTheHostAndTheCLibrary) {
     EXPECT_NE(dlsym(libc, symbol.name.c_str()), nullptr) << symbol.name;
   }
   dlclose(libc);
+}
+
+TEST_F(ShellTest, TwoSymbolsOfTheHostAreDoneWithoutWhereThereAreNone) {
+  std::set<std::string> weak;
+  for (const elf_symbol &symbol : elf_file(TARN_MODULE_FILE).dynamic_symbols()) {
+    if (symbol.defined || !symbol.weak || WEAK_START_UP_SYMBOLS.count(symbol.name) != 0) continue;
+#ifdef TARN_INSTRUMENTED
+    if (symbol.name.rfind("__", 0) == 0) continue;
+#endif
+    weak.insert(symbol.name);
+  }
+  EXPECT_EQ(weak, WEAK_HOST_SYMBOLS);
+  // This program is such a host.
+  for (const std::string &name : WEAK_HOST_SYMBOLS)
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, name.c_str()), nullptr) << name;
+  start({});
+  EXPECT_EQ(run("tarn_memdb_clear_pmap", {}), 1);
 }
 
 #ifndef TARN_INSTRUMENTED

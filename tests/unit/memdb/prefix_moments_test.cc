@@ -182,6 +182,12 @@ TEST_F(PrefixMomentsTest, ARowThatComesIntoTheGroupIsFoundOrNot) {
   EXPECT_EQ(found_name(KEY), "new");
 }
 
+TEST_F(PrefixMomentsTest, ALookUpThatIsAskedForAnswersOnceItHasAllRows) {
+  memdb_unwant_prefixes(table);
+  expect_right_at_each_moment([] { memdb_want_prefixes(table, PREFIX, 1); });
+  EXPECT_EQ(found_name(KEY), "stays");
+}
+
 TEST_F(PrefixMomentsTest, SlotsGrowAndAreMadeWithNoRowMissing) {
   for (int i = 0; i < 43; i++) insert_route("g", "7", "filler");
   const auto part = [] { return memdb_prefix_places(table->prefixes[0].slots)[0].part; };

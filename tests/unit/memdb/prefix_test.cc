@@ -175,6 +175,50 @@ TEST_F(PrefixLookUpTest, IsNotMadeForColumnsThatCannotBeSearched) {
   memdb_destroy_tbl(wide);
 }
 
+// What a table says that a search lacks.
+
+std::optional<uint32_t> lacking(const memdb_tbl *table, uint32_t main, const values &given,
+                                int32_t most = INT32_MAX) {
+  uint32_t out = 0;
+  const bool lacks = memdb_lacks_prefixes(table, {main, "", given.data(), most}, &out);
+  return lacks ? std::optional(out) : std::nullopt;
+}
+
+TEST_F(PrefixLookUpTest, IsLackingUntilItIsAskedFor) {
+  memdb_tbl *const table = make({{7, PLAIN}, {15, PLAIN}, {7, PLAIN}});
+  insert(table, {"g", "49", "a"});
+  EXPECT_EQ(lacking(table, PREFIX, {"g", "49", ANY}), GROUP_GIVEN);
+  EXPECT_EQ(lacking(table, PREFIX, {"g", ANY, "a"}), GROUP_GIVEN | 4U);
+  memdb_want_prefixes(table, PREFIX, GROUP_GIVEN);
+  EXPECT_EQ(lacking(table, PREFIX, {"g", "49", ANY}), std::nullopt);
+  EXPECT_EQ(lacking(table, PREFIX, {ANY, "49", ANY}), 0U);
+  EXPECT_EQ(lacking(table, 2, {"g", ANY, ANY}), GROUP_GIVEN);
+}
+
+TEST_F(PrefixLookUpTest, IsNotLackingWhereItWouldntAnswerOrCantBeHad) {
+  memdb_tbl *const table = make({{7, INDEXED}, {7, PLAIN}, {7, PLAIN}, {7, PLAIN}, {7, PLAIN}});
+  const values nothing(5, ANY);
+  EXPECT_EQ(lacking(table, 1, nothing), std::nullopt) << "no more rows than a walk is made for";
+  insert(table, {"1", "1", "1", "1", "1"});
+  insert(table, {"2", "2", "2", "2", "2"});
+  EXPECT_EQ(lacking(table, 1, nothing), 0U);
+  EXPECT_EQ(lacking(table, 0, nothing), std::nullopt) << "indexed";
+  EXPECT_EQ(lacking(table, 5, nothing), std::nullopt) << "no column";
+  EXPECT_EQ(lacking(table, UINT32_MAX, nothing), std::nullopt);
+  EXPECT_EQ(lacking(table, 1, nothing, 1), std::nullopt) << "a limit below the number of rows";
+  EXPECT_EQ(lacking(table, 1, nothing, -1), std::nullopt);
+  EXPECT_EQ(lacking(table, 1, nothing, 2), 0U);
+  for (uint32_t main = 1; main < 5; main++) memdb_want_prefixes(table, main, 0);
+  EXPECT_EQ(lacking(table, 1, {"1", ANY, ANY, ANY, ANY}), std::nullopt) << "no more of them";
+
+  const std::vector<tbl_dcl> columns(33, {3, PLAIN});
+  memdb_tbl *const wide = memdb_create_tbl(columns.data(), 33);
+  const std::vector<const char *> fields(33, "1");
+  memdb_insert(wide, fields.data());
+  EXPECT_EQ(lacking(wide, 1, values(33, ANY)), std::nullopt) << "too many columns";
+  memdb_destroy_tbl(wide);
+}
+
 TEST_F(PrefixLookUpTest, CoversTheLastColumnOfAWideTable) {
   const std::vector<tbl_dcl> columns(32, {3, PLAIN});
   memdb_tbl *const wide = memdb_create_tbl(columns.data(), 32);
