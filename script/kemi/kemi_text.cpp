@@ -7,7 +7,7 @@
   HOST_LOG_AT(L_ERR, param.site.file, param.site.line, param.site.function, __VA_ARGS__)
 
 bool is_good_text(const str *text, const kemi_param &param, size_t room, empty_text empty) {
-  if (is_empty(text)) {
+  if (lacks_characters(text)) {
     if (empty == empty_text::taken) return true;
     KEMI_ERR(param, "Parameter %d is empty\n", param.number);
     return false;

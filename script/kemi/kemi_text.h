@@ -27,7 +27,7 @@ struct kemi_param {
 enum class empty_text { refused, taken };
 
 // True for a text of no characters, as other languages give one for their null.
-inline bool is_empty(const str *text) {
+inline bool lacks_characters(const str *text) {
   return text == nullptr || text->s == nullptr || text->len <= 0;
 }
 
@@ -44,7 +44,7 @@ class kemi_text {
   bool take(const str *text, const kemi_param &param, size_t room = TEXT_BUFFER_SIZE,
             empty_text empty = empty_text::refused) {
     if (!is_good_text(text, param, room, empty)) return false;
-    if (!is_empty(text)) format_.text = *text;
+    if (!lacks_characters(text)) format_.text = *text;
     return true;
   }
 

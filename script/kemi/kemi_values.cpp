@@ -51,15 +51,17 @@ bool copy_to_result(std::string_view text) {
 
 sr_kemi_xval_t *kemi_escape(sip_msg *, str *text) {
   const host_log_scope log;
-  if (is_empty(text)) return give_text({update_buf, 0});
-  const uint32_t size = tarn_memdb_escaped_len(text);
+  const str none{update_buf, 0};
+  const str *const given = lacks_characters(text) ? &none : text;
+  const uint32_t size = tarn_memdb_escaped_len(given);
   if (size >= sizeof(update_buf)) {
-    LM_ERR("%d bytes come to %d, for which no query has room\n", text->len, static_cast<int>(size));
+    LM_ERR("%d bytes come to %d, for which no query has room\n", given->len,
+           static_cast<int>(size));
     return give_null();
   }
   // A zero byte goes through: whatever query it comes to refuses it, without ending the script.
   str escaped{update_buf, 0};
-  tarn_memdb_escape(text, &escaped);
+  tarn_memdb_escape(given, &escaped);
   update_buf[escaped.len] = '\0';
   return give_text(escaped);
 }

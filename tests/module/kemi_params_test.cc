@@ -178,6 +178,20 @@ TEST_F(KemiParamsTest, ATableThatIsNoneFails) {
   EXPECT_EQ(messages().back(), err("SELECT failed!\n"));
 }
 
+TEST_F(KemiParamsTest, WithoutAMessageWhatNeedsATextPrintedFails) {
+  start_users();
+  for (const good_call &call : good_calls()) {
+    const kemi_result result =
+        standin::kemi_call(*standin::kemi_find(call.function), call.given, nullptr);
+    const bool is_of_ports = std::string(call.function).find("_port") != std::string::npos;
+    EXPECT_EQ(result.kind, std::string(call.function) == "get" ? SR_KEMIP_NULL : SR_KEMIP_INT);
+    if (result.kind == SR_KEMIP_INT && !is_of_ports) {
+      EXPECT_EQ(result.number, -1) << call.function;
+    }
+  }
+  EXPECT_EQ(rows("users"), (row_list{{"alice", "30", "rome"}, {"bob", "31", "oslo"}}));
+}
+
 TEST_F(KemiParamsTest, NothingIsEvaluated) {
   start({USERS});
   standin::set_value(msg, "$fU", "evaluated");

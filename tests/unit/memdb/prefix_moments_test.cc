@@ -82,6 +82,8 @@ int go_on() {
     return true;
   };
   memdb_mend_list(table);
+  // Asked for by the one that was killed, or now.
+  memdb_want_prefixes(table, PREFIX, 1);
   for (int i = 0; i < 3; i++) {
     insert_route("g", "493", "later");
     if (!agrees()) return 1;
