@@ -1,11 +1,9 @@
 // The exact select: rows equal to every field that the query gives.
 #include "host/log.h"
+#include "script/select/select_bodies.h"
 #include "script/select/select_functions.h"
-#include "script/select/select_run.h"
 
-namespace {
-
-int select(sip_msg *msg, const select_params &params, const select_flavour &flavour) {
+int select_rows(sip_msg *msg, const select_params &params, const select_flavour &flavour) {
   const host_log_scope log;
   select_run run(msg);
   if (start_select(&run, params, flavour.target) != select_start::ready) return select_failed();
@@ -22,20 +20,18 @@ int select(sip_msg *msg, const select_params &params, const select_flavour &flav
   return result == SCRIPT_FAILED ? select_failed() : result;
 }
 
-}  // namespace
-
 int tarn_memdb_select(sip_msg *msg, char *query, char *avps) {
-  return select(msg, {query, avps}, LOCKED_AVPS);
+  return select_rows(msg, {query, avps}, LOCKED_AVPS);
 }
 
 int tarn_memdb_nl_select(sip_msg *msg, char *query, char *avps) {
-  return select(msg, {query, avps}, UNLOCKED_AVPS);
+  return select_rows(msg, {query, avps}, UNLOCKED_AVPS);
 }
 
 int tarn_memdb_xavp_select(sip_msg *msg, char *query, char *xavp) {
-  return select(msg, {query, xavp}, LOCKED_XAVP);
+  return select_rows(msg, {query, xavp}, LOCKED_XAVP);
 }
 
 int tarn_memdb_nl_xavp_select(sip_msg *msg, char *query, char *xavp) {
-  return select(msg, {query, xavp}, UNLOCKED_XAVP);
+  return select_rows(msg, {query, xavp}, UNLOCKED_XAVP);
 }

@@ -1,6 +1,5 @@
-// The selects that read numbers, and the one that gives a text, behind their parameters, for every
-// script language. What else they are is told at the native script's functions, see
-// select_functions.h.
+// Selects behind their parameters, for every script language. What they are is told at the native
+// script's functions, see select_functions.h.
 #pragma once
 
 #include <span>
@@ -8,6 +7,8 @@
 
 #include "script/params/fixup.h"
 #include "script/select/select_run.h"
+
+int select_rows(sip_msg *msg, const select_params &params, const select_flavour &flavour);
 
 // Whether the table has been told of such searches ahead, by a fix-up, or a call that finds no
 // look-up asks for it.
