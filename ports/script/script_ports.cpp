@@ -71,26 +71,17 @@ void clear_port_table(tarn_tbl *table) {
 
 }  // namespace
 
-int take_port(port_m *m) {
-  int32_t port;
-  {
-    const lock_scope lock(port_map_lock);
-    port = m->next_free_port;
-    if (port == NO_PORT) {
-      LM_DBG("tarn_memdb_get_port: no free port available!\n");
-      return SCRIPT_FAILED;
-    }
-    set_port(m, port);
-  }
-  log_next_port(port);
+int32_t take_port(port_m *m) {
+  const lock_scope lock(port_map_lock);
+  const int32_t port = m->next_free_port;
+  if (port != NO_PORT) set_port(m, port);
   return port;
 }
 
-int take_port_from_range(port_m *m, int32_t base) {
+int32_t take_port_from_range(port_m *m, int32_t base) {
   const lock_scope lock(port_map_lock);
   const int32_t port = find_free_port_in_range(m, base);
   if (port != NO_PORT) set_port(m, port);
-  LM_DBG("tarn_memdb_get_port_from_range: port to be returned = %d\n", port);
   return port;
 }
 
@@ -100,7 +91,6 @@ int take_this_port(port_m *m, int32_t port) {
 }
 
 int give_port_back(port_m *m, int32_t port, int done) {
-  LM_DBG("Received port to be freed = %d\n", port);
   beside_port_map_lock();
   return script_result(free_port(m, port), done);
 }
@@ -112,7 +102,14 @@ int tarn_memdb_get_port1(sip_msg *msg, char *map_slot, char *) {
   // The line shows the query that the process printed last, here and for a range: log filters know
   // it so.
   port_m *const m = find_map(word, query_buf);
-  return m != nullptr ? take_port(m) : SCRIPT_FAILED;
+  if (m == nullptr) return SCRIPT_FAILED;
+  const int32_t port = take_port(m);
+  if (port == NO_PORT) {
+    LM_DBG("tarn_memdb_get_port: no free port available!\n");
+    return SCRIPT_FAILED;
+  }
+  log_next_port(port);
+  return port;
 }
 
 int tarn_memdb_get_port(sip_msg *msg, char *map_slot, char *avp) {
@@ -141,7 +138,10 @@ int tarn_memdb_get_port_from_range(sip_msg *msg, char *map_slot, char *base_slot
   if (!print(msg, map_slot, text, UNPRINTABLE_SELECT)) return SCRIPT_FAILED;
   LM_DBG("Base port received %d, for range %s\n", base, text);
   port_m *const m = find_map(text, query_buf);
-  return m != nullptr ? take_port_from_range(m, base) : SCRIPT_FAILED;
+  if (m == nullptr) return SCRIPT_FAILED;
+  const int32_t port = take_port_from_range(m, base);
+  LM_DBG("tarn_memdb_get_port_from_range: port to be returned = %d\n", port);
+  return port;
 }
 
 int tarn_memdb_set_port(sip_msg *msg, char *port_slot, char *map_slot) {
@@ -161,7 +161,10 @@ int tarn_memdb_free_port(sip_msg *msg, char *map_slot, char *port_slot) {
   if (!print(msg, map_slot, word, UNPRINTABLE) || !print(msg, port_slot, text, UNPRINTABLE))
     return SCRIPT_UNPRINTABLE;
   port_m *const m = find_map(word, word);
-  return m != nullptr ? give_port_back(m, atoi(text), SCRIPT_PORT_FREED) : SCRIPT_FAILED;
+  if (m == nullptr) return SCRIPT_FAILED;
+  const int32_t port = atoi(text);
+  LM_DBG("Received port to be freed = %d\n", port);
+  return give_port_back(m, port, SCRIPT_PORT_FREED);
 }
 
 int tarn_memdb_clear_pmap(sip_msg *, char *, char *) {

@@ -9,12 +9,12 @@
 // The functions behind their parameters, for every script language. Each takes port_map_lock, but
 // for the last.
 
-// Takes the port that is next: the port, or -1 if the map is exhausted.
-int take_port(port_m *m);
+// Takes the port that is next: the port, or NO_PORT if the map is exhausted.
+int32_t take_port(port_m *m);
 
 // Takes the first free port of the private range with that base port: the port; 0 from a map
-// without private ranges; -1 if there is none.
-int take_port_from_range(port_m *m, int32_t base);
+// without private ranges; NO_PORT if there is none.
+int32_t take_port_from_range(port_m *m, int32_t base);
 
 // Takes the port: 1, or -2 out of range.
 int take_this_port(port_m *m, int32_t port);

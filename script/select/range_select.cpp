@@ -180,7 +180,7 @@ int deliver_outside(select_run *run, const number_range &range) {
   return result == SCRIPT_OK ? outside.count() : result;
 }
 
-int32_t count_above(select_run *run, const number_range &range) {
+int32_t number_above(select_run *run, const number_range &range) {
   rows_above above(*run, range);
   const int32_t most = std::min(run->max_res(), MOST_ROWS_COUNTED);
   memdb_visit(run->tbl(), run->query.flds, most, [&above](const memdb_row *row, int32_t index) {
@@ -191,8 +191,8 @@ int32_t count_above(select_run *run, const number_range &range) {
 }
 
 // Delivers nothing, so that a call that doesn't fail finds no row; the count goes into the target.
-int tell_above(select_run *run, const number_range &range, char *target) {
-  report_count(run->msg, target, count_above(run, range));
+int count_above(select_run *run, const number_range &range, char *target) {
+  report_count(run->msg, target, number_above(run, range));
   LM_DBG("ALARM REG_USERS DBG Returning row count result: %d (found=%d, xavp_buff='%s')\n",
          SCRIPT_NO_ROW, 0, printable(nullptr));
   return SCRIPT_NO_ROW;
@@ -205,7 +205,7 @@ int select_out_of_range(sip_msg *msg, const select_params &select, const range_p
 }
 
 int32_t count_above_limit(sip_msg *msg, char *query, const range_params &params) {
-  return select_in_range(msg, {query, nullptr}, params, count_above);
+  return select_in_range(msg, {query, nullptr}, params, number_above);
 }
 
 int tarn_memdb_nl_select_field_out_of_range(sip_msg *msg, char *query, char *avps, char *column,
@@ -217,6 +217,6 @@ int tarn_memdb_nl_select_field_within_the_range(sip_msg *msg, char *query, char 
                                                 char *lower, char *upper, char *target) {
   return select_in_range(msg, {query, avps}, params_in(column, lower, upper),
                          [target](select_run *run, const number_range &range) {
-                           return tell_above(run, range, target);
+                           return count_above(run, range, target);
                          });
 }

@@ -18,7 +18,9 @@ bool is_storable_row(const query_in &in) {
   return are_storable(in.table, in.flds, in.table->use_index != 0 ? 1 : 0);
 }
 
-bool insert(sip_msg *msg, const char *slot, taken_values taken, int32_t *result) {
+}  // namespace
+
+bool insert_row(sip_msg *msg, const char *slot, taken_values taken, int32_t *result) {
   str text;
   script_query query;
   if (!print_query(msg, slot, TEXTS, &text) ||
@@ -40,16 +42,10 @@ bool insert(sip_msg *msg, const char *slot, taken_values taken, int32_t *result)
   return true;
 }
 
-}  // namespace
-
-int insert_row(sip_msg *msg, const char *query, taken_values taken) {
+int tarn_memdb_insert(sip_msg *msg, char *query, char *) {
   const host_log_scope log;
   int32_t result;
-  if (insert(msg, query, taken, &result)) return result;
+  if (insert_row(msg, query, taken_values::all, &result)) return result;
   LM_TEXT(L_ERR, INSERT_FAILED);
   return SCRIPT_FAILED;
-}
-
-int tarn_memdb_insert(sip_msg *msg, char *query, char *) {
-  return insert_row(msg, query, taken_values::all);
 }

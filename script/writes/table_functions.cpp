@@ -4,6 +4,7 @@
 #include "script/params/script_query.h"
 #include "script/writes/write_bodies.h"
 #include "script/writes/write_functions.h"
+#include "script/writes/write_texts.h"
 #include "tables/files/table_files.h"
 #include "tables/rows/row_writes.h"
 
@@ -11,11 +12,6 @@ namespace {
 
 constexpr size_t DIGITS_SIZE = 16;
 constexpr audit_table_text CLEARED{"        %s - (%d) Clearing table %s"};
-
-int row_count_failed() {
-  LM_ERR("Get row count failed!\n");
-  return SCRIPT_FAILED;
-}
 
 }  // namespace
 
@@ -37,19 +33,23 @@ int tarn_memdb_clear_tbl(sip_msg *msg, char *slot, char *) {
   return SCRIPT_OK;
 }
 
-int32_t count_table_rows(sip_msg *msg, const char *slot) {
-  const host_log_scope log;
+bool count_table_rows(sip_msg *msg, const char *slot, int32_t *count) {
   table_name_text name;
   const tarn_tbl *const table =
       print_table_name(msg, slot, name) ? find_named_table(name) : nullptr;
-  return table != nullptr ? peek_tbl_row_count(table) : row_count_failed();
+  if (table == nullptr) return false;
+  *count = peek_tbl_row_count(table);
+  return true;
 }
 
 int tarn_memdb_row_count(sip_msg *msg, char *slot, char *avp) {
   const host_log_scope log;
-  const int32_t count = count_table_rows(msg, slot);
-  if (count < 0) return SCRIPT_FAILED;
-  char digits[DIGITS_SIZE] = "";
-  snprintf(digits, sizeof(digits), "%d", count);
-  return add_text_to_param(msg, avp, digits) ? SCRIPT_OK : row_count_failed();
+  int32_t count;
+  if (count_table_rows(msg, slot, &count)) {
+    char digits[DIGITS_SIZE] = "";
+    snprintf(digits, sizeof(digits), "%d", count);
+    if (add_text_to_param(msg, avp, digits)) return SCRIPT_OK;
+  }
+  LM_TEXT(L_ERR, ROW_COUNT_FAILED);
+  return SCRIPT_FAILED;
 }

@@ -31,7 +31,7 @@ bool print_values(sip_msg *msg, const char *slot, str *text) {
 
 // Splits the new values, given by position or, where all are taken, by name, into one text per
 // column.
-bool split_values(const script_query &query, str list, taken_values taken, query_in *values) {
+bool parse_values(const script_query &query, str list, taken_values taken, query_in *values) {
   values->table = query.table;
   const conversion outcome = taken == taken_values::all
                                  ? tarn_memdb_convert_query_param_list(&list, query.table, nullptr)
@@ -44,31 +44,29 @@ bool split_values(const script_query &query, str list, taken_values taken, query
   return false;
 }
 
-bool parse_values(const script_query &query, str list, taken_values taken, query_in *values) {
-  return split_values(query, list, taken, values) &&
-         (taken == taken_values::all || are_storable(values->table, values->flds, 0));
-}
-
 }  // namespace
 
-int update_matching_rows(sip_msg *msg, const char *slot, const char *values_slot,
-                         taken_values taken) {
-  const host_log_scope log;
+bool update_matching_rows(sip_msg *msg, const char *slot, const char *values_slot,
+                          taken_values taken, int *result) {
   str text;
   str list;
   script_query query;
   query_scope values;
   if (!print_query(msg, slot, TEXTS, &text) || !print_values(msg, values_slot, &list) ||
       !parse_query(text, OP_SELECT, TEXTS.unparsed, &query) ||
-      !parse_values(query, list, taken, &values)) {
-    LM_TEXT(L_ERR, UPDATE_FAILED);
-    return SCRIPT_FAILED;
-  }
+      !parse_values(query, list, taken, &values) ||
+      (taken == taken_values::storable && !are_storable(values.table, values.flds, 0)))
+    return false;
   const lock_scope lock(query.table->lock);
   const int32_t selected = update_rows(query.table, &query, &values, set_given_columns, UPDATED);
-  return selected != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
+  *result = selected != 0 ? SCRIPT_OK : SCRIPT_NO_ROW;
+  return true;
 }
 
 int tarn_memdb_update(sip_msg *msg, char *query, char *values) {
-  return update_matching_rows(msg, query, values, taken_values::all);
+  const host_log_scope log;
+  int result;
+  if (update_matching_rows(msg, query, values, taken_values::all, &result)) return result;
+  LM_TEXT(L_ERR, UPDATE_FAILED);
+  return SCRIPT_FAILED;
 }

@@ -1,5 +1,6 @@
 // The writes behind their parameters, for every script language. Formats and results are those of
-// the native script's functions, see write_functions.h.
+// the native script's functions, see write_functions.h. Each is false for a failure, logged up to
+// the function's own last line.
 #pragma once
 
 #include "host/abi.h"
@@ -10,8 +11,9 @@ enum class taken_values {
   storable  // by position, and none that would come back otherwise from the table's file
 };
 
-int insert_row(sip_msg *msg, const char *query, taken_values taken);
-int update_matching_rows(sip_msg *msg, const char *query, const char *values, taken_values taken);
+bool insert_row(sip_msg *msg, const char *query, taken_values taken, int32_t *result);
+bool update_matching_rows(sip_msg *msg, const char *query, const char *values, taken_values taken,
+                          int *result);
 
-// The rows of the table, as counted a moment ago; -1, logged, if there is no such table.
-int32_t count_table_rows(sip_msg *msg, const char *table);
+// The rows of the table, as counted a moment ago.
+bool count_table_rows(sip_msg *msg, const char *table, int32_t *count);

@@ -28,7 +28,8 @@ class KemiTest : public SharedViewTest {
     kemi_result result = standin::kemi_call(*found, given, &msg);
     for (const standin::block_info &block : standin::live_blocks(pool::pkg, "tarn_memdb"))
       if (block.serial > before) {
-        EXPECT_TRUE(is_kept_for_languages(block)) << block.func << " leaves a block in " << function;
+        EXPECT_TRUE(is_kept_for_languages(block))
+            << block.func << " leaves a block in " << function;
       }
     EXPECT_EQ(standin::open_streams(), 0) << "left by " << function;
     return result;
