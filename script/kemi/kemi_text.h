@@ -1,7 +1,7 @@
 // Texts of other script languages as the parameters that the module's functions read.
 #pragma once
 
-#include <string_view>
+#include <cstddef>
 
 #include "host/abi.h"
 #include "host/log.h"

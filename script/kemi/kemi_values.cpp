@@ -1,6 +1,6 @@
 // Functions that give a text.
 #include <cstring>
-#include <span>
+#include <string_view>
 
 #include "host/log.h"
 #include "host/memory.h"

@@ -2,7 +2,6 @@
 // script's functions, see select_functions.h.
 #pragma once
 
-#include <span>
 #include <string_view>
 
 #include "script/params/fixup.h"

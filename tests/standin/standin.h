@@ -1,6 +1,7 @@
 // A small substitute for the SIP server that hosts the module, for tests: it defines every symbol
-// that the module imports (host/imports.h), keeps a record of what the module does with them, and
-// plays the host's part towards the module's own functions.
+// that the module imports (host/imports.h; that of other script languages only where kemi.h is
+// used), keeps a record of what the module does with them, and plays the host's part towards the
+// module's own functions.
 //
 // Used in two ways. Linked with the module's object files into a unit test, or alone into a program
 // that opens the built module with load_module. Link the target `standin`; it exports its symbols
