@@ -22,7 +22,7 @@ tools=$(cd "$(dirname "$0")" && pwd)
 cache=${HOST_ROOT:-$tools/../build/host}
 
 suite=trixie
-packages=kamailio,kamailio-lua-modules,kamailio-sqlite-modules
+packages=kamailio,kamailio-lua-modules,kamailio-python3-modules,kamailio-ruby-modules,kamailio-sqlite-modules
 arch_dir=usr/lib/x86_64-linux-gnu
 loader=usr/lib64/ld-linux-x86-64.so.2
 
