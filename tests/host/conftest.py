@@ -4,6 +4,7 @@ Run with TARN_MODULE naming the built module; KAMAILIO= and KAMAILIO_MODULES= ch
 (see tools/host-root.sh).
 """
 
+import contextlib
 import os
 import pathlib
 import shutil
@@ -27,9 +28,9 @@ def pytest_configure():
     os.environ["TARN_MODULE"] = os.path.abspath(module)
 
 
-@pytest.fixture
-def host(request):
-    """Makes and starts servers; each has to end in good order when the test is over."""
+@contextlib.contextmanager
+def hosts_of(node):
+    """Makes and starts servers; each has to end in good order when the node's tests are over."""
     made = []
 
     def make(start=True, **setup):
@@ -38,7 +39,7 @@ def host(request):
         made.append(ModuleHost(directory, **setup))
         return made[-1].start() if start else made[-1]
 
-    request.node.hosts = made
+    node.hosts = made
     yield make
     trouble = []
     for server in made:
@@ -55,6 +56,13 @@ def host(request):
     for server in made:
         shutil.rmtree(server.directory)
     assert not trouble, "; ".join(trouble)
+
+
+@pytest.fixture
+def host(request):
+    """A maker of servers for one test."""
+    with hosts_of(request.node) as make:
+        yield make
 
 
 @pytest.fixture
@@ -76,7 +84,7 @@ def refused(host):
 def pytest_runtest_makereport(item):
     report = (yield).get_result()
     if report.failed:
-        for server in getattr(item, "hosts", ()):
+        for server in getattr(item, "hosts", None) or getattr(item.parent, "hosts", ()):
             if server.log_path.exists():
                 tail = server.log_path.read_text(errors="replace").splitlines()[-80:]
                 report.sections.append((f"server log of {server.directory}", "\n".join(tail)))

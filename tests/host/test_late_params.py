@@ -4,12 +4,9 @@ The server lets the four XAVP selects be called so. It then prepares each parame
 with whatever text a caller may have sent, and clears it away when the call is over.
 """
 
-import os
-import shlex
-import subprocess
-
+import kemi_engines
 import pytest
-from module_host import MODULE_NAME, OTHER_MODULES, Call, Table, columns, host_server
+from module_host import MODULE_NAME, OTHER_MODULES, Call, Table, columns
 
 USERS = Table("users", columns("name", "age", "city"))
 ROWS = ["rome|0|zero", "alice|30|rome", "bob|31|oslo"]
@@ -169,16 +166,9 @@ def test_a_column_by_an_expression_is_read_and_a_bad_one_refused(started):
 # Lua
 
 
-def lua_is_there():
-    """False only for a server of somebody else's making that has no Lua module."""
-    told = subprocess.run(
-        [str(host_server.TOOLS / "host-root.sh")], check=True, capture_output=True, text=True
-    ).stdout
-    host = dict(word.split("=", 1) for word in shlex.split(told))
-    return host["HOST_KIND"] == "unpacked" or os.path.isfile(f"{host['HOST_MODULES']}/app_lua.so")
-
-
-needs_lua = pytest.mark.skipif(not lua_is_there(), reason="the server has no app_lua.so")
+needs_lua = pytest.mark.skipif(
+    not kemi_engines.is_there(kemi_engines.LUA), reason="the server has no app_lua.so"
+)
 
 LUA = """
 local function query()
