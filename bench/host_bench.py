@@ -7,7 +7,8 @@ Environment:
   TARN_BENCH_ROUNDS      rounds of each case (default 41)
   TARN_BENCH_ALLOCATORS  the host's allocators, in order (default "fm qm"; qm is what it takes
                          without being told)
-  TARN_BENCH_CASES       the cases to run, of: loops ports rpc processes store memory large
+  TARN_BENCH_CASES       the cases to run, of: loops languages ports rpc processes store memory
+                         large
   TARN_BENCH_LARGE_ALLOCATORS
                          those of the case large among them (default "fm": filling takes qm two
                          minutes)
@@ -25,13 +26,14 @@ import time
 sys.dont_write_bytecode = True
 
 import host_cases  # noqa: E402  (no byte code of these)
+import host_kemi  # noqa: E402
 import host_large  # noqa: E402
 import host_loops  # noqa: E402
 import host_prefixes  # noqa: E402
 import host_ranges  # noqa: E402
 import host_site  # noqa: E402
 
-CASES = ("loops", "ports", "rpc", "processes", "store", "memory", "large")
+CASES = ("loops", "languages", "ports", "rpc", "processes", "store", "memory", "large")
 DEFAULT_ALLOCATOR = "qm"
 median = statistics.median
 
@@ -439,6 +441,7 @@ def run_large(bench, allocator):
 
 RUNS = {
     "loops": run_loops,
+    "languages": host_kemi.run,
     "ports": run_ports,
     "rpc": run_rpc,
     "processes": run_processes,

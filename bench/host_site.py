@@ -1,7 +1,6 @@
 """A real server for measurements: the module and its peers, all filled with the same rows."""
 
 import pathlib
-import subprocess
 import sys
 
 TOP = pathlib.Path(__file__).resolve().parents[1]
@@ -10,6 +9,7 @@ sys.path[:0] = [str(TOP / "tests/support"), str(TOOLS)]
 
 import host_server  # noqa: E402  (found by way of the line above)
 import schema_text  # noqa: E402
+from kemi_engines import found_host  # noqa: E402
 
 ROW_COUNTS = (100, 1000, 10000)
 WRITE_ROWS = 1000  # in place while rows are added and removed
@@ -241,15 +241,6 @@ class BenchServer(host_server.Server):
             for entry in self.entries()
             if entry.level in ("ALERT", "BUG", "CRITICAL", "ERROR")
         ]
-
-
-def found_host():
-    """What host-root.sh tells of the host."""
-    shown = subprocess.run(
-        [str(TOOLS / "host-root.sh")], check=True, capture_output=True, text=True
-    ).stdout
-    pairs = (line.partition("=") for line in shown.splitlines())
-    return {name: value.strip("'") for name, _, value in pairs}
 
 
 def loader_words(host):

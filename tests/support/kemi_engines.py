@@ -19,8 +19,7 @@ NULL = "<null>"  # how a script shows that there is no value
 @dataclasses.dataclass(frozen=True)
 class Engine:
     """`show` is the script's helper that puts a value into the reply. A function's lines stand
-    between `opening`, with its name, and `closing`, and those of a loop between `loop` and
-    `loop_end`; `joined` is a text with a number behind it."""
+    between `opening`, with its name, and `closing`; `joined` is a text with a number in it."""
 
     name: str
     module: str
@@ -30,11 +29,11 @@ class Engine:
     show: str
     opening: str
     closing: str
-    loop: str  # over `i`, for a number of turns
-    loop_end: str
+    loop: tuple  # the line ahead of and behind its lines; `i` goes from 0, a number of turns
     joined: str
     null: str
     indent: str = "    "
+    declares: str = ""  # ahead of the first value of a variable of the function's own
     params: tuple = ()
     gives_texts: bool = True  # whether functions that give texts do so
 
@@ -59,8 +58,8 @@ class Engine:
 
     def repeated(self, turns, lines):
         """The lines of a loop."""
-        inner = [f"    {line}" for line in lines]
-        return [self.loop.format(turns), *inner, *([self.loop_end] if self.loop_end else [])]
+        opening, closing = self.loop
+        return [opening.format(turns), *(f"    {line}" for line in lines), closing]
 
     def join(self, before, number, after=""):
         """The expression of a text with a number in it."""
@@ -88,10 +87,10 @@ end
 """,
     opening="function {}()",
     closing="end",
-    loop="for i = 1, {} do",
-    loop_end="end",
+    loop=("for i = 0, {} - 1 do", "end"),
     joined='"{}" .. {} .. "{}"',
     null="nil",
+    declares="local ",
 )
 PYTHON = Engine(
     name="python",
@@ -116,8 +115,7 @@ class Script:
 """,
     opening="    def {}(self, msg):",
     closing="        return 1",
-    loop="for i in range({}):",
-    loop_end="",
+    loop=("for i in range({}):", ""),
     joined='"{}" + str({}) + "{}"',
     null="None",
     indent="        ",
@@ -136,10 +134,10 @@ function show(value) {
 """,
     opening="function {}() {{",
     closing="}",
-    loop="for (var i = 0; i < {}; i++) {{",
-    loop_end="}",
+    loop=("for (var i = 0; i < {}; i++) {{", "}"),
     joined='"{}" + {} + "{}"',
     null="null",
+    declares="var ",
 )
 RUBY = Engine(
     name="ruby",
@@ -155,8 +153,7 @@ end
 """,
     opening="def {}()",
     closing="end",
-    loop="for i in 0...{} do",
-    loop_end="end",
+    loop=("for i in 0...{} do", "end"),
     joined='"{}" + {}.to_s + "{}"',
     null="nil",
     # With its default a worker ends when a function gives a text.
