@@ -24,7 +24,7 @@ import host_sip  # noqa: E402  (found by way of the line above)
 import site_calls  # noqa: E402
 
 SUITE = "trixie"
-PACKAGES = "kamailio,libstdc++6,systemd,systemd-sysv,dbus"
+PACKAGES = "kamailio,kamailio-lua-modules,libstdc++6,systemd,systemd-sysv,dbus"
 SERVER = ("127.0.0.1", 5060)
 CONFIG = "etc/kamailio/tarn_memdb"
 DATA = "var/lib/kamailio/tarn_memdb"
@@ -166,8 +166,8 @@ def install(root, folder, package):
     expect("tarn-memdb" in run("chroot", root, "dpkg", "-l", "tarn-memdb"), "isn't installed")
 
 
-def site_commands(root):
-    text = (root / DOC / "examples/site/README").read_text().replace("\\\n", "")
+def site_commands(root, site="site"):
+    text = (root / DOC / "examples" / site / "README").read_text().replace("\\\n", "")
     return re.findall(r"^  ([a-z].*)$", text, re.MULTILINE)
 
 
@@ -212,6 +212,19 @@ def restart_site(machine):
         site_calls.wait_ready(SERVER)
         expect(machine.kamcmd("tarn_memdb.select", "phones,dave|*|*").endswith(row), "dave is gone")
     machine.run("systemctl", "stop", "kamailio")
+
+
+def in_lua(machine):
+    """The site with its script in Lua, copied over the other one, which comes back in the end."""
+    commands = site_commands(machine.root, "site-lua")
+    expect(len(commands) == 2, f"the README has {commands}")
+    for command in commands:
+        machine.run("sh", "-c", command)
+    site_calls.wait_ready(SERVER)
+    machine.kamcmd("tarn_memdb.delete", "phones,dave|*|*")
+    site_calls.use(SERVER, machine.kamcmd)
+    machine.run("systemctl", "stop", "kamailio")
+    copy_site(machine.root)
 
 
 def without_systemd(machine):
@@ -262,7 +275,9 @@ def main():
         use_site(machine)
         step("restarts")
         restart_site(machine)
-        step("the same without systemd")
+        step("the site in Lua")
+        in_lua(machine)
+        step("the first site without systemd")
         without_systemd(machine)
         step("a purge")
         purge(machine)

@@ -27,9 +27,10 @@ GUIDE = (
     "docs/functions.md",
     "docs/rpc.md",
     "docs/operating.md",
+    "docs/kemi.md",
 )
 MANUAL = "usr/share/man/man1/tarn-memdb-check.1.gz"
-SITE = ROOT / "package/site"
+SITES = [ROOT / "package" / name for name in ("site", "site-lua")]
 BUILT = ("tarn_memdb.so", "tools/check/tarn-memdb-check", "tarn-memdb-check.1.gz", "changelog.gz")
 
 
@@ -168,9 +169,10 @@ def test_module_tool_guide_and_site_are_there_and_no_more(installed):
         assert f"{DOC}/{page}" in found
     for name in ("copyright", "changelog.gz"):
         assert f"{DOC}/{name}" in found
-    for name in names_below(SITE):
-        place = installed / DOC / "examples/site" / name
-        assert place.read_bytes() == (SITE / name).read_bytes()
+    for site in SITES:
+        for name in names_below(site):
+            place = installed / DOC / "examples" / site.name / name
+            assert place.read_bytes() == (site / name).read_bytes()
     beside = [name for name in found if not name.startswith(f"{DOC}/")]
     assert beside == ["usr/bin/tarn-memdb-check", f"{MODULES}/tarn_memdb.so", MANUAL]
 

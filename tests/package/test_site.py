@@ -9,23 +9,31 @@ import tempfile
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(ROOT / "tools")]
+sys.path[:0] = [str(ROOT / "tests/support"), str(ROOT / "tools")]
 
 import host_server  # noqa: E402  (found by way of the line above)
 import host_sip  # noqa: E402
+import kemi_engines  # noqa: E402
 import site_calls  # noqa: E402
 
 SITE = ROOT / "package/site"
+# Copied over the site, its script in Lua.
+LUA_SITE = ROOT / "package/site-lua"
 CONFIG = "etc/kamailio/tarn_memdb"
 DATA = "var/lib/kamailio/tarn_memdb"
 
 
-@pytest.fixture
-def server():
-    """The site's server, not started. Only places differ from what the package holds."""
+def sites():
+    return [[SITE], [SITE, LUA_SITE]] if kemi_engines.is_there(kemi_engines.LUA) else [[SITE]]
+
+
+@pytest.fixture(params=sites(), ids=lambda copied: copied[-1].name)
+def server(request):
+    """A site's server, not started. Only places differ from what the package holds."""
     # Not pytest's own directory: a socket's path has to fit 108 bytes.
     work = pathlib.Path(tempfile.mkdtemp(prefix="tarn-site-"))
-    shutil.copytree(SITE, work / "site")
+    for site in request.param:
+        shutil.copytree(site, work / "site", dirs_exist_ok=True)
     (work / "site" / DATA / "backup").mkdir()
     places = {
         f"/{CONFIG}": f"{work}/site/{CONFIG}",
@@ -40,7 +48,7 @@ def server():
         return text
 
     def compose(made):
-        text = placed(SITE / CONFIG / "kamailio.cfg").replace(":5060", f":{made.port}")
+        text = placed(work / "site" / CONFIG / "kamailio.cfg").replace(":5060", f":{made.port}")
         return text + f'modparam("ctl", "binrpc", "unix:{made.ctl_socket}")\n'
 
     schema = work / "site" / CONFIG / "schema.cfg"
