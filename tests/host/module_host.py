@@ -5,10 +5,13 @@ script, which a request to the user of that name runs; the reply carries the cal
 and the values of the pseudo-variables that the test wants to see.
 """
 
+import contextlib
 import dataclasses
 import os
 import pathlib
+import shutil
 import sys
+import tempfile
 import time
 from typing import Optional
 
@@ -20,6 +23,8 @@ import schema_text  # noqa: E402
 
 NULL = "<null>"  # how the server prints a pseudo-variable without a value
 MODULE_NAME = "tarn_memdb"
+# Whatever else happens, none of these belongs in a log.
+CRASH_SIGNS = ("killed by a signal", "core dumped", ") BUG: ", ") ALERT: ", "*** ")
 OTHER_MODULES = ("pv.so", "sl.so", "textops.so", "kex.so", "ctl.so", "jsonrpcs.so")
 
 
@@ -286,3 +291,38 @@ class ModuleHost(host_server.Server):
                 status.st_mtime_ns,
             )
         return states
+
+
+@contextlib.contextmanager
+def hosts_of(node):
+    """Makes and starts servers; each has to end in good order when the node's tests are over."""
+    made = []
+
+    def make(start=True, **setup):
+        # Not pytest's own directory: a socket's path has to fit 108 bytes.
+        directory = tempfile.mkdtemp(prefix="tarn-host-")
+        made.append(ModuleHost(directory, **setup))
+        return made[-1].start() if start else made[-1]
+
+    node.hosts = made
+    try:
+        yield make
+    except BaseException:
+        for server in made:
+            server.kill()
+        raise
+    trouble = []
+    for server in made:
+        if server.running:
+            try:
+                status = server.stop()
+                if status != 0:
+                    trouble.append(f"the server ended with status {status}")
+            except host_server.ServerTrouble as slow:
+                trouble.append(str(slow))
+        server.kill()
+        signs = set(CRASH_SIGNS) - set(server.expected_signs)
+        trouble += [f"the log holds {sign!r}" for sign in signs if sign in server.log()]
+    for server in made:
+        shutil.rmtree(server.directory)
+    assert not trouble, "; ".join(trouble)

@@ -4,8 +4,7 @@ import dataclasses
 
 import kemi_engines
 import pytest
-from conftest import hosts_of
-from module_host import MODULE_NAME, OTHER_MODULES, Call, Table, columns
+from module_host import MODULE_NAME, OTHER_MODULES, Call, Table, columns, hosts_of
 
 USERS = Table("users", columns("name", "age", "city", indexed=("name",)), max_rows=8)
 PLANS = Table("plans", columns("grp", "prefix", "gateway"))
