@@ -14,7 +14,6 @@ _spec = importlib.util.spec_from_file_location("host_conftest", HOST_TESTS / "co
 _host = importlib.util.module_from_spec(_spec)
 _spec.loader.exec_module(_host)
 
-CRASH_SIGNS = _host.CRASH_SIGNS
 pytest_runtest_makereport = _host.pytest_runtest_makereport
 
 

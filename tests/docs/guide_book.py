@@ -10,6 +10,10 @@ An example is a fenced code block. Its info string says what is done with it:
   log        messages of the module, in order, as `LEVEL: text`
   schema, table, ranges
              a file, named by the comment `<!-- file: NAME -->` above the block
+  kemi       lines for the script languages of the page kemi.md: each an expression, with what it
+             gives in the comment behind it; they run in all of these languages
+  lua, python, javascript, ruby
+             lines of one of them, or a whole script if a file is named above
   text, sh, mermaid
              for reading only
 
@@ -43,9 +47,12 @@ PAGES = (
     "production.md",
     "architecture.md",
 )
+# The one whose examples are in other languages than the server's own.
+KEMI_PAGE = "kemi.md"
 SAMPLES = ("Schema file", "Table files", "Private range file")  # sections of files.md
 RUN = ("kamailio", "console", "jsonrpc", "log")
 FILES = ("schema", "table", "ranges")
+LANGUAGES = ("kemi", "lua", "python", "javascript", "ruby")
 READ = ("text", "sh", "mermaid")
 
 _HEADING = re.compile(r"(#+) (.*)")
@@ -79,6 +86,11 @@ class Section:
     @property
     def runs(self):
         return any(block.kind in RUN for block in self.blocks)
+
+    @property
+    def speaks(self):
+        """Whether it has examples in other languages."""
+        return any(block.kind in LANGUAGES for block in self.blocks)
 
     @property
     def files(self):
@@ -129,7 +141,7 @@ def page(name):
 
 
 def guide():
-    return [section for name in PAGES for section in page(name)]
+    return [section for name in (*PAGES, KEMI_PAGE) for section in page(name)]
 
 
 def sample_files():

@@ -17,6 +17,16 @@ def exported_functions():
     return sorted((name, int(count)) for name, count in rows)
 
 
+def kemi_functions():
+    """Names and numbers of parameters of the functions for other script languages."""
+    room = guide_book.ROOT / "script" / "kemi"
+    exported = (room / "kemi_exports.cpp").read_text()
+    rows = dict(re.findall(r'kemi_row\(MODULE, "(\w+)",\s*(\w+)\)', exported))
+    declared = re.findall(r"\b(kemi_\w+)\((.*?)\);", (room / "kemi_functions.h").read_text(), re.S)
+    counts = {name: parameters.count(",") for name, parameters in declared}
+    return sorted((name, counts[function]) for name, function in rows.items())
+
+
 def exported_parameters():
     return re.findall(r'\{"(\w+)", PARAM_(STRING|INT), ', SHELL)
 
@@ -42,10 +52,27 @@ def test_each_exported_function_has_a_section_with_its_parameters():
     assert told == exported_functions() and len(told) == 29
 
 
+def parameters_of(section):
+    return [name for name in re.search(r"\((.*)\)", section.title)[1].split(", ") if name]
+
+
+def test_each_function_for_other_languages_has_a_section_with_an_example():
+    page = guide_book.KEMI_PAGE
+    sections = [section for section in titles(page) if re.fullmatch(r"\w+\(.*\)", section.title)]
+    told = [(section.title.split("(")[0], len(parameters_of(section))) for section in sections]
+    assert sorted(told) == kemi_functions() and len(told) == 24
+    for section in sections:
+        text = guide_book.text_of(section)
+        assert f"KSR.tarn_memdb.{section.title.split('(')[0]}(" in text, section.name
+        assert section.speaks and "\nGives " in text, section.name
+        for name in parameters_of(section):
+            assert f"*{name}*" in text, (section.name, name)
+
+
 def test_each_function_tells_its_parameters_result_and_routes():
     for section in titles("functions.md"):
         text = guide_book.text_of(section)
-        names = [name for name in re.search(r"\((.*)\)", section.title)[1].split(", ") if name]
+        names = parameters_of(section)
         for name in names:
             assert f"*{name}*" in text, (section.name, name)
         assert "\nReturns " in text or "Returns 1." in text, section.name
@@ -80,7 +107,7 @@ def test_each_page_with_examples_is_run_by_ctest():
 
 
 def test_each_code_block_is_run_or_plainly_for_reading():
-    known = guide_book.RUN + guide_book.FILES + guide_book.READ
+    known = guide_book.RUN + guide_book.LANGUAGES + guide_book.FILES + guide_book.READ
     for section in guide_book.guide():
         for block in section.blocks:
             assert block.kind in known, f"{section.page}:{block.line}: {block.kind}"

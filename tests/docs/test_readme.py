@@ -11,6 +11,7 @@ import textwrap
 import time
 
 import guide_book
+import kemi_engines
 import pytest
 from module_host import host_server
 
@@ -142,14 +143,28 @@ class Caller(host_server.host_sip.Phone):
         return super()._finish(lines + [f"Contact: {self.says}"] * (self.says is not None), body)
 
 
-class Site(host_server.Server):
-    """The README's site in a directory of its own, changed by (old, new) where a test wants it."""
+def kemi_files():
+    """The ten lines' scripts in other languages, each with the lines that load it."""
+    return {
+        name: block.text
+        for section in guide_book.page(guide_book.KEMI_PAGE)
+        for block in section.blocks
+        for name in block.marked("file")
+    }
 
-    def __init__(self, directory, changes=()):
-        super().__init__(directory, self._config)
+
+class Site(host_server.Server):
+    """The README's site in a directory of its own, changed by (old, new) where a test wants it; its
+    script is the README's own, or one in another language."""
+
+    def __init__(self, directory, changes=(), engine=None):
+        super().__init__(directory, self._config, private_memory=8 if engine else 4)
+        self.engine = engine
         files, server, _ = blocks("sh")
         told = re.compile(r"(?ms)^cat > (\S+) <<'END'\n(.*?)^END\n")
         self.files = dict(told.findall(files + server))
+        if engine:
+            self._speak(f"phones.{engine.suffix}")
         for old, _ in changes:
             assert any(old in text for text in self.files.values()), old
         self.changes = [*changes, ("build/first/", f"{self.directory}/")]
@@ -158,6 +173,12 @@ class Site(host_server.Server):
         for name in ("schema.cfg", "tables/gateways.tbl"):
             (self.directory / name).write_text(self._text(name))
         self.caller = None
+
+    def _speak(self, name):
+        found = kemi_files()
+        ahead, _, _ = self.files["build/first/kamailio.cfg"].partition("request_route {")
+        self.files["build/first/kamailio.cfg"] = ahead + found[f"{name}.cfg"]
+        (self.directory / name).write_text(found[name])
 
     def _text(self, name):
         text = self.files[f"build/first/{name}"]
@@ -201,14 +222,22 @@ class Site(host_server.Server):
         return out.splitlines()[1:]
 
 
-@pytest.fixture
-def site(folder):
+LANGUAGES = [
+    engine
+    for engine in (None, kemi_engines.LUA, kemi_engines.PYTHON)
+    if engine is None or kemi_engines.is_there(engine)
+]
+
+
+@pytest.fixture(params=LANGUAGES, ids=lambda engine: engine.name if engine else "native")
+def site(folder, request):
+    """Makes and starts sites with the ten lines in one language."""
     made = []
 
     def make(*changes):
         directory = folder / f"site{len(made)}"
         directory.mkdir()
-        made.append(Site(directory, changes))
+        made.append(Site(directory, changes, request.param))
         return made[-1].start()
 
     yield make
