@@ -14,6 +14,7 @@ ROWS = 1000
 ROUNDS = 250
 GOAL = 1.5
 NATIVE = "native"
+OWN = "tarn_memdb"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -54,15 +55,17 @@ class Case:
     check: str = ""
     expected: object = None  # a function of the number of the last repeat
     stands: bool = False
+    module: str = OWN
 
     def native_body(self, keys):
         query = (keys.first if self.stands else "$var(k)").join(self.query)
-        return f'tarn_memdb_{self.function}("{query}", {self.native});'
+        prefix = f"{OWN}_" if self.module == OWN else ""
+        return f'{prefix}{self.function}("{query}", {self.native});'
 
     def kemi_body(self, engine, keys):
         head, tail = self.query
         query = f'"{head}{keys.first}{tail}"' if self.stands else engine.join(head, "k", tail)
-        return engine.line(f"KSR.tarn_memdb.{self.function}({query}, {self.kemi})")
+        return engine.line(f"KSR.{self.module}.{self.function}({query}, {self.kemi})")
 
     def checked(self):
         if not self.check:
@@ -106,6 +109,12 @@ CASES = {
             expected=of_row(2),
         ),
         Case("update", "update", ("flat1000,", ONE_ROW), AWAY, AWAY),
+        # Next to nothing: what the host takes for a call.
+        Case(
+            *("textops' starts_with", "starts_with", ("flat1000,", ONE_ROW)),
+            *('"flat1001"', '"flat1001"'),
+            module="textops",
+        ),
     ),
     Keys(NUMBER, "10000000 + {0} {1} 1000000", 10000000): with_standing(
         Case(
@@ -235,7 +244,7 @@ def run(bench, allocator):
                     own = nets[engine][named(engine.name, case.name)]
                     beside = host_loops.ratio(own, native)
                     cells.append(f"{statistics.median(own):.0f} ({beside:.2f})")
-                    if beside > GOAL:
+                    if beside > GOAL and case.module == OWN:
                         missed[engine.name].append(case.name)
                 rows.append([case.name, statistics.median(native), *cells])
     host_loops.print_table(

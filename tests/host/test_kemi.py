@@ -207,6 +207,15 @@ WRONG_KINDS = (
     'set_port("x", "INT")',
     "get(null, null)",
 )
+# What becomes of a null where a text is wanted and where a number is, of a number as text and of a
+# text as number.
+OTHER_KINDS = ("escape(null)", 'set_port(null, "INT")', "escape(7)", 'set_port("21060", "INT")')
+AS_OTHER_KINDS = {
+    "lua": ("", "-2", "7", "1"),
+    "python": ("false",) * 4,
+    "javascript": ("null", "-2", "7", "1"),
+    "ruby": ("false",) * 4,
+}
 RELOADABLE = {"lua": ['modparam("app_lua", "reload", 1)']}
 TURNS = 10000  # of ten calls
 
@@ -239,10 +248,8 @@ def functions_of(engine):
     shown = {name: expressions(case) for name, case in CASES.items()}
     shown |= {name: lines for name, (lines, _) in {**OWN_CASES, **TEXT_CASES}.items()}
     shown["rows"] = ['KSR.tarn_memdb.row_count("users")', 'KSR.tarn_memdb.row_count("plans")']
-    shown["wrong"] = [
-        f"KSR.tarn_memdb.{call.replace('null', engine.null)}"
-        for call in WRONG_KINDS
-    ]
+    for name, calls in (("wrong", WRONG_KINDS), ("other", OTHER_KINDS)):
+        shown[name] = [f"KSR.tarn_memdb.{call.replace('null', engine.null)}" for call in calls]
     lines = {name: [engine.shown(text) for text in texts] for name, texts in shown.items()}
     lines["many"] = loop_of(engine, TURNS)
     lines["few"] = loop_of(engine, 200)
@@ -284,6 +291,10 @@ def test_parameters_of_a_wrong_kind_fail_the_call_alone(scripted):
     assert len(shown) == len(WRONG_KINDS)
     assert set(shown) <= {"-1", "-2", "false", kemi_engines.NULL}
     assert scripted.shows("rows") == before
+
+
+def test_a_language_makes_of_another_kind_what_is_told_of_it(scripted):
+    assert scripted.shows("other") == AS_OTHER_KINDS[scripted.engine.name]
 
 
 def test_memory_is_flat_after_a_hundred_thousand_calls(scripted):
