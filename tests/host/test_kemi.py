@@ -207,14 +207,20 @@ WRONG_KINDS = (
     'set_port("x", "INT")',
     "get(null, null)",
 )
-# What becomes of a null where a text is wanted and where a number is, of a number as text and of a
-# text as number.
-OTHER_KINDS = ("escape(null)", 'set_port(null, "INT")', "escape(7)", 'set_port("21060", "INT")')
+# What becomes of a null where a text is wanted and where a number is, of a number as text, of a text
+# as number, and of a text with a zero byte.
+OTHER_KINDS = (
+    "escape(null)",
+    'set_port(null, "INT")',
+    "escape(7)",
+    'set_port("21060", "INT")',
+    'row_count("nets\\0x")',
+)
 AS_OTHER_KINDS = {
-    "lua": ("", "-2", "7", "1"),
-    "python": ("false",) * 4,
-    "javascript": ("null", "-2", "7", "1"),
-    "ruby": ("false",) * 4,
+    "lua": ("", "-2", "7", "1", "-1"),
+    "python": ("false", "false", "false", "false", "-1"),
+    "javascript": ("null", "-2", "7", "1", "1"),
+    "ruby": ("false", "false", "false", "false", "1"),
 }
 RELOADABLE = {"lua": ['modparam("app_lua", "reload", 1)']}
 TURNS = 10000  # of ten calls

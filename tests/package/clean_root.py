@@ -221,7 +221,7 @@ def in_lua(machine):
     for command in commands:
         machine.run("sh", "-c", command)
     site_calls.wait_ready(SERVER)
-    machine.kamcmd("tarn_memdb.delete", "phones,dave|*|*")
+    machine.kamcmd("tarn_memdb.clear_tbl", "phones")
     site_calls.use(SERVER, machine.kamcmd)
     machine.run("systemctl", "stop", "kamailio")
     copy_site(machine.root)
