@@ -1,6 +1,14 @@
 -- The routes of the site, one function each. A result of tarn_memdb is above 0 if all is well.
 
-local PLAIN = "^[+%w._-]+$"
+-- escape would take any user; what is no plain name, or longer than its column, is none of this site.
+local function is_user(name)
+    return #name <= 63 and name:find("^[+%w._-]+$") ~= nil
+end
+
+-- Nor does its file carry every contact.
+local function is_contact(uri)
+    return #uri <= 255 and uri:find("^sips?:[^|\\%s%c]+$") ~= nil
+end
 
 -- The row of a phone: its user, last contact, and where that came from.
 local function phone_of(user)
@@ -12,29 +20,22 @@ local function media_of_call()
     return "media,*|" .. KSR.pv.gete("$(ci{s.md5})") .. "|*|*|*|*|*|*|*,1"
 end
 
--- Whether a phone takes its contact back.
-local function is_leaving(contact)
-    local expires = contact:match(";%s*expires%s*=%s*(%d+)")
-    return contact == "*" or KSR.pv.gete("$hdr(Expires)") == "0" or tonumber(expires) == 0
-end
-
--- One row for each phone.
+-- One row for each phone, with its last contact.
 local function route_register()
-    local db, user, contact = KSR.tarn_memdb, KSR.pv.gete("$tU"), KSR.pv.gete("$ct")
-    if is_leaving(contact) then
+    local db, user, contact = KSR.tarn_memdb, KSR.pv.gete("$tU"), KSR.pv.gete("$sel(contact.uri)")
+    if not is_user(user) then return KSR.sl.send_reply(400, "Bad User") end
+    -- The longest that any contact asks for: 0 if all of them go.
+    if tonumber(KSR.pv.gete("$expires(max)")) == 0 then
         db.delete(phone_of(user))
         return KSR.sl.send_reply(200, "Gone")
     end
-    local uri = KSR.pv.gete("$(ct{nameaddr.uri})")
-    if not uri:find("^sips?:[^|,*\\%s]+$") then
-        return KSR.sl.send_reply(400, "Bad Contact")
-    end
-    local values = db.escape(uri) .. "|" .. KSR.pv.gete("$si")
+    if not is_contact(contact) then return KSR.sl.send_reply(400, "Bad Contact") end
+    local values = db.escape(contact) .. "|" .. KSR.pv.gete("$si")
     if db.update(phone_of(user), "*|" .. values) < 0
             and db.insert("phones," .. db.escape(user) .. "|" .. values) < 0 then
         return KSR.sl.send_reply(500, "Not Stored")
     end
-    KSR.hdr.append_to_reply("Contact: " .. contact .. "\r\n")
+    KSR.hdr.append_to_reply("Contact: <" .. contact .. ">;expires=3600\r\n")
     KSR.sl.send_reply(200, "OK")
 end
 
@@ -59,6 +60,7 @@ local function route_call()
     local db, callee = KSR.tarn_memdb, KSR.pv.gete("$rU")
     KSR.tm.t_newtran()
     KSR.rr.record_route()
+    if not is_user(callee) then return KSR.tm.t_reply(400, "Bad User") end
     local to = db.get(phone_of(callee), 1)
     if not to then
         db.select_best_match("gateways," .. db.escape(callee) .. "|*", "|$avp(to)", 0)
@@ -67,8 +69,11 @@ local function route_call()
     if not to then return KSR.tm.t_reply(404, "Not Found") end
     local port = port_of_call(callee)
     if not port then return KSR.tm.t_reply(503, "No Media Port") end
+    KSR.hdr.remove("X-Media-Port")
     KSR.hdr.append("X-Media-Port: " .. port .. "\r\n")
     KSR.pv.sets("$ru", to)
+    -- A gateway is told the number that was called.
+    if KSR.pv.gete("$rU") == "" then KSR.pv.sets("$rU", callee) end
     KSR.tm.t_on_failure("ksr_failure_refused")
     if KSR.tm.t_relay() < 0 then
         db.delete(media_of_call())
@@ -93,11 +98,6 @@ end
 function ksr_request_route()
     if KSR.maxfwd.process_maxfwd(10) < 0 then
         return KSR.sl.send_reply(483, "Too Many Hops")
-    end
-    -- escape would take any user; what is no plain name is no user of this site.
-    local called = KSR.pv.gete("$rU")
-    if called ~= "" and not called:find(PLAIN) or not KSR.pv.gete("$tU"):find(PLAIN) then
-        return KSR.sl.send_reply(400, "Bad User")
     end
     local method = KSR.pv.get("$rm")
     if method == "CANCEL" then
