@@ -92,6 +92,12 @@ host-module: given-host
 demo: host-module
 	@demo/run $(BUILD)/demo/tarn_memdb.so
 
+.PHONY: demo-cluster
+# The same table on three real servers.
+# A node is killed, one loses its files, the network is cut; half a minute at most.
+demo-cluster: host-module
+	@demo/cluster/run $(BUILD)/demo/tarn_memdb.so
+
 # All tests, in minutes.
 test: given-host lint
 	@$(DEPS) module tools test install deb package

@@ -24,16 +24,15 @@ class Link:
         self.target = target
         self.views = views
         self.cut = False
-        self.lose_each = 0  # every so-manieth datagram is lost
+        self.lose = 0.0  # what part of the datagrams is lost
         self.repeat = False  # each comes twice
         self.shuffle = 0.0  # each waits up to so many seconds
-        self.arrived = 0
         self.carried = 0
         self.bytes = 0
 
 
 class Links:
-    """All links between `count` nodes; `lease` holds the addresses until `close`."""
+    """All links between `count` nodes, on addresses that are theirs until `close`."""
 
     def __init__(self, count, seed=1):
         self.nodes = range(1, count + 1)
@@ -108,7 +107,7 @@ class Links:
                 setattr(link, name, value)
 
     def mend(self):
-        self.fault(cut=False, lose_each=0, repeat=False, shuffle=0.0)
+        self.fault(cut=False, lose=0.0, repeat=False, shuffle=0.0)
 
     def carried(self):
         """Datagrams and bytes that came to their ends so far."""
@@ -136,8 +135,7 @@ class Links:
     def _take(self, link):
         with contextlib.suppress(ConnectionRefusedError):
             data = link.way_in.recv(1 << 16)
-            link.arrived += 1
-            if link.cut or (link.lose_each and link.arrived % link.lose_each == 0):
+            if link.cut or self.random.random() < link.lose:
                 return
             for _ in range(2 if link.repeat else 1):
                 if link.shuffle:
