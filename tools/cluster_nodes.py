@@ -1,7 +1,7 @@
 """Real servers that keep the same tables, each a node of a cluster, with the links between them."""
 
 import contextlib
-import json
+import os
 import pathlib
 import shutil
 import tempfile
@@ -10,6 +10,7 @@ import host_server
 import node_links
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
+FAKETIME = pathlib.Path("/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1")
 COLUMNS = "key 255 1\nbucket 4 1\nversion 19 0\nlive 1 0\nuntil 10 0\nvalue 1023 0\n"
 
 
@@ -22,16 +23,18 @@ def table_block(name, max_rows):
 
 
 class Node(host_server.Server):
-    """One server. `template` is its configuration, in which these are filled in: @SELF@ and @NODES@,
-    the defines of all nodes; @WORK@, @MODULE@, @PORT@ and @CLUSTER@, the folder of the include files.
+    """One server. `template` is its configuration, in which these are filled in: @SELF@, @NODES@
+    and @DEFINES@, of which the latter are lines; @WORK@, @MODULE@, @PORT@, and @CLUSTER@, the folder
+    of the include files.
     """
 
-    def __init__(self, directory, number, links, template, module, tables, **options):
+    def __init__(self, directory, number, links, template, module, tables, defines=None, **options):
         super().__init__(directory, self._config, **options)
         self.number = number
         self.links = links
         self.template = template
         self.module = module
+        self.defines = dict(defines or {})
         for name in ("tables", "backup"):
             (self.directory / name).mkdir(parents=True)
         blocks = [table_block(name, most) for name, most in tables.items()]
@@ -39,6 +42,28 @@ class Node(host_server.Server):
             f"BASE_DIR={self.directory}/tables/\nBASE_BACKUP_DIR={self.directory}/backup/\n"
             f"NUM_TABLE={len(blocks)}\n\n" + "\n".join(blocks)
         )
+
+        self.faketime = None  # how far its clock is off, for the library of Debian's faketime
+
+    def launch(self):
+        """Starts the server with the clock that it is to have."""
+        # Its own loader takes the library by this name alone.
+        given = {"LD_PRELOAD": str(FAKETIME), "FAKETIME": self.faketime} if self.faketime else {}
+        given = {**given, "FAKETIME_DONT_FAKE_MONOTONIC": "1"} if given else {}
+        kept = {name: os.environ.get(name) for name in given}
+        os.environ.update(given)
+        try:
+            super().launch()
+        finally:
+            for name, value in kept.items():
+                if value is None:
+                    del os.environ[name]
+                else:
+                    os.environ[name] = value
+
+    def signal_all(self, number):
+        """Gives a signal to all of the server's processes."""
+        os.killpg(self.process.pid, number)
 
     def _config(self, _):
         text = self.template
@@ -49,6 +74,7 @@ class Node(host_server.Server):
         places = {
             "SELF": self.number,
             "NODES": "\n".join(nodes),
+            "DEFINES": "\n".join(f"#!define {name} {value}" for name, value in self.defines.items()),
             "WORK": self.directory,
             "MODULE": self.module,
             "PORT": self.port,
@@ -74,8 +100,7 @@ class Node(host_server.Server):
     def counter(self, table, name):
         """One of the figures that the include files keep of a table."""
         reply = self.jsonrpc("htable.get", "cluster", f"{table}:{name}")
-        value = json.loads(json.dumps(reply)).get("result", {}).get("item", {}).get("value", 0)
-        return int(value)
+        return int(reply.get("result", {}).get("item", {}).get("value", 0))
 
 
 @contextlib.contextmanager

@@ -27,6 +27,7 @@ class Link:
         self.lose = 0.0  # what part of the datagrams is lost
         self.repeat = False  # each comes twice
         self.shuffle = 0.0  # each waits up to so many seconds
+        self.watch = None  # is called with what comes, in the source's view
         self.carried = 0
         self.bytes = 0
 
@@ -114,6 +115,10 @@ class Links:
         links = self.links.values()
         return sum(link.carried for link in links), sum(link.bytes for link in links)
 
+    def inject(self, source, target, data):
+        """Has a node get a datagram that comes from another one's address."""
+        self._give(self.links[source, target], data)
+
     # Carrying
 
     def _carry(self):
@@ -135,6 +140,8 @@ class Links:
     def _take(self, link):
         with contextlib.suppress(ConnectionRefusedError):
             data = link.way_in.recv(1 << 16)
+            if link.watch is not None:
+                link.watch(data)
             if link.cut or self.random.random() < link.lose:
                 return
             for _ in range(2 if link.repeat else 1):

@@ -1,0 +1,130 @@
+"""A node on a real server, whose one peer the test plays."""
+
+import os
+import pathlib
+import re
+import sys
+import time
+
+import pytest
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(TOP / "tools")]
+
+import cluster_nodes  # noqa: E402  (found by way of the line above)
+
+TEMPLATE = (pathlib.Path(__file__).parent / "site.cfg").read_text()
+PATIENCE = 6.0
+
+
+class Lone:
+    """Node 1, whose peer, node 2, never runs: its messages are the test's."""
+
+    def __init__(self, node, links):
+        self.node = node
+        self.links = links
+        self.sent = []
+        self.serial = 0
+        links.links[1, 2].watch = self._take
+
+    def _take(self, data):
+        self.sent.append(data)
+        if data.startswith(b"KDMQ "):
+            # Unanswered, the peer would be taken for gone.
+            head = data.partition(b"\r\n\r\n")[0].split(b"\r\n")[1:]
+            kept = (b"Via:", b"From:", b"To:", b"Call-ID:", b"CSeq:")
+            lines = [line for line in head if line.startswith(kept)]
+            answer = b"\r\n".join([b"SIP/2.0 200 OK", *lines, b"Content-Length: 0", b"", b""])
+            network = self.links.network.encode()
+            self.links.inject(2, 1, answer.replace(network + b".1.", network + b".2."))
+
+    def ask(self, what, key, value=b"", seconds=0):
+        """The status of a request that runs a route, and the headers of its reply."""
+        headers = {"X-Key": key.hex(), "X-Value": value.hex(), "X-For": seconds}
+        with self.node.phone() as phone:
+            return phone.request("MESSAGE", self.node.uri(what), headers)
+
+    def put(self, key, value=b"", seconds=0):
+        return self.ask("put", key, value, seconds).status == 200
+
+    def delete(self, key):
+        return self.ask("delete", key).status == 200
+
+    def find(self, key):
+        """The value of a key, or none."""
+        reply = self.ask("find", key)
+        return bytes.fromhex(reply.get("x-value")) if reply.status == 200 else None
+
+    def rows(self, table="phones"):
+        return self.node.rows(table)
+
+    def version(self, ahead=0.0, number=2):
+        """What the peer gives a row that it writes now."""
+        self.serial += 1
+        return (int((time.time() + ahead) * 1000000) + self.serial) * 16 + number
+
+    def message(self, body, channel="cluster_phones"):
+        """The peer's message with such a body."""
+        self.serial += 1
+        host, port = self.links.address(2, 2).split(":")
+        head = [
+            f"KDMQ sip:{channel}@{self.links.address(2, 1)} SIP/2.0",
+            f"Via: SIP/2.0/UDP {host}:{port};branch=z9hG4bK{os.getpid()}x{self.serial}",
+            f"From: <sip:{channel}@{host}:{port}>;tag={self.serial}",
+            f"To: <sip:{channel}@{self.links.address(2, 1)}>",
+            f"Call-ID: {os.getpid()}-{self.serial}",
+            "CSeq: 10 KDMQ",
+            "Max-Forwards: 1",
+            "Content-Type: text/plain",
+            f"Content-Length: {len(body)}",
+        ]
+        return ("\r\n".join(head) + "\r\n\r\n").encode() + body
+
+    def tell(self, *lines, channel="cluster_phones"):
+        """Has the peer send lines, and waits until they were read; gives the reply's status."""
+        body = "".join(f"{line}\n" for line in lines) if isinstance(lines[0], str) else lines[0]
+        data = self.message(body if isinstance(body, bytes) else body.encode(), channel)
+        call = re.search(rb"Call-ID: \S+", data)[0]
+        self.links.inject(2, 1, data)
+        reply = self.await_sent(lambda sent: sent.startswith(b"SIP/2.0") and call in sent)
+        return int(reply.split(b" ")[1])
+
+    def await_sent(self, wanted, patience=PATIENCE):
+        """The first datagram to the peer, from now on or before, that is wanted."""
+        end = time.monotonic() + patience
+        while time.monotonic() < end:
+            for data in list(self.sent):
+                if wanted(data):
+                    return data
+            time.sleep(0.01)
+        raise AssertionError("the node didn't send it")
+
+    def sent_rows(self, *keys):
+        """The lines of rows with these keys that the node has sent on the table's channel."""
+        bodies = [
+            data.partition(b"\r\n\r\n")[2].decode()
+            for data in list(self.sent)
+            if data.startswith(b"KDMQ sip:cluster_phones@")
+        ]
+        lines = [line for body in bodies for line in body.splitlines()]
+        return [line for line in lines if line[:2] == "r:" and line.split(":")[4] in keys]
+
+    def wait(self, condition, patience=PATIENCE):
+        end = time.monotonic() + patience
+        while not condition():
+            assert time.monotonic() < end, "it didn't come so far"
+            time.sleep(0.02)
+
+
+@pytest.fixture(scope="session")
+def lone():
+    """All buckets are compared each second here, and marks are remembered for three."""
+    defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 3}
+    tables = {"phones": 40, "blocked": 40}
+    module = os.environ["TARN_MODULE"]
+    with cluster_nodes.cluster(2, TEMPLATE, module, tables, defines=defines) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.wait(lambda: played.node.kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
+        yield played
+        assert nodes[0].stop() == 0

@@ -1,0 +1,252 @@
+"""What the routes of cluster/ store, send and take, on a real server with a peer that is played."""
+
+import time
+
+import pytest
+
+EVERY_BYTE = bytes(range(256))
+
+
+def row(version, key="k", value="v", live=1, until=0):
+    return f"r:{version}:{live}:{until}:{key}:{value}"
+
+
+@pytest.fixture(autouse=True)
+def empty(lone):
+    """Each test starts with a table without rows."""
+    lone.node.jsonrpc("tarn_memdb.clear_tbl", "phones")
+    lone.sent.clear()
+
+
+def test_a_value_of_any_bytes_is_found_by_a_key_of_any_bytes(lone):
+    key = EVERY_BYTE[:80]
+    assert lone.put(key, EVERY_BYTE)
+    assert lone.find(key) == EVERY_BYTE
+    assert lone.find(key[:-1]) is None
+
+
+def test_an_empty_value_is_a_value(lone):
+    assert lone.put(b"k")
+    assert lone.find(b"k") == b""
+
+
+def test_what_is_too_long_or_has_no_key_is_refused(lone):
+    assert lone.put(b"k" * 255, b"v" * 1023)
+    assert not lone.put(b"k" * 256)
+    assert not lone.put(b"k", b"|" * 342)
+    assert not lone.put(b"")
+    assert not lone.delete(b"")
+    assert lone.find(b"") is None
+    assert list(lone.rows()) == ["k" * 255]
+
+
+def test_a_row_that_was_put_or_deleted_is_sent_to_the_peer(lone):
+    lone.put(b"a b", b"1|2")
+    lone.delete(b"gone")
+    rows = lone.rows()
+    version, _, _, _ = rows["a%20b"]
+    lone.wait(lambda: lone.sent_rows("a%20b") == [row(version, "a%20b", "1%7c2")])
+    version, live, until, _ = rows["gone"]
+    lone.wait(lambda: lone.sent_rows("gone") == [row(version, "gone", "", 0, until)])
+    assert not live
+
+
+def test_a_row_ends_after_its_time(lone):
+    lone.put(b"k", b"v", 1)
+    reply = lone.ask("find", b"k")
+    assert (reply.status, reply.get("x-left")) == (200, "1")
+    lone.wait(lambda: lone.find(b"k") is None, 2.5)
+    lone.put(b"k", b"w")
+    assert lone.find(b"k") == b"w"
+
+
+def test_the_highest_version_wins_in_whatever_order_they_come(lone):
+    versions = sorted(lone.version() for _ in range(3))
+    for version in (versions[1], versions[0], versions[2], versions[1]):
+        assert lone.tell(row(version, "k", str(version))) == 200
+    assert lone.rows() == {"k": (versions[2], True, 0, str(versions[2]))}
+
+
+def test_a_deleted_row_stays_gone_when_an_older_one_comes_up(lone):
+    older = lone.version()
+    lone.put(b"k", b"v")
+    lone.delete(b"k")
+    lone.tell(row(older))
+    assert lone.find(b"k") is None
+    lone.tell(row(lone.version(ahead=1), value="new"))
+    assert lone.find(b"k") == b"new"
+
+
+def test_a_write_wins_over_one_that_came_from_a_clock_ahead(lone):
+    ahead = lone.version(ahead=5)
+    lone.tell(row(ahead))
+    lone.put(b"k", b"mine")
+    version, _, _, value = lone.rows()["k"]
+    assert (value, version > ahead, version % 16) == ("mine", True, 1)
+
+
+def test_each_table_has_a_channel_of_its_own(lone):
+    lone.tell(row(lone.version(), "caller"), channel="cluster_blocked")
+    assert "caller" in lone.rows("blocked") and lone.rows() == {}
+    lone.ask("block", b"other")
+    lone.await_sent(lambda data: data.startswith(b"KDMQ sip:cluster_blocked@") and b":other:" in data)
+
+
+BAD_LINES = (
+    "",
+    "x",
+    "r:",
+    "r:1:1:0:k:v",
+    "r:{version}:2:0:k:v",
+    "r:{version}:1:-1:k:v",
+    "r:{version}:1:00:k:v",
+    "r:0{version}:1:0:k:v",
+    "r:{version}000:1:0:k:v",
+    "r:{version}:1:0::v",
+    "r:{version}:1:0:k:v:w",
+    "r:{version}:1:0:k|k:v",
+    "r:{version}:1:0:k:v,",
+    "r:{version}:1:0:*:v",
+    "r:{version}:1:0:k:v\\",
+    "r:{version}:1:0:k:%4",
+    "r:{version}:1:0:k:%zz",
+    "r:{version}:1:0:k:%7C",
+    "r:{version}:1:0:%6b:v",
+    "r:{version}:1:0:k:+",
+    "r:{version}:1:0:k:v\0",
+    "r:{version}:1:0:k:v\0|*",
+    "r:{version}:1:0:k\0*|:v",
+    "r:{version}:1:0:k: v",
+    " r:{version}:1:0:k:v",
+    "r:{version}:1:0:" + "k" * 256 + ":v",
+    "r:{version}:1:0:k:" + "v" * 1024,
+    "d:1024:0",
+    "d:01:5",
+    "d:1",
+    "d:1:-5",
+    "d:1:99999999999999999999",
+    "t:0",
+    "t:{version}x",
+    "$var(c_key)",
+    "r:{version}:1:0:$var(x):v",
+    "\xff\xfe",
+)
+
+
+def test_a_line_of_another_form_is_dropped_and_told_and_the_others_are_taken(lone):
+    dropped = lone.node.counter("phones", "dropped")
+    version = lone.version()
+    lines = [line.format(version=version) for line in BAD_LINES if line]
+    lone.tell(*lines, row(version, "good"))
+    assert list(lone.rows()) == ["good"]
+    assert lone.node.counter("phones", "dropped") == dropped + len(lines)
+    told = [line for line in lone.node.log().splitlines() if "dropped from" in line]
+    assert 1 <= len(told) <= 2  # once in ten seconds
+    where = lone.links.address(1, 2)
+    assert f"cluster table 'phones': dropped from {where}: a line has a wrong form (" in told[0]
+
+
+def test_a_version_far_ahead_is_dropped(lone):
+    dropped = lone.node.counter("phones", "dropped")
+    lone.tell(row(lone.version(ahead=70)), row(lone.version(ahead=50), "near"))
+    assert list(lone.rows()) == ["near"]
+    assert lone.node.counter("phones", "dropped") == dropped + 1
+
+
+def test_a_row_that_finds_no_place_is_told_and_not_sent(lone):
+    lone.tell(*[row(lone.version(), f"k{number}") for number in range(40)])
+    dropped = lone.node.counter("phones", "dropped")
+    assert not lone.put(b"one-more")
+    lone.tell(row(lone.version(), "and-another"))
+    assert lone.node.counter("phones", "dropped") == dropped + 1
+    assert len(lone.rows()) == 40
+    assert lone.sent_rows("one-more") == []
+
+
+def test_messages_are_taken_from_nodes_alone_and_where_nodes_talk(lone):
+    line = row(lone.version()) + "\n"
+    with lone.node.phone() as phone:
+        for address in (lone.links.address(1, 1), f"{lone.node.address}:{lone.node.port}"):
+            host, port = address.split(":")
+            phone.server = (host, int(port))
+            uri = f"sip:cluster_phones@{address}"
+            assert phone.request("KDMQ", uri, body=line).status == 403, address
+    assert lone.tell(line.strip(), channel="cluster_phones") == 200
+    assert lone.tell(line.strip(), channel="cluster_nothing") == 404
+
+
+def digests(lone):
+    """What the node tells of its buckets, once they have all settled, as a dictionary."""
+    lone.sent.clear()
+    wanted = b"KDMQ sip:cluster_phones@"
+    data = lone.await_sent(lambda sent: sent.startswith(wanted) and b"\nd:1023:" in sent)
+    lines = data.partition(b"\r\n\r\n")[2].decode().splitlines()
+    told = dict(line[2:].split(":") for line in lines if line.startswith("d:"))
+    assert len(told) == 1024
+    return {int(bucket): digest for bucket, digest in told.items() if digest != "0"}
+
+
+def test_rows_in_any_order_have_the_same_digest_and_other_versions_another(lone):
+    early = [row(lone.version(ahead=-10), f"k{number}") for number in range(20)]
+    lone.tell(*early)
+    first = digests(lone)
+    lone.node.jsonrpc("tarn_memdb.clear_tbl", "phones")
+    lone.tell(*reversed(early))
+    assert digests(lone) == first and len(first) > 10
+    lone.tell(row(lone.version(ahead=-9), "k3"))
+    later = digests(lone)
+    assert len([bucket for bucket in first if later[bucket] != first[bucket]]) == 1
+
+
+def test_a_peer_gets_the_rows_of_a_bucket_in_which_it_differs(lone):
+    old = row(lone.version(ahead=-10), "old", "%7c")
+    lone.tell(old)
+    ((bucket, digest),) = digests(lone).items()
+    lone.put(b"young")
+    lone.wait(lambda: lone.sent_rows("young"))
+    cut = f"t:{lone.version(ahead=-5)}"
+    lone.sent.clear()
+    lone.tell(cut, *[f"d:{number}:{digest if number == bucket else 0}" for number in range(1024)])
+    lone.tell(f"d:{bucket}:0")  # without a cut it tells nothing
+    assert lone.sent_rows("old", "young") == []
+    lone.tell(cut, *[f"d:{number}:0" for number in range(1024)])
+    lone.wait(lambda: lone.sent_rows("old", "young") == [old])
+    assert lone.node.counter("phones", "differed:2") == 1
+
+
+def test_marks_and_ended_rows_are_forgotten_in_time_and_dont_come_back(lone):
+    now = int(time.time())
+    lines = [
+        row(lone.version(ahead=-9), "gone", "", 0, now - 2),
+        row(lone.version(ahead=-9), "ended", "v", 1, now - 2),
+        row(lone.version(ahead=-9), "stays", "v", 1, now + 60),
+    ]
+    lone.tell(*lines)
+    assert sorted(lone.rows()) == ["ended", "gone", "stays"]
+    lone.wait(lambda: list(lone.rows()) == ["stays"])
+    lone.tell(*lines)
+    assert list(lone.rows()) == ["stays"]
+
+
+def test_operators_put_and_delete_by_way_of_the_htable(lone):
+    assert lone.node.kamcmd("htable.sets", "cluster", "phones:put", "bob=sip:bob@10.0.0.7;a=b")[0] == 0
+    lone.wait(lambda: lone.find(b"bob") == b"sip:bob@10.0.0.7;a=b")
+    lone.node.kamcmd("htable.sets", "cluster", "phones:delete", "bob")
+    lone.wait(lambda: lone.find(b"bob") is None)
+    lone.wait(lambda: len(lone.sent_rows("bob")) == 2)
+
+
+def test_figures_tell_rows_marks_and_how_the_peer_compares(lone):
+    lone.tell(*[row(lone.version(ahead=-10), f"k{number}") for number in range(5)])
+    lone.delete(b"gone")
+    figures = {}
+
+    def told():
+        for name in ("rows", "marks"):
+            figures[name] = lone.node.counter("phones", name)
+        return figures == {"rows": 5, "marks": 1}
+
+    lone.wait(told)
+    lone.tell(f"t:{lone.version(ahead=-5)}", "d:0:1", "d:1:1")
+    assert abs(lone.node.counter("phones", "heard:2") - time.time()) < 3
+    assert lone.node.counter("phones", "differed:2") == 2
