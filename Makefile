@@ -223,6 +223,14 @@ CRASH_ROUNDS ?= 300
 crash: host-module
 	@CRASH_ROUNDS=$(CRASH_ROUNDS) tests/crash/run.py $(BUILD)/demo/tarn_memdb.so
 
+.PHONY: cluster
+# The same table on three servers, in all that can go wrong between them, and beside htable.
+# About eight minutes.
+cluster: host-module
+	@$(DEPS) cluster
+	@tests/cluster/run.py $(BUILD)/demo/tarn_memdb.so
+	@tests/cluster/run.py --beside $(BUILD)/demo/tarn_memdb.so
+
 # What was built goes.
 clean:
 	rm -rf $(BUILD)

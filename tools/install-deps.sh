@@ -19,6 +19,7 @@ packages_of() {
     coverage) echo gcovr ;;
     install) echo help2man ;;
     deb) echo dpkg-dev file ;;
+    cluster) echo faketime python3 ;;
     package) echo lintian man-db ;;
     package-test) echo mmdebstrap systemd-container python3 ;;
     *)

@@ -52,16 +52,16 @@ class Load:
         text = "".join(self.random.choices(ODD, k=3))
         return f"sip:{self.serial}@10.{self.serial % 250}.0.7:5060;{text}".encode()
 
-    def _next(self, number, deletes):
+    def _next(self, number, deletes, shared):
         """The next key of a node: its own in their order, now and then a shared one."""
-        if self.shared and self.random.random() < 0.05:
+        if self.random.random() < shared:
             return self.random.choice(self.shared), False
         keys = self.keys[number]
         self.turn[number] += 1
         return keys[self.turn[number] % len(keys)], self.random.random() < deletes
 
-    def _write(self, number, deletes):
-        key, gone = self._next(number, deletes)
+    def _write(self, number, *shares):
+        key, gone = self._next(number, *shares)
         self.serial += 1
         value = None if gone else self._value()
         what = "delete" if gone else "put"
@@ -80,7 +80,7 @@ class Load:
             "Content-Length: 0",
         ]
         write = Write(key, value, ("\r\n".join(lines) + "\r\n\r\n").encode())
-        if key in self.shared_values or key.startswith("all-"):
+        if key.startswith("all-"):
             self.shared_values[key].add(value)
         self.waiting[number][call.encode()] = write
         self._send(number, write)
@@ -101,15 +101,18 @@ class Load:
         if not write.key.startswith("all-"):
             self.expected[write.key] = write.value
 
-    def run(self, seconds, rate, at=None, deletes=0.1):
-        """So many writes a second over all nodes, or at those of `at`; ends when all are answered."""
+    def run(self, seconds, rate, at=None, deletes=0.1, shared=0.05):
+        """So many writes a second over all nodes, or at those of `at`; ends when all are answered.
+
+        `deletes` and `shared` are the shares of deletes and of writes of the keys that all have.
+        """
         numbers = sorted(at or self.nodes)
         start = time.monotonic()
         done = 0
         while (passed := time.monotonic() - start) < seconds:
             due = int(passed * rate)
             while done < due:
-                self._write(numbers[done % len(numbers)], deletes)
+                self._write(numbers[done % len(numbers)], deletes, shared)
                 done += 1
             self._poll(0.002)
         end = time.monotonic() + 10
@@ -118,10 +121,10 @@ class Load:
             assert time.monotonic() < end, "a write got no answer"
         return done
 
-    def fill(self, rate=3000):
-        """Puts every key once, as fast as is asked for."""
+    def fill(self, rate):
+        """Puts every key of one node once."""
         keys = sum(len(keys) for keys in self.keys.values())
-        return self.run(keys / rate * 1.1, rate, deletes=0.0)
+        return self.run(keys / rate * 1.01, rate, deletes=0.0, shared=0.0)
 
     def _poll(self, wait):
         by_socket = {bound: number for number, bound in self.sockets.items()}

@@ -79,8 +79,8 @@ class Scene:
         self.kind = kind
         self.seconds = seconds
 
-    def write(self, part=1.0, at=None):
-        return self.load.run(self.seconds * part, RATE, at)
+    def write(self, part=1.0, at=None, **shares):
+        return self.load.run(self.seconds * part, RATE, at, **shares)
 
     def restart(self, number):
         self.nodes[number].start()
@@ -110,6 +110,11 @@ class Scene:
 def at_once(scene):
     """writes at all three"""
     return scene.write()
+
+
+def same_keys(scene):
+    """the same keys at all three"""
+    return scene.write(shared=1.0)
 
 
 def a_stopped_node(scene):
@@ -218,10 +223,11 @@ def repeats(scene):
     return count
 
 
-SHORT = (at_once, a_cut, repeats, an_empty_node)
-BESIDE = (at_once, a_stopped_node, a_killed_node, a_cut, losses, repeats)
+SHORT = (at_once, a_cut, repeats, a_killed_node)
+BESIDE = (at_once, same_keys, a_killed_node, a_cut, losses)
 LONG = (
     at_once,
+    same_keys,
     a_stopped_node,
     a_killed_node,
     a_cut,
@@ -262,7 +268,7 @@ def filled(kind, module, keys, seconds):
             node.start()
         with contextlib.closing(Load(nodes, keys, shared=keys // 30)) as load:
             scene = Scene(nodes, links, load, kind, seconds)
-            load.fill()
+            load.fill(RATE)
             scene.until_equal(LIMIT)
             yield scene
         for node in nodes:
@@ -294,7 +300,7 @@ def run_beside(module, cases, keys, seconds):
                 with filled(kind, module, keys, seconds) as scene:
                     whole, told = run_case(scene, case)
             except Deviation as deviation:
-                whole, told = False, str(deviation)
+                whole, told = False, f"not even full: {deviation}"
             print(f"{case.__doc__}, {name}: {told}", flush=True)
             if not whole and kind is OwnTables:
                 wrong.append(case.__doc__)
