@@ -12,6 +12,7 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TOP / "tools")]
 
 import cluster_nodes  # noqa: E402  (found by way of the line above)
+import host_server  # noqa: E402, F401
 
 TEMPLATE = (pathlib.Path(__file__).parent / "site.cfg").read_text()
 PATIENCE = 6.0
@@ -88,6 +89,14 @@ class Lone:
         self.links.inject(2, 1, data)
         reply = self.await_sent(lambda sent: sent.startswith(b"SIP/2.0") and call in sent)
         return int(reply.split(b" ")[1])
+
+    def tell_phones_side(self, body):
+        """Has the peer send to where the node's phones are, and waits for the refusal."""
+        link = self.links.links[2, 1]
+        data = self.message(body)
+        call = re.search(rb"Call-ID: \S+", data)[0]
+        link.way_out.sendto(data.replace(*link.views), (self.node.address, self.node.port))
+        self.await_sent(lambda sent: sent.startswith(b"SIP/2.0 403 ") and call in sent)
 
     def await_sent(self, wanted, patience=PATIENCE):
         """The first datagram to the peer, from now on or before, that is wanted."""

@@ -1,8 +1,10 @@
 """What the routes of cluster/ store, send and take, on a real server with a peer that is played."""
 
+import os
 import time
 
 import pytest
+from conftest import TEMPLATE, cluster_nodes, host_server
 
 EVERY_BYTE = bytes(range(256))
 
@@ -58,6 +60,12 @@ def test_a_row_ends_after_its_time(lone):
     lone.wait(lambda: lone.find(b"k") is None, 2.5)
     lone.put(b"k", b"w")
     assert lone.find(b"k") == b"w"
+
+
+def test_a_time_is_cut_to_what_its_column_holds(lone):
+    lone.put(b"k", b"v", 99999999999)
+    _, _, until, _ = lone.rows()["k"]
+    assert abs(until - time.time() - 1e9) < 3
 
 
 def test_the_highest_version_wins_in_whatever_order_they_come(lone):
@@ -127,6 +135,7 @@ BAD_LINES = (
     "d:1:99999999999999999999",
     "t:0",
     "t:{version}x",
+    "t:{version}\0",
     "$var(c_key)",
     "r:{version}:1:0:$var(x):v",
     "\xff\xfe",
@@ -171,8 +180,25 @@ def test_messages_are_taken_from_nodes_alone_and_where_nodes_talk(lone):
             phone.server = (host, int(port))
             uri = f"sip:cluster_phones@{address}"
             assert phone.request("KDMQ", uri, body=line).status == 403, address
+    lone.tell_phones_side(line.encode())
+    assert lone.rows() == {}
     assert lone.tell(line.strip(), channel="cluster_phones") == 200
     assert lone.tell(line.strip(), channel="cluster_nothing") == 404
+
+
+def test_an_empty_message_changes_nothing(lone):
+    assert lone.tell(b"") == 200
+    assert lone.rows() == {}
+    assert "non existing right pvar" not in lone.node.log()
+
+
+def test_a_node_that_isnt_among_the_nodes_doesnt_start_and_says_why():
+    module = os.environ["TARN_MODULE"]
+    template = TEMPLATE.replace("@SELF@", "3")
+    with cluster_nodes.cluster(2, template, module, {"phones": 9, "blocked": 9}) as (nodes, _):
+        with pytest.raises(host_server.StartFailed):
+            nodes[0].start()
+        assert "CLUSTER_SELF_is_not_the_number_of_a_CLUSTER_NODE" in nodes[0].log()
 
 
 def digests(lone):
@@ -202,15 +228,15 @@ def test_a_peer_gets_the_rows_of_a_bucket_in_which_it_differs(lone):
     old = row(lone.version(ahead=-10), "old", "%7c")
     lone.tell(old)
     ((bucket, digest),) = digests(lone).items()
-    lone.put(b"young")
-    lone.wait(lambda: lone.sent_rows("young"))
+    lone.put(b"young427")  # is in the same bucket
+    lone.wait(lambda: lone.sent_rows("young427"))
     cut = f"t:{lone.version(ahead=-5)}"
     lone.sent.clear()
     lone.tell(cut, *[f"d:{number}:{digest if number == bucket else 0}" for number in range(1024)])
     lone.tell(f"d:{bucket}:0")  # without a cut it tells nothing
-    assert lone.sent_rows("old", "young") == []
+    assert lone.sent_rows("old", "young427") == []
     lone.tell(cut, *[f"d:{number}:0" for number in range(1024)])
-    lone.wait(lambda: lone.sent_rows("old", "young") == [old])
+    lone.wait(lambda: lone.sent_rows("old", "young427") == [old])
     assert lone.node.counter("phones", "differed:2") == 1
 
 
