@@ -139,6 +139,8 @@ BAD_LINES = (
     "$var(c_key)",
     "r:{version}:1:0:$var(x):v",
     "\xff\xfe",
+    "r:{version}:1:0:k:" + "\0" * 1200,
+    "%" * 15000,
 )
 
 
@@ -149,6 +151,7 @@ def test_a_line_of_another_form_is_dropped_and_told_and_the_others_are_taken(lon
     lone.tell(*lines, row(version, "good"))
     assert list(lone.rows()) == ["good"]
     assert lone.node.counter("phones", "dropped") == dropped + len(lines)
+    assert "ERROR: <core>" not in lone.node.log()
     told = [line for line in lone.node.log().splitlines() if "dropped from" in line]
     assert 1 <= len(told) <= 2  # once in ten seconds
     where = lone.links.address(1, 2)
@@ -189,7 +192,7 @@ def test_messages_are_taken_from_nodes_alone_and_where_nodes_talk(lone):
 def test_an_empty_message_changes_nothing(lone):
     assert lone.tell(b"") == 200
     assert lone.rows() == {}
-    assert "non existing right pvar" not in lone.node.log()
+    assert "ERROR: <core>" not in lone.node.log()
 
 
 def test_a_node_that_isnt_among_the_nodes_doesnt_start_and_says_why():
