@@ -2,6 +2,7 @@
 
 import json
 import os
+import random
 import re
 import shlex
 import subprocess
@@ -16,6 +17,9 @@ PLACES = (
 )
 MODULES = ("pv", "tm", "sl", "textops", "xlog", "kex", "ctl", "jsonrpcs")
 CALLEE = "bob"
+CONFIGURATION = ("loadmodule ", "modparam(", "#!define ")
+# The network between nodes, of which each server has one for itself.
+NODES = "10.9.0."
 
 _SHOWN = re.compile(r"(\s*)# (\$.+?): (.*)")
 _TOP_LEVEL = re.compile(r"(request_route|\w*route(\[[^\]]*\])?)\s*\{")
@@ -30,7 +34,7 @@ def _listed(what):
 
 
 def is_configuration(block):
-    return block.kind == "kamailio" and block.text.startswith(("loadmodule ", "modparam("))
+    return block.kind == "kamailio" and block.text.startswith(CONFIGURATION)
 
 
 def is_route(block):
@@ -74,8 +78,11 @@ class ExampleServer(host_server.Server):
         super().__init__(directory, self._config)
         self.blocks = [block for block in blocks if block.kind == "kamailio"]
         self.debug = debug
+        nodes = f"127.{random.randrange(64, 250)}.{random.randrange(1, 250)}."
+        self.places = (*PLACES, (NODES, nodes))
         for place in ("etc", "var/tables", "var/backup", "bin"):
             (self.directory / place).mkdir(parents=True, exist_ok=True)
+        (self.directory / "etc" / "cluster").symlink_to(host_server.TOOLS.parent / "cluster")
         for name, text in files.items():
             where = self.directory / ("var" if "/" in name else "etc") / name
             where.write_text(self.local(text))
@@ -88,14 +95,17 @@ class ExampleServer(host_server.Server):
         (self.directory / "bin" / "tarn-memdb-check").symlink_to(os.environ["TARN_CHECK"])
 
     def local(self, text):
-        for place, own in PLACES:
-            text = text.replace(place, f"{self.directory}/{own}")
+        for place, own in self.places:
+            text = text.replace(place, self._own(own))
         return text.replace('"tarn_memdb.so"', f'"{os.environ["TARN_MODULE"]}"')
 
     def told(self, text):
-        for place, own in PLACES:
-            text = text.replace(f"{self.directory}/{own}", place)
+        for place, own in self.places:
+            text = text.replace(self._own(own), place)
         return text
+
+    def _own(self, place):
+        return place if place.startswith("127.") else f"{self.directory}/{place}"
 
     # Configuration
 

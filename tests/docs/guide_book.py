@@ -2,8 +2,8 @@
 
 An example is a fenced code block. Its info string says what is done with it:
 
-  kamailio   routing script, or configuration if it begins with loadmodule or modparam, or a block
-             of its own if it begins with a route's name. Comments of the form `# $rc: 1` and
+  kamailio   routing script, or configuration if it begins with loadmodule, modparam or #!define, or
+             a block of its own if it begins with a route's name. Comments of the form `# $rc: 1` and
              `# $avp(to): text` tell the values that the script has at that place.
   console    shell commands behind `$ `, each followed by all that it prints
   jsonrpc    a request behind `--> ` and its reply behind `<-- `
@@ -26,6 +26,7 @@ the section has its own. Comments above a block change what is done:
   <!-- restart -->   the server is stopped and started before it
   <!-- request: NAME: VALUE -->   a header of the request that runs the next script
   <!-- reply: STATUS -->   the status of the reply to it, 200 otherwise
+  <!-- with: TITLE -->   the section has the files and the configuration of another one of its page
 """
 
 import dataclasses
@@ -45,6 +46,7 @@ PAGES = (
     "ports.md",
     "operating.md",
     "production.md",
+    "cluster.md",
     "architecture.md",
 )
 # The one whose examples are in other languages than the server's own.
@@ -93,8 +95,15 @@ class Section:
         return any(block.kind in LANGUAGES for block in self.blocks)
 
     @property
+    def other(self):
+        """The section whose files and configuration this one has, too."""
+        titles = [title for block in self.blocks for title in block.marked("with")]
+        return next((section for section in page(self.page) if section.title in titles), None)
+
+    @property
     def files(self):
-        return {
+        given = self.other.files if self.other else {}
+        return given | {
             name: block.text
             for block in self.blocks
             if block.kind in FILES

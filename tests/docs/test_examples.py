@@ -55,6 +55,8 @@ def refuse(server):
 def test_section_does_what_it_says(section, serve):
     refused = [block for block in section.blocks if block.marked("refused")]
     accepted = [block for block in section.blocks if block not in refused]
+    if section.other:
+        accepted += [block for block in section.other.blocks if is_configuration(block)]
     server = serve(section, accepted) if accepted else None
     current = server
     for block in section.blocks:

@@ -116,7 +116,7 @@ def test_each_code_block_is_run_or_plainly_for_reading():
 
 
 def test_each_mark_is_known():
-    known = {"file", "refused", "debug", "stopped", "restart", "request", "reply"}
+    known = {"file", "refused", "debug", "stopped", "restart", "request", "reply", "with"}
     for section in guide_book.guide():
         for block in section.blocks:
             assert {word for word, _ in block.marks} <= known, f"{section.page}:{block.line}"

@@ -28,9 +28,10 @@ GUIDE = (
     "docs/rpc.md",
     "docs/operating.md",
     "docs/kemi.md",
+    "docs/cluster.md",
 )
 MANUAL = "usr/share/man/man1/tarn-memdb-check.1.gz"
-SITES = [ROOT / "package" / name for name in ("site", "site-lua")]
+EXAMPLES = [*(ROOT / "package" / name for name in ("site", "site-lua")), ROOT / "cluster"]
 BUILT = ("tarn_memdb.so", "tools/check/tarn-memdb-check", "tarn-memdb-check.1.gz", "changelog.gz")
 
 
@@ -169,10 +170,10 @@ def test_module_tool_guide_and_site_are_there_and_no_more(installed):
         assert f"{DOC}/{page}" in found
     for name in ("copyright", "changelog.gz"):
         assert f"{DOC}/{name}" in found
-    for site in SITES:
-        for name in names_below(site):
-            place = installed / DOC / "examples" / site.name / name
-            assert place.read_bytes() == (site / name).read_bytes()
+    for example in EXAMPLES:
+        for name in names_below(example):
+            place = installed / DOC / "examples" / example.name / name
+            assert place.read_bytes() == (example / name).read_bytes()
     beside = [name for name in found if not name.startswith(f"{DOC}/")]
     assert beside == ["usr/bin/tarn-memdb-check", f"{MODULES}/tarn_memdb.so", MANUAL]
 
