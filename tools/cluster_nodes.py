@@ -23,9 +23,9 @@ def table_block(name, max_rows):
 
 
 class Node(host_server.Server):
-    """One server. `template` is its configuration, in which these are filled in: @SELF@, @NODES@
-    and @DEFINES@, of which the latter are lines; @WORK@, @MODULE@, @PORT@, and @CLUSTER@, the folder
-    of the include files.
+    """One server. `template` is its configuration, in which are filled in: @SELF@, @NODES@ and
+    @DEFINES@, of which the latter are lines; @WORK@, @MODULE@, @PORT@, and @CLUSTER@, the folder of
+    the include files.
     """
 
     def __init__(self, directory, number, links, template, module, tables, defines=None, **options):
@@ -71,10 +71,11 @@ class Node(host_server.Server):
             f'#!define CLUSTER_NODE_{node} "{self.links.address(self.number, node)}"'
             for node in self.links.nodes
         ]
+        defines = [f"#!define {name} {value}" for name, value in self.defines.items()]
         places = {
             "SELF": self.number,
             "NODES": "\n".join(nodes),
-            "DEFINES": "\n".join(f"#!define {name} {value}" for name, value in self.defines.items()),
+            "DEFINES": "\n".join(defines),
             "WORK": self.directory,
             "MODULE": self.module,
             "PORT": self.port,

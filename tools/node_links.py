@@ -15,7 +15,7 @@ import threading
 import time
 
 
-class Link:
+class Link:  # pylint: disable=too-few-public-methods
     """The way from one node to another, its faults and what it has carried."""
 
     def __init__(self, way_in, way_out, target, views):
@@ -76,8 +76,11 @@ class Links:
                         self.sockets[source, target],
                         self.sockets[target, source],
                         (self._host(target, target), self.port),
-                        (f"{self.network}.{source}.".encode(), f"{self.network}.{target}.".encode()),
+                        (self._view(source), self._view(target)),
                     )
+
+    def _view(self, viewer):
+        return f"{self.network}.{viewer}.".encode()
 
     def _host(self, viewer, node):
         return f"{self.network}.{viewer}.{node}"

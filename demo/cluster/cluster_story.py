@@ -63,7 +63,8 @@ class Scene:
             expect(took < PATIENCE, f"after {took:.1f} s it is {status}, and {rang} rings")
             time.sleep(0.05)
         ringing = f", rang at {rang}" if rang else ""
-        print(f"  <- {status}{ringing}" + (f", after {took:.1f} s" if took > 0.3 else ""), flush=True)
+        after = f", after {took:.1f} s" if took > 0.3 else ""
+        print(f"  <- {status}{ringing}{after}", flush=True)
 
     def rows(self):
         return {number: node.rows("phones") for number, node in self.nodes.items()}

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Three real servers that keep the same table, in all that can go wrong between them. In each case the
-three tables have to be equal within the time that docs/cluster.md tells, with every row that was put
-and not deleted, and none that was deleted.
+"""Three real servers that keep the same table, in all that can go wrong between them.
+
+In each case the three tables have to be equal within the time that docs/cluster.md tells, with
+every row that was put and not deleted, and none that was deleted.
 
 Usage: tests/cluster/run.py [--short | --beside] MODULE.so
 
@@ -24,7 +25,7 @@ sys.path[:0] = [str(HERE), str(HERE.parents[1] / "tools")]
 
 import cluster_nodes  # noqa: E402  (found by way of the lines above)
 import host_server  # noqa: E402
-from load import Load  # noqa: E402
+from many_writes import Load  # noqa: E402
 
 LIMIT = 15.0  # seconds until the tables are equal, as docs/cluster.md tells
 RATE = 1000  # writes a second over all nodes
@@ -184,7 +185,8 @@ def clock(ahead):
         scene.restart(3)
         scene.nodes[3].faketime = None
         count = scene.write()
-        newest = max(version for version, *_ in scene.nodes[3].rows("phones").values() if version % 16 == 3)
+        versions = [version for version, *_ in scene.nodes[3].rows("phones").values()]
+        newest = max(version for version in versions if version % 16 == 3)
         if abs(newest / 16000000 - time.time() - ahead) > 2:
             raise Deviation("the clock isn't off")
         return count

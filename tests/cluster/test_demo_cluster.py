@@ -1,15 +1,16 @@
 """The demo of a cluster from a user's side."""
 
 import os
+import pathlib
 import re
 import subprocess
 
-from conftest import TOP
+DEMO = pathlib.Path(__file__).resolve().parents[2] / "demo/cluster/run"
 
 
 def test_the_demo_ends_well_with_three_equal_tables():
     ran = subprocess.run(
-        [TOP / "demo/cluster/run", os.environ["TARN_MODULE"]],
+        [DEMO, os.environ["TARN_MODULE"]],
         stdin=subprocess.DEVNULL,
         capture_output=True,
         text=True,

@@ -1,16 +1,27 @@
 """What the routes of cluster/ store, send and take, on a real server with a peer that is played."""
 
-import os
 import time
 
 import pytest
-from conftest import TEMPLATE, cluster_nodes, host_server
+from lone_node import TEMPLATE, Lone, StartFailed, two_nodes
 
 EVERY_BYTE = bytes(range(256))
 
 
 def row(version, key="k", value="v", live=1, until=0):
     return f"r:{version}:{live}:{until}:{key}:{value}"
+
+
+@pytest.fixture(scope="session")
+def lone():
+    """All buckets are compared each second here, and marks are remembered for three."""
+    defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 3}
+    with two_nodes(defines=defines) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.wait(lambda: played.node.kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
+        yield played
+        assert nodes[0].stop() == 0
 
 
 @pytest.fixture(autouse=True)
@@ -97,7 +108,8 @@ def test_each_table_has_a_channel_of_its_own(lone):
     lone.tell(row(lone.version(), "caller"), channel="cluster_blocked")
     assert "caller" in lone.rows("blocked") and lone.rows() == {}
     lone.ask("block", b"other")
-    lone.await_sent(lambda data: data.startswith(b"KDMQ sip:cluster_blocked@") and b":other:" in data)
+    blocked = b"KDMQ sip:cluster_blocked@"
+    lone.await_sent(lambda data: data.startswith(blocked) and b":other:" in data)
 
 
 BAD_LINES = (
@@ -196,10 +208,8 @@ def test_an_empty_message_changes_nothing(lone):
 
 
 def test_a_node_that_isnt_among_the_nodes_doesnt_start_and_says_why():
-    module = os.environ["TARN_MODULE"]
-    template = TEMPLATE.replace("@SELF@", "3")
-    with cluster_nodes.cluster(2, template, module, {"phones": 9, "blocked": 9}) as (nodes, _):
-        with pytest.raises(host_server.StartFailed):
+    with two_nodes(TEMPLATE.replace("@SELF@", "3")) as (nodes, _):
+        with pytest.raises(StartFailed):
             nodes[0].start()
         assert "CLUSTER_SELF_is_not_the_number_of_a_CLUSTER_NODE" in nodes[0].log()
 
@@ -258,7 +268,7 @@ def test_marks_and_ended_rows_are_forgotten_in_time_and_dont_come_back(lone):
 
 
 def test_operators_put_and_delete_by_way_of_the_htable(lone):
-    assert lone.node.kamcmd("htable.sets", "cluster", "phones:put", "bob=sip:bob@10.0.0.7;a=b")[0] == 0
+    lone.node.kamcmd("htable.sets", "cluster", "phones:put", "bob=sip:bob@10.0.0.7;a=b")
     lone.wait(lambda: lone.find(b"bob") == b"sip:bob@10.0.0.7;a=b")
     lone.node.kamcmd("htable.sets", "cluster", "phones:delete", "bob")
     lone.wait(lambda: lone.find(b"bob") is None)
@@ -279,3 +289,6 @@ def test_figures_tell_rows_marks_and_how_the_peer_compares(lone):
     lone.tell(f"t:{lone.version(ahead=-5)}", "d:0:1", "d:1:1")
     assert abs(lone.node.counter("phones", "heard:2") - time.time()) < 3
     assert lone.node.counter("phones", "differed:2") == 2
+    taken = lone.node.counter("phones", "taken")
+    lone.tell(row(lone.version(ahead=-10), "new"), row(lone.version(ahead=-20), "k1"))
+    assert lone.node.counter("phones", "taken") == taken + 1

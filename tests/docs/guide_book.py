@@ -2,9 +2,9 @@
 
 An example is a fenced code block. Its info string says what is done with it:
 
-  kamailio   routing script, or configuration if it begins with loadmodule, modparam or #!define, or
-             a block of its own if it begins with a route's name. Comments of the form `# $rc: 1` and
-             `# $avp(to): text` tell the values that the script has at that place.
+  kamailio   routing script, or configuration if it begins with loadmodule, modparam or #!define,
+             or a block of its own if it begins with a route's name. Comments of the form
+             `# $rc: 1` and `# $avp(to): text` tell the values that the script has at that place.
   console    shell commands behind `$ `, each followed by all that it prints
   jsonrpc    a request behind `--> ` and its reply behind `<-- `
   log        messages of the module, in order, as `LEVEL: text`

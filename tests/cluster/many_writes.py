@@ -10,7 +10,7 @@ RESEND = 0.5  # seconds, as UDP asks for
 ODD = "|,*\\;=% \t#'\"$()äß"
 
 
-class Write:
+class Write:  # pylint: disable=too-few-public-methods
     """A request that is on its way: of which key, and what the key has if it succeeds."""
 
     def __init__(self, key, value, data):

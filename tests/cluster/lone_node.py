@@ -6,16 +6,20 @@ import re
 import sys
 import time
 
-import pytest
-
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TOP / "tools")]
 
 import cluster_nodes  # noqa: E402  (found by way of the line above)
-import host_server  # noqa: E402, F401
 
 TEMPLATE = (pathlib.Path(__file__).parent / "site.cfg").read_text()
 PATIENCE = 6.0
+StartFailed = cluster_nodes.host_server.StartFailed
+
+
+def two_nodes(template=TEMPLATE, defines=None):
+    """Two nodes that haven't started, and their links."""
+    tables = {"phones": 40, "blocked": 40}
+    return cluster_nodes.cluster(2, template, os.environ["TARN_MODULE"], tables, defines=defines)
 
 
 class Lone:
@@ -123,17 +127,3 @@ class Lone:
         while not condition():
             assert time.monotonic() < end, "it didn't come so far"
             time.sleep(0.02)
-
-
-@pytest.fixture(scope="session")
-def lone():
-    """All buckets are compared each second here, and marks are remembered for three."""
-    defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 3}
-    tables = {"phones": 40, "blocked": 40}
-    module = os.environ["TARN_MODULE"]
-    with cluster_nodes.cluster(2, TEMPLATE, module, tables, defines=defines) as (nodes, links):
-        played = Lone(nodes[0], links)
-        nodes[0].start()
-        played.wait(lambda: played.node.kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
-        yield played
-        assert nodes[0].stop() == 0
