@@ -49,6 +49,12 @@ class Lone:
         with self.node.phone() as phone:
             return phone.request("MESSAGE", self.node.uri(what), headers)
 
+    def ask_with_body(self, what, part, body):
+        """The same with the body as the key or as the value, and all else empty."""
+        with self.node.phone() as phone:
+            headers = {"X-Body": part, "X-Key": b"k".hex()}
+            return phone.request("MESSAGE", self.node.uri(what), headers, body=body).status
+
     def put(self, key, value=b"", seconds=0):
         return self.ask("put", key, value, seconds).status == 200
 

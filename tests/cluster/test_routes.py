@@ -53,6 +53,17 @@ def test_what_is_too_long_or_has_no_key_is_refused(lone):
     assert list(lone.rows()) == ["k" * 255]
 
 
+@pytest.mark.parametrize("size", [1100, 30000])
+def test_what_is_far_too_long_touches_no_other_row(lone, size):
+    lone.put(b"k", b"v")
+    for what in ("put", "delete", "find"):
+        assert lone.ask_with_body(what, "key", "x" * size) == 404
+    assert lone.ask_with_body("put", "value", "x" * size) == 404
+    assert lone.find(b"k") == b"v"
+    assert list(lone.rows()) == ["k"]
+    assert "ERROR: <core>" not in lone.node.log()
+
+
 def test_a_row_that_was_put_or_deleted_is_sent_to_the_peer(lone):
     lone.put(b"a b", b"1|2")
     lone.delete(b"gone")
