@@ -53,6 +53,12 @@ def test_what_is_too_long_or_has_no_key_is_refused(lone):
     assert list(lone.rows()) == ["k" * 255]
 
 
+def test_what_one_call_was_given_isnt_there_for_the_next(lone):
+    assert lone.put(b"k", b"v", 100)
+    for what in ("put", "delete", "find"):
+        assert lone.ask(f"left-by-{what}", b"x", b"y", 5).get("x-value") == "[][][0]", what
+
+
 @pytest.mark.parametrize("size", [1100, 30000])
 def test_what_is_far_too_long_touches_no_other_row(lone, size):
     lone.put(b"k", b"v")
