@@ -12,7 +12,7 @@ sys.path[:0] = [str(TOP / "tools")]
 import cluster_nodes  # noqa: E402  (found by way of the line above)
 
 TEMPLATE = (pathlib.Path(__file__).parent / "site.cfg").read_text()
-PATIENCE = 6.0
+PATIENCE = 10.0
 StartFailed = cluster_nodes.host_server.StartFailed
 
 
@@ -30,6 +30,7 @@ class Lone:
         self.links = links
         self.sent = []
         self.serial = 0
+        self.started = time.monotonic()
         links.links[1, 2].watch = self._take
 
     def _take(self, data):
