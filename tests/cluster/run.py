@@ -322,7 +322,7 @@ def main():
 
 FORMS = {
     "": (run_own, LONG, 10000, 8),
-    "--short": (run_own, SHORT, 900, 1.5),
+    "--short": (run_own, SHORT, 900, 1.0),
     "--beside": (run_beside, BESIDE, 10000, 5),
 }
 
