@@ -14,8 +14,8 @@ def row(version, key="k", value="v", live=1, until=0):
 
 @pytest.fixture(scope="session")
 def lone():
-    """All buckets are compared each second here, and marks are remembered for three."""
-    defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 3}
+    """All buckets are compared each second here, marks are remembered for three, messages short."""
+    defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 3, "CLUSTER_MESSAGE": 1000}
     with two_nodes(defines=defines) as (nodes, links):
         played = Lone(nodes[0], links)
         nodes[0].start()
@@ -240,15 +240,37 @@ def test_a_table_with_other_columns_keeps_the_node_from_starting():
         assert "Parameter [live] not found in the table [phones]" in nodes[0].log()
 
 
-def digests(lone):
-    """What the node tells of its buckets, once they have all settled, as a dictionary."""
+def comparisons(lone):
+    """The bodies of messages in which the node tells the peer of all its buckets."""
     lone.sent.clear()
-    wanted = b"KDMQ sip:cluster_phones@"
-    data = lone.await_sent(lambda sent: sent.startswith(wanted) and b"\nd:1023:" in sent)
-    lines = data.partition(b"\r\n\r\n")[2].decode().splitlines()
+    bodies = []
+
+    def whole():
+        told = [data for data in list(lone.sent) if data.startswith(b"KDMQ sip:cluster_phones@")]
+        bodies[:] = [data.partition(b"\r\n\r\n")[2].decode() for data in told]
+        return "".join(bodies).count("\nd:") >= 1024
+
+    lone.wait(whole)
+    return [body for body in bodies if body.startswith("t:")]
+
+
+def digests(lone):
+    """What the node tells of its buckets that aren't empty."""
+    lines = "".join(comparisons(lone)).splitlines()
     told = dict(line[2:].split(":") for line in lines if line.startswith("d:"))
     assert len(told) == 1024
     return {int(bucket): digest for bucket, digest in told.items() if digest != "0"}
+
+
+def test_no_message_is_longer_than_is_wanted(lone):
+    bodies = comparisons(lone)
+    assert max(len(body) for body in bodies) < 1020
+    assert {len(body) > 900 for body in bodies[:5]} == {True}
+    lone.tell(*[row(lone.version(ahead=-10), f"k{number}", "v" * 200) for number in range(40)])
+    lone.sent.clear()
+    lone.tell(f"t:{lone.version(ahead=-5)}", *[f"d:{number}:1" for number in range(1024)])
+    lone.wait(lambda: len(lone.sent_rows(*[f"k{number}" for number in range(40)])) == 40)
+    assert max(len(data) for data in lone.sent) < 1800
 
 
 def test_rows_in_any_order_have_the_same_digest_and_other_versions_another(lone):
