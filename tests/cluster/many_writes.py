@@ -60,8 +60,17 @@ class Load:
         self.turn[number] += 1
         return keys[self.turn[number] % len(keys)], self.random.random() < deletes
 
+    def put_new(self, number):
+        """Puts a key at a node that no node has had; gives the key."""
+        key = f"new-{self.serial}"
+        self._ask(number, key, False)
+        self._await_all([number])
+        return key
+
     def _write(self, number, *shares):
-        key, gone = self._next(number, *shares)
+        self._ask(number, *self._next(number, *shares))
+
+    def _ask(self, number, key, gone):
         self.serial += 1
         value = None if gone else self._value()
         what = "delete" if gone else "put"
@@ -115,11 +124,14 @@ class Load:
                 self._write(numbers[done % len(numbers)], deletes, shared)
                 done += 1
             self._poll(0.002)
+        self._await_all(numbers)
+        return done
+
+    def _await_all(self, numbers):
         end = time.monotonic() + 10
         while any(self.waiting[number] for number in numbers):
             self._poll(0.01)
             assert time.monotonic() < end, "a write got no answer"
-        return done
 
     def fill(self, rate):
         """Puts every key of one node once."""
