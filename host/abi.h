@@ -242,6 +242,14 @@ struct pv_api_t {
   int (*explode_params)(str *params, str *xavp_name);
 };
 
+// One of the host's counters, as it refers to it.
+struct counter_handle_t {
+  unsigned short id;
+};
+
+// Gives a counter's value when somebody asks for it, in whichever process that is.
+using counter_callback = long (*)(counter_handle_t handle, void *param);
+
 inline constexpr unsigned int MODULE_INTERFACE_VERSION = 4;
 
 inline constexpr unsigned int PARAM_STRING = 1U << 0;
@@ -260,6 +268,8 @@ inline constexpr int PV_NAME_INTSTR = 0;  // pv_name_t::type of a name that is t
 inline constexpr int PV_VAL_INT = 8;
 inline constexpr int PV_TYPE_INT = 16;
 inline constexpr int PARAM_CLASS_ANY = 0;
+inline constexpr int CNT_F_NO_RESET = 1;
+inline constexpr int COUNTER_NAME_TAKEN = -2;  // from counter_register
 
 inline constexpr int L_CRIT = -3;  // the host's variant with a prefix
 inline constexpr int L_ERR = -1;
@@ -320,4 +330,5 @@ static_assert(sizeof(ksr_logdata_t) == 64 && offsetof(ksr_logdata_t, v_level) ==
               offsetof(ksr_logdata_t, v_func) == 40 && offsetof(ksr_logdata_t, v_locinfo) == 48 &&
               offsetof(ksr_logdata_t, v_pid) == 56 && offsetof(ksr_logdata_t, v_pidx) == 60);
 static_assert(sizeof(log_level_info_t) == 16 && offsetof(log_level_info_t, syslog_level) == 8);
+static_assert(sizeof(counter_handle_t) == 2);
 static_assert(sizeof(pv_api_t) == 72 && offsetof(pv_api_t, explode_params) == 64);

@@ -39,6 +39,12 @@ extern int fixup_complete __attribute__((weak));
 // kept. Negative if the host has no room for one more module. Not every host offers it.
 int sr_kemi_modules_add(sr_kemi_t *functions) __attribute__((weak));
 
+// Adds a counter to the host's own, ahead of the fork alone. The host copies the texts. 0, or less
+// than that: COUNTER_NAME_TAKEN, or -1. Not every host offers it.
+int counter_register(counter_handle_t *handle, const char *group, const char *name, int flags,
+                     counter_callback callback, void *param, const char *doc, int reg_flags)
+    __attribute__((weak));
+
 // Preparing script parameters.
 int pv_parse_format(str *text, pv_elem_t **format);
 char *pv_parse_spec2(str *text, pv_spec_t *spec, int silent);

@@ -1,6 +1,7 @@
 // Making, clearing and freeing the port maps.
 #include "ports/port_map.h"
 
+#include <atomic>
 #include <cstring>
 #include <limits>
 
@@ -69,6 +70,20 @@ port_m *port_map_by_word(std::string_view word) {
   for (const port_map_kind &kind : port_map_kinds)
     if (word == kind.word) return *kind.map;
   return nullptr;
+}
+
+// A byte of a map is whole at any time, so the lock would add nothing but waiting.
+port_counts count_ports(const port_m *m) UNCHECKED_LOCKING {
+  port_counts counts{};
+  for (const uint8_t entry : std::span(m->port_map, map_size(m))) {
+    if ((entry & PORT_IN_USE) != 0) counts.taken++;
+    if ((entry & (PORT_IN_USE | PORT_PRIVATE)) == 0) counts.free++;
+  }
+  return counts;
+}
+
+void count_refused_request(port_m *m) {
+  std::atomic_ref(m->refused_requests).fetch_add(1, std::memory_order_relaxed);
 }
 
 bool init_port_maps() {

@@ -38,6 +38,7 @@ struct port_m {
   int32_t max_port;
   // What the next ordinary allocation hands out; NO_PORT when none is free.
   int32_t next_free_port GUARDED_BY(port_map_lock);
+  uint32_t refused_requests;  // that found no free port; atomic
   // The byte of port p stands at p - min_port.
   uint8_t *port_map PT_GUARDED_BY(port_map_lock);
   private_range_ports **private_range;  // null until the first range; a place may be null
@@ -79,6 +80,17 @@ extern const port_map_kind port_map_kinds[4];
 
 // The map that the word names, or null.
 port_m *port_map_by_word(std::string_view word);
+
+// Counts of a map's ports, as they are while others take and give back: taken ones, and free ones
+// that aren't set aside.
+struct port_counts {
+  int64_t taken;
+  int64_t free;
+};
+port_counts count_ports(const port_m *m);
+
+// One more request that found no free port.
+void count_refused_request(port_m *m);
 
 inline bool is_port_in_range(const port_m *m, int32_t port) {
   return m->min_port <= port && port <= m->max_port;

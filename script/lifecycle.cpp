@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include "counters/counters.h"
 #include "host/imports.h"
 #include "host/log.h"
 #include "host/pv_module.h"
@@ -13,6 +14,7 @@
 #include "tables/files/table_files.h"
 #include "tables/schema.h"
 #include "tables/shared/shared_memory.h"
+#include "tables/table_counts.h"
 #include "tables/tarn_tbl.h"
 
 namespace {
@@ -79,6 +81,8 @@ int mod_init() {
     LM_ERR("Cannot import pv functions (pv module must be loaded before this module)\n");
     return -1;
   }
+  // Behind all that a start can't do without, for which the memory has to do first.
+  register_counters();
   LM_DBG("Initializing tarn_memdb module OK\n");
   return 0;
 }
@@ -99,6 +103,7 @@ void mod_destroy() {
   force_unlock(port_map_lock);
   store_table_mngt(0, nullptr);
   destroy_tables();
+  free_table_counts();
   free_registry();
   destroy_port_maps();
   LM_DBG("Destroy tarn_memdb module OK\n");

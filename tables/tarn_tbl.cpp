@@ -146,6 +146,12 @@ void set_being_reloaded(tarn_tbl *table, bool reloading) {
   std::atomic_ref(table->being_reloaded).store(reloading ? 1 : 0);
 }
 
+void count_refused_file(tarn_tbl *table) {
+  std::atomic_ref(table->refused_files).fetch_add(1, std::memory_order_relaxed);
+}
+
+uint32_t refused_file_count(const tarn_tbl *table) { return table->refused_files; }
+
 open_store::open_store(tarn_tbl *table) : table_(table) {
   std::atomic_ref(table->open_stores).fetch_add(1);
 }

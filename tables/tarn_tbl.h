@@ -45,6 +45,7 @@ struct tarn_tbl {
   int32_t open_stores;     // that haven't closed the main file; atomic
   // 1 where the main file isn't whole and must not become the backup.
   int32_t main_file_cut GUARDED_BY(lock);
+  uint32_t refused_files;  // that loads have put aside or removed, since the start; atomic
 };
 
 struct tarn_mngt {
@@ -106,6 +107,10 @@ void reset_tbl_index(tarn_tbl *table) NEEDS_LOCK(table->lock);
 // first change and taken back behind the last.
 bool is_being_reloaded(const tarn_tbl *table);
 void set_being_reloaded(tarn_tbl *table, bool reloading);
+
+// One more file that a load has refused, and how many that were.
+void count_refused_file(tarn_tbl *table);
+uint32_t refused_file_count(const tarn_tbl *table);
 
 // A store at work on the table's main file, until the end of the scope. The table counts as
 // unchanged when its lock is given back, and the last bytes go to the file after that: a process

@@ -63,6 +63,15 @@ int32_t take_next_port(port_m *m) {
   return port;
 }
 
+// Takes a port that was found, or counts that none was.
+int32_t taken_or_counted(port_m *m, int32_t port) NEEDS_LOCK(port_map_lock) {
+  if (port != NO_PORT)
+    set_port(m, port);
+  else
+    count_refused_request(m);
+  return port;
+}
+
 void clear_port_table(tarn_tbl *table) {
   const lock_scope lock(table->lock);
   LM_DBG("Clear table: %s\n", table->table_name);
@@ -73,16 +82,12 @@ void clear_port_table(tarn_tbl *table) {
 
 int32_t take_port(port_m *m) {
   const lock_scope lock(port_map_lock);
-  const int32_t port = m->next_free_port;
-  if (port != NO_PORT) set_port(m, port);
-  return port;
+  return taken_or_counted(m, m->next_free_port);
 }
 
 int32_t take_port_from_range(port_m *m, int32_t base) {
   const lock_scope lock(port_map_lock);
-  const int32_t port = find_free_port_in_range(m, base);
-  if (port != NO_PORT) set_port(m, port);
-  return port;
+  return taken_or_counted(m, find_free_port_in_range(m, base));
 }
 
 int take_this_port(port_m *m, int32_t port) {
@@ -125,6 +130,7 @@ int tarn_memdb_get_port(sip_msg *msg, char *map_slot, char *avp) {
     port = take_next_port(m);
     log_next_port(port);
   }
+  if (port == NO_PORT) count_refused_request(m);
   char text[PORT_TEXT_SIZE];
   snprintf(text, sizeof(text), "%d", port);
   return add_text_to_param(msg, avp, text) ? SCRIPT_OK : SCRIPT_FAILED;

@@ -7,6 +7,7 @@
 #include "tables/files/table_paths.h"
 #include "tables/files/table_reader.h"
 #include "tables/shared/file_status.h"
+#include "tables/table_counts.h"
 
 namespace {
 
@@ -18,8 +19,9 @@ bool may_be_regular_file(const char *path) {
 
 // Frees the path of a file that can't be loaded. Its text stays on disk, for whoever mends it: it
 // may be all that is left of the table.
-void set_aside(const char *path) {
+void set_aside(tarn_tbl *table, const char *path) {
   if (may_be_regular_file(path)) {
+    count_refused_file(table);
     const refused_path refused(path);
     if (rename(path, refused.text) == 0) {
       LM_WARN("File '%s' can't be loaded and was renamed to '%s'\n", path, refused.text);
@@ -42,7 +44,7 @@ bool load_files(tarn_tbl *table) NEEDS_LOCK(table->lock) {
   const main_path path(table);
   if (table_file_exists(path.text) && load_file(table, path.text)) return true;
 
-  if (names_file(path.text)) set_aside(path.text);
+  if (names_file(path.text)) set_aside(table, path.text);
   empty_table(table);
   const backup_path backup(table);
   if (table_file_exists(backup.text)) {
@@ -50,7 +52,7 @@ bool load_files(tarn_tbl *table) NEEDS_LOCK(table->lock) {
     if (load_file(table, backup.text)) return true;
   }
 
-  set_aside(backup.text);
+  set_aside(table, backup.text);
   empty_table(table);
   return false;
 }
@@ -62,6 +64,13 @@ void load_table(tarn_tbl *table) {
   empty_table(table);
   if (!load_files(table))
     LM_DBG("New file '%s' will be created later when necessary\n", main_path(table).text);
+}
+
+void note_loaded_file(const tarn_tbl *table) {
+  struct stat status;
+  if (!read_status(main_path(table).text, &status) || !S_ISREG(status.st_mode)) return;
+  set_count(table, &table_counts::file_rows, static_cast<uint64_t>(table->row_count));
+  set_count(table, &table_counts::file_bytes, static_cast<uint64_t>(status.st_size));
 }
 
 void reload_table(tarn_tbl *table) {

@@ -16,6 +16,7 @@
 #include "tables/files/table_paths.h"
 #include "tables/rows/row_image.h"
 #include "tables/shared/file_handle.h"
+#include "tables/table_counts.h"
 
 store_parameters store_settings = {.automatic = 1, .interval = 15};
 
@@ -84,6 +85,9 @@ class block_writer {
     return true;
   }
 
+  // Bytes that went to the file, or were to go.
+  uint64_t written() const { return written_; }
+
   bool flush() {
     const std::string_view gathered(text_, len_);
     len_ = 0;
@@ -92,11 +96,13 @@ class block_writer {
 
  private:
   bool write(std::string_view text) {
+    written_ += text.size();
     return fwrite_unlocked(text.data(), 1, text.size(), file_) == text.size();
   }
 
   FILE *file_;
   size_t len_ = 0;
+  uint64_t written_ = 0;
   char text_[SIZE];
 };
 
@@ -150,9 +156,18 @@ bool write_rows(const memdb_tbl *tbl, block_writer *out) {
   return out->flush();
 }
 
-bool write_table(const memdb_tbl *tbl, FILE *file) {
+constexpr size_t VERSION_LINE = sizeof(TABLE_FILE_VERSION);  // the terminator's place is the feed's
+
+void note_main_file(const tarn_tbl *table, int32_t rows, uint64_t bytes) {
+  set_count(table, &table_counts::file_rows, static_cast<uint64_t>(rows));
+  set_count(table, &table_counts::file_bytes, bytes);
+}
+
+bool write_table(const tarn_tbl *table, FILE *file) NEEDS_LOCK(table->lock) {
   block_writer out(file);
-  return write_version(file) && write_rows(tbl, &out);
+  if (!write_version(file) || !write_rows(table->tbl, &out)) return false;
+  note_main_file(table, table->row_count, VERSION_LINE + out.written());
+  return true;
 }
 
 // The rights that the main file has or is to have again. Without one, those of its last text.
@@ -172,6 +187,7 @@ bool store_cleared(tarn_tbl *table) NEEDS_LOCK(table->lock) {
   const backup_path backup(table);
   const file_access access = main_file_access(path, backup);
   if (!clear_file(path.text, access) || !clear_file(backup.text, access)) return false;
+  note_main_file(table, 0, VERSION_LINE);
   set_tbl_state(table, TBL_UNCHANGED);
   return true;
 }
@@ -202,7 +218,7 @@ bool store_changed(tarn_tbl *table, main_file_at_work *main_file) NEEDS_LOCK(tab
   // stays where the main file was cut off by a process's end: it is the last whole text then.
   if (names_file(path.text) && table->main_file_cut == 0) rename(path.text, backup.text);
   FILE *const file = main_file->open(table, path.text, access);
-  if (file == nullptr || !written_or_told(write_table(table->tbl, file), path.text)) return false;
+  if (file == nullptr || !written_or_told(write_table(table, file), path.text)) return false;
   set_tbl_state(table, TBL_UNCHANGED);
   table->main_file_cut = 0;
   return true;
@@ -244,6 +260,7 @@ bool clear_file(const char *path, const file_access &access) {
 
 bool store_table(tarn_tbl *table) {
   if (store_if_changed(table)) return true;
+  count_for(table, &table_counts::failed_stores);
   LM_ERR("Could not store table '%s' to file '%s'\n", table->table_name, table->file_name);
   return false;
 }

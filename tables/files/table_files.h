@@ -24,6 +24,10 @@ extern store_parameters store_settings;
 // that finds no usable file starts empty. state stays as it is.
 void load_table(tarn_tbl *table) NEEDS_LOCK(table->lock);
 
+// Has the table's counts tell of the main file that it was loaded from; nothing if that was the
+// backup, or none.
+void note_loaded_file(const tarn_tbl *table) NEEDS_LOCK(table->lock);
+
 // Throws the rows away for those of the table's file, by load_table, and marks the table as
 // changed. A process that ends in the midst of it leaves a table that isn't stored any more.
 void reload_table(tarn_tbl *table) NEEDS_LOCK(table->lock);

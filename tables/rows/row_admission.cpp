@@ -9,6 +9,7 @@
 #include "host/memory.h"
 #include "tables/rows/duplicate_key.h"
 #include "tables/rows/flag_treatment.h"
+#include "tables/table_counts.h"
 
 namespace {
 
@@ -41,6 +42,11 @@ bool draw_index(tarn_tbl *table, query_in *in, index_text kind) NEEDS_LOCK(table
 bool is_stored(memdb_tbl *tbl, const char *const *wanted) {
   memdb_cursor cursor;
   return memdb_select(tbl, wanted, &cursor) != nullptr;
+}
+
+admission refuse(const tarn_tbl *table, uint64_t table_counts::*count, admission outcome) {
+  count_for(table, count);
+  return outcome;
 }
 
 admission add_row(tarn_tbl *table, const query_in *in) NEEDS_LOCK(table->lock) {
@@ -81,10 +87,11 @@ duplicate_state insert_check_for_duplicated_data(const tarn_tbl *table, const qu
 admission admit_row(tarn_tbl *table, query_in *in, const admission_rules &rules, int32_t *result) {
   *result = 1;
   // Equality alone: a table that a load has filled beyond its limit goes on taking rows.
-  if (get_tbl_row_count(table) == table->max_rows) return admission::full;
+  if (get_tbl_row_count(table) == table->max_rows)
+    return refuse(table, &table_counts::refused_full, admission::full);
   if (rules.check_duplicates &&
       insert_check_for_duplicated_data(table, in) != duplicate_state::absent)
-    return admission::duplicate;
+    return refuse(table, &table_counts::refused_duplicate, admission::duplicate);
   if (table->use_index == 0) return add_row(table, in);
 
   const drawn_text text(in, rules.index);

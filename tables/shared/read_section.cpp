@@ -29,12 +29,16 @@ bool nobody_inside(read_sections *all, uint32_t turn) {
 constexpr size_t MOST_AT_ONCE = 64;
 
 // Frees so many rows of a list and gives the others.
-memdb_row *free_some(memdb_row *row, size_t most) {
-  for (; row != nullptr && most > 0; most--) tarn_shm_free(std::exchange(row, row->prev));
+memdb_row *free_some(read_sections *all, memdb_row *row, size_t most) {
+  uint32_t freed = 0;
+  for (; row != nullptr && freed < most; freed++) tarn_shm_free(std::exchange(row, row->prev));
+  std::atomic_ref(all->waiting).fetch_sub(freed, std::memory_order_relaxed);
   return row;
 }
 
 void push_retired(read_sections *all, memdb_row *row) {
+  // Ahead of the push, so that who frees the row never takes it from a count of 0.
+  std::atomic_ref(all->waiting).fetch_add(1, std::memory_order_relaxed);
   const std::atomic_ref retired(all->retired);
   row->prev = retired.load(std::memory_order_relaxed);
   while (!retired.compare_exchange_weak(row->prev, row)) {
@@ -60,7 +64,7 @@ void move_on(read_sections *all, size_t most) {
   for (int moves = 0; moves < 3 && nobody_inside(all, turn.load() ^ 1); moves++) {
     // A list is taken from its head before anything is done with it, so that a process that is
     // killed here leaves no row that would be freed twice.
-    passed_one.store(free_some(passed_one.exchange(nullptr), most));
+    passed_one.store(free_some(all, passed_one.exchange(nullptr), most));
     if (passed_one.load() != nullptr) break;
     passed_one.store(passed_none.exchange(nullptr));
     passed_none.store(std::atomic_ref(all->retired).exchange(nullptr));
@@ -108,9 +112,14 @@ void settle_retired_rows() {
   if (all != nullptr && anything_waits(all)) move_on(all, SIZE_MAX);
 }
 
+uint32_t retired_row_count() {
+  read_sections *const all = sections_in_use;
+  return all != nullptr ? std::atomic_ref(all->waiting).load(std::memory_order_relaxed) : 0;
+}
+
 void free_retired_rows() {
   read_sections *const all = sections_in_use;
   if (all == nullptr) return;
   for (memdb_row **list : {&all->retired, &all->passed_none, &all->passed_one})
-    free_some(std::exchange(*list, nullptr), SIZE_MAX);
+    free_some(all, std::exchange(*list, nullptr), SIZE_MAX);
 }

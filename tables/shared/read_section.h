@@ -26,6 +26,7 @@ struct read_sections {
   uint32_t turn;           // 0 or 1: which count the sections that begin now go into
   uint32_t readers;        // processes that have been given a count
   uint32_t moving;         // 1 while a process moves rows on from list to list
+  uint32_t waiting;        // rows in the three lists
   memdb_row *retired;      // rows taken out; each list is linked through prev
   memdb_row *passed_none;  // taken from there, at the end of a turn
   memdb_row *passed_one;   // have outlived all sections of one count; the other one's are left
@@ -57,6 +58,9 @@ void retire_row(memdb_row *row);
 
 // Gives back what need not be kept any longer. To be called now and then with no lock held.
 void settle_retired_rows();
+
+// How many are kept at present. Of a process that ended amid the work one may be counted for ever.
+uint32_t retired_row_count();
 
 // Gives back all retired rows. Only for a process that is alone.
 void free_retired_rows();

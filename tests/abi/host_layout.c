@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/counters.h"
 #include "core/dprint.h"
 #include "core/kemi.h"
 #include "core/mem/pkg.h"
