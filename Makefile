@@ -18,8 +18,11 @@ build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUIL
         tools/quiet.sh $(BUILD)/log/$(1)-build cmake --build $(BUILD)/$(1) -j $(JOBS)
 
 # For module, tools, install and deb: KAMAILIO=, HOST_VERSION=6.0.7, or the installed server.
-for_host = "-DKAMAILIO=$(KAMAILIO)" -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON
+# JSON_ARRAYS=1 has clients of JSON and XML get all lines of a listing.
+for_host = "-DKAMAILIO=$(KAMAILIO)" -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON \
+  -DJSON_ARRAYS=$(or $(JSON_ARRAYS),OFF)
 say_host = KAMAILIO='$(KAMAILIO)' HOST_VERSION='$(HOST_VERSION)' tools/module-host --installed --say
+say_json = $(if $(filter-out 0 OFF,$(JSON_ARRAYS)), with JSON arrays)
 
 # A given host that can't be built for is told ahead of everything else.
 .PHONY: given-host
@@ -37,12 +40,12 @@ help:
 
 # The installable module, build/module/tarn_memdb.so.
 # For the installed server, else for 6.0.3; KAMAILIO=/path/to/kamailio or HOST_VERSION=6.0.7 say
-# otherwise.
+# otherwise. With JSON_ARRAYS=1, clients of JSON and XML get all lines of a listing.
 module:
 	@$(say_host) >/dev/null
 	@$(DEPS) module
 	@$(call build,module,-DBUILD_TESTING=OFF $(for_host))
-	@echo "module: $(BUILD)/module/tarn_memdb.so for $$($(say_host))"
+	@echo "module: $(BUILD)/module/tarn_memdb.so for $$($(say_host))$(say_json)"
 
 # Module and tarn-memdb-check.
 tools:
@@ -61,10 +64,10 @@ install:
 	@$(call build,install,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON -DTARN_INSTALL=ON $(for_host) \
 	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DMODULES_DIR=$(MODULES_DIR))
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/install
-	@echo "install: for $$($(say_host))"
+	@echo "install: for $$($(say_host))$(say_json)"
 
 # A Debian package of the same.
-# make deb [MAINTAINER='Name <address>']
+# make deb [MAINTAINER='Name <address>'] [JSON_ARRAYS=1]
 deb:
 	@$(say_host) >/dev/null
 	@$(DEPS) module tools install deb
@@ -73,7 +76,7 @@ deb:
 	  -DMODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules)
 	@rm -f $(BUILD)/deb/*.deb
 	@tools/quiet.sh $(BUILD)/log/deb-pack cpack --config $(BUILD)/deb/CPackConfig.cmake -B $(BUILD)/deb
-	@echo "deb: $$(ls $(BUILD)/deb/*.deb) for $$($(say_host))"
+	@echo "deb: $$(ls $(BUILD)/deb/*.deb) for $$($(say_host))$(say_json)"
 
 .PHONY: package-test
 # The package in a clean root of Debian 13, booted, with calls through its example site.

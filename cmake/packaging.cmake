@@ -9,6 +9,13 @@ option(TARN_INSTALL "Make what an installation has besides programs and guide" O
 
 # A package fits one version of the host, and its own version tells which.
 set(TARN_PACKAGE_VERSION "${PROJECT_VERSION}+kamailio${TARN_HOST_NUMBER}")
+if(JSON_ARRAYS)
+  # In Debian's order behind the other one, whose place it may so take.
+  string(APPEND TARN_PACKAGE_VERSION "+json")
+  set(replies "Clients of JSON and XML get all lines of a listing, in an array.")
+else()
+  set(replies "Clients of JSON and XML get the last line of a listing.")
+endif()
 # As Debian orders versions, 6.1.0~rc1 comes ahead of 6.1.0.
 string(REPLACE "-" "~" TARN_PACKAGE_VERSION "${TARN_PACKAGE_VERSION}")
 string(REPLACE "-" "~" host_first "${TARN_HOST_NUMBER}")
@@ -73,7 +80,9 @@ shared memory that routing scripts read several times per call, kept in text
 files across restarts, and a manager of port numbers.
 .
 With tarn-memdb-check, which tells before a restart what a changed schema
-would cost, and a site to begin with.")
+would cost, and a site to begin with.
+.
+${replies}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)

@@ -258,6 +258,7 @@ inline constexpr unsigned int PARAM_INT = 1U << 1;
 // Route types in which a function may stand: every one but ONSEND_ROUTE (16).
 inline constexpr unsigned int EVERY_ROUTE_BUT_ONSEND = 0xEF;
 
+inline constexpr unsigned int RPC_RET_ARRAY = 1U << 0;
 inline constexpr int FPARAM_STR = 1 << 5;
 inline constexpr avp_flags_t AVP_NAME_STR = 1U << 0;
 inline constexpr avp_flags_t AVP_VAL_STR = 1U << 1;

@@ -74,7 +74,7 @@ def test(build, jobs, tree, version):
     for command in (
         ("cmake", "-G", "Ninja", "-S", ROOT, "-B", build / "tests", *options),
         ("cmake", "--build", build / "tests", "-j", jobs)
-        + ("--target", "tarn_memdb", "abi_layout", *programs),
+        + ("--target", "tarn_memdb", "json_arrays", "abi_layout", *programs),
     ):
         if run(log, *command)[0] != 0:
             raise Trouble(f"it can't be built (see {log})")

@@ -8,7 +8,7 @@ packages_of() {
     module) echo g++ cmake ninja-build ;;
     tools) echo nlohmann-json3-dev ;;
     demo) echo python3 ;;
-    test) echo g++ cmake ninja-build libgtest-dev libgmock-dev python3 python3-pytest binutils ;;
+    test) echo g++ cmake ninja-build libgtest-dev libgmock-dev python3 python3-pytest binutils curl ;;
     lint)
       echo clang clang-format clang-tidy nlohmann-json3-dev shellcheck
       echo isort flake8 python3-flake8-comprehensions pylint python3-pytest

@@ -20,6 +20,7 @@ CALLEE = "bob"
 CONFIGURATION = ("loadmodule ", "modparam(", "#!define ")
 # The network between nodes, of which each server has one for itself.
 NODES = "10.9.0."
+WEB = "127.0.0.1:8080"  # where the guide's servers talk HTTP
 
 _SHOWN = re.compile(r"(\s*)# (\$.+?): (.*)")
 _TOP_LEVEL = re.compile(r"(request_route|\w*route(\[[^\]]*\])?)\s*\{")
@@ -97,6 +98,7 @@ class ExampleServer(host_server.Server):
     def local(self, text):
         for place, own in self.places:
             text = text.replace(place, self._own(own))
+        text = text.replace(WEB, f"{self.address}:{self.port}")
         return text.replace('"tarn_memdb.so"', f'"{os.environ["TARN_MODULE"]}"')
 
     def told(self, text):
@@ -116,7 +118,7 @@ class ExampleServer(host_server.Server):
             f"debug={3 if self.debug else 2}",
             "log_stderror=yes",
             "children=1",
-            "disable_tcp=yes",
+            *(() if "listen=tcp:" in given else ("disable_tcp=yes",)),
             "auto_aliases=no",
             "disable_core_dump=yes",
             f"listen=udp:{self.address}:{self.port}",

@@ -13,6 +13,7 @@ import shutil
 import sys
 import tempfile
 import time
+import urllib.request
 from typing import Optional
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
@@ -102,7 +103,9 @@ class ModuleHost(host_server.Server):
     `schema` overrides the text made of `tables`, with {files} and {backups} for the directories.
     `params` are module parameters; a value of None leaves one out that is set otherwise.
     `request` comes at the head of the request route. `script` replaces the whole script.
-    `debug` has the module log its debug lines.
+    `debug` has the module log its debug lines. `http` is what the server does with a request by
+    HTTP, at its port for TCP; the modules have to be given then. `module` is a module's file other
+    than that of TARN_MODULE.
     """
 
     # pylint: disable-next=too-many-arguments
@@ -120,6 +123,8 @@ class ModuleHost(host_server.Server):
         modparams=(),
         children=1,
         debug=False,
+        http=None,
+        module=None,
         **options,
     ):
         super().__init__(directory, self._config, **options)
@@ -133,6 +138,8 @@ class ModuleHost(host_server.Server):
         self.modparams = tuple(modparams)
         self.children = children
         self.debug = debug
+        self.http = http
+        self.module = module or os.environ["TARN_MODULE"]
         self.files = self.directory / "tables"
         self.backups = self.directory / "backup"
         self.files.mkdir(exist_ok=True)
@@ -165,13 +172,15 @@ class ModuleHost(host_server.Server):
             f"debug={3 if self.debug else 2}",
             "log_stderror=yes",
             f"children={self.children}",
-            "disable_tcp=yes",
+            "tcp_accept_no_cl=yes" if self.http else "disable_tcp=yes",
             "auto_aliases=no",
             "disable_core_dump=yes",
             f"listen=udp:{self.address}:{self.port}",
         ]
+        if self.http:
+            lines += [f"listen=tcp:{self.address}:{self.port}", "tcp_children=1"]
         for module in self.modules:
-            path = os.environ["TARN_MODULE"] if module == MODULE_NAME else module
+            path = self.module if module == MODULE_NAME else module
             lines.append(f'loadmodule "{path}"')
         if "ctl.so" in self.modules:
             lines.append(f'modparam("ctl", "binrpc", "unix:{self.ctl_socket}")')
@@ -192,7 +201,10 @@ class ModuleHost(host_server.Server):
         for name in self.calls:
             lines.append(f'  if ($rU == "{name}") route({name});')
         lines += ['  sl_send_reply("404", "no such call");', "}", ""]
-        return "\n".join(lines) + "".join(call.route(name) for name, call in self.calls.items())
+        routes = [call.route(name) for name, call in self.calls.items()]
+        if self.http:
+            routes.append(f"event_route[xhttp:request] {{\n{self.http}\n}}\n")
+        return "\n".join(lines) + "".join(routes)
 
     # Script calls
 
@@ -205,6 +217,12 @@ class ModuleHost(host_server.Server):
             return self._result(phone.request("OPTIONS", self.uri(name), sent, timeout=timeout))
         with self.phone() as own:
             return self._result(own.request("OPTIONS", self.uri(name), sent, timeout=timeout))
+
+    def web_page(self, path):
+        """What the server answers to a GET by HTTP, whose status has to be 200."""
+        with urllib.request.urlopen(f"http://{self.address}:{self.port}{path}", timeout=5) as page:
+            assert page.status == 200
+            return page.read().decode()
 
     @staticmethod
     def _result(reply):

@@ -150,6 +150,15 @@ def test_a_package_for_a_version_ahead_of_a_release_fits_that_alone(tmp_path):
     assert re.search(r'set\(CPACK_PACKAGE_VERSION "[0-9.]+\+kamailio6\.1\.0~rc1"\)', config)
 
 
+def test_a_package_with_listings_in_arrays_says_so_and_may_take_the_others_place(tmp_path):
+    configure(tmp_path, "-DHOST_VERSION=6.1.4", "-DJSON_ARRAYS=1")
+    config = (tmp_path / "CPackConfig.cmake").read_text()
+    version = re.search(r'set\(CPACK_PACKAGE_VERSION "([^"]+)"\)', config)[1]
+    assert version.endswith("+kamailio6.1.4+json")
+    do("dpkg", "--compare-versions", version, "gt", version.removesuffix("+json"))
+    assert "all lines of a listing, in an array." in config
+
+
 def test_lintian_has_nothing_to_say(package):
     assert do("lintian", "--allow-root", "--fail-on", "error,warning", package) == ""
 
