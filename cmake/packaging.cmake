@@ -37,7 +37,7 @@ install(FILES package/copyright DESTINATION ${doc_dir})
 # Where the README's link to it leads; Debian has the text itself there.
 file(CREATE_LINK ../../common-licenses/GPL-2 ${CMAKE_BINARY_DIR}/LICENSE SYMBOLIC)
 install(FILES ${CMAKE_BINARY_DIR}/LICENSE DESTINATION ${doc_dir})
-install(DIRECTORY package/site package/site-lua DESTINATION ${doc_dir}/examples)
+install(DIRECTORY package/site package/site-lua package/monitoring DESTINATION ${doc_dir}/examples)
 install(DIRECTORY cluster DESTINATION ${doc_dir}/examples)
 
 if(TARN_TOOLS)

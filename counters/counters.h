@@ -5,7 +5,7 @@
 // happens.
 #pragma once
 
-// Tables beyond these have no counters of their own, as each takes some 1.5 KB of every process's
+// Tables beyond these have no counters of their own, as each takes some 1.7 KB of every process's
 // private memory. What is told of all tables together counts them too.
 inline constexpr int MOST_TABLES_WITH_COUNTERS = 128;
 

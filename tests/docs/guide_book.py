@@ -46,6 +46,7 @@ PAGES = (
     "ports.md",
     "operating.md",
     "production.md",
+    "monitoring.md",
     "cluster.md",
     "architecture.md",
 )

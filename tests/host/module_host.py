@@ -97,6 +97,7 @@ class Result:
     values: tuple  # None for a pseudo-variable without a value
 
 
+# pylint: disable-next=too-many-instance-attributes
 class ModuleHost(host_server.Server):
     """A server with the module, its schema, its table files and a script of calls.
 
@@ -134,12 +135,13 @@ class ModuleHost(host_server.Server):
         self.params = dict(params or {})
         self.request = request
         self.script = script
-        self.modules = modules
+        self.modules = [
+            module or os.environ["TARN_MODULE"] if name == MODULE_NAME else name for name in modules
+        ]
         self.modparams = tuple(modparams)
         self.children = children
         self.debug = debug
         self.http = http
-        self.module = module or os.environ["TARN_MODULE"]
         self.files = self.directory / "tables"
         self.backups = self.directory / "backup"
         self.files.mkdir(exist_ok=True)
@@ -179,9 +181,7 @@ class ModuleHost(host_server.Server):
         ]
         if self.http:
             lines += [f"listen=tcp:{self.address}:{self.port}", "tcp_children=1"]
-        for module in self.modules:
-            path = self.module if module == MODULE_NAME else module
-            lines.append(f'loadmodule "{path}"')
+        lines += [f'loadmodule "{module}"' for module in self.modules]
         if "ctl.so" in self.modules:
             lines.append(f'modparam("ctl", "binrpc", "unix:{self.ctl_socket}")')
         if "jsonrpcs.so" in self.modules:

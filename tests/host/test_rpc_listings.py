@@ -5,7 +5,6 @@ import re
 import urllib.parse
 
 import pytest
-from module_host import OTHER_MODULES
 from rpc_host import COMMANDS, MEDIA, PREFIX, USERS, kamcmd
 
 # What a command is called with, and the lines that kamcmd shows of its reply, rows aside.

@@ -31,7 +31,10 @@ GUIDE = (
     "docs/cluster.md",
 )
 MANUAL = "usr/share/man/man1/tarn-memdb-check.1.gz"
-EXAMPLES = [*(ROOT / "package" / name for name in ("site", "site-lua")), ROOT / "cluster"]
+EXAMPLES = [
+    *(ROOT / "package" / name for name in ("site", "site-lua", "monitoring")),
+    ROOT / "cluster",
+]
 BUILT = ("tarn_memdb.so", "tools/check/tarn-memdb-check", "tarn-memdb-check.1.gz", "changelog.gz")
 
 
