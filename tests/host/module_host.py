@@ -105,8 +105,8 @@ class ModuleHost(host_server.Server):
     `params` are module parameters; a value of None leaves one out that is set otherwise.
     `request` comes at the head of the request route. `script` replaces the whole script.
     `debug` has the module log its debug lines. `http` is what the server does with a request by
-    HTTP, at its port for TCP; the modules have to be given then. `module` is a module's file other
-    than that of TARN_MODULE.
+    HTTP, at its port for TCP; the modules have to be given then. `more` are routes of one's own.
+    `module` is a module's file other than that of TARN_MODULE.
     """
 
     # pylint: disable-next=too-many-arguments
@@ -125,6 +125,7 @@ class ModuleHost(host_server.Server):
         children=1,
         debug=False,
         http=None,
+        more="",
         module=None,
         **options,
     ):
@@ -142,6 +143,7 @@ class ModuleHost(host_server.Server):
         self.children = children
         self.debug = debug
         self.http = http
+        self.more = more
         self.files = self.directory / "tables"
         self.backups = self.directory / "backup"
         self.files.mkdir(exist_ok=True)
@@ -204,7 +206,7 @@ class ModuleHost(host_server.Server):
         routes = [call.route(name) for name, call in self.calls.items()]
         if self.http:
             routes.append(f"event_route[xhttp:request] {{\n{self.http}\n}}\n")
-        return "\n".join(lines) + "".join(routes)
+        return "\n".join(lines) + "".join(routes) + self.more
 
     # Script calls
 
