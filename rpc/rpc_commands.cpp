@@ -24,9 +24,13 @@ const char *show_pm_info_doc[] = {"tarn_memdb_rpc_show_pm_info_doc", nullptr};
 const char *reload_table_doc[] = {"tarn_memdb_rpc_reload_table_doc", nullptr};
 const char *sync_doc[] = {"Sync table name", nullptr};
 
-// Of commands whose reply has several lines. Without this, clients of JSON and XML get the last line
-// alone, and with it an array of all: who builds the module chooses.
-constexpr unsigned int LISTS = TARN_JSON_ARRAYS != 0 ? RPC_RET_ARRAY : 0;
+// Of commands whose reply has several lines. Clients of JSON and XML get the last one alone without
+// the flag, and all in an array with it: who builds the module chooses.
+#ifdef TARN_JSON_ARRAYS
+constexpr unsigned int LISTS = RPC_RET_ARRAY;
+#else
+constexpr unsigned int LISTS = 0;
+#endif
 
 }  // namespace
 
