@@ -7,6 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/standin/counters.h"
 #include "tests/standin/kemi.h"
 
 namespace faults {
@@ -172,6 +173,7 @@ std::string world::path(const std::string &table, bool backup) const {
 void world::open() {
   std::string error;
   standin::forget_kemi();
+  standin::forget_counters();
   standin::set_host_kind(host_);
   standin::set_debug_level(module_test::ALERT_LEVEL - 1);
   module_ = standin::load_module(

@@ -5,6 +5,7 @@
 
 #include "tests/module/fixture.h"
 #include "tests/module/processes.h"
+#include "tests/standin/counters.h"
 
 namespace module_test {
 namespace {
@@ -19,6 +20,15 @@ const table USERS = {"users", {{"name", 31, true}, {"age"}}, 3};
 
 class CountersTest : public ModuleTest {
  protected:
+  CountersTest() { standin::forget_counters(); }
+
+  // A module in its place that starts anew.
+  void reopen() {
+    unload();
+    standin::forget_counters();
+    load();
+  }
+
   static long value(const std::string &name) { return standin::counter_value("tarn_memdb", name); }
 
   static texts names() {
@@ -244,8 +254,7 @@ TEST_F(CountersTest, AHostThatHasNoMemoryForACounterIsLeftAloneWithTheOthers) {
     EXPECT_THAT(standin::counters(), SizeIs(static_cast<size_t>(n) - 1));
     EXPECT_EQ(run("tarn_memdb_insert", {"users,a|1"}), 1);
     EXPECT_EQ(run("tarn_memdb_delete", {"users,a|1"}), 1);
-    unload();
-    load();
+    reopen();
   }
 }
 
@@ -254,9 +263,7 @@ TEST_F(CountersTest, WithoutMemoryForTheCountsThereAreNoCounters) {
   standin::reset_allocation_count();
   EXPECT_EQ(init(), 0);
   const uint64_t last = standin::allocation_count(pool::shm);
-  destroy();
-  unload();
-  load();
+  reopen();
   configure({with(USERS, 1)});
   standin::fail_at(pool::shm, last);
   EXPECT_EQ(init(), 0);

@@ -342,7 +342,6 @@ TEST_F(StarvedStartTest, EachSharedAllocationFailsWithItsMessage) {
       no_row("second", "x"),
       no_lock,
       no_lock,
-      {0, {warn("Could not allocate memory for counters\n")}},
   };
   // Port maps without their lock are never freed: what was made of them before the failure stays.
   fail_each(pool::shm, expected, [](size_t n) { return n >= 2 && n <= 10 ? n - 2 : 0; });

@@ -2,7 +2,6 @@
 #include "tests/standin/host.h"
 
 #include <cstring>
-#include <stdexcept>
 
 #include "tests/standin/calls.h"
 #include "tests/standin/pv.h"
@@ -15,18 +14,11 @@ struct host_state {
   bool pv_loaded = true;
   std::vector<rpc_export_t *> tables;
   std::vector<timer_record> timer_list;
-  std::vector<counter_record> counter_list;
 };
 
 host_state &state() {
   static host_state &only = *new host_state;
   return only;
-}
-
-const counter_record *find_counter(const std::string &group, const std::string &name) {
-  for (const counter_record &each : state().counter_list)
-    if (each.group == group && each.name == name) return &each;
-  return nullptr;
 }
 
 void unwanted_operation() { note_misuse("one of the first eight operations of the pv record"); }
@@ -46,14 +38,6 @@ host_kind get_host_kind() { return state().kind; }
 void set_pv_module_loaded(bool loaded) { state().pv_loaded = loaded; }
 const std::vector<rpc_export_t *> &rpc_tables() { return state().tables; }
 const std::vector<timer_record> &timers() { return state().timer_list; }
-
-const std::vector<counter_record> &counters() { return state().counter_list; }
-
-long counter_value(const std::string &group, const std::string &name) {
-  const counter_record *const found = find_counter(group, name);
-  if (found == nullptr) throw std::out_of_range("no counter " + group + "." + name);
-  return found->callback({0}, found->param);
-}
 
 void tick(unsigned int ticks) {
   for (const timer_record &timer : timers()) timer.function(ticks, timer.param);
@@ -85,14 +69,4 @@ int register_timer(void (*function)(unsigned int ticks, void *param), void *para
   if (standin::call_fails("register_timer")) return -1;
   standin::state().timer_list.push_back({function, param, interval});
   return static_cast<int>(standin::state().timer_list.size());
-}
-
-// Weak, so that a program can be a host without it: one that has a hidden function of that name.
-__attribute__((weak)) int counter_register(counter_handle_t *, const char *group, const char *name,
-                                           int flags, counter_callback callback, void *param,
-                                           const char *doc, int) {
-  if (standin::call_fails("counter_register")) return -1;
-  if (standin::find_counter(group, name) != nullptr) return COUNTER_NAME_TAKEN;
-  standin::state().counter_list.push_back({group, name, doc, flags, callback, param});
-  return 0;
 }

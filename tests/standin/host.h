@@ -2,7 +2,6 @@
 // and which kind of host the stand-in is.
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "host/imports.h"
@@ -38,22 +37,7 @@ const std::vector<timer_record> &timers();
 // Calls every registered timer function once with these ticks.
 void tick(unsigned int ticks = 1);
 
-// One registered counter, with the texts as the host copied them.
-struct counter_record {
-  std::string group;
-  std::string name;
-  std::string doc;
-  int flags;
-  counter_callback callback;
-  void *param;
-};
-// In the order of their registration. A failed counter_register gives -1 and keeps nothing.
-const std::vector<counter_record> &counters();
-
-// What whoever asks for a counter is told. Throws std::out_of_range where there is none.
-long counter_value(const std::string &group, const std::string &name);
-
-// Forgets tables, timers and counters; host kind and pv module as at first. Part of reset().
+// Forgets tables and timers; host kind and pv module as at first. Part of reset().
 void reset_host();
 
 }  // namespace standin

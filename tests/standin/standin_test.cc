@@ -8,39 +8,17 @@ namespace standin {
 namespace {
 
 TEST(StandinTest, OffersAllThatAModuleMayImport) {
-  EXPECT_EQ(offered_symbols(), (std::vector<std::string>{"_km_log_func",
-                                                         "_ksr_slog_func",
-                                                         "_pkg_root",
-                                                         "_shm_root",
-                                                         "add_avp",
-                                                         "counter_register",
-                                                         "dprint_color",
-                                                         "dprint_color_reset",
-                                                         "dprint_crit",
-                                                         "find_export",
-                                                         "fixup_free_spve_spve",
-                                                         "fixup_pvar_null",
-                                                         "fixup_spve_spve",
-                                                         "free_params",
-                                                         "get_debug_facility",
-                                                         "get_debug_level",
-                                                         "get_str_fparam",
-                                                         "log_color",
-                                                         "log_level_info",
-                                                         "log_prefix_val",
-                                                         "log_stderr",
-                                                         "my_pid",
-                                                         "parse_params",
-                                                         "parse_pvname_list",
-                                                         "process_no",
-                                                         "pv_get_avp_name",
-                                                         "pv_get_spec_value",
-                                                         "pv_parse_format",
-                                                         "pv_parse_spec2",
-                                                         "pv_printf",
-                                                         "pv_set_spec_value",
-                                                         "register_timer",
-                                                         "rpc_register_array"}));
+  EXPECT_EQ(
+      offered_symbols(),
+      (std::vector<std::string>{
+          "_km_log_func",    "_ksr_slog_func",       "_pkg_root",          "_shm_root",
+          "add_avp",         "dprint_color",         "dprint_color_reset", "dprint_crit",
+          "find_export",     "fixup_free_spve_spve", "fixup_pvar_null",    "fixup_spve_spve",
+          "free_params",     "get_debug_facility",   "get_debug_level",    "get_str_fparam",
+          "log_color",       "log_level_info",       "log_prefix_val",     "log_stderr",
+          "my_pid",          "parse_params",         "parse_pvname_list",  "process_no",
+          "pv_get_avp_name", "pv_get_spec_value",    "pv_parse_format",    "pv_parse_spec2",
+          "pv_printf",       "pv_set_spec_value",    "register_timer",     "rpc_register_array"}));
 }
 
 TEST(StandinTest, ResetBringsEverythingBackToItsFirstState) {
