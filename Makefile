@@ -22,7 +22,8 @@ build = tools/quiet.sh $(BUILD)/log/$(1)-configure cmake -G Ninja -S . -B $(BUIL
 for_host = "-DKAMAILIO=$(KAMAILIO)" -DHOST_VERSION=$(HOST_VERSION) -DTARN_FOR_INSTALLED=ON \
   -DJSON_ARRAYS=$(or $(JSON_ARRAYS),OFF)
 say_host = KAMAILIO='$(KAMAILIO)' HOST_VERSION='$(HOST_VERSION)' tools/module-host --installed --say
-say_json = $(if $(filter-out 0 OFF,$(JSON_ARRAYS)), with JSON arrays)
+comma := ,
+say_json = $(if $(filter-out 0 OFF,$(JSON_ARRAYS)),$(comma) with JSON arrays)
 
 # A given host that can't be built for is told ahead of everything else.
 .PHONY: given-host
