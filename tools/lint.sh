@@ -41,8 +41,8 @@ cmake --build "$build/clang" --target tarn_memdb >"$build/clang/lint.log" 2>&1 |
 clang++ -std=gnu++20 -fsyntax-only -Wthread-safety -Xclang -verify -I. tests/lint/broken_lock_rules.cc
 
 # The compiler alone, as nothing of it is linked here.
-echo "lint: tarn-memdb-check with clang++ without a warning"
-git ls-files --cached --others --exclude-standard 'tools/check/*.cpp' |
+echo "lint: the tools with clang++ without a warning"
+git ls-files --cached --others --exclude-standard 'tools/*.cpp' |
   xargs -P "$jobs" -n 8 clang++ -std=gnu++20 -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow \
     -Wconversion -Werror -DTARN_VERSION='""' -I. -I"$build/clang/generated"
 

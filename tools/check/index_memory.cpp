@@ -8,7 +8,7 @@
 
 #include "memdb/index/directory_blocks.h"
 #include "memdb/prefix/slots.h"
-#include "tools/check/shared_pool.h"
+#include "tools/common/shared_pool.h"
 
 namespace {
 

@@ -1,51 +1,24 @@
 // tarn-memdb-check: what the module would make of a schema and its files at its next start. Reads
 // with the module's own code and changes nothing.
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <string>
 
-#include "ports/port_map.h"
-#include "ports/private_ranges.h"
-#include "tables/schema.h"
-#include "tables/shared/file_handle.h"
-#include "tables/shared/shared_memory.h"
 #include "tables/tarn_tbl.h"
-#include "tools/check/findings.h"
-#include "tools/check/host_services.h"
-#include "tools/check/input_text.h"
 #include "tools/check/memory_check.h"
 #include "tools/check/options.h"
 #include "tools/check/place_check.h"
 #include "tools/check/range_check.h"
 #include "tools/check/report.h"
-#include "tools/check/schema_check.h"
-#include "tools/check/shared_pool.h"
 #include "tools/check/table_start.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/findings.h"
+#include "tools/common/input_text.h"
+#include "tools/common/made_tables.h"
+#include "tools/common/schema_check.h"
+#include "tools/common/shared_pool.h"
+#include "tools/common/visible_text.h"
 
 namespace {
-
-// Makes registry and maps as a start does, with private ranges left to their own check.
-bool start_module() {
-  port_settings.private_ranges_file_path = "";
-  install_engine_hooks();
-  tarn_tbl_mngt = static_cast<tarn_mngt *>(tarn_shm_calloc(1, sizeof(tarn_mngt)));
-  return tarn_tbl_mngt != nullptr && init_port_maps();
-}
-
-// Makes the tables of the schema. False if the start fails at that.
-bool create_tables(const std::string &schema, std::string text, findings *out) {
-  const file_handle file(fmemopen(text.data(), text.size(), "r"));
-  server_memory.was_short();
-  if (file && create_tables_from(file.get()) && init_locks()) return true;
-  std::string reason = joined(take_messages());
-  if (server_memory.was_short()) reason = "the server has too little shared memory for the tables";
-  if (reason.empty()) reason = "a table can't be made with such numbers";
-  out->error(schema, 0, "the start fails: " + reason);
-  return false;
-}
 
 bool has_table(std::string_view name) {
   return std::ranges::any_of(all_tarn_tbls(),
@@ -67,7 +40,7 @@ void check_tables(const options &given, const std::string &schema_text, start_fo
                   findings *out) {
   const schema_places places = check_schema(given.schema, schema_text, out);
   if (places.is_absurd) return;
-  if (!create_tables(given.schema, schema_text, out)) {
+  if (!make_tables(given.schema, schema_text, out)) {
     start->start = start_outcome::fails;
     return;
   }
@@ -81,7 +54,7 @@ void check_tables(const options &given, const std::string &schema_text, start_fo
 
 void check(const options &given, start_forecast *start, findings *out) {
   std::string why;
-  if (!start_module())
+  if (!make_module_records())
     out->unreadable(given.schema, 0, "the server has too little shared memory for the port maps");
   else if (const auto text = input_text(given.schema, &why))
     check_tables(given, *text, start, out);
@@ -110,7 +83,5 @@ int main(int argc, char **argv) {
   start_forecast start;
   check(given, &start, &found);
   (given.json ? print_json : print_lines)(std::cout, found, start, given);
-  if (std::cout.flush()) return status_of(found, given);
-  std::cerr << "tarn-memdb-check: the report can't be written: " << strerror(errno) << "\n";
-  return UNREADABLE;
+  return finish_output(CHECK_PROGRAM) ? status_of(found, given) : UNREADABLE;
 }

@@ -1,11 +1,9 @@
 // Sums of bytes.
 #include "tools/check/memory_check.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
-#include "tools/check/shared_pool.h"
+#include "tools/common/shared_pool.h"
 
 namespace {
 
@@ -28,12 +26,6 @@ std::string left_in_mb(size_t bytes) { return shown(bytes * 10 / MB); }
 }  // namespace
 
 std::string in_mb(size_t bytes) { return shown((bytes * 10 + MB - 1) / MB); }
-
-void set_server_memory(size_t limit_mb) {
-  const auto pages = static_cast<size_t>(sysconf(_SC_PHYS_PAGES));
-  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  server_memory.set_size(limit_mb != 0 ? limit_mb * MB : pages / 2 * page);
-}
 
 void check_memory(const std::string &schema, const memory_forecast &need, size_t limit_mb,
                   findings *out) {

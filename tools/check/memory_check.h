@@ -3,12 +3,8 @@
 
 #include <string>
 
-#include "tools/check/findings.h"
 #include "tools/check/forecast.h"
-
-// Gives server_memory its size: limit_mb, or, where that is 0, what this machine can spare for the
-// check.
-void set_server_memory(size_t limit_mb);
+#include "tools/common/findings.h"
 
 // Tells of tables that don't fit, leave the server too little, or won't fit when they are full.
 void check_memory(const std::string &schema, const memory_forecast &need, size_t limit_mb,

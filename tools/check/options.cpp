@@ -5,15 +5,12 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 
-#include "host/version.h"
 #include "ports/port_map.h"
-#include "tools/check/shared_pool.h"
+#include "tools/common/shared_pool.h"
 
-namespace {
-
-constexpr char USAGE[] =
+const program CHECK_PROGRAM = {
+    "tarn-memdb-check",
     "usage: tarn-memdb-check [options] SCHEMA [PRIVATE_RANGES]\n"
     "\n"
     "Tells, line by line, what tarn_memdb would silently take for zero, refuse, lose or misread\n"
@@ -37,29 +34,21 @@ constexpr char USAGE[] =
     "  --help                         tells this\n"
     "\n"
     "Exit status: 0 clean, 1 findings, 2 something can't be read, or the report can't be "
-    "written.\n";
+    "written.\n"};
 
-[[noreturn]] void refuse(const std::string &why) {
-  std::cerr << "tarn-memdb-check: " << why << "\n" << USAGE;
-  exit(UNREADABLE);
-}
-
-[[noreturn]] void tell(const std::string &text) {
-  std::cout << text << std::flush;
-  exit(std::cout ? CLEAN : UNREADABLE);
-}
+namespace {
 
 void set_bounds(const char *text, int32_t *min, int32_t *max) {
   char rest;
   if (sscanf(text, "%d-%d%c", min, max, &rest) != 2 || int64_t{*max} < int64_t{*min} - 1)
-    refuse("'" + std::string(text) + "' isn't MIN-MAX");
+    refuse(CHECK_PROGRAM, "'" + std::string(text) + "' isn't MIN-MAX");
 }
 
 size_t megabytes(const char *text) {
   char *end;
   const long number = strtol(text, &end, 10);
   if (*end != '\0' || number < 1 || number > (1L << 24))
-    refuse("'" + std::string(text) + "' isn't a number of MB");
+    refuse(CHECK_PROGRAM, "'" + std::string(text) + "' isn't a number of MB");
   return static_cast<size_t>(number);
 }
 
@@ -69,7 +58,7 @@ void set_allocator(std::string_view name) {
     server_memory.set_rules(rules);
     return;
   }
-  refuse("'" + std::string(name) + "' is no allocator of the server");
+  refuse(CHECK_PROGRAM, "'" + std::string(name) + "' is no allocator of the server");
 }
 
 }  // namespace
@@ -120,14 +109,15 @@ options read_options(int argc, char **argv) {
         set_bounds(optarg, &port_settings.static_external.min, &port_settings.static_external.max);
         break;
       case 'v':
-        tell("tarn-memdb-check " TARN_VERSION ", for " TARN_HOST_VERSION "\n");
+        tell_version(CHECK_PROGRAM);
       case 'h':
-        tell(USAGE);
+        tell_help(CHECK_PROGRAM);
       default:
-        refuse("option not understood");
+        refuse(CHECK_PROGRAM, "option not understood");
     }
   }
-  if (optind >= argc || argc - optind > 2) refuse("one schema and at most one private range file");
+  if (optind >= argc || argc - optind > 2)
+    refuse(CHECK_PROGRAM, "one schema and at most one private range file");
   out.schema = argv[optind];
   if (argc - optind == 2) out.private_ranges = argv[optind + 1];
   return out;

@@ -5,7 +5,9 @@
 #include <map>
 #include <string>
 
-enum exit_status { CLEAN = 0, FINDINGS = 1, UNREADABLE = 2 };
+#include "tools/common/program.h"
+
+extern const program CHECK_PROGRAM;
 
 struct options {
   bool json = false;

@@ -8,9 +8,9 @@
 #include <set>
 
 #include "tables/files/table_paths.h"
-#include "tools/check/file_entry.h"
 #include "tools/check/start_disk.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/file_entry.h"
+#include "tools/common/visible_text.h"
 
 namespace {
 

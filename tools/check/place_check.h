@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/check/findings.h"
-#include "tools/check/schema_check.h"
+#include "tools/common/findings.h"
+#include "tools/common/schema_check.h"
 
 struct checked_inputs {
   std::string schema;

@@ -7,7 +7,7 @@
 
 #include "ports/port_map.h"
 #include "ports/private_ranges.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/visible_text.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/check/findings.h"
+#include "tools/common/findings.h"
 
 // Tells what the module would pass over or misread in a file of that text. The port maps have to
 // stand.

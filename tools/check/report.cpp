@@ -5,12 +5,11 @@
 #include <ostream>
 
 #include "tools/check/memory_check.h"
-#include "tools/check/shared_pool.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/finding_report.h"
+#include "tools/common/shared_pool.h"
+#include "tools/common/visible_text.h"
 
 namespace {
-
-const char *name_of(severity weight) { return weight == severity::error ? "error" : "warning"; }
 
 const char *name_of(start_outcome outcome) {
   switch (outcome) {
@@ -41,11 +40,7 @@ nlohmann::json table_of(const table_forecast &one) {
 
 void print_lines(std::ostream &out, const findings &found, const start_forecast &start,
                  const options &given) {
-  for (const finding &one : found.kept()) {
-    out << visible(one.file) << ':';
-    if (one.line != 0) out << one.line << ':';
-    out << ' ' << name_of(one.weight) << ": " << visible(one.text) << '\n';
-  }
+  print_findings(out, found);
   if (given.memory_mb != 0 && !given.errors_only && start.start == start_outcome::works)
     out << "shared memory: " << in_mb(start.memory.at_start) << " of " << given.memory_mb
         << " MB for the tables, " << in_mb(start.memory.when_full) << " when they are full\n";
@@ -57,12 +52,6 @@ void print_lines(std::ostream &out, const findings &found, const start_forecast 
 
 void print_json(std::ostream &out, const findings &found, const start_forecast &start,
                 const options &given) {
-  nlohmann::json list = nlohmann::json::array();
-  for (const finding &one : found.kept())
-    list.push_back({{"file", visible(one.file)},
-                    {"line", one.line},
-                    {"severity", name_of(one.weight)},
-                    {"text", visible(one.text)}});
   nlohmann::json tables = nlohmann::json::array();
   for (const table_forecast &one : start.tables) tables.push_back(table_of(one));
   nlohmann::json put_away = nlohmann::json::array();
@@ -73,7 +62,7 @@ void print_json(std::ostream &out, const findings &found, const start_forecast &
   nlohmann::json whole{{"clean", found.errors() + found.warnings() == 0},
                        {"errors", found.errors()},
                        {"warnings", found.warnings()},
-                       {"findings", list},
+                       {"findings", json_of(found)},
                        {"start", name_of(start.start)},
                        {"tables", tables},
                        {"put_away", put_away}};

@@ -3,9 +3,9 @@
 
 #include <iosfwd>
 
-#include "tools/check/findings.h"
 #include "tools/check/forecast.h"
 #include "tools/check/options.h"
+#include "tools/common/findings.h"
 
 // One line each: FILE:LINE: WEIGHT: TEXT, and a last one if there is nothing to tell.
 void print_lines(std::ostream &out, const findings &found, const start_forecast &start,

@@ -5,28 +5,12 @@
 #include <limits>
 
 #include "query/text/field_strings.h"
-#include "tables/files/table_paths.h"
 #include "tables/rows/port_claim.h"
-#include "tables/rows/row_image.h"
-#include "tools/check/host_services.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/host_services.h"
+#include "tools/common/row_text.h"
+#include "tools/common/visible_text.h"
 
 namespace {
-
-// Fields as the query language cuts them.
-uint32_t count_fields(std::string *text) {
-  const str list{text->data(), static_cast<int>(text->size())};
-  uint32_t count = 0;
-  str field;
-  for (char *cursor = list.s; cursor != nullptr; count++)
-    tarn_memdb_get_next_field(list, FIELD_SEPARATOR, &cursor, &field);
-  take_messages();
-  return count;
-}
-
-std::string counted(uint32_t number, const char *thing) {
-  return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
-}
 
 // What a load makes of a row that is stored as it is.
 enum next_fate : uint32_t { KEPT, PASSED_OVER, COMMENT_TAKEN, FILE_REFUSED, MISREAD };
@@ -87,34 +71,16 @@ void row_watch::line(std::string_view text, bool has_end) {
 
 void row_watch::row(const query_in &in, const memdb_row *row) {
   is_row_ = false;
-  const bool is_changed = !is_as_written(row);
+  const bool is_changed = !is_stored_line(table_->tbl, row, text_);
   const bool is_cut = is_changed && changes(in, row);
   if (!is_changed && text_.ends_with('\r'))
     warn(CARRIAGE_RETURN, [] { return "a carriage return at the end is part of the last field"; });
   if (table_->use_index != 0) index(in.flds[0]);
   if (table_->duplicated_data_check != 0)
-    equal_.add(row, is_changed ? std::string_view(image(row)) : text_, line_, is_cut);
+    equal_.add(row, is_changed ? std::string_view(stored_line(table_->tbl, row)) : text_, line_,
+               is_cut);
   limit();
   if (holds_ports(*table_)) port(row);
-}
-
-bool row_watch::is_as_written(const memdb_row *row) const {
-  const char *at = text_.data();
-  const char *const end = at + text_.size();
-  for (uint32_t i = 0; i < table_->tbl->col_cnt; i++) {
-    if (i > 0 && (at == end || *at++ != FIELD_SEPARATOR)) return false;
-    const std::string_view field = memdb_get_field(table_->tbl, row, i);
-    if (!std::string_view(at, end).starts_with(field)) return false;
-    at += field.size();
-  }
-  return at == end;
-}
-
-std::string row_watch::image(const memdb_row *row) const {
-  std::string out(size_t{table_->tbl->row_len} + table_->tbl->col_cnt + 1, '\0');
-  row_image(table_->tbl, row, out);
-  out.resize(strlen(out.c_str()));
-  return out;
 }
 
 // True if a value was cut.
@@ -134,22 +100,24 @@ bool row_watch::changes(const query_in &in, const memdb_row *row) {
   const bool has_escape = text_.find(FIELD_ESCAPE) != text_.npos;
   if (has_escape)
     warn(UNESCAPED, [&] {
-      return "the row loads changed, without its backslashes, as " + quoted(image(row)) + ": " +
-             quoted(text_);
+      return "the row loads changed, without its backslashes, as " +
+             quoted(stored_line(table_->tbl, row)) + ": " + quoted(text_);
     });
   if (!is_cut && !has_escape)
-    warn(CHANGED,
-         [&] { return "the row loads changed, as " + quoted(image(row)) + ": " + quoted(text_); });
+    warn(CHANGED, [&] {
+      return "the row loads changed, as " + quoted(stored_line(table_->tbl, row)) + ": " +
+             quoted(text_);
+    });
   next_load(row);
   return is_cut;
 }
 
 // A row that was changed is stored as it is now, and that may be what no load takes.
 void row_watch::next_load(const memdb_row *row) {
-  const next_fate fate = fate_of(table_, row, image(row));
+  const next_fate fate = fate_of(table_, row, stored_line(table_->tbl, row));
   if (fate == KEPT) return;
   note(severity::error, LOADS_ONCE, fate, line_, [&] {
-    return "the row can't be kept: the next store writes " + quoted(image(row)) +
+    return "the row can't be kept: the next store writes " + quoted(stored_line(table_->tbl, row)) +
            ", which the start after it " + FATES[fate];
   });
 }
@@ -230,7 +198,7 @@ void row_watch::finish(table_file_state state, const std::vector<std::string> &m
   equal_rows_found();
   odd_.tell(path_, static_cast<size_t>(table_->row_count), out_);
   if (state == table_file_state::refused) {
-    refusal(messages);
+    tell_refusal(table_, path_, line_, text_, messages, out_);
     return;
   }
   if (is_row_ || bytes_ < size_)
@@ -241,40 +209,4 @@ void row_watch::finish(table_file_state state, const std::vector<std::string> &m
     out_->warn(path_, 0,
                "the next index, " + std::to_string(table_->next_index) +
                    ", is beyond 31 bits: scripts get a negative number for the row");
-}
-
-void row_watch::refusal(const std::vector<std::string> &messages) {
-  const auto line = static_cast<size_t>(line_);
-  if (line_ == 0)
-    out_->error(path_, 0,
-                "is empty: a good file has at least the line " + quoted(TABLE_FILE_VERSION));
-  else if (line_ == 1)
-    out_->error(path_, line,
-                "is " + quoted(text_) + " and not " + quoted(TABLE_FILE_VERSION) +
-                    (text_.ends_with('\r') ? ": lines end in a carriage return" : ""));
-  else
-    out_->error(path_, line, "the row is refused" + why_refused(messages) + ": " + quoted(text_));
-}
-
-// The module's reasons, but for its count of fields, which doesn't tell the numbers, and for its
-// last line, which only says that the row was refused.
-std::string row_watch::why_refused(const std::vector<std::string> &messages) {
-  std::vector<std::string> reasons;
-  bool is_miscounted = messages.size() == 1;
-  for (const std::string &message : messages) {
-    if (message.starts_with("Size mismatch") || message.starts_with("Wrong number of fields"))
-      is_miscounted = true;
-    else if (&message != &messages.back())
-      reasons.push_back(message);
-  }
-  std::string out;
-  if (is_miscounted) {
-    const uint32_t fields = count_fields(&text_);
-    const uint32_t columns = table_->tbl->col_cnt;
-    out = fields != columns
-              ? ", with " + counted(fields, "field") + " for " + counted(columns, "column")
-              : ", since the first table of the name " + quoted(table_->table_name) +
-                    " has another number of columns";
-  }
-  return reasons.empty() ? out : out + " (" + joined(reasons) + ")";
 }

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "tables/files/table_reader.h"
-#include "tools/check/equal_rows.h"
-#include "tools/check/findings.h"
 #include "tools/check/port_holders.h"
-#include "tools/check/repeated_findings.h"
+#include "tools/common/equal_rows.h"
+#include "tools/common/findings.h"
+#include "tools/common/repeated_findings.h"
 
 class row_watch : public load_watch {
  public:
@@ -63,7 +63,6 @@ class row_watch : public load_watch {
 
   void line(std::string_view text, bool has_end);
   void row(const query_in &in, const memdb_row *row);
-  bool is_as_written(const memdb_row *row) const;
   bool changes(const query_in &in, const memdb_row *row);
   void next_load(const memdb_row *row);
   void index(const char *text);
@@ -71,9 +70,6 @@ class row_watch : public load_watch {
   void equal_rows_found();
   void limit();
   void port(const memdb_row *row);
-  std::string image(const memdb_row *row) const;
-  void refusal(const std::vector<std::string> &messages);
-  std::string why_refused(const std::vector<std::string> &messages);
 
   tarn_tbl *table_;
   const std::string &path_;

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "tools/check/file_entry.h"
+#include "tools/common/file_entry.h"
 
 // What a start does to a file that it can't load.
 enum class removal {

@@ -11,11 +11,11 @@
 #include "tables/files/table_paths.h"
 #include "tables/files/table_reader.h"
 #include "tables/shared/file_handle.h"
-#include "tools/check/host_services.h"
 #include "tools/check/index_memory.h"
 #include "tools/check/row_watch.h"
-#include "tools/check/shared_pool.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/host_services.h"
+#include "tools/common/shared_pool.h"
+#include "tools/common/visible_text.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "tables/tarn_tbl.h"
-#include "tools/check/findings.h"
 #include "tools/check/forecast.h"
 #include "tools/check/port_holders.h"
 #include "tools/check/row_watch.h"
 #include "tools/check/start_disk.h"
+#include "tools/common/findings.h"
 
 // Goes from table to table in the order of the schema, as a start does.
 class table_starts {

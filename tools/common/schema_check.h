@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/check/findings.h"
+#include "tools/common/findings.h"
 
 // Where in the schema things stand that are told of later. 0 for what isn't there.
 struct schema_places {

@@ -1,5 +1,5 @@
 // Collecting findings.
-#include "tools/check/findings.h"
+#include "tools/common/findings.h"
 
 void findings::add(const finding &one) {
   const bool is_error = one.weight == severity::error;

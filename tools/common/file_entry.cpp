@@ -1,5 +1,5 @@
 // Looking at the disk.
-#include "tools/check/file_entry.h"
+#include "tools/common/file_entry.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,12 +1,12 @@
 // Reading keys, and telling of those that aren't where they are read.
-#include "tools/check/schema_keys.h"
+#include "tools/common/schema_keys.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "tools/check/visible_text.h"
+#include "tools/common/visible_text.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 // Counting blocks.
-#include "tools/check/shared_pool.h"
+#include "tools/common/shared_pool.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -37,3 +39,9 @@ bool shared_pool::take(size_t bytes) {
 void shared_pool::give_back(size_t bytes) { used_ -= cost(bytes); }
 
 bool shared_pool::was_short() { return std::exchange(was_short_, false); }
+
+void set_server_memory(size_t limit_mb) {
+  const auto pages = static_cast<size_t>(sysconf(_SC_PHYS_PAGES));
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  server_memory.set_size(limit_mb != 0 ? limit_mb << 20 : pages / 2 * page);
+}

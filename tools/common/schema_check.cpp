@@ -1,13 +1,13 @@
 // The walk through the schema.
-#include "tools/check/schema_check.h"
+#include "tools/common/schema_check.h"
 
 #include <cstring>
 #include <map>
 
 #include "tables/tarn_tbl.h"
-#include "tools/check/column_check.h"
-#include "tools/check/schema_keys.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/column_check.h"
+#include "tools/common/schema_keys.h"
+#include "tools/common/visible_text.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Places and lines.
-#include "tools/check/line_index.h"
+#include "tools/common/line_index.h"
 
 #include <algorithm>
 

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/check/findings.h"
+#include "tools/common/findings.h"
 
 class repeated_findings {
  public:

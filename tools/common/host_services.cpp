@@ -1,5 +1,5 @@
 // Every symbol of the host that the reading code needs.
-#include "tools/check/host_services.h"
+#include "tools/common/host_services.h"
 
 #include <cstdarg>
 #include <cstddef>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "host/imports.h"
-#include "tools/check/shared_pool.h"
+#include "tools/common/shared_pool.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Telling the groups.
-#include "tools/check/repeated_findings.h"
+#include "tools/common/repeated_findings.h"
 
 #include <algorithm>
 

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "tables/tarn_tbl.h"
-#include "tools/check/findings.h"
-#include "tools/check/schema_keys.h"
+#include "tools/common/findings.h"
+#include "tools/common/schema_keys.h"
 
 struct declared_column {
   std::string name;

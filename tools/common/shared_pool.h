@@ -58,3 +58,6 @@ class shared_pool {
 
 // The pool that the module's code inside the checker takes its shared memory from.
 extern shared_pool server_memory;
+
+// Gives server_memory its size: limit_mb, or, where that is 0, what this machine can spare.
+void set_server_memory(size_t limit_mb);

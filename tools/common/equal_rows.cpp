@@ -1,7 +1,7 @@
 // A filter of bits (Bloom, "Space/time trade-offs in hash coding with allowable errors", 1970, with
 // one hash) tells most rows apart in far less memory than a table of them would take. The few that
 // it doesn't tell apart are sorted and compared.
-#include "tools/check/equal_rows.h"
+#include "tools/common/equal_rows.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,5 +1,5 @@
 // UTF-8 character by character, after RFC 3629.
-#include "tools/check/visible_text.h"
+#include "tools/common/visible_text.h"
 
 #include <cstdint>
 

@@ -1,5 +1,5 @@
 // Reading a file to its end.
-#include "tools/check/input_text.h"
+#include "tools/common/input_text.h"
 
 #include <cerrno>
 #include <cstdio>

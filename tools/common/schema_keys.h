@@ -8,8 +8,8 @@
 
 #include "tables/schema_reader.h"
 #include "tables/shared/file_handle.h"
-#include "tools/check/findings.h"
-#include "tools/check/line_index.h"
+#include "tools/common/findings.h"
+#include "tools/common/line_index.h"
 
 // The key that a line begins with, or nothing.
 std::string_view key_at(std::string_view line);

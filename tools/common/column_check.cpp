@@ -1,12 +1,12 @@
 // Names, lengths and flags of columns, and the columns of port-holding tables.
-#include "tools/check/column_check.h"
+#include "tools/common/column_check.h"
 
 #include <cstring>
 #include <set>
 #include <sstream>
 
 #include "tables/rows/port_claim.h"
-#include "tools/check/visible_text.h"
+#include "tools/common/visible_text.h"
 
 namespace {
 
