@@ -11,6 +11,7 @@
 #include "rpc/rpc_commands.h"
 #include "script/kemi/kemi_exports.h"
 #include "script/params/special_slot.h"
+#include "tables/files/folder_mark.h"
 #include "tables/files/table_files.h"
 #include "tables/schema.h"
 #include "tables/shared/shared_memory.h"
@@ -34,6 +35,7 @@ bool make_shared_records() {
     LM_ERR("Could not create table(s) schema from configuration file '%s'\n", cfg_file_path);
     return false;
   }
+  mark_folder();
   for (tarn_tbl &table : all_tarn_tbls()) {
     alone_with(&table);
     load_table(&table);
@@ -102,6 +104,7 @@ void mod_destroy() {
   recover_tables();
   force_unlock(port_map_lock);
   store_table_mngt(0, nullptr);
+  unmark_folder();
   destroy_tables();
   free_table_counts();
   free_registry();

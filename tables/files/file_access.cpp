@@ -37,14 +37,6 @@ bool give_owner(int file, const struct stat &now, const file_access &access) {
          fchown(file, OWNER_AS_IT_IS, access.group) == 0;
 }
 
-void give_access(int file, const file_access &access) {
-  struct stat now;
-  if (!read_status(file, &now)) return;
-  mode_t mode = access.mode;
-  if (!give_owner(file, now, access)) mode = (mode & ~GROUP_RIGHTS) | (mode & OTHERS_RIGHTS) << 3;
-  fchmod(file, mode);
-}
-
 FILE *open_file(const char *path, const char *mode) {
   FILE *const file = fopen(path, mode);
   if (file == nullptr) LM_ERR("Could not open file '%s'\n", path);
@@ -52,6 +44,14 @@ FILE *open_file(const char *path, const char *mode) {
 }
 
 }  // namespace
+
+void give_access(int file, const file_access &access) {
+  struct stat now;
+  if (!read_status(file, &now)) return;
+  mode_t mode = access.mode;
+  if (!give_owner(file, now, access)) mode = (mode & ~GROUP_RIGHTS) | (mode & OTHERS_RIGHTS) << 3;
+  fchmod(file, mode);
+}
 
 file_access access_of_first(std::initializer_list<const char *> paths) {
   for (const char *const path : paths) {

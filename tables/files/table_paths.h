@@ -30,6 +30,18 @@ struct backup_path {
   char text[551];
 };
 
+// The folder that main files are in, unless their names lead on: all of base_dir up to its last
+// slash.
+struct base_folder {
+  base_folder() {
+    const std::string_view dir = tarn_tbl_mngt->base_dir;
+    const size_t slash = dir.rfind('/');
+    snprintf(text, sizeof(text), "%.*s", slash == dir.npos ? 1 : static_cast<int>(slash) + 1,
+             slash == dir.npos ? "." : tarn_tbl_mngt->base_dir);
+  }
+  char text[sizeof(tarn_mngt::base_dir)];
+};
+
 // Where the file at path goes if it can't be loaded: beside itself.
 struct refused_path {
   explicit refused_path(const char *path) {

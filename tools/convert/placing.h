@@ -1,0 +1,31 @@
+// Putting new files into the places of the old ones, which are kept.
+//
+// Each place has the old file or the new one at every moment: the old one gets a second name, and
+// then the new one takes the first. What several files have to undergo is written down ahead, so
+// that a run that is cut off can be finished by the next one.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/common/findings.h"
+#include "tools/convert/site.h"
+
+// Names that no table file may have, or the places would be others' too: those of all tables'
+// files, of the files that a load sets aside, and of the new ones. False, told, if one of paths is
+// such.
+bool are_free_names(const std::vector<std::string> &paths, const std::vector<const site *> &sites,
+                    findings *found);
+
+// Puts the new files of these paths into place. *kept gets where what stood at a path is now.
+// False, told, if that fails: at no path anything is lost, and pending tells whether the next run
+// can finish it.
+bool place_files(const site &of, const std::vector<std::string> &paths,
+                 std::map<std::string, std::string> *kept, findings *found);
+
+// True if a run with this site's files was cut off.
+bool is_placing_pending(const site &of);
+
+// Finishes that. *paths gets those that were left to do.
+bool finish_placing(const site &of, std::vector<std::string> *paths, findings *found);
