@@ -1,6 +1,8 @@
 // Table by table, first all new files, then all renames.
 #include "tools/convert/conversion.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <deque>
 #include <map>
@@ -47,8 +49,8 @@ class conversion {
     renames_.tell_unused(given_.former_schema, "is no column of a table: it can't be renamed",
                          found_);
     if (found_->errors() == 0) write_files();
-    if (found_->errors() == 0 && given_.apply) place();
-    if (found_->errors() != 0 && !is_placing_pending(to_)) remove_files();
+    if (found_->errors() == 0) run_->outcome = given_.apply ? place() : run_outcome::written;
+    if (run_->outcome == run_outcome::nothing) remove_files();
     for (table_pair &pair : pairs_) run_->tables.push_back(pair.report);
   }
 
@@ -73,7 +75,8 @@ class conversion {
     }
     if (!is_placing_pending(to_)) return true;
     if (given_.apply) {
-      run_->applied = finish_placing(to_, &run_->finished, found_);
+      const bool is_done = finish_placing(to_, &run_->resumed, found_);
+      run_->outcome = is_done ? run_outcome::resumed : run_outcome::unfinished;
     } else {
       found_->error(given_.schema, 0,
                     "a conversion to this schema was cut off: the same command with --apply goes "
@@ -226,17 +229,20 @@ class conversion {
     return is_written;
   }
 
-  void place() {
+  run_outcome place() {
     std::map<std::string, std::string> kept;
-    if (!written_.empty() && !place_files(to_, written_, &kept, found_)) return;
-    run_->applied = true;
+    if (!written_.empty()) {
+      const run_outcome outcome = place_files(to_, written_, &kept, found_);
+      if (outcome != run_outcome::applied) return outcome;
+    }
     for (table_pair &pair : pairs_)
       for (written_file &file : pair.report.files)
         if (const auto at = kept.find(file.path); at != kept.end()) file.kept = at->second;
+    return run_outcome::applied;
   }
 
   void remove_files() {
-    for (const std::string &path : written_) remove(new_path(path).c_str());
+    for (const std::string &path : written_) unlink(new_path(path).c_str());
   }
 
   const options &given_;

@@ -191,7 +191,7 @@ class csv_import {
     }
     if (!file.finish()) return;
     report_.files.push_back({name_, path_, file.rows(), {}});
-    if (given_.apply) place(&file);
+    run_->outcome = given_.apply ? place(&file) : run_outcome::written;
   }
 
   bool copy_rows(csv_reader *csv, new_file *file) {
@@ -226,14 +226,12 @@ class csv_import {
     return source.text;
   }
 
-  void place(new_file *file) {
+  run_outcome place(new_file *file) {
     std::map<std::string, std::string> kept;
-    if (!place_files(at_, {path_}, &kept, found_)) {
-      if (!is_placing_pending(at_)) file->remove();
-      return;
-    }
-    run_->applied = true;
+    const run_outcome outcome = place_files(at_, {path_}, &kept, found_);
+    if (outcome == run_outcome::nothing) file->remove();
     if (const auto at = kept.find(path_); at != kept.end()) report_.files.back().kept = at->second;
+    return outcome;
   }
 
   const options &given_;

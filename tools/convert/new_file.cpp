@@ -66,6 +66,7 @@ bool new_file::reads_back() {
 }
 
 bool new_file::finish() {
+  progress_.end();
   const size_t errors = found_->errors();
   check_.tell(source_, rows(), found_);
   if (is_within_limit() && found_->errors() == errors) {

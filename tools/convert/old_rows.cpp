@@ -81,6 +81,7 @@ bool old_rows::read() {
   const table_file_state state = read_table_file(table_, path_.c_str(), this);
   const int error = errno;
   const std::vector<std::string> messages = take_messages();
+  progress_.end();
   odd_.tell(path_, lines_.size(), found_);
   switch (state) {
     case table_file_state::unopened:

@@ -121,8 +121,10 @@ bool read_list(const site &of, placing_list *out) {
 
 bool remove_list(const site &of, findings *found) {
   const std::string path = list_path(of);
-  if (unlink(path.c_str()) == 0 && sync_folder(folder_of(path))) return true;
-  return fail(path, "can't be removed", found);
+  if (unlink(path.c_str()) != 0) return fail(path, "can't be removed", found);
+  // A list that comes back after a cut has nothing left to do.
+  sync_folder(folder_of(path));
+  return true;
 }
 
 // Gives all that stands at the paths its second name. What was placed already has no new file any
@@ -152,7 +154,9 @@ void remove_second_names(const placing_list &list) {
     if (file.state != NOTHING) unlink(kept_path(file.path, list.number).c_str());
 }
 
-bool tell_unfinished(const site &of, findings *found) {
+// The renames, and then their list goes. False, told, if some of that is left to do.
+bool follow_list(const site &of, const placing_list &list, findings *found) {
+  if (place_new(list, found) && remove_list(of, found)) return true;
   found->unreadable(list_path(of), 0,
                     "has what is left to do: the same command once more goes on with it");
   return false;
@@ -196,8 +200,8 @@ bool are_free_names(const std::vector<std::string> &paths, const std::vector<con
   return are_free;
 }
 
-bool place_files(const site &of, const std::vector<std::string> &paths,
-                 std::map<std::string, std::string> *kept, findings *found) {
+run_outcome place_files(const site &of, const std::vector<std::string> &paths,
+                        std::map<std::string, std::string> *kept, findings *found) {
   placing_list list{free_number(paths), {}};
   for (const std::string &path : paths) {
     list.files.push_back({path, state_of(path)});
@@ -206,10 +210,9 @@ bool place_files(const site &of, const std::vector<std::string> &paths,
   // The second names come ahead of the list: until the first rename all can be taken back.
   if (!sync_folders(list, found) || !keep_old(list, found) || !write_list(of, list, found)) {
     remove_second_names(list);
-    return false;
+    return run_outcome::nothing;
   }
-  if (!place_new(list, found)) return tell_unfinished(of, found);
-  return remove_list(of, found);
+  return follow_list(of, list, found) ? run_outcome::applied : run_outcome::unfinished;
 }
 
 bool is_placing_pending(const site &of) { return is_there(list_path(of)); }
@@ -238,6 +241,5 @@ bool finish_placing(const site &of, std::vector<std::string> *paths, findings *f
     }
   }
   if (!is_as_left) return false;
-  if (!place_new(list, found)) return tell_unfinished(of, found);
-  return remove_list(of, found);
+  return follow_list(of, list, found);
 }

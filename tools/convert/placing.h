@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/common/findings.h"
+#include "tools/convert/report.h"
 #include "tools/convert/site.h"
 
 // Names that no table file may have, or the places would be others' too: those of all tables'
@@ -18,11 +19,10 @@
 bool are_free_names(const std::vector<std::string> &paths, const std::vector<const site *> &sites,
                     findings *found);
 
-// Puts the new files of these paths into place. *kept gets where what stood at a path is now.
-// False, told, if that fails: at no path anything is lost, and pending tells whether the next run
-// can finish it.
-bool place_files(const site &of, const std::vector<std::string> &paths,
-                 std::map<std::string, std::string> *kept, findings *found);
+// Puts the new files of these paths into place. *kept gets where what stood at a path is now. Gives
+// applied, or, told, nothing or unfinished: then each path has what it had or its new file.
+run_outcome place_files(const site &of, const std::vector<std::string> &paths,
+                        std::map<std::string, std::string> *kept, findings *found);
 
 // True if a run with this site's files was cut off.
 bool is_placing_pending(const site &of);

@@ -18,8 +18,9 @@ constexpr auto PERIOD = std::chrono::milliseconds(100);
 progress::progress(const std::string &what)
     : what_(visible(what)), is_shown_(isatty(STDERR_FILENO) == 1), next_(clock::now() + PATIENCE) {}
 
-progress::~progress() {
+void progress::end() {
   if (width_ != 0) fprintf(stderr, "\r%*s\r", static_cast<int>(width_), "");
+  width_ = 0;
 }
 
 void progress::show() {

@@ -8,10 +8,12 @@
 class progress {
  public:
   explicit progress(const std::string &what);
-  // Takes the line back.
-  ~progress();
+  ~progress() { end(); }
   progress(const progress &) = delete;
   progress &operator=(const progress &) = delete;
+
+  // Takes the line back; there is no further step.
+  void end();
 
   // Counts one more row, and shows how many there are, some times a second.
   void step() {

@@ -40,7 +40,7 @@ void proof::index(const memdb_row *row, size_t origin) {
   const char *const text = memdb_get_field(table_->tbl, row, 0);
   const uint32_t number = stored_index(text);
   if (std::to_string(number) == text) return;
-  odd_.note({INDEX, 0, odd_number_, true}, origin, [&] {
+  odd_.note({INDEX, 0, odd_number_, false}, origin, [&] {
     return "the index " + quoted(text) +
            " is no number as the module writes it, and is taken for " + std::to_string(number);
   });
@@ -51,7 +51,7 @@ void proof::port(const memdb_row *row, size_t origin) {
   if (!find_port_claim(table_, nullptr, row, &claim) || *claim.text == '\0') return;
   const int32_t number = claimed_port(claim);
   if (std::to_string(number) == claim.text) return;
-  odd_.note({PORT, 0, odd_number_, true}, origin, [&] {
+  odd_.note({PORT, 0, odd_number_, false}, origin, [&] {
     return "the port " + quoted(claim.text) +
            " is no number as ports are written, and is taken for " + std::to_string(number);
   });
@@ -69,7 +69,7 @@ bool proof::load(const std::string &path) {
 
 void proof::tell(const std::string &source, findings *found) {
   for (const auto &[origin, earlier] : equal_.find())
-    odd_.note({EQUAL, 0, severity::warning, true}, static_cast<size_t>(origin), [first = earlier] {
+    odd_.note({EQUAL, 0, severity::warning, false}, static_cast<size_t>(origin), [first = earlier] {
       return "counts as equal to the row of line " + std::to_string(first) +
              ": an insert of it would be refused";
     });

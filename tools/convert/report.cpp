@@ -1,6 +1,7 @@
 // Lines and JSON.
 #include "tools/convert/report.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <ostream>
 
@@ -56,34 +57,64 @@ nlohmann::json json_of(const table_report &table, bool applied) {
 }
 
 bool has_files(const run_report &run) {
-  for (const table_report &table : run.tables)
-    if (!table.files.empty()) return true;
-  return false;
+  return std::ranges::any_of(run.tables,
+                             [](const table_report &table) { return !table.files.empty(); });
+}
+
+const char *name_of(run_outcome outcome) {
+  switch (outcome) {
+    case run_outcome::written:
+      return "written";
+    case run_outcome::applied:
+      return "applied";
+    case run_outcome::resumed:
+      return "resumed";
+    case run_outcome::unfinished:
+      return "unfinished";
+    case run_outcome::nothing:
+      break;
+  }
+  return "nothing";
 }
 
 }  // namespace
 
 void print_lines(std::ostream &out, const findings &found, const run_report &run) {
   print_findings(out, found);
-  for (const std::string &path : run.finished)
-    out << visible(path) << " is in its place: the conversion that was cut off is done\n";
-  if (found.errors() != 0) {
-    out << "nothing was changed\n";
-    return;
+  const bool applied = run.outcome == run_outcome::applied;
+  switch (run.outcome) {
+    case run_outcome::nothing:
+      out << "nothing was changed\n";
+      break;
+    case run_outcome::written:
+    case run_outcome::applied:
+      for (const table_report &table : run.tables) print_table(out, table, applied);
+      if (!applied && has_files(run)) out << "nothing was replaced: --apply does that\n";
+      break;
+    case run_outcome::resumed:
+      for (const std::string &path : run.resumed) out << visible(path) << " is in its place\n";
+      out << "the run that was cut off is finished\n";
+      break;
+    case run_outcome::unfinished:
+      break;
   }
-  for (const table_report &table : run.tables) print_table(out, table, run.applied);
-  if (!run.applied && has_files(run)) out << "nothing was replaced: --apply does that\n";
 }
 
 void print_json(std::ostream &out, const findings &found, const run_report &run) {
+  const bool has_tables =
+      run.outcome == run_outcome::written || run.outcome == run_outcome::applied;
   nlohmann::json tables = nlohmann::json::array();
-  if (found.errors() == 0)
-    for (const table_report &table : run.tables) tables.push_back(json_of(table, run.applied));
-  nlohmann::json finished = nlohmann::json::array();
-  for (const std::string &path : run.finished) finished.push_back(visible(path));
-  out << nlohmann::json{{"applied", run.applied},       {"errors", found.errors()},
-                        {"warnings", found.warnings()}, {"findings", json_of(found)},
-                        {"finished", finished},         {"tables", tables}}
+  if (has_tables)
+    for (const table_report &table : run.tables)
+      tables.push_back(json_of(table, run.outcome == run_outcome::applied));
+  nlohmann::json resumed = nlohmann::json::array();
+  for (const std::string &path : run.resumed) resumed.push_back(visible(path));
+  out << nlohmann::json{{"outcome", name_of(run.outcome)},
+                        {"errors", found.errors()},
+                        {"warnings", found.warnings()},
+                        {"findings", json_of(found)},
+                        {"resumed", resumed},
+                        {"tables", tables}}
              .dump(2)
       << '\n';
 }

@@ -25,13 +25,21 @@ struct table_report {
   std::vector<written_file> files;  // none: the table's files stay as they are
 };
 
+enum class run_outcome {
+  nothing,     // nothing was changed
+  written,     // new files wait to be put into place
+  applied,     // they are in their places
+  resumed,     // so are those of a run that was cut off, and no more was done
+  unfinished,  // some are, and the next run can go on with the others
+};
+
 struct run_report {
-  bool applied = false;
-  std::vector<std::string> finished;  // files put into place that an earlier run had left to do
+  run_outcome outcome = run_outcome::nothing;
+  std::vector<std::string> resumed;  // places of files
   std::vector<table_report> tables;
 };
 
-// One line each; a last one where files wait to be put into place.
+// One line each.
 void print_lines(std::ostream &out, const findings &found, const run_report &run);
 
 // An object with the findings and what was done.

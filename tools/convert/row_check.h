@@ -31,7 +31,7 @@ class row_check {
   void length(uint32_t column, std::string_view *value, size_t line);
   template <typename Text>
   void note(severity weight, oddity what, uint32_t column, size_t line, Text text) {
-    odd_.note({what, column, weight, true}, line, text);
+    odd_.note({what, column, weight, false}, line, text);
   }
 
   const tarn_tbl *table_;
