@@ -48,16 +48,16 @@ module:
 	@$(call build,module,-DBUILD_TESTING=OFF $(for_host))
 	@echo "module: $(BUILD)/module/tarn_memdb.so for $$($(say_host))$(say_json)"
 
-# Module and tarn-memdb-check.
+# Module, tarn-memdb-check and tarn-memdb-convert.
 tools:
 	@$(say_host) >/dev/null
 	@$(DEPS) module tools
 	@$(call build,module,-DBUILD_TESTING=OFF -DTARN_TOOLS=ON $(for_host))
-	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check for $$($(say_host))"
+	@echo "tools: $(BUILD)/module/tools/check/tarn-memdb-check and convert/tarn-memdb-convert for $$($(say_host))"
 
 PREFIX ?= /usr
 MODULES_DIR ?= lib/x86_64-linux-gnu/kamailio/modules
-# Module, tool, manual page, guide and an example site below DESTDIR/PREFIX.
+# Module, tools, manual pages, guide and an example site below DESTDIR/PREFIX.
 # make install [DESTDIR=] [PREFIX=/usr] [MODULES_DIR=lib/x86_64-linux-gnu/kamailio/modules]
 install:
 	@$(say_host) >/dev/null

@@ -41,30 +41,34 @@ install(DIRECTORY package/site package/site-lua package/monitoring DESTINATION $
 install(DIRECTORY cluster DESTINATION ${doc_dir}/examples)
 
 if(TARN_TOOLS)
-  install(TARGETS tarn-memdb-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS tarn-memdb-check tarn-memdb-convert RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 if(TARN_TOOLS AND TARN_INSTALL)
-  # The manual page comes from the tool's own --help.
+  # The manual pages come from the tools' own --help.
   find_program(HELP2MAN help2man REQUIRED)
-  set(page ${CMAKE_BINARY_DIR}/tarn-memdb-check.1)
-  set(additions ${CMAKE_SOURCE_DIR}/package/tarn-memdb-check.h2m)
   set(helper ${CMAKE_SOURCE_DIR}/package/help-for-man)
-  add_custom_command(
-    OUTPUT ${page}.gz
-    COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C TOOL=$<TARGET_FILE:tarn-memdb-check> ${HELP2MAN}
-            --no-info --section=1 --include=${additions} --output=${page} ${helper}
-    COMMAND gzip -9nf ${page}
-    DEPENDS tarn-memdb-check ${additions} ${helper}
-    VERBATIM)
+  set(pages)
+  foreach(tool tarn-memdb-check tarn-memdb-convert)
+    set(page ${CMAKE_BINARY_DIR}/${tool}.1)
+    set(additions ${CMAKE_SOURCE_DIR}/package/${tool}.h2m)
+    add_custom_command(
+      OUTPUT ${page}.gz
+      COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C TOOL=$<TARGET_FILE:${tool}> ${HELP2MAN}
+              --no-info --section=1 --include=${additions} --output=${page} ${helper}
+      COMMAND gzip -9nf ${page}
+      DEPENDS ${tool} ${additions} ${helper}
+      VERBATIM)
+    list(APPEND pages ${page}.gz)
+  endforeach()
 
   string(TIMESTAMP TARN_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
   configure_file(package/changelog.in ${CMAKE_BINARY_DIR}/changelog @ONLY)
   add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/changelog.gz
                      COMMAND gzip -9nkf ${CMAKE_BINARY_DIR}/changelog
                      DEPENDS ${CMAKE_BINARY_DIR}/changelog)
-  add_custom_target(tarn_install_files ALL DEPENDS ${page}.gz ${CMAKE_BINARY_DIR}/changelog.gz)
-  install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  add_custom_target(tarn_install_files ALL DEPENDS ${pages} ${CMAKE_BINARY_DIR}/changelog.gz)
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   install(FILES ${CMAKE_BINARY_DIR}/changelog.gz DESTINATION ${doc_dir})
 endif()
 
@@ -80,7 +84,8 @@ shared memory that routing scripts read several times per call, kept in text
 files across restarts, and a manager of port numbers.
 .
 With tarn-memdb-check, which tells before a restart what a changed schema
-would cost, and a site to begin with.
+would cost, tarn-memdb-convert, which brings the tables to it, and a site
+to begin with.
 .
 ${replies}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

@@ -19,7 +19,8 @@ pytest_runtest_makereport = _host.pytest_runtest_makereport
 
 def pytest_configure():
     _host.pytest_configure()
-    tool = os.environ.get("TARN_CHECK")
-    if not tool or not os.path.isfile(tool):
-        pytest.exit("TARN_CHECK has to name the built tarn-memdb-check", returncode=2)
-    os.environ["TARN_CHECK"] = os.path.abspath(tool)
+    for variable in ("TARN_CHECK", "TARN_CONVERT"):
+        tool = os.environ.get(variable)
+        if not tool or not os.path.isfile(tool):
+            pytest.exit(f"{variable} has to name the built tool", returncode=2)
+        os.environ[variable] = os.path.abspath(tool)

@@ -93,7 +93,9 @@ class ExampleServer(host_server.Server):
             f'#!/bin/sh\nexec {shlex.quote(str(real))} -s "unix:{self.ctl_socket}" "$@"\n'
         )
         client.chmod(0o755)
-        (self.directory / "bin" / "tarn-memdb-check").symlink_to(os.environ["TARN_CHECK"])
+        for tool in ("CHECK", "CONVERT"):
+            program = self.directory / "bin" / f"tarn-memdb-{tool.lower()}"
+            program.symlink_to(os.environ[f"TARN_{tool}"])
 
     def local(self, text):
         for place, own in self.places:

@@ -45,6 +45,7 @@ PAGES = (
     "queries.md",
     "ports.md",
     "operating.md",
+    "convert.md",
     "production.md",
     "monitoring.md",
     "cluster.md",

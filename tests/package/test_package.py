@@ -30,12 +30,19 @@ GUIDE = (
     "docs/kemi.md",
     "docs/cluster.md",
 )
-MANUAL = "usr/share/man/man1/tarn-memdb-check.1.gz"
+TOOLS = ("check", "convert")
+PROGRAMS = [f"usr/bin/tarn-memdb-{tool}" for tool in TOOLS]
+MANUALS = [f"usr/share/man/man1/tarn-memdb-{tool}.1.gz" for tool in TOOLS]
 EXAMPLES = [
     *(ROOT / "package" / name for name in ("site", "site-lua", "monitoring")),
     ROOT / "cluster",
 ]
-BUILT = ("tarn_memdb.so", "tools/check/tarn-memdb-check", "tarn-memdb-check.1.gz", "changelog.gz")
+BUILT = (
+    "tarn_memdb.so",
+    "changelog.gz",
+    *(f"tools/{tool}/tarn-memdb-{tool}" for tool in TOOLS),
+    *(f"tarn-memdb-{tool}.1.gz" for tool in TOOLS),
+)
 
 
 def do(*command, status=0, **options):
@@ -187,7 +194,7 @@ def test_module_tool_guide_and_site_are_there_and_no_more(installed):
             place = installed / DOC / "examples" / example.name / name
             assert place.read_bytes() == (example / name).read_bytes()
     beside = [name for name in found if not name.startswith(f"{DOC}/")]
-    assert beside == ["usr/bin/tarn-memdb-check", f"{MODULES}/tarn_memdb.so", MANUAL]
+    assert beside == [*PROGRAMS, f"{MODULES}/tarn_memdb.so", *MANUALS]
 
 
 def test_the_changelog_is_of_this_version_and_maintainer(package, from_package):
@@ -197,26 +204,28 @@ def test_the_changelog_is_of_this_version_and_maintainer(package, from_package):
     assert f"\n -- {field(package, 'Maintainer')}  " in text
 
 
-def test_the_manual_page_is_well_formed_and_tells_each_option(installed):
-    page = installed / MANUAL
+@pytest.mark.parametrize("tool", TOOLS)
+def test_the_manual_page_is_well_formed_and_tells_each_option(installed, tool):
+    page = installed / MANUALS[TOOLS.index(tool)]
     environment = {**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"}
     read = ["man", "--warnings", "--encoding=UTF-8", "--local-file"]
     command = [*read, str(page)]
     ran = subprocess.run(command, check=False, capture_output=True, text=True, env=environment)
     assert (ran.returncode, ran.stderr) == (0, "")
-    told = do(installed / "usr/bin/tarn-memdb-check", "--help")
+    told = do(installed / f"usr/bin/tarn-memdb-{tool}", "--help")
     options = re.findall(r"^  (--[a-z-]+)", told, re.MULTILINE)
-    assert {"--errors-only", "--memory", "--help"} < set(options)
+    assert {"--json", "--version", "--help"} < set(options)
     for option in options:
         assert f"\n       {option} " in ran.stdout or f"\n       {option}\n" in ran.stdout, option
     for title in ("NAME", "SYNOPSIS", "EXIT STATUS", "EXAMPLES", "FILES", "SEE ALSO"):
         assert f"\n{title}\n" in ran.stdout
 
 
-def test_the_manual_page_names_files_that_are_there(installed):
-    text = gzip.decompress((installed / MANUAL).read_bytes()).decode().replace("\\-", "-")
+@pytest.mark.parametrize("manual", MANUALS)
+def test_the_manual_page_names_files_that_are_there(installed, manual):
+    text = gzip.decompress((installed / manual).read_bytes()).decode().replace("\\-", "-")
     named = re.findall(r"^(/usr/\S+)", text, re.MULTILINE)
-    assert len(named) == 2
+    assert named
     for name in named:
         assert (installed / name[1:]).exists(), name
 
@@ -232,7 +241,7 @@ def test_everything_in_the_package_is_roots_and_readable(package):
 
 
 def test_the_packaged_programs_name_no_directory_of_the_build(from_package, build):
-    for name in (f"{MODULES}/tarn_memdb.so", "usr/bin/tarn-memdb-check"):
+    for name in (f"{MODULES}/tarn_memdb.so", *PROGRAMS):
         data = (from_package / name).read_bytes()
         for folder in (build, ROOT):
             names_it = str(folder).encode() in data
@@ -265,6 +274,8 @@ def test_the_installed_module_loads_on_a_real_server_and_keeps_rows(installed, w
     assert server.rows("phones") == ["bob|sip:bob@10.0.0.7", "carol|sip:carol@10.0.0.8"]
     check = do(installed / "usr/bin/tarn-memdb-check", server.schema_path)
     assert check == "clean\n"
+    rows = do(installed / "usr/bin/tarn-memdb-convert", "--export", "phones", server.schema_path)
+    assert rows.splitlines()[-1] == "carol,sip:carol@10.0.0.8"
 
 
 def test_what_the_installed_tool_says_is_what_the_installed_module_does(
@@ -306,7 +317,7 @@ def test_modules_directory_and_maintainer_can_be_chosen(build, tmp_path):
     do("cmake", "--install", other, env={**os.environ, "DESTDIR": str(target)})
     assert (target / "opt/sip/modules/tarn_memdb.so").is_file()
     assert not (target / MODULES).exists()
-    assert (target / "usr/bin/tarn-memdb-check").is_file()
+    assert all((target / program).is_file() for program in PROGRAMS)
     assert f"\n -- {maintainer}  " in (other / "changelog").read_text()
     config = (other / "CPackConfig.cmake").read_text()
     assert f'set(CPACK_PACKAGE_CONTACT "{maintainer}")' in config
