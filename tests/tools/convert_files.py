@@ -11,8 +11,8 @@ CONVERT = os.environ.get("TARN_CONVERT", "")
 class ConvertFiles(CheckFiles):
     def schemas(self, old, new):
         """Both schemas, each of one block or a list of them."""
-        for name, blocks in (("old.cfg", old), ("new.cfg", new)):
-            blocks = [blocks] if isinstance(blocks, str) else blocks
+        for name, given in (("old.cfg", old), ("new.cfg", new)):
+            blocks = [given] if isinstance(given, str) else given
             self.write(name, self.head(len(blocks)) + "".join(blocks))
         return self
 

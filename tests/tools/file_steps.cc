@@ -1,9 +1,9 @@
 // Preloaded into a program: one of the steps by which it changes files is its last one, or fails.
 //
-// Steps are counted from 1: files made, writes, writes to the disk, second names, renames, removals.
-// TARN_STEP names the one, and TARN_STEP_ERROR the errno that it fails with; without that the process
-// is killed ahead of it. Without TARN_STEP all are counted, and their number goes to the file
-// TARN_STEPS at the end.
+// Steps are counted from 1: files made, writes, writes to the disk, second names, renames,
+// removals. TARN_STEP names the one, and TARN_STEP_ERROR the errno that it fails with; without that
+// the process is killed ahead of it. Without TARN_STEP all are counted, and their number goes to
+// the file TARN_STEPS at the end.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>

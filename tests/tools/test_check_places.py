@@ -188,3 +188,9 @@ def test_a_name_that_is_too_long_for_a_backup_is_told(files):
     expect(told, "schema.cfg", 12, "warning", "is too long: no backup of table 't' is ever made")
     expect(told, "schema.cfg", 12, "warning", "would be removed, not set aside: the name")
     expect_clean(files.schema(table(FILE_NAME="n" * 240)).check())
+
+
+def test_a_conversion_that_was_cut_off_is_told(files):
+    list_of_it = "tables/tarn-memdb-convert.unfinished"
+    files.schema(table()).rows("t", "x|y").write(list_of_it, "")
+    expect(files.check(), list_of_it, 0, "error", "a conversion was cut off")

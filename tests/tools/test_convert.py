@@ -3,7 +3,8 @@
 import os
 
 import pytest
-from check_files import PORT_COLUMNS, port_row, rows_of, run as check
+from check_files import PORT_COLUMNS, port_row, rows_of
+from check_files import run as check
 from convert_files import expect_done, expect_nothing_changed, table
 
 APPLY = ("--apply",)

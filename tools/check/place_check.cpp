@@ -10,6 +10,7 @@
 #include "tables/files/table_paths.h"
 #include "tools/check/start_disk.h"
 #include "tools/common/file_entry.h"
+#include "tools/common/unfinished_run.h"
 #include "tools/common/visible_text.h"
 
 namespace {
@@ -31,6 +32,10 @@ class place_walk {
   }
 
   void run() {
+    if (const std::string list = unfinished_run_path(); look_at(list).kind != entry_kind::missing)
+      out_->error(list, 0,
+                  "a conversion was cut off: some files may be of another schema until the same "
+                  "tarn-memdb-convert --apply has gone on with it");
     size_t number = 0;
     for (const tarn_tbl &table : all_tarn_tbls()) {
       line_ = number < lines_.file_names.size() ? lines_.file_names[number] : 0;

@@ -15,6 +15,7 @@
 #include "tables/files/table_paths.h"
 #include "tools/common/file_entry.h"
 #include "tools/common/input_text.h"
+#include "tools/common/unfinished_run.h"
 #include "tools/common/visible_text.h"
 #include "tools/convert/disk_file.h"
 #include "tools/convert/new_file.h"
@@ -25,7 +26,10 @@ constexpr char LIST_HEAD[] = "tarn-memdb-convert 1";
 constexpr char LIST_END[] = "end";
 constexpr char NOTHING[] = "-";
 
-std::string list_path(const site &of) { return folder_of(of) + "tarn-memdb-convert.unfinished"; }
+std::string list_path(const site &of) {
+  enter(of);
+  return unfinished_run_path();
+}
 
 std::string kept_path(const std::string &path, int number) {
   return path + ".old-" + std::to_string(number);
