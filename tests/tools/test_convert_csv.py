@@ -125,7 +125,7 @@ BAD = {
     "an unknown column": ("a,b,c\n1,2,3\n", 1, "'c' is no column of table 't'"),
     "a column that stands twice": ("a,b,a\n1,2,3\n", 1, "column 'a' stands there twice"),
     "a missing column": ("a\n1\n", 1, "has no column 'b': --default t.b= gives it a value"),
-    "too few values": ("a,b\n1,2\n3\n", 3, "has 1 values for 2 columns"),
+    "too few values": ("a,b\n1,2\n3\n", 3, "has 1 value for 2 columns"),
     "too many values": ("a,b\n1,2,\n", 2, "has 3 values for 2 columns"),
     "a quote that isn't closed": ('a,b\n1,2\n"3,4\n5,6\n', 3, "a quote isn't closed"),
     "a quote within a value": ('a,b\n1,x"y\n', 2, "a quote stands within a value"),
@@ -158,6 +158,9 @@ def test_all_bad_rows_are_told_with_their_lines(files):
     text = 'a,b\n"x\n",1\n*,2\n"y,\n'
     told = one(files).take(text.replace('"y,', "y|,3"))
     assert [found.line for found in told.findings] == [2, 4, 5]
+    told = files.take("a,b\n" + "1\n" * 30 + "*,2\n")
+    assert [found.line for found in told.findings] == [32, *range(2, 22), 31]
+    assert told.findings[-1].text.startswith("likewise in 10 more rows up to here: has 1 value")
 
 
 def test_a_missing_column_takes_its_default(files):

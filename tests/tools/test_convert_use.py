@@ -27,7 +27,7 @@ def test_the_report_for_programs(files):
         "tables": [
             {
                 "table": "t",
-                "added": [{"column": "n", "value": "'v'"}],
+                "added": [{"column": "n", "value": "v"}],
                 "renamed": [{"from": "a", "to": "c"}],
                 "dropped": [],
                 "files": [{"from": path, "file": path, "rows": 1, "kept": f"{path}.old-1"}],

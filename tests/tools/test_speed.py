@@ -1,5 +1,5 @@
-"""tarn-memdb-check takes about as long as the load that it foretells, for odd files as well, and
-both go with the number of rows."""
+"""tarn-memdb-check takes about as long as the load that it foretells, for odd files as well; both
+go with the number of rows; and tarn-memdb-convert takes a few loads."""
 
 import os
 import resource
@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 from check_files import CHECK, PROBE, table
+from convert_files import CONVERT, ConvertFiles
 
 ROWS = 100_000
 
@@ -58,3 +59,29 @@ def test_a_row_of_a_large_file_costs_about_what_one_of_a_small_file_costs(files,
     few, many = row_time(20_000), row_time(200_000)
     print(f"{program}: {few * 1e9:.0f} and {many * 1e9:.0f} ns a row, {many / few:.2f}")
     assert many < 2 * few
+
+
+# It reads a file, writes one, which waits for the disk, and reads that back.
+def test_a_conversion_takes_a_few_loads(tmp_path):
+    columns = ("user 31 1", "contact 63 0", "source 45 0")
+    files = ConvertFiles(tmp_path)
+    files.schemas(*(table("t", order, MAX_ROWS=ROWS) for order in (columns, columns[::-1])))
+    files.rows("t", *(f"user{i}|sip:user{i}@10.0.0.7:5060|{i % 977}" for i in range(ROWS)))
+    old, new = (os.fspath(tmp_path / name) for name in ("old.cfg", "new.cfg"))
+    commands = {
+        "load": (PROBE, old, "quiet"),
+        "convert": (CONVERT, old, new),
+        "export": (CONVERT, "--export", "t", old),
+        "import": (CONVERT, "--import", "t", old, csv_of(files)),
+    }
+    times = {
+        what: min(processor_time(*command) for _ in range(3)) for what, command in commands.items()
+    }
+    print(", ".join(f"{what} {time:.3f} s" for what, time in times.items()))
+    assert max(times.values()) < 8 * times["load"] + 0.1
+
+
+def csv_of(files):
+    name = files.directory / "t.csv"
+    name.write_bytes(files.export())
+    return os.fspath(name)

@@ -22,10 +22,6 @@ uint32_t count_fields(std::string *text) {
   return count;
 }
 
-std::string counted(uint32_t number, const char *thing) {
-  return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
-}
-
 // The module's reasons, but for its count of fields, which doesn't tell the numbers, and for its
 // last line, which only says that the row was refused.
 std::string why_refused(const tarn_tbl *table, std::string *text,

@@ -76,3 +76,7 @@ std::string quoted(std::string_view text) {
   return "'" + std::string(text.substr(0, MOST_QUOTED)) + "...' of " + std::to_string(text.size()) +
          " bytes";
 }
+
+std::string counted(size_t number, const char *thing) {
+  return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+}

@@ -73,7 +73,7 @@ column_plan plan_columns(const std::vector<std::string> &given, const tarn_tbl &
     plan.sources.push_back(source_of_new(table, i, fixed));
     const column_source &source = plan.sources.back();
     const bool is_counted = source.from == column_source::kind::counted;
-    report->added.emplace_back(name, is_counted ? "numbers from 1" : quoted(source.text));
+    report->added.emplace_back(name, is_counted ? std::nullopt : std::optional(source.text));
     if (missing.are_errors && fixed == nullptr && !is_counted)
       found->error(missing.file, 1,
                    "has no column " + quoted(name) + ": --default " + table.table_name + "." +

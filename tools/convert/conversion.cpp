@@ -32,6 +32,12 @@ struct table_pair {
   table_report report;
 };
 
+struct file_job {
+  table_pair *pair;
+  std::string from;
+  std::string to;
+};
+
 class conversion {
  public:
   conversion(const options &given, run_report *run, findings *found)
@@ -162,14 +168,22 @@ class conversion {
       old_entries_.insert(entry_name(places.main));
       old_entries_.insert(entry_name(places.backup));
     }
+    std::vector<file_job> jobs;
+    std::vector<std::string> places;
     for (table_pair &pair : pairs_) {
       const table_places from = places_of(from_, *pair.from);
       const table_places to = places_of(to_, *pair.to);
       if (stays(pair, from, to)) continue;
-      write_file(&pair, from.main, to.main);
-      write_file(&pair, from.backup, to.backup);
+      for (const file_job &job :
+           {file_job{&pair, from.main, to.main}, file_job{&pair, from.backup, to.backup}}) {
+        if (!is_there(job.from)) continue;
+        jobs.push_back(job);
+        places.push_back(job.to);
+      }
     }
-    are_free_names(written_, {&from_, &to_}, found_);
+    // Nobody's file may be lost to a new one, be it beside its place.
+    if (!are_free_names(places, {&from_, &to_}, found_)) return;
+    for (const file_job &job : jobs) write_file(job.pair, job.from, job.to);
   }
 
   // True if the files are good as they are.
@@ -191,7 +205,7 @@ class conversion {
   }
 
   void write_file(table_pair *pair, const std::string &from, const std::string &to) {
-    if (!is_there(from) || !is_free_place(to)) return;
+    if (!is_free_place(to)) return;
     old_rows rows(from_, pair->from, from, found_);
     if (!rows.read()) return;
     const bool had_numbers = (pair->from->use_index != 0) == (pair->to->use_index != 0) &&

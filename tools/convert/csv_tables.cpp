@@ -12,6 +12,7 @@
 #include "tables/files/table_paths.h"
 #include "tools/common/file_entry.h"
 #include "tools/common/made_tables.h"
+#include "tools/common/repeated_findings.h"
 #include "tools/common/visible_text.h"
 #include "tools/convert/column_plan.h"
 #include "tools/convert/csv.h"
@@ -189,37 +190,40 @@ class csv_import {
       file.remove();
       return;
     }
-    if (!file.finish()) return;
+    const bool is_good = file.finish();
+    const size_t errors = found_->errors();
+    odd_.tell(name_, file.rows(), found_);
+    if (found_->errors() != errors) file.remove();
+    if (!is_good || found_->errors() != errors) return;
     report_.files.push_back({name_, path_, file.rows(), {}});
     run_->outcome = given_.apply ? place(&file) : run_outcome::written;
   }
 
   bool copy_rows(csv_reader *csv, new_file *file) {
     std::vector<std::string_view> values(plan_.sources.size());
-    size_t miscounted = 0;
     for (bool is_end = false;;) {
-      if (!read_record(csv, &is_end)) return is_end && miscounted == 0;
-      if (csv->fields().size() != given_names_.size()) {
-        constexpr size_t MOST_TOLD = 20;
-        if (miscounted++ < MOST_TOLD)
-          found_->error(name_, csv->line(),
-                        "has " + std::to_string(csv->fields().size()) + " values for " +
-                            std::to_string(given_names_.size()) + " columns");
+      if (!read_record(csv, &is_end)) return is_end;
+      const size_t count = csv->fields().size();
+      if (count != given_names_.size()) {
+        odd_.note({0, 0, severity::error, false}, csv->line(), [&] {
+          return "has " + counted(count, "value") + " for " +
+                 counted(given_names_.size(), "column");
+        });
         continue;
       }
-      const std::string counted = std::to_string(file->rows() + 1);
-      for (size_t i = 0; i < values.size(); i++) values[i] = value(plan_.sources[i], *csv, counted);
+      const std::string number = std::to_string(file->rows() + 1);
+      for (size_t i = 0; i < values.size(); i++) values[i] = value(plan_.sources[i], *csv, number);
       if (!file->add(values, csv->line())) return false;
     }
   }
 
   static std::string_view value(const column_source &source, const csv_reader &csv,
-                                const std::string &counted) {
+                                const std::string &number) {
     switch (source.from) {
       case column_source::kind::given:
         return csv.fields()[source.number];
       case column_source::kind::counted:
-        return counted;
+        return number;
       case column_source::kind::fixed:
         break;
     }
@@ -247,6 +251,7 @@ class csv_import {
   std::vector<std::string> given_names_;
   column_plan plan_;
   table_report report_;
+  repeated_findings odd_;  // lines that are no rows
 };
 
 }  // namespace

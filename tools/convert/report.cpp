@@ -11,21 +11,17 @@
 
 namespace {
 
-std::string counted_rows(size_t rows) {
-  return std::to_string(rows) + (rows == 1 ? " row" : " rows");
-}
-
 void print_table(std::ostream &out, const table_report &table, bool applied) {
   const std::string name = visible(table.table) + ": ";
   for (const auto &[column, value] : table.added)
-    out << name << "column " << visible(::quoted(column)) << " is new, with " << visible(value)
-        << '\n';
+    out << name << "column " << visible(::quoted(column)) << " is new, with "
+        << (value ? visible(::quoted(*value)) : "numbers from 1") << '\n';
   for (const auto &[former, column] : table.renamed)
     out << name << "column " << visible(::quoted(former)) << " is " << visible(::quoted(column))
         << " now\n";
   if (table.files.empty()) out << name << "stays as it is\n";
   for (const written_file &file : table.files) {
-    out << name << counted_rows(file.rows) << " in "
+    out << name << counted(file.rows, "row") << " in "
         << visible(applied ? file.path : new_path(file.path));
     if (file.kept) out << ", the former file is " << visible(*file.kept);
     out << '\n';
@@ -35,7 +31,8 @@ void print_table(std::ostream &out, const table_report &table, bool applied) {
 nlohmann::json json_of(const table_report &table, bool applied) {
   nlohmann::json added = nlohmann::json::array();
   for (const auto &[column, value] : table.added)
-    added.push_back({{"column", visible(column)}, {"value", visible(value)}});
+    added.push_back({{"column", visible(column)},
+                     {"value", value ? nlohmann::json(visible(*value)) : nlohmann::json()}});
   nlohmann::json renamed = nlohmann::json::array();
   for (const auto &[former, column] : table.renamed)
     renamed.push_back({{"from", visible(former)}, {"to", visible(column)}});

@@ -19,7 +19,8 @@ struct written_file {
 
 struct table_report {
   std::string table;
-  std::vector<std::pair<std::string, std::string>> added;    // columns, and their value
+  // Columns, and their value; nothing for those that count the rows.
+  std::vector<std::pair<std::string, std::optional<std::string>>> added;
   std::vector<std::pair<std::string, std::string>> renamed;  // former and new names
   std::vector<std::string> dropped;
   std::vector<written_file> files;  // none: the table's files stay as they are
