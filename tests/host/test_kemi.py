@@ -207,8 +207,8 @@ WRONG_KINDS = (
     'set_port("x", "INT")',
     "get(null, null)",
 )
-# What becomes of a null where a text is wanted and where a number is, of a number as text, of a text
-# as number, and of a text with a zero byte.
+# What becomes of a null where a text is wanted and where a number is, of a number as text, of a
+# text as number, and of a text with a zero byte.
 OTHER_KINDS = (
     "escape(null)",
     'set_port(null, "INT")',
