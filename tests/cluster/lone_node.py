@@ -16,9 +16,9 @@ PATIENCE = 10.0
 StartFailed = cluster_nodes.host_server.StartFailed
 
 
-def two_nodes(template=TEMPLATE, defines=None):
+def two_nodes(template=TEMPLATE, defines=None, tables=None):
     """Two nodes that haven't started, and their links."""
-    tables = {"phones": 40, "blocked": 40}
+    tables = tables or {"phones": 40, "blocked": 40}
     return cluster_nodes.cluster(2, template, os.environ["TARN_MODULE"], tables, defines=defines)
 
 

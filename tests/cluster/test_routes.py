@@ -231,6 +231,14 @@ def test_a_node_that_isnt_among_the_nodes_doesnt_start_and_says_why():
         assert "CLUSTER_SELF_is_not_the_number_of_a_CLUSTER_NODE" in nodes[0].log()
 
 
+def test_a_table_may_be_named_send():
+    template = TEMPLATE.replace('"blocked"', '"send"').replace("blocked_PUT", "send_PUT")
+    with two_nodes(template, tables={"phones": 40, "send": 40}) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.await_sent(lambda data: data.startswith(b"KDMQ sip:cluster_send@"))
+
+
 def test_a_table_with_other_columns_keeps_the_node_from_starting():
     with two_nodes() as (nodes, _):
         schema = nodes[0].directory / "schema.cfg"
