@@ -96,6 +96,12 @@ def test_a_time_is_cut_to_what_its_column_holds(lone):
     assert abs(until - time.time() - 1e9) < 3
 
 
+def test_a_time_below_zero_is_refused_and_leaves_the_row(lone):
+    lone.put(b"k", b"v")
+    assert not lone.put(b"k", b"w", -1)
+    assert lone.find(b"k") == b"v"
+
+
 def test_the_highest_version_wins_in_whatever_order_they_come(lone):
     versions = sorted(lone.version() for _ in range(3))
     for version in (versions[1], versions[0], versions[2], versions[1]):
