@@ -339,6 +339,12 @@ def test_operators_put_and_delete_by_way_of_the_htable(lone):
     lone.wait(lambda: len(lone.sent_rows("bob")) == 2)
 
 
+def test_operators_delete_a_key_that_is_a_zero(lone):
+    lone.put(b"0", b"v")
+    lone.node.kamcmd("htable.sets", "cluster", "phones:delete", "0")
+    lone.wait(lambda: lone.find(b"0") is None)
+
+
 def test_figures_tell_rows_marks_and_how_the_peer_compares(lone):
     lone.tell(*[row(lone.version(ahead=-10), f"k{number}") for number in range(5)])
     lone.delete(b"gone")
