@@ -86,6 +86,7 @@ def test_a_row_ends_after_its_time(lone):
     reply = lone.ask("find", b"k")
     assert reply.status == 200 and reply.get("x-left") in ("1", "2")
     lone.wait(lambda: lone.find(b"k") is None)
+    assert list(lone.rows()) == ["k"]  # it has ended, and isn't forgotten yet
     lone.put(b"k", b"w")
     assert lone.find(b"k") == b"w"
 
@@ -287,6 +288,11 @@ def test_no_message_is_longer_than_is_wanted(lone):
     lone.tell(f"t:{lone.version(ahead=-5)}", *[f"d:{number}:1" for number in range(1024)])
     lone.wait(lambda: len(lone.sent_rows(*[f"k{number}" for number in range(40)])) == 40)
     assert max(len(data) for data in lone.sent) < 1800
+
+
+def test_what_is_younger_than_two_seconds_isnt_compared(lone):
+    told = comparisons(lone)[0].splitlines()[0]
+    assert 2 <= time.time() - int(told[2:]) / 16000000 < 4
 
 
 def test_rows_in_any_order_have_the_same_digest_and_other_versions_another(lone):
