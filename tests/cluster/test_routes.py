@@ -1,9 +1,10 @@
 """What the routes of cluster/ store, send and take, on a real server with a peer that is played."""
 
+import shutil
 import time
 
 import pytest
-from lone_node import TEMPLATE, Lone, StartFailed, two_nodes
+from lone_node import TEMPLATE, TOP, Lone, StartFailed, two_nodes
 
 EVERY_BYTE = bytes(range(256))
 
@@ -321,6 +322,25 @@ def test_a_peer_gets_the_rows_of_a_bucket_in_which_it_differs(lone):
     lone.tell(cut, *[f"d:{number}:0" for number in range(1024)])
     lone.wait(lambda: lone.sent_rows("old", "young427") == [old])
     assert lone.node.counter("phones", "differed:2") == 1
+
+
+def test_nothing_is_sent_of_a_bucket_whose_rows_couldnt_all_be_read(tmp_path):
+    files = shutil.copytree(TOP / "cluster", tmp_path / "cluster")
+    table = (files / "table.cfg").read_text()
+    # As when memory runs out at the last row's value, which the others' would then stand in for.
+    route, rows, rest = table.partition('"_ROWS"] {')
+    rest = rest.replace("return $rc;", "$avp(c_value) = $null; return -1;", 1)
+    (files / "table.cfg").write_text(route + rows + rest)
+    with two_nodes(TEMPLATE.replace("@CLUSTER@", str(files))) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.wait(lambda: nodes[0].kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
+        early = [row(played.version(ahead=-9), key, key) for key in ("old", "young427")]
+        played.tell(*early)
+        played.tell(f"t:{played.version(ahead=-5)}", *[f"d:{number}:1" for number in range(1024)])
+        played.put(b"later")
+        played.wait(lambda: played.sent_rows("later"))
+        assert played.sent_rows("old", "young427") == []
 
 
 def test_marks_and_ended_rows_are_forgotten_in_time_and_dont_come_back(lone):
