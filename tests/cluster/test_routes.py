@@ -324,14 +324,32 @@ def test_a_peer_gets_the_rows_of_a_bucket_in_which_it_differs(lone):
     assert lone.node.counter("phones", "differed:2") == 1
 
 
-def test_nothing_is_sent_of_a_bucket_whose_rows_couldnt_all_be_read(tmp_path):
-    files = shutil.copytree(TOP / "cluster", tmp_path / "cluster")
+def ending_otherwise(directory, route, end):
+    """A template whose tables have another end of one of their routes."""
+    files = shutil.copytree(TOP / "cluster", directory / "cluster")
     table = (files / "table.cfg").read_text()
+    ahead, name, rest = table.partition(f'"{route}"] {{')
+    (files / "table.cfg").write_text(ahead + name + rest.replace("return $rc;", end, 1))
+    return TEMPLATE.replace("@CLUSTER@", str(files))
+
+
+def test_a_put_in_the_instant_in_which_the_mark_is_forgotten_is_stored(tmp_path):
+    slow = '$var(c_done) = $rc; if ($var(c_value) == "slow") usleep("3300000"); return $var(c_done);'
+    defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 1}
+    template = ending_otherwise(tmp_path, "_READ", slow)
+    with two_nodes(template, defines=defines) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.delete(b"k")
+        assert played.put(b"k", b"slow")
+        assert list(played.rows()) == ["k"]
+
+
+def test_nothing_is_sent_of_a_bucket_whose_rows_couldnt_all_be_read(tmp_path):
     # As when memory runs out at the last row's value, which the others' would then stand in for.
-    route, rows, rest = table.partition('"_ROWS"] {')
-    rest = rest.replace("return $rc;", "$avp(c_value) = $null; return -1;", 1)
-    (files / "table.cfg").write_text(route + rows + rest)
-    with two_nodes(TEMPLATE.replace("@CLUSTER@", str(files))) as (nodes, links):
+    broken = "$avp(c_value) = $null; return -1;"
+    template = ending_otherwise(tmp_path, "_ROWS", broken)
+    with two_nodes(template) as (nodes, links):
         played = Lone(nodes[0], links)
         nodes[0].start()
         played.wait(lambda: nodes[0].kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
