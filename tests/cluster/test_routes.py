@@ -1,5 +1,6 @@
 """What the routes of cluster/ store, send and take, on a real server with a peer that is played."""
 
+import concurrent.futures
 import shutil
 import time
 
@@ -333,11 +334,26 @@ def ending_otherwise(directory, route, end):
     return TEMPLATE.replace("@CLUSTER@", str(files))
 
 
+def reading_slowly(directory, seconds):
+    """A template in which a row that gets the value slow is written so much later than it is read."""
+    pause = f'if ($var(c_value) == "slow") usleep("{int(seconds * 1000000)}");'
+    end = f"$var(c_done) = $rc; {pause} return $var(c_done);"
+    return ending_otherwise(directory, "_READ", end)
+
+
+def test_a_key_that_two_processes_put_at_once_has_one_row(tmp_path):
+    with two_nodes(reading_slowly(tmp_path, 0.3)) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        with concurrent.futures.ThreadPoolExecutor(2) as phones:
+            stored = [phones.submit(played.put, b"k", b"slow") for _ in range(2)]
+        assert [put.result() for put in stored] == [True, True]
+        assert list(played.rows()) == ["k"]
+
+
 def test_a_put_in_the_instant_in_which_the_mark_is_forgotten_is_stored(tmp_path):
-    slow = '$var(c_done) = $rc; if ($var(c_value) == "slow") usleep("3300000"); return $var(c_done);'
     defines = {"CLUSTER_SLICE": 1024, "CLUSTER_MARKS": 1}
-    template = ending_otherwise(tmp_path, "_READ", slow)
-    with two_nodes(template, defines=defines) as (nodes, links):
+    with two_nodes(reading_slowly(tmp_path, 3.3), defines=defines) as (nodes, links):
         played = Lone(nodes[0], links)
         nodes[0].start()
         played.delete(b"k")
