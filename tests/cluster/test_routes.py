@@ -325,6 +325,20 @@ def test_a_peer_gets_the_rows_of_a_bucket_in_which_it_differs(lone):
     assert lone.node.counter("phones", "differed:2") == 1
 
 
+def test_an_answer_has_no_more_rows_than_is_wanted():
+    with two_nodes(defines={"CLUSTER_ANSWER": 10}) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.wait(lambda: nodes[0].kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
+        keys = [f"k{number}" for number in range(30)]
+        played.tell(*[row(played.version(ahead=-9), key) for key in keys])
+        played.tell(f"t:{played.version(ahead=-5)}", *[f"d:{number}:1" for number in range(1024)])
+        played.put(b"later")
+        played.wait(lambda: played.sent_rows("later"))
+        assert 10 <= len(played.sent_rows(*keys)) < 15
+        assert nodes[0].counter("phones", "answered") == len(played.sent_rows(*keys))
+
+
 def ending_otherwise(directory, route, end):
     """A template whose tables have another end of one of their routes."""
     files = shutil.copytree(TOP / "cluster", directory / "cluster")
@@ -335,7 +349,7 @@ def ending_otherwise(directory, route, end):
 
 
 def reading_slowly(directory, seconds):
-    """A template in which a row that gets the value slow is written so much later than it is read."""
+    """A template in which a row with the value slow is written so long after it was read."""
     pause = f'if ($var(c_value) == "slow") usleep("{int(seconds * 1000000)}");'
     end = f"$var(c_done) = $rc; {pause} return $var(c_done);"
     return ending_otherwise(directory, "_READ", end)
