@@ -339,6 +339,24 @@ def test_an_answer_has_no_more_rows_than_is_wanted():
         assert nodes[0].counter("phones", "answered") == len(played.sent_rows(*keys))
 
 
+def test_nothing_is_compared_while_writes_wait():
+    with two_nodes(defines={"CLUSTER_BATCH": 1}) as (nodes, links):
+        played = Lone(nodes[0], links)
+        nodes[0].start()
+        played.wait(lambda: nodes[0].kamcmd("dmq.list_nodes")[1].count("status: active") == 2)
+        keys = [f"k{number}" for number in range(40)]
+        for key in keys[:10]:
+            played.put(key.encode())
+        played.sent.clear()
+        for key in keys[10:]:
+            played.put(key.encode())
+        played.wait(lambda: played.sent_rows("k39"))
+        channel = b"KDMQ sip:cluster_phones@"
+        told = [data for data in played.sent if data.startswith(channel)]
+        bodies = [data.partition(b"\r\n\r\n")[2] for data in told]
+        assert {body[:2] for body in bodies[:20]} == {b"r:"}
+
+
 def ending_otherwise(directory, route, end):
     """A template whose tables have another end of one of their routes."""
     files = shutil.copytree(TOP / "cluster", directory / "cluster")
