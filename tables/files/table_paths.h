@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 
 #include "tables/tarn_tbl.h"
@@ -34,10 +35,12 @@ struct backup_path {
 // slash.
 struct base_folder {
   base_folder() {
-    const std::string_view dir = tarn_tbl_mngt->base_dir;
-    const size_t slash = dir.rfind('/');
-    snprintf(text, sizeof(text), "%.*s", slash == dir.npos ? 1 : static_cast<int>(slash) + 1,
-             slash == dir.npos ? "." : tarn_tbl_mngt->base_dir);
+    const char *const dir = tarn_tbl_mngt->base_dir;
+    const char *const slash = strrchr(dir, '/');
+    if (slash != nullptr)
+      snprintf(text, sizeof(text), "%.*s", static_cast<int>(slash + 1 - dir), dir);
+    else
+      snprintf(text, sizeof(text), ".");
   }
   char text[sizeof(tarn_mngt::base_dir)];
 };
