@@ -297,6 +297,17 @@ TEST_F(KemiParamsTest, AListIsParsedOnce) {
   EXPECT_EQ(standin::calls("pv_parse_spec2"), 3);
 }
 
+TEST_F(KemiParamsTest, AListIsKnownByItsWholeText) {
+  start_users();
+  EXPECT_EQ(select("$avp(a)"), 1);
+  EXPECT_EQ(select("$avp(a)|$avp(b)"), 1);
+  EXPECT_EQ(avp_texts("b"), texts{"30"});
+  EXPECT_EQ(select("$avp(a)"), 1);
+  EXPECT_EQ(avp_texts("b"), texts{"30"});
+  EXPECT_EQ(select("$avp(b)"), 1);
+  EXPECT_EQ(avp_texts("b"), (texts{"alice", "30"}));
+}
+
 TEST_F(KemiParamsTest, SixtyFourListsAreKeptAndTheOldestGivenUp) {
   start_users();
   const auto list = [](int n) { return "$avp(n" + std::to_string(n) + ")"; };

@@ -66,6 +66,8 @@ std::vector<twin> twins() {
       same("nl_select_subnetmask", {query("*"), AVPS, "10.0.0.1", "x", "x"}),
       same("nl_select_subnetmask", {query("*"), AVPS, "192.0.2.1", "x", "x"}),
       same("nl_select_subnetmask", {"users,*|*|*", AVPS, "10.0.0.1", "x", "x"}),
+      same("nl_select_subnetmask", {query("dn"), AVPS, "192.0.2.1", "alice", "bob"}),
+      same("nl_select_subnetmask", {query("dn"), AVPS, "192.0.2.1", "bob", "alice"}),
       numbered("nl_select_best_match_prefix", {query("57"), AVPS}, {1, 0}),
       numbered("nl_select_best_match_prefix", {query("57"), AVPS}, {1, 1}),
       numbered("nl_select_field_out_of_range", all_ids, {1, 0, 4}),
@@ -120,7 +122,9 @@ class KemiTwinsTest : public KemiTest, public testing::WithParamInterface<twin> 
          contents{{"users", {"alice|30|rome", "bob|30|oslo", "carol|31|rome"}},
                   {"t",
                    {line("5", "500", "10.0.0.1", "a"), line("57", "1", "9.9.9.9", "b"),
-                    line("", "500", "9.9.9.9", "c"), line("5", "1", "9.9.9.9", "d")}},
+                    line("", "500", "9.9.9.9", "c"), line("5", "1", "9.9.9.9", "d"),
+                    "g|dn|home|||e|||||||1|0|1|0"}},
+                  {"remote_sub_dn_list", {"alice|home"}},
                   {"numbered", {}},
                   {"media", {"1|c9|a|b|x|WAN|x|0|0|105|0"}}})
       write_file(main_file(name), table_text(lines));
@@ -128,6 +132,7 @@ class KemiTwinsTest : public KemiTest, public testing::WithParamInterface<twin> 
         {with({"users", {{"name", 31, true}, {"age"}, {"city"}}}, 100, "", false, true),
          {"numbered", {{"id"}, {"a"}}, 100, "", true},
          all_in_one(),
+         {"remote_sub_dn_list", {{"dn"}, {"domain"}}},
          port_table("media", "dynamic")});
     standin::set_value(msg, "$fU", "evaluated");
     clear();

@@ -241,6 +241,16 @@ TEST_F(KemiValuesTest, GetGivesAValueOfAnyLengthWhole) {
   }
 }
 
+TEST_F(KemiValuesTest, GetTakesPrivateMemoryForWhatTheBufferHasNoRoomFor) {
+  const std::string fits(4095, 'f'), longer(4096, 'l');
+  start_filled({"t", {{"key"}, {"a", 5000}}}, {"1|" + fits, "2|" + longer});
+  const size_t before = module_blocks(pool::pkg);
+  EXPECT_EQ(kemi_text("get", {"t,1|*", 1}), fits);
+  EXPECT_EQ(module_blocks(pool::pkg), before);
+  EXPECT_EQ(kemi_text("get", {"t,2|*", 1}), longer);
+  EXPECT_EQ(module_blocks(pool::pkg), before + 1);
+}
+
 TEST_F(KemiValuesTest, GetGivesNullWhereMemoryIsShortForALongValue) {
   start_filled({"t", {{"key"}, {"a", 200000}}}, {"1|" + std::string(10000, 'l')});
   standin::fail_at(pool::pkg, 2);
