@@ -8,7 +8,7 @@
 #include "host/abi.h"
 
 // What is kept in each process. Of more than that the oldest lists are given up: they are parsed
-// again when they come again.
+// again when they come again. A list of more places than that is kept alone.
 inline constexpr uint32_t MOST_KEPT_LISTS = 64;
 inline constexpr uint32_t MOST_KEPT_PLACES = 1024;  // of all lists together, 96 bytes each
 

@@ -1,9 +1,10 @@
 // Telling a table of the best-match searches to come.
 //
 // It is said here, in the main process ahead of the fork, since nobody has to wait for anybody yet:
-// tables are loaded, a look-up that is made now delays no call, and readers without a lock never
-// make one. What a script's text leaves open is taken to be a value in one field; a query that is
-// printed in another form finds no look-up of its form and is left to a scan.
+// tables are loaded, and a look-up that is made now delays no call. What a script's text leaves
+// open is taken to be a value in one field; a query that is printed in another form finds no
+// look-up of its form and is left to a scan. Other script languages have no such start: there a
+// call asks.
 #include <cstdlib>
 #include <string_view>
 

@@ -247,8 +247,10 @@ TEST_F(KemiValuesTest, GetTakesPrivateMemoryForWhatTheBufferHasNoRoomFor) {
   const size_t before = module_blocks(pool::pkg);
   EXPECT_EQ(kemi_text("get", {"t,1|*", 1}), fits);
   EXPECT_EQ(module_blocks(pool::pkg), before);
-  EXPECT_EQ(kemi_text("get", {"t,2|*", 1}), longer);
-  EXPECT_EQ(module_blocks(pool::pkg), before + 1);
+  for (int turn = 0; turn < 2; turn++) {
+    EXPECT_EQ(kemi_text("get", {"t,2|*", 1}), longer);
+    EXPECT_EQ(module_blocks(pool::pkg), before + 1);
+  }
 }
 
 TEST_F(KemiValuesTest, GetGivesNullWhereMemoryIsShortForALongValue) {
