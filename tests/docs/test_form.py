@@ -102,7 +102,7 @@ def test_each_section_on_something_exported_has_an_example_that_runs():
 def test_each_page_with_examples_is_run_by_ctest():
     pages = [name for name in guide_book.PAGES if any(s.runs for s in guide_book.page(name))]
     listing = (guide_book.ROOT / "tests" / "docs" / "CMakeLists.txt").read_text()
-    run = re.search(r"foreach\(page (.*)\)", listing)[1].split()
+    run = re.search(r"foreach\(page ([^)]*)\)", listing)[1].split()
     assert [f"{name}.md" for name in run] == pages
 
 
