@@ -131,6 +131,7 @@ BAD = {
     "a quote within a value": ('a,b\n1,x"y\n', 2, "a quote stands within a value"),
     "text behind a quote": ('a,b\n"1"x,y\n', 2, "something stands behind a closed quote"),
     "a bare carriage return": ("a,b\n1\r2,3\n", 2, "a carriage return stands outside of quotes"),
+    "a bare carriage return ahead of all": ("a,b\n\rx,2\n", 2, "a carriage return stands out"),
     "a carriage return behind a quote": ('a,b\n"1"\r,2\n', 2, "a carriage return stands behind"),
     "a line end in a value": ('a,b\n1,2\n"3\n4",5\n6,7\n', 3, "'3\\x0a4' in column 'a' has a line"),
     "a bar": ("a,b\n1,x|y\n", 2, "'x|y' in column 'b' has a '|', which can't be stored"),

@@ -13,6 +13,8 @@ constexpr char SEPARATOR = ',';
 // What spreadsheets put ahead of UTF-8.
 constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";
 
+constexpr char BARE_RETURN[] = "a carriage return stands outside of quotes and ends no line";
+
 }  // namespace
 
 int csv_reader::peek() {
@@ -55,7 +57,7 @@ bool csv_reader::plain_field() {
     if (c == QUOTE) return refuse("a quote stands within a value that doesn't begin with one");
     if (c == '\r') {
       if (peek() == '\n') return true;
-      return refuse("a carriage return stands outside of quotes and ends no line");
+      return refuse(BARE_RETURN);
     }
     text_ += static_cast<char>(c);
     if (is_too_long()) return refuse("the line has no end within 64 MB");
@@ -100,7 +102,13 @@ csv_reader::outcome csv_reader::next() {
   int c = peek();
   for (; c == '\n' || c == '\r'; c = peek()) {
     take();
-    if (c == '\n') end_line();
+    if (c == '\n') {
+      end_line();
+    } else if (peek() != '\n') {
+      line_ = next_line_;
+      refuse(BARE_RETURN);
+      return has_failed_ ? outcome::unreadable : outcome::bad;
+    }
   }
   line_ = next_line_;
   if (c == END) return outcome::end;
