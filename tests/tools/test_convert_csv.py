@@ -252,3 +252,9 @@ def test_what_was_exported_is_imported_as_it_was(files):
     csv.writer(other, quoting=csv.QUOTE_ALL).writerows([columns, *rows])
     expect_done(files.take(other.getvalue()))
     assert (files.directory / "tables/t.tbl.converted").read_bytes() == main
+
+
+def test_what_a_cut_leaves_is_checked_as_well(files):
+    told = one(files, "a 1 0", "b").take("a,b\n*x,y\n", "--cut")
+    assert told.status == 1
+    assert told.has("standard input", 2, "error", "a '*' is the whole value of column 'a'")

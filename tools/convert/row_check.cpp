@@ -73,17 +73,19 @@ void row_check::pass(std::span<std::string_view> values, size_t line) {
 }
 
 void row_check::value(uint32_t column, std::string_view *value, size_t line) {
-  if (const char *const mark = find_mark(*value); mark != nullptr)
+  const char *const mark = find_mark(*value);
+  if (mark != nullptr)
     note(severity::error, BAD_VALUE, column, line, [&] {
       return quoted(*value) + " in column " + quoted(column_name(table_, column)) + " has " +
              name_of(*mark) + ", which can't be stored";
     });
-  else if (*value == WILDCARD)
+  if (value->size() > rooms_[column]) length(column, value, line);
+  // What a cut leaves may be one as well.
+  if (*value == WILDCARD)
     note(severity::error, BAD_VALUE, column, line, [&] {
       return "a '*' is the whole value of column " + quoted(column_name(table_, column)) +
              ", which can't be stored";
     });
-  if (value->size() > rooms_[column]) length(column, value, line);
 }
 
 void row_check::length(uint32_t column, std::string_view *value, size_t line) {
