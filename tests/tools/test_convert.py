@@ -268,6 +268,17 @@ def test_a_file_that_is_no_tables_is_not_replaced(files):
     assert told.has("tables/u.tbl", 0, "error", "is there already")
 
 
+def test_another_tables_file_is_not_left_at_the_place_of_a_table_that_has_none(files):
+    tables = [table("a", name="t"), table("a", name="u")]
+    other = [table("a", name="t", FILE_NAME="u.tbl"), table("a", name="u", FILE_NAME="t.tbl")]
+    files.schemas(tables, other).rows("t", "of t")
+    files.write("backup/u.tbl.backup", "Version 1\nof u\n")
+    before = files.texts()
+    told = files.convert(*APPLY)
+    expect_nothing_changed(files, before, told)
+    assert told.has("tables/t.tbl", 0, "error", "would be taken for table 'u'")
+
+
 def test_a_name_that_is_a_tables_is_not_taken_for_another(files):
     other = table("a", name="u", FILE_NAME="t.tbl.converted")
     files.schemas([table("a", "b"), other], [table("b", "a"), other]).rows("t", "1|2")

@@ -176,13 +176,16 @@ class conversion {
       if (stays(pair, from, to)) continue;
       for (const file_job &job :
            {file_job{&pair, from.main, to.main}, file_job{&pair, from.backup, to.backup}}) {
-        if (!is_there(job.from)) continue;
+        if (!is_there(job.from)) {
+          stays_empty(job);
+          continue;
+        }
         jobs.push_back(job);
         places.push_back(job.to);
       }
     }
     // Nobody's file may be lost to a new one, be it beside its place.
-    if (!are_free_names(places, {&from_, &to_}, found_)) return;
+    if (found_->errors() != 0 || !are_free_names(places, {&from_, &to_}, found_)) return;
     for (const file_job &job : jobs) write_file(job.pair, job.from, job.to);
   }
 
@@ -196,6 +199,14 @@ class conversion {
     for (uint32_t i = 0; i < is.tbl->col_cnt; i++)
       if (is.tbl->cols[i].size < was.tbl->cols[i].size) return false;
     return was.max_rows == is.max_rows && was.use_index == is.use_index && was.flag == is.flag;
+  }
+
+  // Where a table had no file, none may stand that the next start takes for its own.
+  void stays_empty(const file_job &job) {
+    if (!is_there(job.to)) return;
+    found_->error(job.to, 0,
+                  "would be taken for table " + quoted(job.pair->to->table_name) +
+                      ", which has no " + quoted(job.from) + " to be converted");
   }
 
   bool is_free_place(const std::string &path) {
