@@ -8,7 +8,7 @@ import shutil
 import tempfile
 
 import pytest
-from convert_files import ConvertFiles, table
+from convert_files import ConvertFiles, expect_done, table
 
 LIST = "tables/tarn-memdb-convert.unfinished"
 OLD = {
@@ -150,7 +150,7 @@ def test_what_is_left_to_do_is_told(site):
     before = site.texts()
     told = site.convert()
     assert told.status == 1 and site.texts() == before
-    assert told.has("new.cfg", 0, "error", "a conversion to this schema was cut off")
+    assert told.has("new.cfg", 0, "error", "a run with this schema was cut off")
     told = site.convert("--apply")
     assert (told.status, told.out) == (
         0,
@@ -159,12 +159,31 @@ def test_what_is_left_to_do_is_told(site):
     )
 
 
-def test_an_import_waits_for_a_run_that_was_cut_off(site):
+def test_an_import_finishes_what_was_cut_off_and_does_nothing_else(site):
     cut_off(site)
     files = ("new.cfg",)
-    told = site.convert("--import", "u", "--apply", files=files, input=b"c,d\n1,2\n")
-    assert told.status == 1
-    assert told.has("new.cfg", 0, "error", "cut off, and has to be finished first")
+    command = ("--import", "u")
+    before = site.texts()
+    told = site.convert(*command, files=files, input=b"c,d\n1,2\n")
+    assert told.status == 1 and site.texts() == before
+    assert told.has("new.cfg", 0, "error", "was cut off: the same command with --apply goes")
+    told = site.convert(*command, "--apply", files=files, input=b"c,d\n1,2\n")
+    assert told.status == 0 and told.out.endswith("the run that was cut off is finished\n")
+    expect_finished(site)
+
+
+def test_an_import_that_was_cut_off_is_finished_by_the_next(site):
+    command = ("--import", "u", "--apply")
+    whole = {"files": ("new.cfg",), "input": b"c,d\n1,2\n"}
+    told = site.directory / "steps"
+    assert site.convert(*command, env=steps(TARN_STEPS=told), **whole).status == 0
+    for step in range(1, int(told.read_text()) + 1):
+        restore(site)
+        assert site.convert(*command, env=steps(TARN_STEP=step), **whole).status == -9
+        if site.lines("tables/u.tbl") == ["x|y"] or LIST in site.texts():
+            expect_done(site.convert(*command, **whole))
+        assert site.lines("tables/u.tbl") == ["2|1"]
+        assert LIST not in site.texts()
 
 
 def test_a_file_that_has_changed_since_is_not_replaced(site):

@@ -79,16 +79,7 @@ class conversion {
           (!is_one_folder && !keep_servers_off(from_, &from_lock_, found_)))
         return false;
     }
-    if (!is_placing_pending(to_)) return true;
-    if (given_.apply) {
-      const bool is_done = finish_placing(to_, &run_->resumed, found_);
-      run_->outcome = is_done ? run_outcome::resumed : run_outcome::unfinished;
-    } else {
-      found_->error(given_.schema, 0,
-                    "a conversion to this schema was cut off: the same command with --apply goes "
-                    "on with it");
-    }
-    return false;
+    return !goes_on(to_, given_.apply, run_, found_);
   }
 
   void pair_tables() {

@@ -126,10 +126,7 @@ class csv_import {
  private:
   bool may_start() {
     if (given_.apply && !keep_servers_off(at_, &folder_lock_, found_)) return false;
-    if (!is_placing_pending(at_)) return true;
-    found_->error(given_.schema, 0,
-                  "a conversion to this schema was cut off, and has to be finished first");
-    return false;
+    return !goes_on(at_, given_.apply, run_, found_);
   }
 
   bool open_csv() {

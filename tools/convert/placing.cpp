@@ -187,6 +187,34 @@ bool belongs_to(const site &of, const std::string &path) {
   });
 }
 
+// *paths gets those that were left to do.
+bool finish_placing(const site &of, std::vector<std::string> *paths, findings *found) {
+  placing_list list;
+  if (!read_list(of, &list)) {
+    found->unreadable(list_path(of), 0, "can't be read as the list of a run that was cut off");
+    return false;
+  }
+  bool is_as_left = true;
+  for (const placing &file : list.files) {
+    if (!belongs_to(of, file.path)) {
+      found->error(
+          list_path(of), 0,
+          "is of a run with another schema: " + quoted(file.path) + " is no table's file here");
+      is_as_left = false;
+    } else if (is_there(new_path(file.path))) {
+      paths->push_back(file.path);
+      if (state_of(file.path) == file.state) continue;
+      found->error(file.path, 0,
+                   "has changed since the run that was cut off: take " +
+                       quoted(new_path(file.path)) + " to replace it, or remove that, and then " +
+                       quoted(list_path(of)));
+      is_as_left = false;
+    }
+  }
+  if (!is_as_left) return false;
+  return follow_list(of, list, found);
+}
+
 }  // namespace
 
 bool are_free_names(const std::vector<std::string> &paths, const std::vector<const site *> &sites,
@@ -219,31 +247,14 @@ run_outcome place_files(const site &of, const std::vector<std::string> &paths,
   return follow_list(of, list, found) ? run_outcome::applied : run_outcome::unfinished;
 }
 
-bool is_placing_pending(const site &of) { return is_there(list_path(of)); }
-
-bool finish_placing(const site &of, std::vector<std::string> *paths, findings *found) {
-  placing_list list;
-  if (!read_list(of, &list)) {
-    found->unreadable(list_path(of), 0, "can't be read as the list of a run that was cut off");
-    return false;
-  }
-  bool is_as_left = true;
-  for (const placing &file : list.files) {
-    if (!belongs_to(of, file.path)) {
-      found->error(
-          list_path(of), 0,
-          "is of a run with another schema: " + quoted(file.path) + " is no table's file here");
-      is_as_left = false;
-    } else if (is_there(new_path(file.path))) {
-      paths->push_back(file.path);
-      if (state_of(file.path) == file.state) continue;
-      found->error(file.path, 0,
-                   "has changed since the run that was cut off: take " +
-                       quoted(new_path(file.path)) + " to replace it, or remove that, and then " +
-                       quoted(list_path(of)));
-      is_as_left = false;
-    }
-  }
-  if (!is_as_left) return false;
-  return follow_list(of, list, found);
+bool goes_on(const site &of, bool may_apply, run_report *run, findings *found) {
+  if (!is_there(list_path(of))) return false;
+  if (may_apply)
+    run->outcome =
+        finish_placing(of, &run->resumed, found) ? run_outcome::resumed : run_outcome::unfinished;
+  else
+    found->error(
+        of.schema, 0,
+        "a run with this schema was cut off: the same command with --apply goes on with it");
+  return true;
 }

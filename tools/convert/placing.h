@@ -24,8 +24,6 @@ bool are_free_names(const std::vector<std::string> &paths, const std::vector<con
 run_outcome place_files(const site &of, const std::vector<std::string> &paths,
                         std::map<std::string, std::string> *kept, findings *found);
 
-// True if a run with this site's files was cut off.
-bool is_placing_pending(const site &of);
-
-// Finishes that. *paths gets those that were left to do.
-bool finish_placing(const site &of, std::vector<std::string> *paths, findings *found);
+// True if a run with this site's files, of whichever kind, was cut off: nothing else is to be done
+// then. That run is finished where may_apply is set, and else told; *run gets what came of it.
+bool goes_on(const site &of, bool may_apply, run_report *run, findings *found);
