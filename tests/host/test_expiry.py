@@ -29,6 +29,10 @@ def recipe(host, rows):
                 "route(RENEW)",
                 before='$var(user) = $hdr(X-Q);\n$var(contact) = "sip:x";\n$var(seconds) = 2;',
             ),
+            "back": Call(
+                "route(EXPIRE)",
+                before='tarn_memdb_insert("guests,$hdr(X-Q)");\n$var(done) = $TS + 1000;',
+            ),
             "count": Call('tarn_memdb_row_count("guests", "$avp(n)")', show=("$avp(n)",)),
         },
         modules=(*OTHER_MODULES, "rtimer.so", "tarn_memdb"),
@@ -67,3 +71,9 @@ def test_rows_go_by_themselves_and_those_that_are_renewed_stay(host):
     assert server.call("count").values == ("2",), "one row each"
     wait_for(server, {"frank"})
     assert server.said("ERROR", "WARNING") == []
+
+
+def test_rows_go_as_well_once_the_clock_was_set_back(host):
+    server = recipe(host, [f"frank|sip:x|{int(time.time()) + 3600}"])
+    server.call("back", f"bob|sip:x|{int(time.time()) - 1000}")
+    assert users(server) == {"frank"}
