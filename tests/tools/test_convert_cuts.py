@@ -2,6 +2,7 @@
 the next run does the rest."""
 
 import errno
+import fcntl
 import os
 import pathlib
 import shutil
@@ -223,3 +224,17 @@ def test_a_full_disk_is_told_and_leaves_nothing(site):
     told = site.convert("--apply", prefix=limited)
     assert told.status == 2 and site.texts() == before
     assert told.has("tables/t.tbl.converted", 0, "error", "can't be written: File too large")
+
+
+@pytest.mark.parametrize("kind", ["conversion", "import"])
+def test_no_run_writes_where_another_one_replaces_files(site, kind):
+    before = site.texts()
+    folder = os.open(site.directory / "tables", os.O_RDONLY)
+    fcntl.flock(folder, fcntl.LOCK_EX)
+    if kind == "import":
+        told = site.convert("--import", "u", files=("new.cfg",), input=b"c,d\n1,2\n")
+    else:
+        told = site.convert()
+    os.close(folder)
+    assert told.status == 1 and site.texts() == before
+    assert told.has("tables/", 0, "error", "another run of this program replaces files")

@@ -78,6 +78,8 @@ class conversion {
       if (!keep_servers_off(to_, &to_lock_, found_) ||
           (!is_one_folder && !keep_servers_off(from_, &from_lock_, found_)))
         return false;
+    } else if (!keep_placing_off(to_, &to_lock_, found_)) {
+      return false;
     }
     return !goes_on(to_, given_.apply, run_, found_);
   }

@@ -125,7 +125,8 @@ class csv_import {
 
  private:
   bool may_start() {
-    if (given_.apply && !keep_servers_off(at_, &folder_lock_, found_)) return false;
+    if (!(given_.apply ? keep_servers_off : keep_placing_off)(at_, &folder_lock_, found_))
+      return false;
     return !goes_on(at_, given_.apply, run_, found_);
   }
 
