@@ -268,6 +268,15 @@ def test_a_file_that_is_no_tables_is_not_replaced(files):
     assert told.has("tables/u.tbl", 0, "error", "is there already")
 
 
+@pytest.mark.parametrize(
+    "new", [table("a 4 0", "b 5 0"), table("a 5 0", "b 5 0", MAX_ROWS=1)], ids=["column", "limit"]
+)
+def test_the_least_that_no_longer_fits_between_equal_columns_stops_it(files, new):
+    files.schemas(table("a 5 0", "b 5 0"), new).rows("t", "12345|x", "2|y")
+    before = files.texts()
+    expect_nothing_changed(files, before, files.convert(*APPLY))
+
+
 def test_another_tables_file_is_not_left_at_the_place_of_a_table_that_has_none(files):
     tables = [table("a", name="t"), table("a", name="u")]
     other = [table("a", name="t", FILE_NAME="u.tbl"), table("a", name="u", FILE_NAME="t.tbl")]
