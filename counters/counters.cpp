@@ -144,6 +144,11 @@ int add_for_table(const counter &kind, const tarn_tbl &table, int number) {
   return add(kind, name.text, &table, meaning);
 }
 
+// Room that has no end is no number to be watched.
+bool is_told(const counter &kind, const tarn_tbl &table) {
+  return kind.read != of_table<free_rows> || table.max_rows >= 0;
+}
+
 bool add_those_of_table(const tarn_tbl &table) {
   int number = 0;
   int result;
@@ -154,7 +159,8 @@ bool add_those_of_table(const tarn_tbl &table) {
   if (result != 0) return false;
   return std::all_of(std::begin(OF_EACH_TABLE) + 1, std::end(OF_EACH_TABLE),
                      [&table, number](const counter &kind) {
-                       return added_or_taken(add_for_table(kind, table, number));
+                       return !is_told(kind, table) ||
+                              added_or_taken(add_for_table(kind, table, number));
                      });
 }
 

@@ -16,6 +16,10 @@ int folder = -1;
 void mark_folder() {
   unmark_folder();
   folder = open(base_folder().text, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  renew_folder_mark();
+}
+
+void renew_folder_mark() {
   // Without a wait: whoever holds the folder alone must not keep a server from starting.
   if (folder >= 0) flock(folder, LOCK_SH | LOCK_NB);
 }

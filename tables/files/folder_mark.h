@@ -7,5 +7,9 @@
 // that all processes have the lock; the registry has the schema's directories.
 void mark_folder();
 
+// Takes it for a server that couldn't have it when it started, since the other program was at work.
+// For any of its processes, now and then.
+void renew_folder_mark();
+
 // Gives it back, for this process. Nothing if there is none.
 void unmark_folder();

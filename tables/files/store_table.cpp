@@ -12,6 +12,7 @@
 #include "query/text/buffers.h"
 #include "query/text/field_strings.h"
 #include "tables/files/file_access.h"
+#include "tables/files/folder_mark.h"
 #include "tables/files/table_files.h"
 #include "tables/files/table_paths.h"
 #include "tables/rows/row_image.h"
@@ -268,6 +269,7 @@ bool store_table(tarn_tbl *table) {
 void store_table_mngt(unsigned int, void *) {
   const host_log_scope log;
   LM_DBG("Looking all tables for changes\n");
+  renew_folder_mark();
   for (tarn_tbl &table : all_tarn_tbls()) store_table(&table);
   settle_retired_rows();
 }

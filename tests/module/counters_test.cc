@@ -1,5 +1,6 @@
 // The counters that the module adds to the host's: their names, what each tells, and that they cost
 // a start nothing.
+#include <algorithm>
 #include <cerrno>
 #include <set>
 
@@ -85,6 +86,15 @@ TEST_F(CountersTest, ATableThatALoadHasOverfilledHasNoFreeRows) {
   start_filled(USERS, {"a|1", "b|2", "c|3", "d|4"});
   EXPECT_EQ(value("rows_users"), 4);
   EXPECT_EQ(value("free_rows_users"), 0);
+}
+
+TEST_F(CountersTest, ATableWithoutALimitTellsNoFreeRows) {
+  start({{"endless", {{"x"}}, -1}, {"other", {{"x"}}}});
+  const texts found = names();
+  EXPECT_EQ(std::count(found.begin(), found.end(), "free_rows_endless"), 0);
+  EXPECT_EQ(std::count(found.begin(), found.end(), "free_rows_other"), 1);
+  EXPECT_EQ(value("file_rows_endless"), 0);
+  EXPECT_EQ(value("rows_endless"), 0);
 }
 
 TEST_F(CountersTest, RowsAreThoseOfTheFileAfterAReloadAndNoneAfterAClear) {

@@ -6,6 +6,7 @@ import pathlib
 import shutil
 import sys
 import tempfile
+import time
 
 import pytest
 from convert_files import ConvertFiles, expect_done, table
@@ -59,6 +60,19 @@ def test_files_are_replaced_once_the_server_is_stopped(site):
     os.replace(files.directory / "new.cfg", files.directory / "old.cfg")
     server.start()
     assert server.call("count").values == ("2",)
+
+
+def test_a_server_that_was_started_amid_a_run_is_seen_soon(site):
+    files, server = site
+    server.params.update(store_tbl_auto=1, store_tbl_interval=1)
+    folder = os.open(files.directory / "tables", os.O_RDONLY)
+    try:
+        fcntl.flock(folder, fcntl.LOCK_EX)
+        server.start()
+    finally:
+        os.close(folder)
+    time.sleep(2.5)
+    expect_refused(files)
 
 
 def test_either_schemas_folder_counts(site):
