@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 
 namespace {
 
@@ -20,7 +21,7 @@ counter_name::counter_name(const char *what, std::string_view about, int number)
   const int start = snprintf(text, sizeof(text), "%s_", what);
   const int end = start + snprintf(text + start, sizeof(text) - static_cast<size_t>(start), "%.*s",
                                    static_cast<int>(about.size()), about.data());
-  std::replace_if(
-      text + start, text + end, [](char c) { return !is_plain(c); }, '_');
+  for (char &c : std::span(text + start, text + end))
+    if (!is_plain(c)) c = '_';
   if (number > 1) snprintf(text + end, sizeof(text) - static_cast<size_t>(end), "_%d", number);
 }
