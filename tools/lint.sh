@@ -24,7 +24,7 @@ scripts '(sh|bash)' sh | xargs shellcheck
 echo "lint: isort, flake8, pylint"
 scripts 'python3?' py | xargs isort --check-only --quiet
 scripts 'python3?' py | xargs flake8
-scripts 'python3?' py | xargs pylint --score=n
+scripts 'python3?' py | xargs pylint --score=n -j "$jobs"
 
 echo "lint: clang-format"
 sources | xargs clang-format --dry-run --Werror
