@@ -47,7 +47,7 @@ void check_tables(const options &given, const std::string &schema_text, start_fo
   check_places({given.schema, given.private_ranges}, places, out);
   for (const auto &[name, count] : given.best_matches)
     if (!has_table(name))
-      out->warn(given.schema, 0, "has no table " + quoted(name) + ", which --best-match names");
+      out->warn(given.schema, 0, "has no table " + in_quotes(name) + ", which --best-match names");
   load_tables(given, start, out);
   check_memory(given.schema, start->memory, given.memory_mb, out);
 }

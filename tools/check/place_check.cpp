@@ -52,7 +52,7 @@ class place_walk {
   void files(const tarn_tbl &table) {
     const std::string main = main_path(&table).text;
     const std::string backup = backup_path(&table).text;
-    const std::string name = "table " + quoted(table.table_name);
+    const std::string name = "table " + in_quotes(table.table_name);
     if (names_directory(main)) {
       error("FILE_NAME=" + std::string(table.file_name) + " names a directory: " + name +
             " is never stored");
@@ -71,11 +71,12 @@ class place_walk {
     const size_t line = name == base && base_line != 0 ? base_line : line_;
     const file_entry found = look_at(name);
     if (found.kind == entry_kind::missing)
-      out_->add({schema_, line, weight, "the folder " + quoted(name) + " isn't there: " + outcome});
+      out_->add(
+          {schema_, line, weight, "the folder " + in_quotes(name) + " isn't there: " + outcome});
     else if (found.kind != entry_kind::directory)
-      out_->add({schema_, line, weight, quoted(name) + " is no folder: " + outcome});
+      out_->add({schema_, line, weight, in_quotes(name) + " is no folder: " + outcome});
     else if (access(name.c_str(), W_OK | X_OK) != 0)
-      out_->warn(schema_, line, quoted(name) + " can't be written to by who runs this check");
+      out_->warn(schema_, line, in_quotes(name) + " can't be written to by who runs this check");
   }
 
   void folders(const std::string &main, const std::string &backup) {
@@ -90,7 +91,7 @@ class place_walk {
     if (one.empty() || other.empty() || one == other || !told_.insert(from + '\0' + to).second)
       return;
     out_->warn(schema_, lines_.base_backup_dir,
-               quoted(from) + " and " + quoted(to) +
+               in_quotes(from) + " and " + in_quotes(to) +
                    " aren't on one file system: no backup is ever made, since a main file becomes "
                    "the backup by being renamed");
   }
@@ -102,11 +103,12 @@ class place_walk {
       warn("the name " + last_part_of(backup) + " is too long: no backup of " + name +
            " is ever made");
     else if (at_backup.kind == entry_kind::directory && !at_backup.is_link)
-      warn(quoted(backup) + " is a directory: no backup of " + name + " is made");
+      warn(in_quotes(backup) + " is a directory: no backup of " + name + " is made");
     else if (!at_main.id.empty() && at_main.id == at_backup.id)
-      warn(quoted(main) + " and " + quoted(backup) + " are one file: " + name + " has no backup");
+      warn(in_quotes(main) + " and " + in_quotes(backup) + " are one file: " + name +
+           " has no backup");
     if (at_main.is_link && at_main.kind != entry_kind::missing)
-      warn(quoted(main) +
+      warn(in_quotes(main) +
            " is a link: the next store moves the link to the backup's place, and "
            "puts a file in its own");
     if (const std::string why = start_disk().hindrance(main); !why.empty())
@@ -128,13 +130,13 @@ class place_walk {
       return true;
     };
     const std::string file = "FILE_NAME=" + std::string(table.file_name);
-    const std::string behind = "the backup of " + file + ", " + quoted(backup) + ",";
+    const std::string behind = "the backup of " + file + ", " + in_quotes(backup) + ",";
     return check(main, file) || check(backup, behind) || is_aside(main, file) ||
            is_aside(backup, behind);
   }
 
   void own(const tarn_tbl &table, const std::string &main, const std::string &backup) {
-    const std::string whose = "of table " + quoted(table.table_name);
+    const std::string whose = "of table " + in_quotes(table.table_name);
     const auto claim = [&](const std::string &path, const std::string &what) {
       owners_.emplace(entry_name(path),
                       "is the " + what + " " + whose + " as well: each store overwrites the other");
@@ -143,7 +145,7 @@ class place_walk {
                       "is where the " + what + " " + whose + " goes if it can't be loaded");
       if (const auto taken = owners_.find(entry_name(aside)); taken != owners_.end())
         warn("if the " + what + " " + whose + " can't be loaded, it takes the place of " +
-             quoted(aside) + ", which is another's");
+             in_quotes(aside) + ", which is another's");
     };
     claim(main, "file");
     claim(backup, "backup");

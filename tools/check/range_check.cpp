@@ -40,9 +40,9 @@ class range_walk {
     if (named != nullptr)
       map_ = named;
     else if (map_ == nullptr)
-      warn(quoted(word) + " names no port map, nor did a line before: the line is skipped");
+      warn(in_quotes(word) + " names no port map, nor did a line before: the line is skipped");
     else
-      warn(quoted(word) + " names no port map: the range goes to the map of the line before");
+      warn(in_quotes(word) + " names no port map: the range goes to the map of the line before");
     rest();
     if (map_ != nullptr) ports();
   }
@@ -58,9 +58,10 @@ class range_walk {
   void rest() {
     std::string item;
     if (std::istringstream(line_.rest) >> item)
-      warn(quoted(item) + (line_.count == PRIVATE_RANGE_PORTS
-                               ? " and what follows is passed over: a range has ten ports at most"
-                               : " is no port: it and what follows is passed over"));
+      warn(in_quotes(item) +
+           (line_.count == PRIVATE_RANGE_PORTS
+                ? " and what follows is passed over: a range has ten ports at most"
+                : " is no port: it and what follows is passed over"));
     if (line_.count == 0) warn("names no port: the range is empty");
     if (line_.count == 1) warn("names a base port alone: the range has no port to give out");
   }

@@ -65,7 +65,7 @@ void row_watch::line(std::string_view text, bool has_end) {
   is_row_ = !text_.empty() && text_.front() != '#';
   if (!text_.empty() && !is_row_)
     warn(COMMENT, [this] {
-      return "is taken for a comment and gone after the next store: " + quoted(text_);
+      return "is taken for a comment and gone after the next store: " + in_quotes(text_);
     });
 }
 
@@ -93,20 +93,20 @@ bool row_watch::changes(const query_in &in, const memdb_row *row) {
     if (strlen(value) < table_->tbl->cols[i].size) continue;
     is_cut = true;
     note(severity::warning, CUT, i, line_, [&] {
-      return "the row loads changed: " + quoted(value) + " is cut to " + quoted(field) +
-             ", the room of column " + quoted(column_name(table_, i));
+      return "the row loads changed: " + in_quotes(value) + " is cut to " + in_quotes(field) +
+             ", the room of column " + in_quotes(column_name(table_, i));
     });
   }
   const bool has_escape = text_.find(FIELD_ESCAPE) != text_.npos;
   if (has_escape)
     warn(UNESCAPED, [&] {
       return "the row loads changed, without its backslashes, as " +
-             quoted(stored_line(table_->tbl, row)) + ": " + quoted(text_);
+             in_quotes(stored_line(table_->tbl, row)) + ": " + in_quotes(text_);
     });
   if (!is_cut && !has_escape)
     warn(CHANGED, [&] {
-      return "the row loads changed, as " + quoted(stored_line(table_->tbl, row)) + ": " +
-             quoted(text_);
+      return "the row loads changed, as " + in_quotes(stored_line(table_->tbl, row)) + ": " +
+             in_quotes(text_);
     });
   next_load(row);
   return is_cut;
@@ -117,8 +117,8 @@ void row_watch::next_load(const memdb_row *row) {
   const next_fate fate = fate_of(table_, row, stored_line(table_->tbl, row));
   if (fate == KEPT) return;
   note(severity::error, LOADS_ONCE, fate, line_, [&] {
-    return "the row can't be kept: the next store writes " + quoted(stored_line(table_->tbl, row)) +
-           ", which the start after it " + FATES[fate];
+    return "the row can't be kept: the next store writes " +
+           in_quotes(stored_line(table_->tbl, row)) + ", which the start after it " + FATES[fate];
   });
 }
 
@@ -126,15 +126,16 @@ void row_watch::index(const char *text) {
   const uint32_t taken = stored_index(text);
   if (std::to_string(taken) != text)
     warn(INDEX_TEXT, [&] {
-      return "the index " + quoted(text) +
+      return "the index " + in_quotes(text) +
              " is no number as the module writes it and is taken for " + std::to_string(taken);
     });
   if (taken == std::numeric_limits<uint32_t>::max())
-    warn(INDEX_LAST,
-         [&] { return "the index " + quoted(text) + " is the last: the next insert draws none"; });
+    warn(INDEX_LAST, [&] {
+      return "the index " + in_quotes(text) + " is the last: the next insert draws none";
+    });
   if (!is_index_new(taken))
     warn(INDEX_TWICE,
-         [&] { return "the index " + quoted(text) + " stands in an earlier row as well"; });
+         [&] { return "the index " + in_quotes(text) + " stands in an earlier row as well"; });
 }
 
 // Rows as a rule come in the order of their indexes, and then the highest is all to remember.
@@ -173,12 +174,12 @@ void row_watch::port(const memdb_row *row) {
   const std::string number = std::to_string(port);
   if (number != claim.text)
     warn(PORT_TEXT, [&] {
-      return "the port " + quoted(claim.text) +
+      return "the port " + in_quotes(claim.text) +
              " is no number as ports are written and is taken for " + number;
     });
   if (!is_port_in_range(claim.map, port)) {
     warn(PORT_OUTSIDE, [&] {
-      return "the row's port " + quoted(claim.text) + " lies outside its map, " +
+      return "the row's port " + in_quotes(claim.text) + " lies outside its map, " +
              std::to_string(claim.map->min_port) + " to " + std::to_string(claim.map->max_port) +
              ": it isn't counted";
     });

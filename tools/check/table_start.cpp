@@ -202,7 +202,7 @@ table_forecast table_starts::start_with_files(tarn_tbl *table) {
 void table_starts::start_without_main(tarn_tbl *table, reading main, table_forecast *told) {
   const bool is_there = main != reading::absent || disk_.entry_at(told->main).is_link;
   const std::string fate = is_there ? put_away(told->main) : "is missing";
-  const std::string rows = "table " + quoted(table->table_name);
+  const std::string rows = "table " + in_quotes(table->table_name);
   const reading backup = read(table, told->backup, out_);
   if (backup == reading::unknown) {
     if (outcome_ == start_outcome::works) outcome_ = start_outcome::unknown;

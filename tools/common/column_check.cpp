@@ -25,7 +25,7 @@ class column_walk {
         continue;
       }
       error(keys_->line(), "the file ends where column " + number() + " of table " +
-                               quoted(table_.table_name) + " is read");
+                               in_quotes(table_.table_name) + " is read");
       keys_->stop();
     }
     return columns_;
@@ -48,8 +48,8 @@ class column_walk {
 
   void judge(size_t line, const std::string &whole, const std::string &name) {
     if (!key_at(whole).empty()) {
-      error(line, quoted(whole) + " stands where column " + number() + " of table " +
-                      quoted(table_.table_name) + " is read: NUM_FIELDS says " +
+      error(line, in_quotes(whole) + " stands where column " + number() + " of table " +
+                      in_quotes(table_.table_name) + " is read: NUM_FIELDS says " +
                       std::to_string(table_.num_fields));
       return;
     }
@@ -58,18 +58,18 @@ class column_walk {
     int64_t len = 0;
     int64_t flag = 0;
     if (!(items >> word >> len >> flag) || items >> word) {
-      error(line, quoted(whole) + " isn't a column's name, length and flag");
+      error(line, in_quotes(whole) + " isn't a column's name, length and flag");
       return;
     }
     if (word.find('\0') != word.npos)
-      error(line, "the column name " + quoted(word) + " holds a zero byte, where it ends");
+      error(line, "the column name " + in_quotes(word) + " holds a zero byte, where it ends");
     if (!seen_.insert(name).second)
-      warn(line, "a column named " + quoted(name) + " stands before: this one can't be named");
+      warn(line, "a column named " + in_quotes(name) + " stands before: this one can't be named");
     judge_numbers(line, name, len, flag);
   }
 
   void judge_numbers(size_t line, const std::string &name, int64_t len, int64_t flag) {
-    const std::string column = "column " + quoted(name);
+    const std::string column = "column " + in_quotes(name);
     if (len < 0)
       error(line, column + " has the length " + std::to_string(len) +
                       ": no table or none of its rows can be made");
@@ -113,7 +113,7 @@ class port_column_check {
 
  private:
   void warn(const declared_column &column, const std::string &text) {
-    out_->warn(path_, column.line, "column " + quoted(column.name) + " " + text);
+    out_->warn(path_, column.line, "column " + in_quotes(column.name) + " " + text);
   }
 
   // Rows of a table that lacks one of these claim no port, without a word.
@@ -123,7 +123,7 @@ class port_column_check {
       return at < columns_.size() ? &columns_[at] : nullptr;
     }
     out_->error(path_, line_,
-                "table " + quoted(table_.table_name) + " holds ports but has no column " +
+                "table " + in_quotes(table_.table_name) + " holds ports but has no column " +
                     std::to_string(number) + " for " + what + ": its rows claim no port there");
     return nullptr;
   }
@@ -134,7 +134,7 @@ class port_column_check {
     if (found == nullptr || found->len >= static_cast<int64_t>(longest.size())) return;
     const std::string cut = longest.substr(0, static_cast<size_t>(found->len));
     warn(*found, "has room for " + std::to_string(found->len) + " digits: port " + longest +
-                     " is stored as " + quoted(cut) + ", and that is what the next start reads");
+                     " is stored as " + in_quotes(cut) + ", and that is what the next start reads");
   }
 
   const tarn_tbl &table_;

@@ -40,7 +40,7 @@ std::string why_refused(const tarn_tbl *table, std::string *text,
     const uint32_t columns = table->tbl->col_cnt;
     out = fields != columns
               ? ", with " + counted(fields, "field") + " for " + counted(columns, "column")
-              : ", since the first table of the name " + quoted(table->table_name) +
+              : ", since the first table of the name " + in_quotes(table->table_name) +
                     " has another number of columns";
   }
   return reasons.empty() ? out : out + " (" + joined(reasons) + ")";
@@ -72,12 +72,12 @@ void tell_refusal(const tarn_tbl *table, const std::string &path, int line, std:
   const auto at = static_cast<size_t>(line);
   if (line == 0)
     out->error(path, 0,
-               "is empty: a good file has at least the line " + quoted(TABLE_FILE_VERSION));
+               "is empty: a good file has at least the line " + in_quotes(TABLE_FILE_VERSION));
   else if (line == 1)
     out->error(path, at,
-               "is " + quoted(text) + " and not " + quoted(TABLE_FILE_VERSION) +
+               "is " + in_quotes(text) + " and not " + in_quotes(TABLE_FILE_VERSION) +
                    (text.ends_with('\r') ? ": lines end in a carriage return" : ""));
   else
     out->error(path, at,
-               "the row is refused" + why_refused(table, &text, messages) + ": " + quoted(text));
+               "the row is refused" + why_refused(table, &text, messages) + ": " + in_quotes(text));
 }

@@ -47,7 +47,7 @@ class schema_walk {
     if (!keys_.text(key, path, "files are looked for without a directory")) return 0;
     const size_t len = strlen(path);
     if (len > 0 && path[len - 1] != '/')
-      warn(line, quoted(path) + " doesn't end in '/': file names are joined to it as it stands");
+      warn(line, in_quotes(path) + " doesn't end in '/': file names are joined to it as it stands");
     return line;
   }
 
@@ -97,7 +97,8 @@ class schema_walk {
     if (holds_ports(*table))
       port_keys(table);
     else if (table->flag != 0)
-      warn(line, "FLAG=" + std::to_string(table->flag) + " of table " + quoted(table->table_name) +
+      warn(line, "FLAG=" + std::to_string(table->flag) + " of table " +
+                     in_quotes(table->table_name) +
                      " is neither 0 nor 1: the table holds no ports");
     if (keys_.has_stopped()) return;
     keys_.text("LOG_TAG=", table->log_tag, "", true);
@@ -109,10 +110,10 @@ class schema_walk {
 
   void table_name(size_t line, const std::string &name) {
     if (const auto [other, is_new] = names_.emplace(name, line); !is_new)
-      warn(line, "a table of the name " + quoted(name) + " stands above, in line " +
+      warn(line, "a table of the name " + in_quotes(name) + " stands above, in line " +
                      std::to_string(other->second) + ": this one can't be reached");
     if (name.find_first_of(",\\") != name.npos)
-      warn(line, quoted(name) + " holds a comma or a backslash: no query can name the table");
+      warn(line, in_quotes(name) + " holds a comma or a backslash: no query can name the table");
   }
 
   void port_keys(tarn_tbl *table) {
@@ -131,17 +132,18 @@ class schema_walk {
     if (!keys_.number("MAX_ROWS=", &table->max_rows, "the table takes no rows")) return;
     constexpr char NO_LIMIT[] = ", and queries without a limit of their own find none";
     if (table->max_rows < 0)
-      warn(line, "MAX_ROWS of table " + quoted(table->table_name) +
+      warn(line, "MAX_ROWS of table " + in_quotes(table->table_name) +
                      " is below 0: it takes rows without a limit" + NO_LIMIT);
     else if (table->max_rows == 0)
-      warn(line, "MAX_ROWS of table " + quoted(table->table_name) +
+      warn(line, "MAX_ROWS of table " + in_quotes(table->table_name) +
                      " is 0: an empty table takes no rows" + NO_LIMIT);
   }
 
   bool has_good_numbers(size_t line, const tarn_tbl &table) {
     if (is_absurd(line, "NUM_FIELDS=", table.num_fields)) return false;
     if (table.num_fields >= 0) return true;
-    error(line, "NUM_FIELDS of table " + quoted(table.table_name) + " is below 0: the start fails");
+    error(line,
+          "NUM_FIELDS of table " + in_quotes(table.table_name) + " is below 0: the start fails");
     keys_.stop();
     return false;
   }

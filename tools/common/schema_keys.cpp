@@ -56,7 +56,7 @@ std::string overflow_of(std::string_view text) {
   const long number = strtol(copy.c_str(), nullptr, 10);
   const auto taken = static_cast<int32_t>(number);
   if (errno == 0 && number == taken) return {};
-  return quoted(copy) + " is beyond 32 bits and is taken for " + std::to_string(taken);
+  return in_quotes(copy) + " is beyond 32 bits and is taken for " + std::to_string(taken);
 }
 
 schema_keys::schema_keys(const std::string &path, const std::string &text, findings *out)
@@ -82,12 +82,12 @@ void schema_keys::absent(const char *key, read_result result, const std::string 
   if (result == read_result::end) {
     if (!taken.empty()) error(line(), "the file ends where " + std::string(key) + " is read");
   } else if (found == key) {
-    error(line(), quoted(rest_of_line()) + " has no number that can be read");
+    error(line(), in_quotes(rest_of_line()) + " has no number that can be read");
     stuck_ = true;
   } else if (is_later(found, key)) {
     if (!taken.empty()) warn(line(), std::string(key) + " is missing before this line: " + taken);
   } else if (!stuck_) {
-    error(line(), quoted(rest_of_line()) + " stands where " + key + " is read: " +
+    error(line(), in_quotes(rest_of_line()) + " stands where " + key + " is read: " +
                       (in_table_ ? "this and every later key of the table is passed over, and the "
                                    "start fails"
                                  : "this and every later line is passed over"));
@@ -98,11 +98,11 @@ void schema_keys::absent(const char *key, read_result result, const std::string 
 void schema_keys::check_value(const char *key, size_t at, std::string_view whole,
                               const char *value) {
   if (!key_at(value).empty())
-    error(at, std::string(key) + " has no value: the next line, " + quoted(value) +
+    error(at, std::string(key) + " has no value: the next line, " + in_quotes(value) +
                   ", is taken for it");
   if (whole.find('\0') != whole.npos)
     error(at, "the value of " + std::string(key) + " holds a zero byte, where it ends: " +
-                  quoted(whole) + " is taken for " + quoted(value));
+                  in_quotes(whole) + " is taken for " + in_quotes(value));
 }
 
 bool schema_keys::text(const char *key, std::span<char> field, const std::string &taken,
@@ -149,7 +149,7 @@ void schema_keys::file_name(std::span<char> field, const std::string &table) {
       check_value(KEY, at, lines_.word_at(from + strlen(KEY)), field.data());
       break;
     case read_result::end:
-      error(at, std::string("the file ends where ") + KEY + " of table " + quoted(table) +
+      error(at, std::string("the file ends where ") + KEY + " of table " + in_quotes(table) +
                     " is read: its rows go to a file without a name");
       break;
     case read_result::too_long:
@@ -157,7 +157,7 @@ void schema_keys::file_name(std::span<char> field, const std::string &table) {
       break;
     case read_result::mismatch:
       if (!stuck_)
-        error(at, quoted(rest_of_line()) + " stands where " + KEY + " is read: the start fails");
+        error(at, in_quotes(rest_of_line()) + " stands where " + KEY + " is read: the start fails");
       stop();
       break;
   }
@@ -168,7 +168,8 @@ bool schema_keys::column(std::span<char> name, tbl_dcl *declared) {
   const std::string whole(rest_of_line());
   reader_.field(name, declared);
   if (!reader_.overlong()) return true;
-  error(at, "the column name in " + quoted(whole) + longer_than(name.size()) + "the start fails");
+  error(at,
+        "the column name in " + in_quotes(whole) + longer_than(name.size()) + "the start fails");
   stop();
   return false;
 }

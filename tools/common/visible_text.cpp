@@ -71,7 +71,7 @@ std::string visible(std::string_view text) {
   return out;
 }
 
-std::string quoted(std::string_view text) {
+std::string in_quotes(std::string_view text) {
   if (text.size() <= MOST_QUOTED) return "'" + std::string(text) + "'";
   return "'" + std::string(text.substr(0, MOST_QUOTED)) + "...' of " + std::to_string(text.size()) +
          " bytes";

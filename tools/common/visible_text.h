@@ -10,7 +10,7 @@
 std::string visible(std::string_view text);
 
 // The text between quotes, its beginning where it is long. Bytes as they stand.
-std::string quoted(std::string_view text);
+std::string in_quotes(std::string_view text);
 
 // "1 row", "2 rows".
 std::string counted(size_t number, const char *thing);

@@ -36,7 +36,7 @@ const std::string *column_options::find(const std::string &table, const std::str
 void column_options::tell_unused(const std::string &schema, const char *why,
                                  findings *found) const {
   for (size_t i = 0; i < all_.size(); i++)
-    if (!used_[i]) found->error(schema, 0, quoted(all_[i].column) + " " + why);
+    if (!used_[i]) found->error(schema, 0, in_quotes(all_[i].column) + " " + why);
 }
 
 bool column_names(const tarn_tbl &table, const std::string &schema, std::vector<std::string> *out,
@@ -47,8 +47,8 @@ bool column_names(const tarn_tbl &table, const std::string &schema, std::vector<
     out->emplace_back(column_name(&table, i));
     if (seen.insert(out->back()).second) continue;
     found->error(schema, 0,
-                 "table " + quoted(table.table_name) + " has two columns of the name " +
-                     quoted(out->back()));
+                 "table " + in_quotes(table.table_name) + " has two columns of the name " +
+                     in_quotes(out->back()));
     are_unlike = false;
   }
   return are_unlike;
@@ -76,7 +76,7 @@ column_plan plan_columns(const std::vector<std::string> &given, const tarn_tbl &
     report->added.emplace_back(name, is_counted ? std::nullopt : std::optional(source.text));
     if (missing.are_errors && fixed == nullptr && !is_counted)
       found->error(missing.file, 1,
-                   "has no column " + quoted(name) + ": --default " + table.table_name + "." +
+                   "has no column " + in_quotes(name) + ": --default " + table.table_name + "." +
                        name + "= gives it a value");
   }
   return plan;
@@ -90,10 +90,10 @@ void check_places(const tarn_tbl &from, const std::vector<std::string> &former, 
     const std::string new_name = name_at(names, now);
     if (old_name == new_name || old_name.empty()) return;
     const std::string instead =
-        new_name.empty() ? "would be in none" : "would be in column " + quoted(new_name);
+        new_name.empty() ? "would be in none" : "would be in column " + in_quotes(new_name);
     found->error(schema, 0,
-                 std::string(what) + " of table " + quoted(to.table_name) + " is in column " +
-                     quoted(old_name) + " and " + instead);
+                 std::string(what) + " of table " + in_quotes(to.table_name) + " is in column " +
+                     in_quotes(old_name) + " and " + instead);
   };
   if (from.use_index != 0 && to.use_index != 0) check(0, 0, "the index");
   if (!holds_ports(from) || !holds_ports(to)) return;

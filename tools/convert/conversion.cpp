@@ -89,7 +89,7 @@ class conversion {
       tarn_tbl *const from = find_table(from_, to.table_name);
       if (from == nullptr) {
         found_->warn(given_.schema, 0,
-                     "table " + quoted(to.table_name) + " is new: no rows are converted");
+                     "table " + in_quotes(to.table_name) + " is new: no rows are converted");
         continue;
       }
       pairs_.push_back({from, &to, {}, {to.table_name, {}, {}, {}, {}}});
@@ -101,7 +101,7 @@ class conversion {
     for (const tarn_tbl &from : tables_of(from_))
       if (find_table(to_, from.table_name) == nullptr)
         found_->warn(given_.former_schema, 0,
-                     "table " + quoted(from.table_name) +
+                     "table " + in_quotes(from.table_name) +
                          " isn't in the new schema: its files stay as they are");
   }
 
@@ -128,8 +128,8 @@ class conversion {
       if (std::ranges::find(names, *renamed) == names.end() ||
           std::ranges::count(*former, *renamed) != 0) {
         found_->error(given_.schema, 0,
-                      "column " + quoted(name) + " of table " + quoted(pair.to->table_name) +
-                          " can't become " + quoted(*renamed) +
+                      "column " + in_quotes(name) + " of table " + in_quotes(pair.to->table_name) +
+                          " can't become " + in_quotes(*renamed) +
                           (std::ranges::find(names, *renamed) == names.end()
                                ? ": no such column"
                                : ": another one has this name"));
@@ -147,11 +147,11 @@ class conversion {
       pair->report.dropped.push_back(former[i]);
       std::string hint;
       if (i < names.size() && std::ranges::find(former, names[i]) == former.end())
-        hint = ". If " + quoted(names[i]) + " is its new name, say --rename " +
+        hint = ". If " + in_quotes(names[i]) + " is its new name, say --rename " +
                pair->to->table_name + "." + former[i] + "=" + names[i];
       found_->warn(given_.schema, 0,
-                   "column " + quoted(former[i]) + " of table " + quoted(pair->to->table_name) +
-                       " is dropped, with its values" + hint);
+                   "column " + in_quotes(former[i]) + " of table " +
+                       in_quotes(pair->to->table_name) + " is dropped, with its values" + hint);
     }
   }
 
@@ -198,8 +198,8 @@ class conversion {
   void stays_empty(const file_job &job) {
     if (!is_there(job.to)) return;
     found_->error(job.to, 0,
-                  "would be taken for table " + quoted(job.pair->to->table_name) +
-                      ", which has no " + quoted(job.from) + " to be converted");
+                  "would be taken for table " + in_quotes(job.pair->to->table_name) +
+                      ", which has no " + in_quotes(job.from) + " to be converted");
   }
 
   bool is_free_place(const std::string &path) {

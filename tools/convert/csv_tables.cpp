@@ -36,7 +36,7 @@ tarn_tbl *open_table(const options &given, site *at, findings *found) {
   }
   if (!read_site(given.schema, at, found)) return nullptr;
   tarn_tbl *const table = find_table(*at, given.table);
-  if (table == nullptr) found->error(given.schema, 0, "has no table " + quoted(given.table));
+  if (table == nullptr) found->error(given.schema, 0, "has no table " + in_quotes(given.table));
   return table;
 }
 
@@ -165,9 +165,9 @@ class csv_import {
       const std::string name(field);
       if (std::ranges::find(names, name) == names.end())
         found_->error(name_, csv->line(),
-                      quoted(name) + " is no column of table " + quoted(given_.table));
+                      in_quotes(name) + " is no column of table " + in_quotes(given_.table));
       else if (std::ranges::find(given_names_, name) != given_names_.end())
-        found_->error(name_, csv->line(), "column " + quoted(name) + " stands there twice");
+        found_->error(name_, csv->line(), "column " + in_quotes(name) + " stands there twice");
       given_names_.push_back(name);
     }
     plan_ = plan_columns(given_names_, *table_, &defaults_, {true, name_}, &report_, found_);

@@ -48,7 +48,7 @@ bool new_file::is_within_limit() {
   const int32_t most = table_->max_rows;
   if (most < 0 || rows() <= static_cast<size_t>(most)) return true;
   found_->error(source_, lines_[static_cast<size_t>(most)],
-                "from here on there are more rows than table " + quoted(table_->table_name) +
+                "from here on there are more rows than table " + in_quotes(table_->table_name) +
                     " may have: " + std::to_string(rows()) + ", and MAX_ROWS is " +
                     std::to_string(most));
   return false;

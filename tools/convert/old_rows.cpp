@@ -41,7 +41,7 @@ void old_rows::line(int number, std::string_view text, bool has_end) {
     });
   if (number > 1 && !text_.empty() && !is_pending_)
     odd_.note({COMMENT, 0, severity::warning, false}, at,
-              [this] { return "is taken for a comment and left out: " + quoted(text_); });
+              [this] { return "is taken for a comment and left out: " + in_quotes(text_); });
 }
 
 void old_rows::row(int number, const query_in &in, const memdb_row *row) {
@@ -52,8 +52,9 @@ void old_rows::row(int number, const query_in &in, const memdb_row *row) {
   for (uint32_t i = 0; i < table_->tbl->col_cnt; i++) {
     if (strlen(in.flds[i]) < table_->tbl->cols[i].size) continue;
     odd_.note({CUT, i, severity::warning, true}, at, [&] {
-      return quoted(in.flds[i]) + " is longer than its column " + quoted(column_name(table_, i)) +
-             " and is read as " + quoted(memdb_get_field(table_->tbl, row, i));
+      return in_quotes(in.flds[i]) + " is longer than its column " +
+             in_quotes(column_name(table_, i)) + " and is read as " +
+             in_quotes(memdb_get_field(table_->tbl, row, i));
     });
   }
 }

@@ -199,15 +199,15 @@ bool finish_placing(const site &of, std::vector<std::string> *paths, findings *f
     if (!belongs_to(of, file.path)) {
       found->error(
           list_path(of), 0,
-          "is of a run with another schema: " + quoted(file.path) + " is no table's file here");
+          "is of a run with another schema: " + in_quotes(file.path) + " is no table's file here");
       is_as_left = false;
     } else if (is_there(new_path(file.path))) {
       paths->push_back(file.path);
       if (state_of(file.path) == file.state) continue;
       found->error(file.path, 0,
                    "has changed since the run that was cut off: take " +
-                       quoted(new_path(file.path)) + " to replace it, or remove that, and then " +
-                       quoted(list_path(of)));
+                       in_quotes(new_path(file.path)) +
+                       " to replace it, or remove that, and then " + in_quotes(list_path(of)));
       is_as_left = false;
     }
   }

@@ -41,7 +41,7 @@ void proof::index(const memdb_row *row, size_t origin) {
   const uint32_t number = stored_index(text);
   if (std::to_string(number) == text) return;
   odd_.note({INDEX, 0, odd_number_, false}, origin, [&] {
-    return "the index " + quoted(text) +
+    return "the index " + in_quotes(text) +
            " is no number as the module writes it, and is taken for " + std::to_string(number);
   });
 }
@@ -52,7 +52,7 @@ void proof::port(const memdb_row *row, size_t origin) {
   const int32_t number = claimed_port(claim);
   if (std::to_string(number) == claim.text) return;
   odd_.note({PORT, 0, odd_number_, false}, origin, [&] {
-    return "the port " + quoted(claim.text) +
+    return "the port " + in_quotes(claim.text) +
            " is no number as ports are written, and is taken for " + std::to_string(number);
   });
 }

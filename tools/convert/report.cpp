@@ -14,10 +14,10 @@ namespace {
 void print_table(std::ostream &out, const table_report &table, bool applied) {
   const std::string name = visible(table.table) + ": ";
   for (const auto &[column, value] : table.added)
-    out << name << "column " << visible(::quoted(column)) << " is new, with "
-        << (value ? visible(::quoted(*value)) : "numbers from 1") << '\n';
+    out << name << "column " << visible(in_quotes(column)) << " is new, with "
+        << (value ? visible(in_quotes(*value)) : "numbers from 1") << '\n';
   for (const auto &[former, column] : table.renamed)
-    out << name << "column " << visible(::quoted(former)) << " is " << visible(::quoted(column))
+    out << name << "column " << visible(in_quotes(former)) << " is " << visible(in_quotes(column))
         << " now\n";
   if (table.files.empty()) out << name << "stays as it is\n";
   for (const written_file &file : table.files) {

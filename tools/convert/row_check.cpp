@@ -67,7 +67,7 @@ void row_check::pass(std::span<std::string_view> values, size_t line) {
          [] { return "the row has nothing but empty values, which no file can hold"; });
   else if (values[0].starts_with('#'))
     note(severity::error, COMMENT, 0, line, [&] {
-      return "the row would begin with a '#', " + quoted(values[0]) +
+      return "the row would begin with a '#', " + in_quotes(values[0]) +
              ", and be taken for a comment";
     });
 }
@@ -76,14 +76,14 @@ void row_check::value(uint32_t column, std::string_view *value, size_t line) {
   const char *const mark = find_mark(*value);
   if (mark != nullptr)
     note(severity::error, BAD_VALUE, column, line, [&] {
-      return quoted(*value) + " in column " + quoted(column_name(table_, column)) + " has " +
+      return in_quotes(*value) + " in column " + in_quotes(column_name(table_, column)) + " has " +
              name_of(*mark) + ", which can't be stored";
     });
   if (value->size() > rooms_[column]) length(column, value, line);
   // What a cut leaves may be one as well.
   if (*value == WILDCARD)
     note(severity::error, BAD_VALUE, column, line, [&] {
-      return "a '*' is the whole value of column " + quoted(column_name(table_, column)) +
+      return "a '*' is the whole value of column " + in_quotes(column_name(table_, column)) +
              ", which can't be stored";
     });
 }
@@ -91,18 +91,18 @@ void row_check::value(uint32_t column, std::string_view *value, size_t line) {
 void row_check::length(uint32_t column, std::string_view *value, size_t line) {
   const size_t room = rooms_[column];
   const auto of = [&] {
-    return "column " + quoted(column_name(table_, column)) + ", which has room for " +
+    return "column " + in_quotes(column_name(table_, column)) + ", which has room for " +
            std::to_string(room) + " characters";
   };
   if (!may_cut_ || are_numbers_[column]) {
     note(severity::error, TOO_LONG, column, line, [&] {
-      return quoted(*value) + " doesn't fit " + of() + (may_cut_ ? ": a number isn't cut" : "");
+      return in_quotes(*value) + " doesn't fit " + of() + (may_cut_ ? ": a number isn't cut" : "");
     });
     return;
   }
   const std::string_view rest = value->substr(0, room);
   note(severity::warning, CUT, column, line,
-       [&] { return quoted(*value) + " is cut to " + quoted(rest) + " for " + of(); });
+       [&] { return in_quotes(*value) + " is cut to " + in_quotes(rest) + " for " + of(); });
   *value = rest;
 }
 

@@ -17,12 +17,12 @@ bool has_own_files(const site &of, const tarn_tbl &table, std::set<std::string> 
                    findings *found) {
   const table_places places = places_of(of, table);
   if (!names_file(places.main)) {
-    found->error(of.schema, 0, "table " + quoted(table.table_name) + " has no file");
+    found->error(of.schema, 0, "table " + in_quotes(table.table_name) + " has no file");
     return false;
   }
   for (const std::string &path : {places.main, places.backup}) {
     if (taken->insert(entry_name(path)).second) continue;
-    found->error(of.schema, 0, quoted(path) + " is the file of two tables");
+    found->error(of.schema, 0, in_quotes(path) + " is the file of two tables");
     return false;
   }
   return true;
@@ -34,7 +34,7 @@ bool has_plain_tables(const site &of, findings *found) {
   bool are_plain = true;
   for (const tarn_tbl &table : tables_of(of)) {
     if (!names.insert(table.table_name).second) {
-      found->error(of.schema, 0, "two tables have the name " + quoted(table.table_name));
+      found->error(of.schema, 0, "two tables have the name " + in_quotes(table.table_name));
       are_plain = false;
     }
     if (!has_own_files(of, table, &taken, found)) are_plain = false;
