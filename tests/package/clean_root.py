@@ -159,8 +159,8 @@ def other_package(folder, package):
 
 def install(root, folder, package):
     for made, wanted in ((other_package(folder, package), 100), (package, 0)):
-        shutil.copy(made, root / "root/tarn-memdb.deb")
-        command = ("apt-get", "install", "-y", "/root/tarn-memdb.deb")
+        shutil.copy(made, root / "tarn-memdb.deb")
+        command = ("apt-get", "install", "-y", "/tarn-memdb.deb")
         said = run("chroot", root, *command, status=wanted)
         expect(wanted == 0 or "tarn-memdb : Depends: kamailio" in said, said)
     expect("tarn-memdb" in run("chroot", root, "dpkg", "-l", "tarn-memdb"), "isn't installed")
